@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# fuzz.sh [SECONDS]: builds the libFuzzer targets with clang under
+# AddressSanitizer and UndefinedBehaviorSanitizer and runs each for SECONDS
+# (default 30) from its seed corpus. A finding fails the script.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-30}
+CC=clang CXX=clang++ ./scripts/build.sh build-fuzz -DQUARVEL_BUILD_FUZZERS=ON \
+  -DQUARVEL_SANITIZE=address,undefined -DQUARVEL_BUILD_TESTS=OFF -DQUARVEL_BUILD_BENCH=OFF \
+  -DQUARVEL_BUILD_GUI=OFF
+shopt -s nullglob
+for fuzzer in build-fuzz/tests/fuzz/fuzz_*; do
+  [ -x "$fuzzer" ] || continue
+  name=$(basename "$fuzzer")
+  corpus="tests/fuzz/corpus/${name#fuzz_}"
+  work=$(mktemp -d)
+  seeds=()
+  [ -d "$corpus" ] && seeds=("$corpus")
+  echo "== $name for ${seconds}s"
+  "$fuzzer" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+    "$work" "${seeds[@]}" 2>&1 | tail -n 8
+  rm -rf "$work"
+done

@@ -1,0 +1,8 @@
+#pragma once
+
+namespace quarvel {
+
+// The library's version, "MAJOR.MINOR.PATCH".
+const char* version();
+
+}  // namespace quarvel

@@ -1,0 +1,42 @@
+#pragma once
+// The library's one way of writing a log line.
+//
+// Lines go to the system log (syslog, facility user, level notice) and are
+// echoed to standard error, as the original platform's log does. Tests can
+// capture them with LogCapture. Safe to call from any thread.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quarvel {
+
+// Writes one line, formatted printf-style. A trailing "\n" in the format is
+// kept in the line as written (the system log shows it as a line end).
+void logf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// Writes one already formatted line.
+void logLine(std::string_view line);
+
+// While an instance lives, every line logged by any thread is also recorded
+// here, and the echo to standard error is suppressed. Instances nest; the
+// innermost receives the lines.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<std::string> lines() const;
+  // True when some recorded line contains `needle`.
+  bool contains(std::string_view needle) const;
+  void clear();
+
+ private:
+  friend void logLine(std::string_view line);
+  LogCapture* previous_;
+  std::vector<std::string> lines_;  // guarded by the log's mutex
+};
+
+}  // namespace quarvel

@@ -1,0 +1,31 @@
+#pragma once
+// A strict codec for Apple's Mac Korean text encoding: ASCII as single bytes,
+// a few further single bytes, KS X 1001 as two bytes and Apple's extensions,
+// some of which stand for sequences of several Unicode characters.
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace quarvel {
+
+class MacKorean {
+ public:
+  MacKorean() = delete;
+
+  // Where and why encoding failed.
+  struct EncodeError {
+    std::size_t offset = 0;   // byte offset of the character in the UTF-8 input
+    char32_t character = 0;   // the character that has no mapping (or U+FFFD for bad UTF-8)
+  };
+
+  // Mac Korean bytes to UTF-8; nothing when any byte sequence has no mapping.
+  static std::optional<std::string> decode(std::string_view bytes);
+
+  // UTF-8 to Mac Korean bytes; nothing when a character has no mapping (or
+  // the input is not UTF-8), with the first offending character in `error`.
+  static std::optional<std::string> encode(std::string_view utf8, EncodeError* error = nullptr);
+};
+
+}  // namespace quarvel

@@ -1,0 +1,200 @@
+#pragma once
+// The tool's one settings object per process.
+//
+// Every setting lives in one in-memory dictionary, `defaultsDic`, mirroring
+// the private persistent domain "com.Corvane.Defaults" (a property-list file,
+// $XDG_CONFIG_HOME/com.Corvane.Defaults.plist). Each write stores the whole
+// dictionary back. The object also answers the work-folder layout, the
+// machine's network identity, and runs shell commands and HTTP requests.
+//
+// Threads: the first class call must come from one thread before any other
+// touches the store; the store itself takes no locks (callers must not write
+// concurrently). The network identity fields are safe from any thread.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "quarvel/settings/PlistValue.h"
+
+namespace quarvel {
+
+struct NetworkIdentityState;
+
+class CVUserDefaults {
+ public:
+  static constexpr const char* kDomainName = "com.Corvane.Defaults";
+
+  // --- The shared instance ----------------------------------------------------
+  // The first call of either creates the instance and runs the start-up
+  // sequence (external-address lookup, load of the domain, choice and
+  // creation of the work folders, background network identity job); later
+  // calls return it and ignore the argument. The instance lives until the
+  // process ends.
+  static CVUserDefaults* standardUserDefaults();
+  static CVUserDefaults* standardUserDefaultsWithisLiteVer(bool isLiteVer);
+  // Replaces the shared instance by a bare one (no start-up work, isLite
+  // false); defaultsDic is kept. Pointers to the old instance stay valid.
+  static void resetStandardUserDefaults();
+
+  ~CVUserDefaults();
+  CVUserDefaults(const CVUserDefaults&) = delete;
+  CVUserDefaults& operator=(const CVUserDefaults&) = delete;
+
+  // --- Generic key access (all on defaultsDic) ------------------------------
+  std::optional<PlistValue> objectForKey(const std::string& key) const;
+  void setObject(PlistValue value, const std::string& forKey);
+  void removeObjectForKey(const std::string& key);
+  std::optional<std::string> stringForKey(const std::string& key) const;
+  std::optional<PlistArray> arrayForKey(const std::string& key) const;
+  std::optional<PlistDictionary> dictionaryForKey(const std::string& key) const;
+  std::optional<PlistData> dataForKey(const std::string& key) const;
+  std::optional<PlistValue::URL> URLForKey(const std::string& key) const;
+  // The stored array when every element is a string (an empty array too).
+  std::optional<std::vector<std::string>> stringArrayForKey(const std::string& key) const;
+  // Numbers only: anything else, a string of digits included, reads as 0.
+  std::int64_t integerForKey(const std::string& key) const;
+  float floatForKey(const std::string& key) const;
+  double doubleForKey(const std::string& key) const;
+  bool boolForKey(const std::string& key) const;
+  void setInteger(std::int64_t value, const std::string& forKey);
+  void setFloat(float value, const std::string& forKey);
+  void setDouble(double value, const std::string& forKey);
+  void setBool(bool value, const std::string& forKey);
+  void setURL(PlistValue::URL value, const std::string& forKey);
+
+  // The platform store under the settings: the whole domain at once.
+  std::optional<PlistDictionary> persistentDomainForName(const std::string& name) const;
+  void setPersistentDomain(const PlistDictionary& domain, const std::string& forName);
+  bool synchronize();
+
+  // --- Named settings ---------------------------------------------------------
+  // Boolean getters take the stored value's own boolean reading (a string
+  // "YES" reads true); absent reads false.
+  bool precisionInspect() const;
+  void setPrecisionInspect(bool value);
+  bool closeAgterInspect() const;
+  void setCloseAfterInspect(bool value);
+  bool redundantProcessing() const;
+  void setRedundantProcessing(bool value);
+  bool searchFont() const;
+  void setSearchFont(bool value);
+  bool useHashCode() const;
+  void setUseHashCode(bool value);
+  bool startAtLaunch() const;
+  void setStartAtLaunch(bool value);
+  bool searchOnlyFont() const;
+  void setSearchOnlyFont(bool value);
+
+  // Object settings answer the stored value as it is.
+  std::optional<PlistValue> reguForm() const;
+  void setReguForm(PlistValue value);
+  std::optional<PlistValue> area() const;
+  void setArea(PlistValue value);
+  std::optional<PlistValue> leadAgency() const;
+  void setLeadAgency(PlistValue value);
+  std::optional<PlistValue> regulator() const;
+  void setRegulator(PlistValue value);
+  std::optional<PlistValue> selectedPathArrInPrecisionInspect() const;
+  void setSelectedPathArrInPrecisionInspect(PlistValue value);
+  std::optional<PlistValue> filterPathArrInPrecisionInspect() const;
+  void setfilterPathArrInPrecisionInspect(PlistValue value);
+  // These setters also flush the store at once.
+  std::optional<PlistValue> lastUpdateDate() const;
+  void setUpdated(PlistValue value);
+  std::optional<PlistValue> webQuarvelIPAddress() const;
+  void setWebQuarvelIPAddress(PlistValue value);
+  std::optional<PlistValue> webQuarvelUserName() const;
+  void setWebQuarvelUserName(PlistValue value);
+  std::optional<PlistValue> webQuarvelDepartmentName() const;
+  void setWebQuarvelDepartmentName(PlistValue value);
+  std::optional<PlistValue> webQuarvelIPAddressTemp() const;
+  void setWebQuarvelIPAddressTemp(PlistValue value);
+  std::optional<PlistValue> webQuarvelUserNameTemp() const;
+  void setWebQuarvelUserNameTemp(PlistValue value);
+  std::optional<PlistValue> webQuarvelDepartmentNameTemp() const;
+  void setWebQuarvelDepartmentNameTemp(PlistValue value);
+  std::optional<PlistValue> webQuarvelForceQuarvelTime() const;
+  void setWebQuarvelForceQuarvelTime(PlistValue value);
+  std::optional<PlistValue> webQuarvelDateQuarvelTime() const;
+  void setWebQuarvelDateQuarvelTime(PlistValue value);
+
+  // The edition flag handed in by the host: visible ("Quarvel") or hidden
+  // (".Quarvel") work-folder name. Not stored in the domain.
+  bool isLite() const;
+  void setIsLite(bool value);
+
+  // --- Work folders and data-file paths ---------------------------------------
+  // Each is absent only when the path it derives from is absent.
+  std::optional<std::string> defaultPath() const;
+  std::optional<std::string> checkOutPath() const;
+  std::optional<std::string> IPTFolderPath() const;
+  std::optional<std::string> RSTFolderPath() const;
+  std::optional<std::string> TLSFolderPath() const;
+  std::optional<std::string> tempIPTFolderPath() const;
+  std::optional<std::string> tempRSTFolderPath() const;
+  std::optional<std::string> tempTLSFolderPath() const;
+  std::optional<std::string> LOGSFolderPath() const;
+  // Where the data files live; follows the volume facts at every call.
+  std::optional<std::string> libraryPath() const;
+  std::optional<std::string> checkListFilePath() const;
+  std::optional<std::string> filterFilePath() const;
+  std::optional<std::string> editionFilePath() const;
+  std::optional<std::string> packageFilePath() const;
+  std::optional<std::string> windowPackageFilePath() const;
+  std::optional<std::string> verFilePath() const;
+  std::optional<std::string> fontListFilePath() const;
+  std::optional<std::string> userCheckListFilePath() const;
+
+  // --- Network identity ---------------------------------------------------------
+  // Starts the external-address lookup and returns at once.
+  void getOutIpAddress();
+  // Builds the network identity text (blocks; may wait 2 seconds for the
+  // external address).
+  std::string getIpAddress();
+  // Re-reads the kernel's interface list.
+  void refresh();
+  // Parses the service-list text ("(Hardware Port: Wi-Fi, Device: en0)"
+  // lines) into (device, hardware port) pairs in service order.
+  std::vector<std::pair<std::string, std::string>> deviceName(const std::string& serviceList);
+  // The cached identity text; computed on this thread when not yet known.
+  std::string IPAddress();
+  void setIPAddress(const std::string& text);
+
+  // --- Command runner and HTTP ----------------------------------------------------
+  // Runs `/bin/sh -c command` and answers its standard output ("" when it
+  // could not be started or printed no valid UTF-8).
+  std::string runCommand(const std::string& command);
+  // Sends `body` with a GET to `url` and calls `completetion` once, on a
+  // thread of the library's own, with the received text ("" on failure).
+  void sendRequest(const std::string& url, const std::string& body, const void* sender,
+                   std::function<void(const std::string&)> completetion);
+
+ private:
+  CVUserDefaults();
+  static CVUserDefaults* createShared(std::optional<bool> isLiteVer);
+  void persist();
+
+  // Start-up steps owned by the network identity code.
+  void startExternalAddressLookup();
+  void startNetworkIdentityJob();
+
+  bool _isLite = false;
+
+  mutable std::mutex networkMutex_;
+  std::optional<std::string> _ipAddress;      // guarded by networkMutex_
+  std::optional<std::string> _outIpAddress;   // guarded by networkMutex_
+  std::shared_ptr<NetworkIdentityState> network_;  // guarded by networkMutex_
+};
+
+// The shared instance (null until the first class call) and the settings
+// dictionary behind it.
+extern CVUserDefaults* userdefaultsInstance;
+extern PlistDictionary defaultsDic;
+
+}  // namespace quarvel

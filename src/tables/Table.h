@@ -1,0 +1,82 @@
+#pragma once
+// Record tables: the in-memory form of one section of a data file.
+//
+// A record is one line of values split on a separator (every data file uses
+// "\t"); in memory it is a vector of strings, one per field, shared between
+// the tables that hold it (a shallow copy of a TableMulti shares its records,
+// so a value set through one table is seen through the other).
+//
+// Tables are not thread-safe: use each from one thread at a time.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quarvel {
+
+using Record = std::vector<std::string>;
+using RecordPtr = std::shared_ptr<Record>;
+using FieldList = std::vector<std::string>;
+
+// Abstract base of every table. The first group of operations is the
+// table's public face, used by the data-file classes; the overridable group
+// has the base's do-nothing defaults listed beside each.
+class Table {
+ public:
+  // Not-found answer of getFieldIndex in Table and TableMulti (all ones).
+  static constexpr std::uint64_t kNotFound = UINT64_MAX;
+  // TableSingle answers the platform array's not-found index instead.
+  static constexpr std::uint64_t kArrayNotFound = INT64_MAX;
+  // What select(row, field) answers for an unknown field or row.
+  static constexpr const char* kOutOfBounds = "ERROR : Out of Bounds Index";
+
+  Table();
+  virtual ~Table();
+  Table(const Table&) = delete;
+  Table& operator=(const Table&) = delete;
+
+  void setTag(std::string tag);
+  const std::string& getTag() const;
+  void setStartPosition(int position);
+  void setEndPosition(int position);
+  int getStartPosition() const;
+  int getEndPosition() const;
+
+  // Forwarders to the overridable operations.
+  void setFieldWithRecord(std::string_view line, std::string_view separator);
+  std::uint64_t getDataCount();
+  std::int64_t insertRecord(std::string_view line, std::string_view separator);
+  bool deleteRecord(int index);
+  RecordPtr select(int index);
+
+  // The value of `field` in record `row`, or kOutOfBounds when the field is
+  // unknown or the record has no such value (a missing record included).
+  std::string select(std::int64_t row, std::string_view field);
+  // The record's values joined by "\t"; "" for a missing or empty record.
+  std::string selectToStr(int row);
+
+  virtual bool remove(std::int64_t index);                                     // false
+  virtual bool setValue(int row, std::string_view field, std::string_view value);  // false
+  virtual std::uint64_t getFieldIndex(std::string_view field);                 // kNotFound
+  virtual void close();                                                        // nothing
+  virtual void initWithRecord(std::string_view line, std::string_view separator);  // nothing
+  virtual std::uint64_t getCount();                                            // 0
+  virtual std::int64_t add(std::string_view line, std::string_view separator);  // -1
+  virtual std::int64_t add(const std::vector<std::string>& values);            // -1
+  virtual RecordPtr getAt(std::int64_t index);                                 // null
+  // The field list itself, owned by the table; null in the base.
+  virtual FieldList* getFields();
+  virtual bool replaceAtIndex(int index, std::string_view line);               // false
+
+  // A new table of the same class (what each class copies is its own rule).
+  virtual std::unique_ptr<Table> copy() const = 0;
+
+ private:
+  std::string m_strTag;
+  int m_nStartPos = -1;
+  int m_nEndPos = -1;
+};
+
+}  // namespace quarvel

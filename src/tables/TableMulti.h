@@ -1,0 +1,65 @@
+#pragma once
+// A table of any number of records sharing one field list: the body of every
+// data-file section but "#HEADER".
+//
+// Bounds are tested as `count - 1 < index` in unsigned arithmetic, so on an
+// empty table the test passes and the access itself fails: those accesses
+// (getAt, removeAt, setValue, swapNum1 on an empty table, replaceAtIndex out
+// of range, a two-key sort on an unknown field) throw std::out_of_range.
+// Callers check getCount first.
+
+#include "quarvel/tables/Table.h"
+
+namespace quarvel {
+
+class TableMulti : public Table {
+ public:
+  TableMulti();
+  ~TableMulti() override;
+
+  // A new table holding a copy of the field list and a new record array that
+  // shares the same records; tag "" and positions -1.
+  std::unique_ptr<Table> copy() const override;
+  // Empties the field list and the records.
+  void close() override;
+  void initWithRecord(std::string_view line, std::string_view separator) override;
+  std::uint64_t getCount() override;
+  std::uint64_t getFieldIndex(std::string_view field) override;
+  // Appends a copy of `values` when their count equals the field count and
+  // answers 0; otherwise logs "ERROR : " and answers -1.
+  std::int64_t add(const std::vector<std::string>& values) override;
+  // Appends the split line when its count equals the field count and answers
+  // its index; otherwise answers -1 silently.
+  std::int64_t add(std::string_view line, std::string_view separator) override;
+  // Appends the records unchecked.
+  void addArrayItems(const std::vector<RecordPtr>& records);
+  bool remove(std::int64_t index) override;
+  bool setValue(int row, std::string_view field, std::string_view value) override;
+  RecordPtr getAt(std::int64_t index) override;
+  bool removeAt(std::uint64_t index);
+  bool removeAll();
+  // Replaces the record with `line` split on "\t", whatever separator the
+  // table was read with; no checks.
+  bool replaceAtIndex(int index, std::string_view line) override;
+  bool swapNum1(int num1, int num2);
+  // Kept as an empty operation: answers true and changes nothing.
+  bool sortByKey(int key, bool ascending);
+  // Sort on one field (nothing happens for an unknown field) or on two
+  // (unknown fields throw std::out_of_range while sorting). Values compare
+  // case-insensitively, literally and numerically (compareCaselessNumeric).
+  void sortByFieldName(std::string_view field, bool ascending);
+  void sortByFieldName(std::string_view field, std::string_view subField, bool ascending);
+  FieldList* getFields() override;
+
+  // The two arrays as properties.
+  const FieldList& m_arrField() const;
+  void setM_arrField(FieldList fields);
+  const std::vector<RecordPtr>& m_arrData() const;
+  void setM_arrData(std::vector<RecordPtr> records);
+
+ private:
+  FieldList fields_;
+  std::vector<RecordPtr> records_;
+};
+
+}  // namespace quarvel

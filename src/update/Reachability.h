@@ -1,0 +1,67 @@
+#pragma once
+// Whether the machine can reach a host, an address or the local link, and a
+// watch that posts kReachabilityChangedNotification when that changes.
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace quarvel {
+
+// The name of the change notification: "kNetworkReachabilityChangedNotification".
+extern const char* const kReachabilityChangedNotification;
+
+// Reachability flags, with the bit values of the original platform.
+enum ReachabilityFlags : std::uint32_t {
+  kReachabilityFlagTransientConnection = 0x1,
+  kReachabilityFlagReachable = 0x2,
+  kReachabilityFlagConnectionRequired = 0x4,
+  kReachabilityFlagConnectionOnTraffic = 0x8,
+  kReachabilityFlagInterventionRequired = 0x10,
+  kReachabilityFlagConnectionOnDemand = 0x20,
+  kReachabilityFlagIsLocalAddress = 0x10000,
+  kReachabilityFlagIsDirect = 0x20000,
+  kReachabilityFlagIsWWAN = 0x40000,
+};
+
+// Reachability status.
+enum : std::int64_t {
+  ReachabilityNone = 0,
+  ReachabilityViaLocalNetwork = 1,
+  ReachabilityViaCellular = 2,
+};
+
+class Reachability {
+ public:
+  // Each answers a new monitor, or null when no target can be made (an
+  // empty or malformed host name).
+  static std::unique_ptr<Reachability> reachabilityWithHostName(const std::string& hostName);
+  static std::unique_ptr<Reachability> reachabilityWithAddress(const sockaddr_in* hostAddress);
+  static std::unique_ptr<Reachability> reachabilityForInternetConnection();
+  static std::unique_ptr<Reachability> reachabilityForLocalWiFi();
+
+  ~Reachability();
+  Reachability(const Reachability&) = delete;
+  Reachability& operator=(const Reachability&) = delete;
+
+  // Watches for changes on the calling thread's GLib thread-default main
+  // context; the notification is posted there. stopNotifier must be called
+  // on the same thread. The monitor must outlive the watch.
+  bool startNotifier();
+  void stopNotifier();
+
+  std::int64_t currentReachabilityStatus();
+  bool connectionRequired();
+  std::int64_t localWiFiStatusForFlags(std::uint32_t flags);
+  std::int64_t networkStatusForFlags(std::uint32_t flags);
+
+ private:
+  Reachability();
+  struct Impl;
+  bool localWiFiRef = false;
+  std::unique_ptr<Impl> reachabilityRef;
+};
+
+}  // namespace quarvel

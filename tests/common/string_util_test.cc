@@ -1,0 +1,53 @@
+#include "quarvel/common/StringUtil.h"
+
+#include <gtest/gtest.h>
+
+namespace quarvel {
+
+TEST(StringUtil, SplitKeepsEveryEmptyField) {
+  EXPECT_EQ(split("", "\t"), std::vector<std::string>{""});
+  EXPECT_EQ(split(",a,", ","), (std::vector<std::string>{"", "a", ""}));
+  EXPECT_EQ(split("a\t\tc", "\t"), (std::vector<std::string>{"a", "", "c"}));
+  EXPECT_EQ(split("a::b", "::"), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST(StringUtil, LowercaseIsFullUnicode) {
+  EXPECT_EQ(lowercase("ACME\tEditor"), "acme\teditor");
+  EXPECT_EQ(lowercase("\u0130"), "i\u0307");
+  EXPECT_EQ(lowercase("\u0131"), "\u0131");
+  EXPECT_EQ(lowercase("\u1E9E"), "\u00DF");
+  EXPECT_EQ(lowercase("\u03A3\u0391\u03A3"), "\u03C3\u03B1\u03C2");
+  EXPECT_EQ(lowercase("한글 ÀB"), "한글 àb");
+}
+
+TEST(StringUtil, TrimsTheListedWhiteSpaceOnly) {
+  EXPECT_EQ(trimWhitespace(" \t\u3000a b\u00A0"), "a b");
+  EXPECT_EQ(trimWhitespace("\na\n"), "\na\n");
+  EXPECT_EQ(trimWhitespaceAndNewlines("\r\n 1.2.3.4\n\u2028"), "1.2.3.4");
+  EXPECT_EQ(trimWhitespaceAndNewlines(" \n "), "");
+}
+
+TEST(StringUtil, PathComponents) {
+  struct Case {
+    const char* path;
+    const char* last;
+    const char* parent;
+  } cases[] = {{"a/", "a", ""},         {"/a/b/", "b", "/a"}, {"ver.dat", "ver.dat", ""},
+               {"/tmp", "tmp", "/"},    {"/", "/", "/"},      {"", "", ""},
+               {"//a//b", "b", "/a"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    EXPECT_EQ(lastPathComponent(c.path), c.last);
+    EXPECT_EQ(deletingLastPathComponent(c.path), c.parent);
+  }
+}
+
+TEST(StringUtil, Utf16LengthCountsSurrogatePairsTwice) {
+  EXPECT_EQ(utf16Length("x=1&y=2"), 7u);
+  EXPECT_EQ(utf16Length("éa"), 2u);
+  EXPECT_EQ(utf16Length("\U0001F600"), 2u);
+  EXPECT_TRUE(isValidUtf8("한글"));
+  EXPECT_FALSE(isValidUtf8("\xC3"));
+}
+
+}  // namespace quarvel

@@ -1,0 +1,7 @@
+#include "Commands.h"
+
+namespace quarvel::cli {
+
+void addDataFileCommands(CLI::App&) {}
+
+}  // namespace quarvel::cli

@@ -1,0 +1,7 @@
+#include "Commands.h"
+
+namespace quarvel::cli {
+
+void addNetIdCommand(CLI::App&) {}
+
+}  // namespace quarvel::cli
