@@ -42,6 +42,15 @@ class CVUserDefaults {
   // false); defaultsDic is kept. Pointers to the old instance stay valid.
   static void resetStandardUserDefaults();
 
+  // Where the external-address lookup asks: "host[:port]", answered as plain
+  // text at "/ip". The build sets the default (QUARVEL_ECHO_SERVER_HOST).
+  static void setEchoServiceHost(std::string hostAndPort);
+  static std::string echoServiceHost();
+
+  // For tests: forgets the shared instance and empties defaultsDic, so that
+  // the next class call runs the start-up sequence again.
+  static void discardSharedInstanceForTesting();
+
   ~CVUserDefaults();
   CVUserDefaults(const CVUserDefaults&) = delete;
   CVUserDefaults& operator=(const CVUserDefaults&) = delete;

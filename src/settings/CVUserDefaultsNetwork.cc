@@ -4,6 +4,24 @@
 
 namespace quarvel {
 
+namespace {
+std::mutex echoHostMutex;
+std::string& echoHost() {
+  static std::string host = QUARVEL_ECHO_SERVER_HOST;
+  return host;
+}
+}  // namespace
+
+void CVUserDefaults::setEchoServiceHost(std::string hostAndPort) {
+  std::lock_guard<std::mutex> lock(echoHostMutex);
+  echoHost() = std::move(hostAndPort);
+}
+
+std::string CVUserDefaults::echoServiceHost() {
+  std::lock_guard<std::mutex> lock(echoHostMutex);
+  return echoHost();
+}
+
 void CVUserDefaults::startExternalAddressLookup() {}
 void CVUserDefaults::startNetworkIdentityJob() {}
 void CVUserDefaults::getOutIpAddress() {}
