@@ -2,6 +2,7 @@
 
 #include <syslog.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -19,11 +20,19 @@ LogCapture*& currentCapture() {
   return capture;
 }
 
+std::atomic<bool> debugEnabled{false};
+std::atomic<int> activeCaptures{0};
+
 }  // namespace
 
-void logLine(std::string_view line) {
+// The one place lines are written; a friend of LogCapture.
+struct LogSink {
+  static void write(int priority, std::string_view line);
+};
+
+void LogSink::write(int priority, std::string_view line) {
   std::lock_guard<std::mutex> lock(logMutex());
-  syslog(LOG_USER | LOG_NOTICE, "%.*s", static_cast<int>(line.size()), line.data());
+  syslog(LOG_USER | priority, "%.*s", static_cast<int>(line.size()), line.data());
   if (LogCapture* capture = currentCapture()) {
     capture->lines_.emplace_back(line);
     return;
@@ -33,32 +42,59 @@ void logLine(std::string_view line) {
   std::fwrite(echo.data(), 1, echo.size(), stderr);
 }
 
-void logf(const char* format, ...) {
+namespace {
+
+void write(int priority, std::string_view line) { LogSink::write(priority, line); }
+
+void vwrite(int priority, const char* format, va_list args) {
   char stackBuffer[1024];
-  va_list args;
-  va_start(args, format);
   va_list again;
   va_copy(again, args);
   int needed = std::vsnprintf(stackBuffer, sizeof stackBuffer, format, args);
-  va_end(args);
   if (needed >= 0 && static_cast<size_t>(needed) < sizeof stackBuffer) {
-    logLine(std::string_view(stackBuffer, static_cast<size_t>(needed)));
+    write(priority, std::string_view(stackBuffer, static_cast<size_t>(needed)));
   } else if (needed >= 0) {
     std::string big(static_cast<size_t>(needed) + 1, '\0');
     std::vsnprintf(big.data(), big.size(), format, again);
     big.resize(static_cast<size_t>(needed));
-    logLine(big);
+    write(priority, big);
   }
   va_end(again);
 }
 
+}  // namespace
+
+void logLine(std::string_view line) { write(LOG_NOTICE, line); }
+
+void logf(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vwrite(LOG_NOTICE, format, args);
+  va_end(args);
+}
+
+void logDebugf(const char* format, ...) {
+  if (!debugEnabled.load(std::memory_order_relaxed) &&
+      activeCaptures.load(std::memory_order_relaxed) == 0)
+    return;
+  va_list args;
+  va_start(args, format);
+  vwrite(LOG_DEBUG, format, args);
+  va_end(args);
+}
+
+void setDebugLogging(bool enabled) { debugEnabled = enabled; }
+bool debugLoggingEnabled() { return debugEnabled; }
+
 LogCapture::LogCapture() {
+  ++activeCaptures;
   std::lock_guard<std::mutex> lock(logMutex());
   previous_ = currentCapture();
   currentCapture() = this;
 }
 
 LogCapture::~LogCapture() {
+  --activeCaptures;
   std::lock_guard<std::mutex> lock(logMutex());
   // Captures end in reverse order of creation; unlink wherever we are.
   for (LogCapture** link = &currentCapture(); *link; link = &(*link)->previous_)

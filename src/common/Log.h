@@ -18,6 +18,14 @@ void logf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // Writes one already formatted line.
 void logLine(std::string_view line);
 
+// Trace lines (every line of a file being read, a whole deciphered text) go
+// at debug priority. They are formatted and written only while debug
+// logging is on or a LogCapture is active, so that reading a large file
+// costs nothing for them by default.
+void logDebugf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void setDebugLogging(bool enabled);
+bool debugLoggingEnabled();
+
 // While an instance lives, every line logged by any thread is also recorded
 // here, and the echo to standard error is suppressed. Instances nest; the
 // innermost receives the lines.
@@ -34,7 +42,7 @@ class LogCapture {
   void clear();
 
  private:
-  friend void logLine(std::string_view line);
+  friend struct LogSink;
   LogCapture* previous_;
   std::vector<std::string> lines_;  // guarded by the log's mutex
 };

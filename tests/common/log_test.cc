@@ -33,3 +33,14 @@ TEST(Log, NestedCapturesReceiveLinesInnermostFirst) {
 }
 
 }  // namespace quarvel
+
+namespace quarvel {
+
+TEST(Log, DebugLinesReachCapturesEvenWhenDebugLoggingIsOff) {
+  setDebugLogging(false);
+  LogCapture capture;
+  logDebugf("%s\n", "#HEADER_START");
+  EXPECT_EQ(capture.lines(), std::vector<std::string>{"#HEADER_START\n"});
+}
+
+}  // namespace quarvel
