@@ -1,0 +1,82 @@
+#pragma once
+// The sectioned text format shared by every data file, in one place so that
+// the reader and the writer cannot drift apart.
+//
+// Plain text of a file (before enciphering): for each of the class's tables,
+// in the class's fixed order, the line "<tag>_START", one line per record
+// (values joined by a single tab), and the line "<tag>_END". Every line, the
+// last included, ends in CR LF. No blank lines, field names or comments: the
+// field lists are fixed by each class. The text is folded, stored as Mac
+// Korean bytes and enciphered as a whole (CommonLib::Encrypt).
+
+#include <cstddef>
+#include <string_view>
+
+namespace quarvel::datafile {
+
+// Line syntax.
+inline constexpr std::string_view kStartSuffix = "_START";
+inline constexpr std::string_view kEndSuffix = "_END";
+inline constexpr std::string_view kLineEnd = "\r\n";
+inline constexpr std::string_view kSeparator = "\t";
+// Longest line, without its CR LF, that the format allows (the line reader
+// keeps a 2,048-byte buffer with a terminating zero).
+inline constexpr std::size_t kMaxLineBytes = 2047;
+
+// Section tags, with their leading '#'.
+inline constexpr std::string_view kHeaderTag = "#HEADER";
+inline constexpr std::string_view kCheckListTag = "#CHECKLIST";
+inline constexpr std::string_view kPackageTag = "#PACKAGE";
+inline constexpr std::string_view kSubTag = "#SUB";
+inline constexpr std::string_view kSwListTag = "#SWLIST";
+
+// Field lists, tab-separated as a field-list line.
+inline constexpr std::string_view kHeaderFields = "Version";
+inline constexpr std::string_view kCheckListFields =
+    "DB_ID\tCOMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE\tEXE_FILE\tDISP_COMPANY\tDISP_PRODUCT\t"
+    "PRICE\tSW_TYPE\tGRP_ID\tGRP_NAME\tGRP_SEQ\tREG_PATH\tREG\tWEB\tLIC";
+inline constexpr std::string_view kFontListFields =
+    "DB_ID\tCOMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE\tEXE_FILE\tDISP_COMPANY\tDISP_PRODUCT\t"
+    "PRICE\tSW_TYPE\tGRP_ID\tGRP_NAME\tGRP_SEQ\tREG_PATH";
+inline constexpr std::string_view kPackageFields =
+    "DB_ID\tCOMPANY\tPRODUCT\tSW_TYPE\tGRP_ID\tGRP_NAME\tGRP_SEQ\tSUIT";
+inline constexpr std::string_view kSubFields = "PACKAGE_ID\tNAME\tPRICE\tSUIT";
+inline constexpr std::string_view kSwListFields = "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE";
+
+// Field counts of a record line (tabs + 1).
+inline constexpr std::size_t kCheckListFieldCount = 17;
+inline constexpr std::size_t kFontListFieldCount = 14;
+inline constexpr std::size_t kPackageFieldCount = 8;
+inline constexpr std::size_t kSubFieldCount = 4;
+inline constexpr std::size_t kSwListFieldCount = 4;
+
+// Field names the classes interpret.
+inline constexpr std::string_view kFieldVersion = "Version";
+inline constexpr std::string_view kFieldDbId = "DB_ID";
+inline constexpr std::string_view kFieldCompany = "COMPANY";
+inline constexpr std::string_view kFieldProduct = "PRODUCT";
+inline constexpr std::string_view kFieldVersionValue = "VERSION";
+inline constexpr std::string_view kFieldOriginalFile = "ORIGINAL_FILE";
+inline constexpr std::string_view kFieldExeFile = "EXE_FILE";
+inline constexpr std::string_view kFieldDispCompany = "DISP_COMPANY";
+inline constexpr std::string_view kFieldDispProduct = "DISP_PRODUCT";
+inline constexpr std::string_view kFieldName = "NAME";
+
+// Positions of those fields in a check list / font list record.
+inline constexpr std::size_t kDbIdIndex = 0;
+inline constexpr std::size_t kCompanyIndex = 1;
+inline constexpr std::size_t kProductIndex = 2;
+inline constexpr std::size_t kVersionIndex = 3;
+inline constexpr std::size_t kOriginalFileIndex = 4;
+inline constexpr std::size_t kExeFileIndex = 5;
+inline constexpr std::size_t kDispCompanyIndex = 6;
+inline constexpr std::size_t kDispProductIndex = 7;
+
+// The files' names inside the library folder.
+inline constexpr std::string_view kCheckListFileName = "macchecklist.dat";
+inline constexpr std::string_view kUserCheckListFileName = "userchecklist.dat";
+inline constexpr std::string_view kPackageFileName = "macpcklist.dat";
+inline constexpr std::string_view kFilterFileName = "macfilterlist.dat";
+inline constexpr std::string_view kFontListFileName = "fontchecklist.dat";
+
+}  // namespace quarvel::datafile

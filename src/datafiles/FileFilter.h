@@ -1,0 +1,48 @@
+#pragma once
+// The filter list ("macfilterlist.dat"): sections "#HEADER" (one field
+// "Version") and "#SWLIST" (COMPANY, PRODUCT, VERSION, ORIGINAL_FILE).
+//
+// getIdByFilter answers the record whose four values, joined by tabs, equal
+// the key regardless of letter case (full Unicode lower-casing), or -1. The
+// index is filled while the file is read; the last of repeated keys wins.
+// Nothing is logged.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "quarvel/datafiles/FileFramework.h"
+#include "quarvel/datafiles/LookupIndex.h"
+#include "quarvel/tables/TableMulti.h"
+#include "quarvel/tables/TableSingle.h"
+
+namespace quarvel {
+
+class FileFilter : public FileFramework {
+ public:
+  FileFilter();
+  ~FileFilter() override;
+
+  // "#HEADER" or "#SWLIST" (exact); null otherwise.
+  Table* getTableByTag(std::string_view tag) override;
+  bool openWithFileName(const std::string& fileName, bool isFullPath) override;
+  bool save() override;
+  bool saveAsFileName(const std::string& fileName, bool isFullPath) override;
+  // As FileCheckList::getContents.
+  std::unique_ptr<unsigned char[]> getContents(std::uint64_t& size);
+
+  // `filter` is "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE".
+  int getIdByFilter(std::string_view filter) const;
+
+  // The lower-cased filter key of a record's four values.
+  static std::string filterKey(std::string_view company, std::string_view product,
+                               std::string_view version, std::string_view originalFile);
+
+ private:
+  LookupIndex m_pDicFilter;
+  TableSingle m_pHeader;
+  TableMulti m_pSWList;
+};
+
+}  // namespace quarvel
