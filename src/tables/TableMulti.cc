@@ -1,1 +1,173 @@
-// placeholder until this part is written
+#include "quarvel/tables/TableMulti.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "quarvel/common/Log.h"
+#include "quarvel/common/StringUtil.h"
+#include "quarvel/common/TextCompare.h"
+
+namespace quarvel {
+namespace {
+
+// The bound test kept from the original: `count - 1 < index` on unsigned
+// values, the index widened with its sign. On an empty table `count - 1`
+// wraps, every index passes, and the access that follows throws.
+bool beyondEnd(std::uint64_t count, std::int64_t index) {
+  return count - 1 < static_cast<std::uint64_t>(index);
+}
+
+const std::string& valueAt(const RecordPtr& record, std::uint64_t field) {
+  if (!record || field >= record->size()) throw std::out_of_range("record has no value for the sort field");
+  return (*record)[field];
+}
+
+}  // namespace
+
+TableMulti::TableMulti() = default;
+TableMulti::~TableMulti() = default;
+
+std::unique_ptr<Table> TableMulti::copy() const {
+  auto table = std::make_unique<TableMulti>();
+  table->setM_arrData(records_);  // the records themselves are shared
+  table->setM_arrField(fields_);
+  return table;
+}
+
+void TableMulti::close() {
+  fields_.clear();
+  records_.clear();
+}
+
+void TableMulti::initWithRecord(std::string_view line, std::string_view separator) {
+  fields_ = split(line, separator);
+}
+
+std::uint64_t TableMulti::getCount() { return records_.size(); }
+
+std::uint64_t TableMulti::getFieldIndex(std::string_view field) {
+  for (std::size_t i = 0; i < fields_.size(); ++i)
+    if (fields_[i] == field) return i;
+  return kNotFound;
+}
+
+std::int64_t TableMulti::add(const std::vector<std::string>& values) {
+  if (values.size() != fields_.size()) {
+    logf("ERROR : ");
+    return -1;
+  }
+  records_.push_back(std::make_shared<Record>(values));
+  return 0;
+}
+
+std::int64_t TableMulti::add(std::string_view line, std::string_view separator) {
+  auto record = std::make_shared<Record>(split(line, separator));
+  if (record->size() != fields_.size()) return -1;
+  records_.push_back(std::move(record));
+  return static_cast<std::int64_t>(records_.size()) - 1;
+}
+
+void TableMulti::addArrayItems(const std::vector<RecordPtr>& records) {
+  records_.insert(records_.end(), records.begin(), records.end());
+}
+
+bool TableMulti::remove(std::int64_t index) {
+  if (index < 0 || static_cast<std::uint64_t>(index) >= records_.size()) return false;
+  records_.erase(records_.begin() + index);
+  return true;
+}
+
+bool TableMulti::setValue(int row, std::string_view field, std::string_view value) {
+  if (beyondEnd(getCount(), row)) return false;
+  const std::uint64_t fieldIndex = getFieldIndex(field);
+  if (fieldIndex == kNotFound) return false;
+  records_.at(static_cast<std::size_t>(row))->at(fieldIndex) = value;
+  return true;
+}
+
+RecordPtr TableMulti::getAt(std::int64_t index) {
+  if (index < 0) return nullptr;
+  if (beyondEnd(getCount(), index)) return nullptr;
+  return records_.at(static_cast<std::size_t>(index));
+}
+
+bool TableMulti::removeAt(std::uint64_t index) {
+  if (getCount() - 1 < index) return false;
+  if (index >= records_.size()) throw std::out_of_range("TableMulti::removeAt on an empty table");
+  records_.erase(records_.begin() + static_cast<std::ptrdiff_t>(index));
+  return true;
+}
+
+bool TableMulti::removeAll() {
+  records_.clear();
+  return true;
+}
+
+bool TableMulti::replaceAtIndex(int index, std::string_view line) {
+  records_.at(static_cast<std::size_t>(index)) = std::make_shared<Record>(split(line, "\t"));
+  return true;
+}
+
+bool TableMulti::swapNum1(int num1, int num2) {
+  const std::uint64_t count = getCount();
+  if (num1 < 0 || num2 < 0) return false;
+  if (beyondEnd(count, num1)) return false;
+  if (num1 == num2) return false;
+  if (beyondEnd(count, num2)) return false;
+  std::swap(records_.at(static_cast<std::size_t>(num1)), records_.at(static_cast<std::size_t>(num2)));
+  return true;
+}
+
+bool TableMulti::sortByKey(int, bool) { return true; }
+
+// Both sorts compute each record's sort key once and sort (key, record)
+// pairs: comparing keys is a plain byte comparison, far cheaper than folding
+// both values on every comparison. Keys are taken before anything moves, so
+// a record without the field throws with the table untouched. A comparator
+// sort on fewer than two records never looks at a value, and neither do we.
+void TableMulti::sortByFieldName(std::string_view field, bool ascending) {
+  const std::uint64_t fieldIndex = getFieldIndex(field);
+  if (fieldIndex == kNotFound || records_.size() < 2) return;
+  std::vector<std::pair<std::string, RecordPtr>> keyed;
+  keyed.reserve(records_.size());
+  for (const RecordPtr& record : records_)
+    keyed.emplace_back(caselessNumericSortKey(valueAt(record, fieldIndex)), record);
+  if (ascending)
+    std::sort(keyed.begin(), keyed.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+  else
+    std::sort(keyed.begin(), keyed.end(), [](const auto& a, const auto& b) { return b.first < a.first; });
+  for (std::size_t i = 0; i < keyed.size(); ++i) records_[i] = std::move(keyed[i].second);
+}
+
+void TableMulti::sortByFieldName(std::string_view field, std::string_view subField, bool ascending) {
+  const std::uint64_t first = getFieldIndex(field);
+  const std::uint64_t second = getFieldIndex(subField);
+  if (records_.size() < 2) return;
+  struct Keyed {
+    std::string first, second;
+    RecordPtr record;
+  };
+  std::vector<Keyed> keyed;
+  keyed.reserve(records_.size());
+  for (const RecordPtr& record : records_)
+    keyed.push_back({caselessNumericSortKey(valueAt(record, first)),
+                     caselessNumericSortKey(valueAt(record, second)), record});
+  auto before = [](const Keyed& a, const Keyed& b) {
+    if (int r = a.first.compare(b.first)) return r < 0;
+    return a.second < b.second;
+  };
+  if (ascending)
+    std::sort(keyed.begin(), keyed.end(), before);
+  else
+    std::sort(keyed.begin(), keyed.end(), [&](const Keyed& a, const Keyed& b) { return before(b, a); });
+  for (std::size_t i = 0; i < keyed.size(); ++i) records_[i] = std::move(keyed[i].record);
+}
+
+FieldList* TableMulti::getFields() { return &fields_; }
+
+const FieldList& TableMulti::m_arrField() const { return fields_; }
+void TableMulti::setM_arrField(FieldList fields) { fields_ = std::move(fields); }
+const std::vector<RecordPtr>& TableMulti::m_arrData() const { return records_; }
+void TableMulti::setM_arrData(std::vector<RecordPtr> records) { records_ = std::move(records); }
+
+}  // namespace quarvel

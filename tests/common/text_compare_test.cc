@@ -1,0 +1,105 @@
+#include "quarvel/common/TextCompare.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <vector>
+
+namespace quarvel {
+namespace {
+
+struct Pair {
+  const char* a;
+  const char* b;
+  int order;
+};
+
+int sign(int v) { return (v > 0) - (v < 0); }
+
+// Each pair is checked both ways and through the sort keys as well.
+void expectOrder(const std::vector<Pair>& pairs) {
+  for (const Pair& p : pairs) {
+    SCOPED_TRACE(std::string("\"") + p.a + "\" vs \"" + p.b + "\"");
+    EXPECT_EQ(compareCaselessNumeric(p.a, p.b), p.order);
+    EXPECT_EQ(compareCaselessNumeric(p.b, p.a), -p.order);
+    EXPECT_EQ(sign(caselessNumericSortKey(p.a).compare(caselessNumericSortKey(p.b))), p.order);
+  }
+}
+
+TEST(TextCompare, DigitRunsCompareByValue) {
+  expectOrder({
+      {"a2", "a10", -1},
+      {"x9y", "x10y", -1},
+      {"v1.2.10", "v1.2.9", 1},
+      {"A1B2", "a01b02", 0},
+      {"01", "001", 0},
+      {"file9.txt", "file09.txt", 0},
+      {"1.5", "1.10", -1},
+      {"-5", "-10", -1},
+      {"18446744073709551616", "0", 0},  // wraps
+      {"18446744073709551615", "18446744073709551614", 1},
+      {"12", "1a", 1},
+      {"1", "1a", -1},
+      {"\xEF\xBC\x91", "2", 1},  // a fullwidth digit is an ordinary character
+  });
+}
+
+TEST(TextCompare, CaseFoldingIsFullButLiteral) {
+  expectOrder({
+      {"abc", "ABC", 0},
+      {"9", "a", -1},
+      {".", "1", -1},
+      {"_", "a", -1},
+      {"[", "A", -1},
+      {"\xC3\x89", "\xC3\xA9", 0},           // É é
+      {"\xC3\xA9", "f", 1},                  // é after f
+      {"\xC3\x9F", "ss", 0},                 // ß
+      {"\xC3\x9F", "st", -1},
+      {"s", "\xC3\x9F", -1},
+      {"\xC4\xB0", "i\xCC\x87", 0},          // İ and i + dot above
+      {"\xC4\xB1", "i", 1},                  // dotless i stays
+      {"\xCF\x82", "\xCE\xA3", 0},           // final sigma, capital sigma
+      {"\xEF\xAC\x80", "ff", 0},             // ff ligature
+      {"\xE2\x84\xAA", "K", 0},              // Kelvin sign
+      {"\xC3\xA9", "e\xCC\x81", 1},          // no canonical equivalence
+      {"\xEE\x80\x80", "\xF0\x90\x80\x80", -1},  // code point order, not UTF-16
+      {"\xF0\x90\x90\x80", "\xF0\x90\x90\xA8", -1},  // no folding beyond the BMP
+      {"\xEA\xB0\x80", "\xEB\x82\x98", -1},  // Hangul by code point
+  });
+}
+
+TEST(TextCompare, ShorterPrefixAndStrayBytes) {
+  expectOrder({
+      {"", "", 0},
+      {"", "a", -1},
+      {"abc", "abcd", -1},
+      {"\xFF", "\xFE", 1},
+      {"\xFF", "\xEF\xBF\xBD", -1},  // U+DCFF before U+FFFD
+      {"a\xC3", "a", 1},
+      {"a\xC3", "a\xC3", 0},
+  });
+}
+
+// The sort keys must order exactly as the comparison on any mix of the
+// characters that matter: digits, letters, expansions, stray bytes.
+TEST(TextCompare, SortKeysAgreeWithComparisonOnRandomText) {
+  const std::vector<std::string> pieces = {"0",  "1",  "9",  "00", "a",  "A",  "s",  "S",
+                                           "\xC3\x9F", "\xC4\xB0", "i",  ".",  "\xEA\xB0\x80",
+                                           "\xF0\x90\x90\x80", "\xC3", "~",  "99999999999999999999"};
+  std::mt19937 rng(7);
+  auto make = [&] {
+    std::string s;
+    for (int n = static_cast<int>(rng() % 5); n > 0; --n) s += pieces[rng() % pieces.size()];
+    return s;
+  };
+  for (int i = 0; i < 20000; ++i) {
+    const std::string a = make(), b = make();
+    SCOPED_TRACE("\"" + a + "\" vs \"" + b + "\"");
+    const int expected = compareCaselessNumeric(a, b);
+    ASSERT_EQ(sign(caselessNumericSortKey(a).compare(caselessNumericSortKey(b))), expected);
+    ASSERT_EQ(compareCaselessNumeric(b, a), -expected);
+  }
+}
+
+}  // namespace
+}  // namespace quarvel

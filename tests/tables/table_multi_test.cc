@@ -1,0 +1,157 @@
+#include "quarvel/tables/TableMulti.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "quarvel/common/Log.h"
+
+namespace quarvel {
+namespace {
+
+std::vector<std::string> column(TableMulti& table, const char* field) {
+  std::vector<std::string> values;
+  for (std::uint64_t i = 0; i < table.getDataCount(); ++i)
+    values.push_back(table.select(static_cast<std::int64_t>(i), field));
+  return values;
+}
+
+void fill(TableMulti& table, const char* fields, std::initializer_list<const char*> lines) {
+  table.setFieldWithRecord(fields, "\t");
+  for (const char* line : lines) EXPECT_GE(table.insertRecord(line, "\t"), 0) << line;
+}
+
+TEST(TableMulti, TheTwoAddersAnswerAndRefuseDifferently) {
+  LogCapture log;
+  TableMulti table;
+  table.setFieldWithRecord("A\tB", "\t");
+  EXPECT_EQ(table.insertRecord("1\t2", "\t"), 0);
+  EXPECT_EQ(table.insertRecord("3\t4", "\t"), 1);
+  EXPECT_EQ(table.insertRecord("5", "\t"), -1);
+  EXPECT_TRUE(log.lines().empty());
+
+  EXPECT_EQ(table.add(std::vector<std::string>{"x"}), -1);
+  EXPECT_EQ(log.lines(), std::vector<std::string>{"ERROR : "});
+  EXPECT_EQ(table.add(std::vector<std::string>{"x", "y"}), 0);  // not the index
+  EXPECT_EQ(column(table, "B"), (std::vector<std::string>{"2", "4", "y"}));
+}
+
+TEST(TableMulti, SelectAnswersTheErrorTextForUnknownFieldsAndRows) {
+  TableMulti empty;
+  EXPECT_EQ(empty.getFieldIndex("A"), Table::kNotFound);
+  EXPECT_EQ(empty.select(0, "A"), Table::kOutOfBounds);
+
+  TableMulti table;
+  fill(table, "A\tB", {"1\t2"});
+  EXPECT_EQ(table.select(0, "C"), Table::kOutOfBounds);
+  EXPECT_EQ(table.select(1, "A"), Table::kOutOfBounds);
+  EXPECT_EQ(table.select(-1, "A"), Table::kOutOfBounds);
+  EXPECT_EQ(table.select(0, "B"), "2");
+}
+
+TEST(TableMulti, SelectToStrJoinsWithTabs) {
+  TableMulti table;
+  fill(table, "A\tB\tC", {"a\t\tc"});
+  EXPECT_EQ(table.selectToStr(0), "a\t\tc");
+  EXPECT_EQ(table.selectToStr(1), "");
+  EXPECT_EQ(table.selectToStr(-1), "");
+}
+
+TEST(TableMulti, BoundTestsWrapOnAnEmptyTable) {
+  TableMulti table;
+  table.setFieldWithRecord("A", "\t");
+  EXPECT_EQ(table.getAt(-1), nullptr);
+  EXPECT_THROW(table.getAt(0), std::out_of_range);
+  EXPECT_THROW(table.removeAt(0), std::out_of_range);
+  EXPECT_THROW(table.setValue(0, "A", "x"), std::out_of_range);
+  EXPECT_THROW(table.swapNum1(0, 1), std::out_of_range);
+  EXPECT_THROW(table.replaceAtIndex(0, "x"), std::out_of_range);
+  EXPECT_FALSE(table.remove(0));
+  EXPECT_FALSE(table.swapNum1(-1, 0));
+}
+
+TEST(TableMulti, EditingWithinAndBeyondTheRecords) {
+  TableMulti table;
+  fill(table, "A\tB", {"1\t2", "3\t4", "5\t6"});
+  EXPECT_FALSE(table.setValue(3, "A", "x"));
+  EXPECT_FALSE(table.setValue(0, "C", "x"));
+  EXPECT_TRUE(table.setValue(0, "B", "x"));
+  EXPECT_FALSE(table.swapNum1(1, 1));
+  EXPECT_FALSE(table.swapNum1(0, 3));
+  EXPECT_TRUE(table.swapNum1(0, 2));
+  EXPECT_EQ(column(table, "B"), (std::vector<std::string>{"6", "4", "x"}));
+  EXPECT_FALSE(table.removeAt(3));
+  EXPECT_TRUE(table.removeAt(1));
+  EXPECT_FALSE(table.remove(2));
+  EXPECT_TRUE(table.remove(1));
+  EXPECT_EQ(column(table, "A"), std::vector<std::string>{"5"});
+  EXPECT_TRUE(table.removeAll());
+  EXPECT_EQ(table.getDataCount(), 0u);
+  EXPECT_EQ(table.getFieldIndex("B"), 1u);
+}
+
+TEST(TableMulti, ReplaceAlwaysSplitsOnTab) {
+  TableMulti table;
+  table.setFieldWithRecord("A,B", ",");
+  ASSERT_EQ(table.insertRecord("1,2", ","), 0);
+  EXPECT_TRUE(table.replaceAtIndex(0, "x,y\tz\tw"));  // no field-count check
+  EXPECT_EQ(*table.getAt(0), (Record{"x,y", "z", "w"}));
+}
+
+TEST(TableMulti, CopySharesRecordsButNotTheArrays) {
+  TableMulti table;
+  fill(table, "A\tB", {"1\t2", "3\t4"});
+  table.setTag("#SWLIST");
+  table.setEndPosition(9);
+  std::unique_ptr<Table> copied = table.copy();
+  auto& copy = dynamic_cast<TableMulti&>(*copied);
+  EXPECT_EQ(copy.getTag(), "");
+  EXPECT_EQ(copy.getEndPosition(), -1);
+
+  EXPECT_TRUE(table.setValue(0, "A", "shared"));
+  EXPECT_EQ(copy.select(0, "A"), "shared");
+
+  table.insertRecord("5\t6", "\t");
+  table.replaceAtIndex(1, "new\tline");
+  copy.swapNum1(0, 1);
+  EXPECT_EQ(column(table, "A"), (std::vector<std::string>{"shared", "new", "5"}));
+  EXPECT_EQ(column(copy, "A"), (std::vector<std::string>{"3", "shared"}));
+
+  copy.initWithRecord("Z", "\t");
+  EXPECT_EQ(table.getFieldIndex("A"), 0u);
+}
+
+TEST(TableMulti, SortOnOneFieldIsCaselessAndNumeric) {
+  TableMulti table;
+  fill(table, "K\tV", {"1\t10", "2\t9", "3\tb", "4\tA"});
+  table.sortByFieldName("V", true);
+  EXPECT_EQ(column(table, "V"), (std::vector<std::string>{"9", "10", "A", "b"}));
+  table.sortByFieldName("V", false);
+  EXPECT_EQ(column(table, "V"), (std::vector<std::string>{"b", "A", "10", "9"}));
+  table.sortByFieldName("missing", true);
+  EXPECT_EQ(column(table, "V"), (std::vector<std::string>{"b", "A", "10", "9"}));
+  EXPECT_TRUE(table.sortByKey(1, true));
+  EXPECT_EQ(column(table, "V"), (std::vector<std::string>{"b", "A", "10", "9"}));
+}
+
+TEST(TableMulti, SortOnTwoFieldsUsesOneDirectionForBoth) {
+  TableMulti table;
+  fill(table, "G\tN", {"b\t2", "a\t10", "B\t1", "a\t9"});
+  table.sortByFieldName("G", "N", true);
+  EXPECT_EQ(column(table, "N"), (std::vector<std::string>{"9", "10", "1", "2"}));
+  table.sortByFieldName("G", "N", false);
+  EXPECT_EQ(column(table, "N"), (std::vector<std::string>{"2", "1", "10", "9"}));
+}
+
+TEST(TableMulti, SortOnTwoFieldsWithAnUnknownFieldThrowsAndKeepsTheRecords) {
+  TableMulti table;
+  fill(table, "G\tN", {"b\t2", "a\t1"});
+  EXPECT_THROW(table.sortByFieldName("G", "nope", true), std::out_of_range);
+  EXPECT_EQ(column(table, "N"), (std::vector<std::string>{"2", "1"}));
+  TableMulti single;
+  fill(single, "G", {"x"});
+  EXPECT_NO_THROW(single.sortByFieldName("nope", "nope", true));
+}
+
+}  // namespace
+}  // namespace quarvel

@@ -1,0 +1,92 @@
+#include "quarvel/tables/TableSingle.h"
+
+#include <gtest/gtest.h>
+
+namespace quarvel {
+namespace {
+
+TEST(TableSingle, AddFitsTheRecordToTheFieldList) {
+  struct Case {
+    const char* line;
+    Record expected;
+  } cases[] = {
+      {"a\tb", {"a", "b", "-"}},
+      {"a\tb\tc\td", {"a", "b", "c"}},
+      {"", {"", "-", "-"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.line);
+    TableSingle table;
+    table.setFieldWithRecord("X\tY\tZ", "\t");
+    EXPECT_EQ(table.insertRecord(c.line, "\t"), 0);
+    EXPECT_EQ(*table.select(0), c.expected);
+  }
+}
+
+TEST(TableSingle, HoldsOneRecordWhateverTheIndex) {
+  TableSingle table;
+  table.setFieldWithRecord("Version", "\t");
+  EXPECT_EQ(table.getDataCount(), 0u);
+  table.insertRecord("1", "\t");
+  table.insertRecord("20230101", "\t");
+  EXPECT_EQ(table.getDataCount(), 1u);
+  EXPECT_EQ(table.select(5), table.select(0));
+  EXPECT_EQ(table.select(-3, "Version"), "20230101");
+  EXPECT_EQ(table.selectToStr(9), "20230101");
+}
+
+TEST(TableSingle, UnknownFieldUsesTheArrayNotFoundIndex) {
+  TableSingle table;
+  table.setFieldWithRecord("A\tB", "\t");
+  table.insertRecord("1\t2", "\t");
+  EXPECT_EQ(table.getFieldIndex("B"), 1u);
+  EXPECT_EQ(table.getFieldIndex("b"), Table::kArrayNotFound);
+  EXPECT_EQ(table.select(0, "b"), Table::kOutOfBounds);
+}
+
+TEST(TableSingle, DeleteRecordRemovesOneValue) {
+  TableSingle table;
+  table.setFieldWithRecord("A\tB", "\t");
+  table.insertRecord("1\t2", "\t");
+  EXPECT_FALSE(table.deleteRecord(2));
+  EXPECT_FALSE(table.deleteRecord(-1));
+  EXPECT_TRUE(table.deleteRecord(0));
+  EXPECT_EQ(*table.select(0), Record{"2"});
+  EXPECT_EQ(table.getDataCount(), 1u);
+  // Field "B" is now beyond the record's one value.
+  EXPECT_EQ(table.select(0, "B"), Table::kOutOfBounds);
+  EXPECT_TRUE(table.deleteRecord(0));
+  EXPECT_EQ(table.getDataCount(), 0u);
+}
+
+TEST(TableSingle, EditingOperationsOfTheBaseRefuse) {
+  TableSingle table;
+  table.setFieldWithRecord("A", "\t");
+  table.insertRecord("1", "\t");
+  EXPECT_FALSE(table.setValue(0, "A", "2"));
+  EXPECT_FALSE(table.replaceAtIndex(0, "2"));
+  EXPECT_EQ(table.select(0, "A"), "1");
+}
+
+TEST(TableSingle, CopyIsEmptyAndCloseEmpties) {
+  TableSingle table;
+  table.setTag("#HEADER");
+  table.setStartPosition(3);
+  table.setFieldWithRecord("Version", "\t");
+  table.insertRecord("7", "\t");
+  std::unique_ptr<Table> copy = table.copy();
+  ASSERT_NE(dynamic_cast<TableSingle*>(copy.get()), nullptr);
+  EXPECT_EQ(copy->getDataCount(), 0u);
+  EXPECT_TRUE(copy->getFields()->empty());
+  EXPECT_EQ(copy->getTag(), "");
+  EXPECT_EQ(copy->getStartPosition(), -1);
+  EXPECT_EQ(table.getDataCount(), 1u);
+
+  table.close();
+  EXPECT_EQ(table.getDataCount(), 0u);
+  EXPECT_TRUE(table.getFields()->empty());
+  EXPECT_EQ(table.selectToStr(0), "");
+}
+
+}  // namespace
+}  // namespace quarvel
