@@ -1,1 +1,152 @@
-// placeholder until this part is written
+#include "quarvel/datafiles/FileCheckList.h"
+
+#include "quarvel/common/Log.h"
+#include "quarvel/datafiles/DataFileFormat.h"
+
+namespace quarvel {
+
+namespace {
+
+// Line numbers quoted by the log lines.
+constexpr int kLineOpenFail = 85;
+constexpr int kLineDecryptFail = 93;
+constexpr int kLineDamaged = 130;
+constexpr int kLineHeaderInsertFail = 142;
+constexpr int kLineInsertFail = 151;
+constexpr int kLineSaveNotOpen = 174;
+
+std::string_view fieldAt(const Record& record, std::size_t index) {
+  return index < record.size() ? std::string_view(record[index]) : std::string_view();
+}
+
+}  // namespace
+
+FileCheckList::FileCheckList() {
+  m_pHeader.setTag(std::string(datafile::kHeaderTag));
+  m_pHeader.setFieldWithRecord(datafile::kHeaderFields, datafile::kSeparator);
+  m_pCheckList.setTag(std::string(datafile::kCheckListTag));
+  m_pCheckList.setFieldWithRecord(datafile::kCheckListFields, datafile::kSeparator);
+}
+
+FileCheckList::~FileCheckList() = default;
+
+Table* FileCheckList::getTableByTag(std::string_view tag) {
+  if (tag == m_pHeader.getTag()) return &m_pHeader;
+  if (tag == m_pCheckList.getTag()) return &m_pCheckList;
+  return nullptr;
+}
+
+std::string FileCheckList::propertyKey(std::string_view company, std::string_view product,
+                                       std::string_view version, std::string_view originalFile) {
+  std::string key;
+  key.reserve(company.size() + product.size() + version.size() + originalFile.size() + 3);
+  key.append(company).append("\t").append(product).append("\t");
+  key.append(version).append("\t").append(originalFile);
+  return lowerKey(key);
+}
+
+bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPath) {
+  logDebugf("%s\n", fileName.c_str());
+  const std::string path = resolvePath(fileName, isFullPath);
+  Table* const tables[] = {&m_pHeader, &m_pCheckList};
+  ReadResult read = readSections(path, tables, true);
+  switch (read.status) {
+    case ReadStatus::kOpenFailed:
+      logf("%s(%d) // CHECKLIST FILE OPEN FAIL. error code? %d", kOpenMethod, kLineOpenFail,
+           read.errorCode);
+      return false;
+    case ReadStatus::kDecryptFailed:
+      logf("%s(%d) // CHECKLIST DECRYPT FAIL.", kOpenMethod, kLineDecryptFail);
+      return false;
+    case ReadStatus::kDamaged:
+      logf("%s (%d) // ERROR: CHECKLIST DAMAGED", kOpenMethod, kLineDamaged);
+      return false;
+    case ReadStatus::kOk:
+      break;
+  }
+  const std::vector<std::string>& lines = read.lines;
+  for (int i = m_pHeader.getStartPosition() + 1; i < m_pHeader.getEndPosition(); ++i) {
+    if (m_pHeader.insertRecord(lines[i], datafile::kSeparator) == -1) {
+      logf("%s (%d) // CHECKLIST HEADER INSERT FAIL : %s", kOpenMethod, kLineHeaderInsertFail,
+           lines[i].c_str());
+    }
+  }
+  const int first = m_pCheckList.getStartPosition() + 1;
+  const int end = m_pCheckList.getEndPosition();
+  m_pDicProperty.reserve(m_pDicProperty.size() + static_cast<std::size_t>(end - first));
+  m_pDicFileName.reserve(m_pDicFileName.size() + static_cast<std::size_t>(end - first));
+  for (int i = first; i < end; ++i) {
+    const std::int64_t row = m_pCheckList.insertRecord(lines[i], datafile::kSeparator);
+    if (row == -1) {
+      logf("%s (%d) // CHECKLIST INSERT FAIL : %s", kOpenMethod, kLineInsertFail,
+           lines[i].c_str());
+      continue;
+    }
+    RecordPtr record = m_pCheckList.getAt(row);
+    if (!record) continue;
+    m_pDicProperty.set(propertyKey(fieldAt(*record, datafile::kCompanyIndex),
+                                   fieldAt(*record, datafile::kProductIndex),
+                                   fieldAt(*record, datafile::kVersionIndex),
+                                   fieldAt(*record, datafile::kOriginalFileIndex)),
+                       row);
+    m_pDicFileName.set(lowerKey(fieldAt(*record, datafile::kExeFileIndex)), row);
+  }
+  setM_strFileName(path);
+  return true;
+}
+
+std::unique_ptr<unsigned char[]> FileCheckList::getContents(std::uint64_t& size) {
+  Table* const tables[] = {&m_pHeader, &m_pCheckList};
+  return buildContents(tables, kContentsMethod, size);
+}
+
+bool FileCheckList::saveAsFileName(const std::string& fileName, bool isFullPath) {
+  const std::string path = resolvePath(fileName, isFullPath);
+  std::uint64_t size = 0;
+  std::unique_ptr<unsigned char[]> contents = getContents(size);
+  return writeContents(path, contents.get(), size);
+}
+
+bool FileCheckList::save() {
+  const std::optional<std::string> fileName = m_strFileName();
+  if (!fileName || fileName->empty()) {
+    logf("%s(%d) // CheckList file does not open.", kSaveMethod, kLineSaveNotOpen);
+    return false;
+  }
+  return saveAsFileName(*fileName, true);
+}
+
+int FileCheckList::getIdByFileName(std::string_view fileName) const {
+  return static_cast<int>(m_pDicFileName.find(lowerKey(fileName)));
+}
+
+int FileCheckList::getIdByProperty(std::string_view property) const {
+  return static_cast<int>(m_pDicProperty.find(lowerKey(property)));
+}
+
+int FileCheckList::getIndex(std::string_view dbId) {
+  if (m_pDicDbToIdx.empty()) {
+    const std::uint64_t count = m_pCheckList.getDataCount();
+    m_pDicDbToIdx.reserve(count);
+    for (std::uint64_t row = 0; row < count; ++row) {
+      const auto r = static_cast<std::int64_t>(row);
+      m_pDicDbToIdx.set(m_pCheckList.select(r, datafile::kFieldDbId), r);
+    }
+  }
+  return static_cast<int>(m_pDicDbToIdx.find(dbId));
+}
+
+void FileCheckList::initCompanyAndProduct() {
+  m_pArrCompany_.clear();
+  m_pArrProduct_.clear();
+  const std::uint64_t count = m_pCheckList.getDataCount();
+  m_pArrCompany_.reserve(count);
+  m_pArrProduct_.reserve(count);
+  for (std::uint64_t row = 0; row < count; ++row) {
+    const auto r = static_cast<std::int64_t>(row);
+    m_pArrCompany_.push_back(m_pCheckList.select(r, datafile::kFieldDispCompany));
+    m_pArrProduct_.push_back(m_pCheckList.select(r, datafile::kFieldDispProduct));
+  }
+}
+
+}  // namespace quarvel

@@ -1,1 +1,74 @@
-// placeholder until this part is written
+#include "quarvel/datafiles/FileFilter.h"
+
+#include "quarvel/datafiles/DataFileFormat.h"
+
+namespace quarvel {
+
+FileFilter::FileFilter() {
+  m_pHeader.setTag(std::string(datafile::kHeaderTag));
+  m_pHeader.setFieldWithRecord(datafile::kHeaderFields, datafile::kSeparator);
+  m_pSWList.setTag(std::string(datafile::kSwListTag));
+  m_pSWList.setFieldWithRecord(datafile::kSwListFields, datafile::kSeparator);
+}
+
+FileFilter::~FileFilter() = default;
+
+Table* FileFilter::getTableByTag(std::string_view tag) {
+  if (tag == m_pHeader.getTag()) return &m_pHeader;
+  if (tag == m_pSWList.getTag()) return &m_pSWList;
+  return nullptr;
+}
+
+std::string FileFilter::filterKey(std::string_view company, std::string_view product,
+                                  std::string_view version, std::string_view originalFile) {
+  std::string key;
+  key.reserve(company.size() + product.size() + version.size() + originalFile.size() + 3);
+  key.append(company).append("\t").append(product).append("\t");
+  key.append(version).append("\t").append(originalFile);
+  return lowerKey(key);
+}
+
+bool FileFilter::openWithFileName(const std::string& fileName, bool isFullPath) {
+  const std::string path = resolvePath(fileName, isFullPath);
+  Table* const tables[] = {&m_pHeader, &m_pSWList};
+  ReadResult read = readSections(path, tables, false);
+  if (read.status != ReadStatus::kOk) return false;
+  const std::vector<std::string>& lines = read.lines;
+  for (int i = m_pHeader.getStartPosition() + 1; i < m_pHeader.getEndPosition(); ++i) {
+    m_pHeader.insertRecord(lines[i], datafile::kSeparator);
+  }
+  for (int i = m_pSWList.getStartPosition() + 1; i < m_pSWList.getEndPosition(); ++i) {
+    const std::int64_t row = m_pSWList.insertRecord(lines[i], datafile::kSeparator);
+    if (row == -1) continue;
+    RecordPtr record = m_pSWList.getAt(row);
+    if (!record || record->size() < datafile::kSwListFieldCount) continue;
+    const Record& r = *record;
+    m_pDicFilter.set(filterKey(r[0], r[1], r[2], r[3]), row);
+  }
+  setM_strFileName(path);
+  return true;
+}
+
+std::unique_ptr<unsigned char[]> FileFilter::getContents(std::uint64_t& size) {
+  Table* const tables[] = {&m_pHeader, &m_pSWList};
+  return buildContents(tables, "-[FileFilter getContents:]", size);
+}
+
+bool FileFilter::saveAsFileName(const std::string& fileName, bool isFullPath) {
+  const std::string path = resolvePath(fileName, isFullPath);
+  std::uint64_t size = 0;
+  std::unique_ptr<unsigned char[]> contents = getContents(size);
+  return writeContents(path, contents.get(), size);
+}
+
+bool FileFilter::save() {
+  const std::optional<std::string> fileName = m_strFileName();
+  if (!fileName || fileName->empty()) return false;
+  return saveAsFileName(*fileName, true);
+}
+
+int FileFilter::getIdByFilter(std::string_view filter) const {
+  return static_cast<int>(m_pDicFilter.find(lowerKey(filter)));
+}
+
+}  // namespace quarvel

@@ -1,1 +1,76 @@
-// placeholder until this part is written
+#include "quarvel/datafiles/FileFontList.h"
+
+#include "quarvel/datafiles/DataFileFormat.h"
+
+namespace quarvel {
+
+FileFontList::FileFontList() {
+  m_pHeader.setTag(std::string(datafile::kHeaderTag));
+  m_pHeader.setFieldWithRecord(datafile::kHeaderFields, datafile::kSeparator);
+  m_pFontList.setTag(std::string(datafile::kCheckListTag));
+  m_pFontList.setFieldWithRecord(datafile::kFontListFields, datafile::kSeparator);
+}
+
+FileFontList::~FileFontList() = default;
+
+Table* FileFontList::getTableByTag(std::string_view tag) {
+  if (tag == m_pHeader.getTag()) return &m_pHeader;
+  if (tag == m_pFontList.getTag()) return &m_pFontList;
+  return nullptr;
+}
+
+bool FileFontList::openWithFileName(const std::string& fileName, bool isFullPath) {
+  const std::string path = resolvePath(fileName, isFullPath);
+  Table* const tables[] = {&m_pHeader, &m_pFontList};
+  ReadResult read = readSections(path, tables, false);
+  if (read.status != ReadStatus::kOk) return false;
+  const std::vector<std::string>& lines = read.lines;
+  for (int i = m_pHeader.getStartPosition() + 1; i < m_pHeader.getEndPosition(); ++i) {
+    m_pHeader.insertRecord(lines[i], datafile::kSeparator);
+  }
+  for (int i = m_pFontList.getStartPosition() + 1; i < m_pFontList.getEndPosition(); ++i) {
+    const std::int64_t row = m_pFontList.insertRecord(lines[i], datafile::kSeparator);
+    if (row == -1) continue;
+    RecordPtr record = m_pFontList.getAt(row);
+    if (!record || record->size() <= datafile::kExeFileIndex) continue;
+    m_pDicFileName.set(lowerKey((*record)[datafile::kExeFileIndex]), row);
+  }
+  setM_strFileName(path);
+  return true;
+}
+
+std::unique_ptr<unsigned char[]> FileFontList::getContents(std::uint64_t& size) {
+  Table* const tables[] = {&m_pHeader, &m_pFontList};
+  return buildContents(tables, "-[FileFontList getContents:]", size);
+}
+
+bool FileFontList::saveAsFileName(const std::string& fileName, bool isFullPath) {
+  const std::string path = resolvePath(fileName, isFullPath);
+  std::uint64_t size = 0;
+  std::unique_ptr<unsigned char[]> contents = getContents(size);
+  return writeContents(path, contents.get(), size);
+}
+
+bool FileFontList::save() {
+  const std::optional<std::string> fileName = m_strFileName();
+  if (!fileName || fileName->empty()) return false;
+  return saveAsFileName(*fileName, true);
+}
+
+int FileFontList::getIdByFileName(std::string_view fileName) const {
+  return static_cast<int>(m_pDicFileName.find(lowerKey(fileName)));
+}
+
+int FileFontList::getIndex(std::string_view dbId) {
+  if (m_pDicDbToIdx.empty()) {
+    const std::uint64_t count = m_pFontList.getDataCount();
+    m_pDicDbToIdx.reserve(count);
+    for (std::uint64_t row = 0; row < count; ++row) {
+      const auto r = static_cast<std::int64_t>(row);
+      m_pDicDbToIdx.set(m_pFontList.select(r, datafile::kFieldDbId), r);
+    }
+  }
+  return static_cast<int>(m_pDicDbToIdx.find(dbId));
+}
+
+}  // namespace quarvel

@@ -1,1 +1,274 @@
-// placeholder until this part is written
+#include "quarvel/datafiles/FileFramework.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "quarvel/common/CommonLib.h"
+#include "quarvel/common/Log.h"
+#include "quarvel/common/StringUtil.h"
+#include "quarvel/datafiles/DataFileFormat.h"
+#include "quarvel/datafiles/MacKorean.h"
+#include "quarvel/settings/CVUserDefaults.h"
+
+namespace quarvel {
+
+FileFramework::FileFramework() = default;
+FileFramework::~FileFramework() = default;
+
+std::optional<std::string> FileFramework::getFileName() const { return fileName_; }
+std::optional<std::string> FileFramework::m_strFileName() const { return fileName_; }
+void FileFramework::setM_strFileName(std::optional<std::string> fileName) {
+  fileName_ = std::move(fileName);
+}
+
+std::string FileFramework::makeStartTag(std::string_view tag) {
+  std::string line(tag);
+  line += datafile::kStartSuffix;
+  return line;
+}
+
+std::string FileFramework::makeEndTag(std::string_view tag) {
+  std::string line(tag);
+  line += datafile::kEndSuffix;
+  return line;
+}
+
+void FileFramework::appendLinefeed(std::string& text) { text += datafile::kLineEnd; }
+
+void FileFramework::addToByteArray(std::vector<unsigned char>&, std::string_view) {}
+Table* FileFramework::newTableWithTag(std::string_view, bool) { return nullptr; }
+Table* FileFramework::getTableByTag(std::string_view) { return nullptr; }
+bool FileFramework::openWithFileName(const std::string&, bool) { return false; }
+bool FileFramework::save() { return false; }
+bool FileFramework::saveAsFileName(const std::string&, bool) { return false; }
+
+std::string FileFramework::resolvePath(const std::string& fileName, bool isFullPath) {
+  if (isFullPath) return fileName;
+  std::string path = orNull(CVUserDefaults::standardUserDefaults()->libraryPath());
+  path += '/';
+  path += fileName;
+  return path;
+}
+
+FileFramework::ReadResult FileFramework::readSections(const std::string& path,
+                                                      std::span<Table* const> tables,
+                                                      bool traceLines) {
+  ReadResult result;
+  std::FILE* stream = std::fopen(path.c_str(), "rb");
+  if (stream == nullptr) {
+    result.status = ReadStatus::kOpenFailed;
+    return result;
+  }
+  if (int error = std::ferror(stream); error != 0) {
+    std::fclose(stream);
+    result.status = ReadStatus::kOpenFailed;
+    result.errorCode = error;
+    return result;
+  }
+  std::vector<std::string> lines;
+  const bool deciphered = CommonLib::Decrypt(lines, stream);
+  std::fclose(stream);
+  if (!deciphered) {
+    result.status = ReadStatus::kDecryptFailed;
+    return result;
+  }
+
+  std::vector<std::string> startLines, endLines;
+  for (Table* table : tables) {
+    startLines.push_back(makeStartTag(table->getTag()));
+    endLines.push_back(makeEndTag(table->getTag()));
+  }
+  // Positions are ints: lines beyond INT_MAX (possible only in theory, in a
+  // 4 GiB file of empty lines) are not examined.
+  const std::size_t count = lines.size() > static_cast<std::size_t>(INT_MAX)
+                                ? static_cast<std::size_t>(INT_MAX)
+                                : lines.size();
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::string& line = lines[i];
+    if (traceLines) logDebugf("%s\n", line.c_str());
+    // Every tag line starts with '#'; most lines are records.
+    if (line.empty() || line[0] != '#') continue;
+    bool matched = false;
+    for (std::size_t t = 0; t < tables.size() && !matched; ++t) {
+      if (line == startLines[t]) {
+        tables[t]->setStartPosition(static_cast<int>(i));
+        matched = true;
+      }
+    }
+    for (std::size_t t = 0; t < tables.size() && !matched; ++t) {
+      if (line == endLines[t]) {
+        tables[t]->setEndPosition(static_cast<int>(i));
+        matched = true;
+      }
+    }
+  }
+  for (Table* table : tables) {
+    if (table->getStartPosition() < 0 || table->getStartPosition() >= table->getEndPosition()) {
+      result.status = ReadStatus::kDamaged;
+      return result;
+    }
+  }
+  result.status = ReadStatus::kOk;
+  result.lines = std::move(lines);
+  return result;
+}
+
+namespace {
+
+void appendRecord(std::string& text, const RecordPtr& record) {
+  if (!record || record->empty()) return;
+  for (std::size_t i = 0; i < record->size(); ++i) {
+    if (i != 0) text += datafile::kSeparator;
+    text += (*record)[i];
+  }
+}
+
+std::string utf8Of(char32_t c) {
+  std::string out;
+  if (c < 0x80) {
+    out += static_cast<char>(c);
+  } else if (c < 0x800) {
+    out += static_cast<char>(0xC0 | (c >> 6));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  } else if (c < 0x10000) {
+    if (c >= 0xD800 && c <= 0xDFFF) return out;
+    out += static_cast<char>(0xE0 | (c >> 12));
+    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  } else if (c < 0x110000) {
+    out += static_cast<char>(0xF0 | (c >> 18));
+    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  }
+  return out;
+}
+
+}  // namespace
+
+std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* const> tables,
+                                                              const char* owner,
+                                                              std::uint64_t& size) {
+  size = 0;
+  // Line index of each section's start line, to name the section and record
+  // of a character that cannot be encoded.
+  std::vector<std::size_t> sectionStart;
+  std::size_t reserve = 0;
+  for (Table* table : tables) {
+    const std::uint64_t count = table->getDataCount();
+    for (std::uint64_t i = 0; i < count; ++i) {
+      RecordPtr record = table->select(static_cast<int>(i));
+      if (!record) continue;
+      for (const std::string& value : *record) reserve += value.size() + 1;
+      reserve += 2;
+    }
+    reserve += 2 * table->getTag().size() + 16;
+  }
+  std::string text;
+  text.reserve(reserve);
+  std::size_t line = 0;
+  for (Table* table : tables) {
+    sectionStart.push_back(line);
+    text += table->getTag();
+    text += datafile::kStartSuffix;
+    text += datafile::kLineEnd;
+    ++line;
+    const std::uint64_t count = table->getDataCount();
+    for (std::uint64_t i = 0; i < count; ++i) {
+      appendRecord(text, table->select(static_cast<int>(i)));
+      text += datafile::kLineEnd;
+      ++line;
+    }
+    text += table->getTag();
+    text += datafile::kEndSuffix;
+    text += datafile::kLineEnd;
+    ++line;
+  }
+
+  const std::string folded = CommonLib::encodingForSpecialCharacter(text);
+  text = std::string();
+  MacKorean::EncodeError error;
+  std::optional<std::string> encoded = MacKorean::encode(folded, &error);
+  if (!encoded) {
+    const std::size_t offset = std::min(error.offset, folded.size());
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < offset; ++i) at += folded[i] == '\n';
+    std::size_t section = 0;
+    while (section + 1 < sectionStart.size() && sectionStart[section + 1] <= at) ++section;
+    const long long record = static_cast<long long>(at - sectionStart[section]) - 1;
+    logf("%s // SAVE REFUSED: U+%04X \"%s\" has no Mac Korean form (section %s, record %lld)",
+         owner, static_cast<unsigned>(error.character), utf8Of(error.character).c_str(),
+         tables.empty() ? "" : tables[section]->getTag().c_str(), record);
+    return nullptr;
+  }
+  // The text ends at its first zero byte, as a C string would.
+  size = ::strnlen(encoded->data(), encoded->size());
+  auto buffer = std::make_unique<unsigned char[]>(size + 1);
+  std::memcpy(buffer.get(), encoded->data(), size);
+  return buffer;
+}
+
+namespace {
+
+bool writeAll(int fd, const unsigned char* data, std::uint64_t size) {
+  while (size > 0) {
+    const std::size_t chunk = size > (1u << 30) ? (1u << 30) : static_cast<std::size_t>(size);
+    const ssize_t written = ::write(fd, data, chunk);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    data += written;
+    size -= static_cast<std::uint64_t>(written);
+  }
+  return true;
+}
+
+}  // namespace
+
+bool FileFramework::writeContents(const std::string& path, unsigned char* buffer,
+                                  std::uint64_t size) {
+  if (buffer == nullptr || size == 0 || size > UINT32_MAX || path.empty()) return false;
+  // Replace what a symbolic link points at, not the link.
+  std::string target = path;
+  struct stat info {};
+  if (::lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+    if (char* real = ::realpath(path.c_str(), nullptr)) {
+      target = real;
+      std::free(real);
+    }
+  }
+  struct stat existing {};
+  const bool exists = ::stat(target.c_str(), &existing) == 0;
+  if (exists && S_ISDIR(existing.st_mode)) return false;
+
+  CommonLib::Encrypt(buffer, static_cast<std::uint32_t>(size));
+
+  static std::atomic<unsigned> counter{0};
+  std::string temporary;
+  int fd = -1;
+  for (int attempt = 0; attempt < 16 && fd < 0; ++attempt) {
+    temporary = target + ".tmp" + std::to_string(::getpid()) + "_" + std::to_string(counter++);
+    fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0 && errno != EEXIST) return false;
+  }
+  if (fd < 0) return false;
+  bool ok = writeAll(fd, buffer, size);
+  // Keep the permissions of the file being replaced (best effort).
+  if (ok && exists) (void)::fchmod(fd, existing.st_mode & 07777);
+  if (ok) ok = ::fsync(fd) == 0;
+  if (::close(fd) != 0) ok = false;
+  if (ok) ok = ::rename(temporary.c_str(), target.c_str()) == 0;
+  if (!ok) ::unlink(temporary.c_str());
+  return ok;
+}
+
+}  // namespace quarvel

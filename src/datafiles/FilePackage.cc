@@ -1,1 +1,96 @@
-// placeholder until this part is written
+#include "quarvel/datafiles/FilePackage.h"
+
+#include "quarvel/common/CommonLib.h"
+#include "quarvel/common/StringUtil.h"
+#include "quarvel/datafiles/DataFileFormat.h"
+
+namespace quarvel {
+
+FilePackage::FilePackage() : m_pDicPackageId(std::make_unique<PlistDictionary>()) {
+  m_pHeader.setTag(std::string(datafile::kHeaderTag));
+  m_pHeader.setFieldWithRecord(datafile::kHeaderFields, datafile::kSeparator);
+  m_pPackage.setTag(std::string(datafile::kPackageTag));
+  m_pPackage.setFieldWithRecord(datafile::kPackageFields, datafile::kSeparator);
+  m_pSub.setTag(std::string(datafile::kSubTag));
+  m_pSub.setFieldWithRecord(datafile::kSubFields, datafile::kSeparator);
+}
+
+FilePackage::~FilePackage() = default;
+
+Table* FilePackage::getTableByTag(std::string_view tag) {
+  if (tag == m_pHeader.getTag()) return &m_pHeader;
+  if (tag == m_pPackage.getTag()) return &m_pPackage;
+  if (tag == m_pSub.getTag()) return &m_pSub;
+  return nullptr;
+}
+
+bool FilePackage::openWithFileName(const std::string& fileName, bool isFullPath) {
+  const std::string path = resolvePath(fileName, isFullPath);
+  Table* const tables[] = {&m_pHeader, &m_pPackage, &m_pSub};
+  ReadResult read = readSections(path, tables, false);
+  if (read.status != ReadStatus::kOk) return false;
+  // No index is built here: getPackageIndex builds its own on first use.
+  for (Table* table : tables) {
+    for (int i = table->getStartPosition() + 1; i < table->getEndPosition(); ++i) {
+      table->insertRecord(read.lines[i], datafile::kSeparator);
+    }
+  }
+  setM_strFileName(path);
+  return true;
+}
+
+std::unique_ptr<unsigned char[]> FilePackage::getContents(std::uint64_t& size) {
+  Table* const tables[] = {&m_pHeader, &m_pPackage, &m_pSub};
+  return buildContents(tables, "-[FilePackage getContents:]", size);
+}
+
+bool FilePackage::saveAsFileName(const std::string& fileName, bool isFullPath) {
+  const std::string path = resolvePath(fileName, isFullPath);
+  const std::string folder = deletingLastPathComponent(path);
+  if (!folder.empty() && !CommonLib::isExists(folder.c_str())) {
+    CommonLib::mkdirs(folder.c_str(), true);
+  }
+  std::uint64_t size = 0;
+  std::unique_ptr<unsigned char[]> contents = getContents(size);
+  return writeContents(path, contents.get(), size);
+}
+
+bool FilePackage::save() {
+  const std::optional<std::string> fileName = m_strFileName();
+  if (!fileName || fileName->empty()) return false;
+  return saveAsFileName(*fileName, true);
+}
+
+int FilePackage::getPackageIndex(std::string_view packageId) {
+  if (m_pDicPackageId2Idx.empty()) {
+    const std::uint64_t count = m_pPackage.getDataCount();
+    m_pDicPackageId2Idx.reserve(count);
+    for (std::uint64_t row = 0; row < count; ++row) {
+      const auto r = static_cast<std::int64_t>(row);
+      m_pDicPackageId2Idx.set(m_pPackage.select(r, datafile::kFieldDbId), r);
+    }
+  }
+  return static_cast<int>(m_pDicPackageId2Idx.find(packageId));
+}
+
+std::string FilePackage::getProductNameByPackageIndex(int packageIndex, int AndSubIndex) {
+  // The tables throw on some out-of-range rows (an empty table); answer as
+  // for a missing record instead.
+  const auto inRange = [](Table& table, int index) {
+    return index >= 0 && static_cast<std::uint64_t>(index) < table.getDataCount();
+  };
+  const std::string product = inRange(m_pPackage, packageIndex)
+                                  ? m_pPackage.select(packageIndex, datafile::kFieldProduct)
+                                  : std::string(Table::kOutOfBounds);
+  if (!inRange(m_pSub, AndSubIndex)) return product;
+  const std::string name = m_pSub.select(AndSubIndex, datafile::kFieldName);
+  if (name == "-") return product + "(" + name + ")";
+  return product;
+}
+
+PlistDictionary& FilePackage::getPackageIds() {
+  if (!m_pDicPackageId) m_pDicPackageId = std::make_unique<PlistDictionary>();
+  return *m_pDicPackageId;
+}
+
+}  // namespace quarvel
