@@ -1,1 +1,403 @@
-// placeholder until this part is written
+// The settings store: the shared instance, its start-up sequence, the key
+// access on defaultsDic and the domain file behind it.
+#include "quarvel/settings/CVUserDefaults.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+
+#include "quarvel/common/Log.h"
+#include "quarvel/common/StringUtil.h"
+#include "quarvel/settings/HostEnvironment.h"
+#include "quarvel/settings/PropertyList.h"
+#include "quarvel/settings/WorkFolders.h"
+
+namespace quarvel {
+
+CVUserDefaults* userdefaultsInstance = nullptr;
+PlistDictionary defaultsDic;
+
+namespace {
+
+// Guards the creation and replacement of the shared instance. Recursive so
+// that a start-up step may itself ask for the shared instance.
+std::recursive_mutex& sharedMutex() {
+  static std::recursive_mutex mutex;
+  return mutex;
+}
+
+// Instances replaced by resetStandardUserDefaults or discarded by tests stay
+// alive until the process ends: callers (and background jobs) may still hold
+// them. Deliberately never freed.
+std::vector<CVUserDefaults*>& retiredInstances() {
+  static auto* retired = new std::vector<CVUserDefaults*>();
+  return *retired;
+}
+
+CVUserDefaults* sharedOr(CVUserDefaults* fallback) {
+  std::lock_guard<std::recursive_mutex> lock(sharedMutex());
+  return userdefaultsInstance ? userdefaultsInstance : fallback;
+}
+
+const PlistValue* storedValue(const std::string& key) {
+  auto found = defaultsDic.find(key);
+  return found == defaultsDic.end() ? nullptr : &found->second;
+}
+
+std::optional<PlistValue> storedCopy(const std::string& key) {
+  const PlistValue* value = storedValue(key);
+  if (!value) return std::nullopt;
+  return *value;
+}
+
+std::string localStamp() {
+  std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  char text[32];
+  std::snprintf(text, sizeof text, "%d%.2d%.2d_%.2d%.2d%.2d", local.tm_year + 1900,
+                local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+  return text;
+}
+
+// Renames a damaged domain file out of the way, never over another file.
+void moveAside(const std::string& path) {
+  std::string target = path + ".corrupt-" + localStamp();
+  std::string candidate = target;
+  struct stat info;
+  for (int n = 2; ::lstat(candidate.c_str(), &info) == 0 && n < 1000; ++n)
+    candidate = target + "-" + std::to_string(n);
+  if (std::rename(path.c_str(), candidate.c_str()) == 0) {
+    logf("Settings domain %s could not be read; kept it as %s and started empty", path.c_str(),
+         candidate.c_str());
+  } else {
+    logf("Settings domain %s could not be read and could not be moved aside (%s); started empty",
+         path.c_str(), std::strerror(errno));
+  }
+}
+
+bool writeAll(int fd, const std::string& bytes) {
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+// Temporary file beside the target, flushed to disk, renamed over it, and the
+// folder flushed so the rename itself survives a crash.
+bool replaceFileAtomically(const std::string& path, const std::string& bytes) {
+  std::string folder = deletingLastPathComponent(path);
+  if (folder.empty()) folder = ".";
+  std::error_code ec;
+  std::filesystem::create_directories(folder, ec);
+  std::string temporary = path + ".XXXXXX";
+  int fd = ::mkstemp(temporary.data());
+  if (fd < 0) {
+    logf("Settings domain %s not written: cannot create a temporary file (%s)", path.c_str(),
+         std::strerror(errno));
+    return false;
+  }
+  ::fchmod(fd, 0600);
+  bool ok = writeAll(fd, bytes) && ::fsync(fd) == 0;
+  int savedErrno = errno;
+  if (::close(fd) != 0) ok = false;
+  if (ok && std::rename(temporary.c_str(), path.c_str()) != 0) {
+    savedErrno = errno;
+    ok = false;
+  }
+  if (!ok) {
+    ::unlink(temporary.c_str());
+    logf("Settings domain %s not written (%s)", path.c_str(), std::strerror(savedErrno));
+    return false;
+  }
+  int dirFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dirFd >= 0) {
+    ::fsync(dirFd);
+    ::close(dirFd);
+  }
+  return true;
+}
+
+}  // namespace
+
+// --- The shared instance -------------------------------------------------------
+
+CVUserDefaults::CVUserDefaults() = default;
+CVUserDefaults::~CVUserDefaults() = default;
+
+CVUserDefaults* CVUserDefaults::standardUserDefaults() { return createShared(std::nullopt); }
+
+CVUserDefaults* CVUserDefaults::standardUserDefaultsWithisLiteVer(bool isLiteVer) {
+  return createShared(isLiteVer);
+}
+
+CVUserDefaults* CVUserDefaults::createShared(std::optional<bool> isLiteVer) {
+  std::lock_guard<std::recursive_mutex> lock(sharedMutex());
+  if (userdefaultsInstance) return userdefaultsInstance;
+
+  auto* self = new CVUserDefaults();
+  userdefaultsInstance = self;
+  self->startExternalAddressLookup();
+
+  defaultsDic = self->persistentDomainForName(kDomainName).value_or(PlistDictionary{});
+
+  auto environment = HostEnvironment::current();
+  if (isLiteVer) self->_isLite = *isLiteVer;
+  // chooseBasePath makes the volume test on the host program's volume.
+  auto base = chooseBasePath(*environment, self->_isLite);
+  // Kept in memory only; it reaches the domain with the next write.
+  if (base)
+    defaultsDic.insert_or_assign("DefaultPath", PlistValue::string(*base));
+  else
+    defaultsDic.erase("DefaultPath");
+
+  createWorkFolders(base, environment->userLibraryDirectory());
+  self->startNetworkIdentityJob();
+  return self;
+}
+
+void CVUserDefaults::resetStandardUserDefaults() {
+  std::lock_guard<std::recursive_mutex> lock(sharedMutex());
+  if (userdefaultsInstance) retiredInstances().push_back(userdefaultsInstance);
+  userdefaultsInstance = new CVUserDefaults();
+}
+
+void CVUserDefaults::discardSharedInstanceForTesting() {
+  std::lock_guard<std::recursive_mutex> lock(sharedMutex());
+  if (userdefaultsInstance) retiredInstances().push_back(userdefaultsInstance);
+  userdefaultsInstance = nullptr;
+  defaultsDic.clear();
+}
+
+// --- Generic key access ----------------------------------------------------------
+
+std::optional<PlistValue> CVUserDefaults::objectForKey(const std::string& key) const {
+  return storedCopy(key);
+}
+
+void CVUserDefaults::setObject(PlistValue value, const std::string& forKey) {
+  // Storing nothing removes the key, as a nil object does on the platform.
+  if (value.isNone())
+    defaultsDic.erase(forKey);
+  else
+    defaultsDic.insert_or_assign(forKey, std::move(value));
+  persist();
+}
+
+void CVUserDefaults::removeObjectForKey(const std::string& key) {
+  defaultsDic.erase(key);
+  persist();
+}
+
+std::optional<std::string> CVUserDefaults::stringForKey(const std::string& key) const {
+  const PlistValue* value = storedValue(key);
+  if (!value || !value->asString()) return std::nullopt;
+  return *value->asString();
+}
+
+std::optional<PlistArray> CVUserDefaults::arrayForKey(const std::string& key) const {
+  const PlistValue* value = storedValue(key);
+  if (!value || !value->asArray()) return std::nullopt;
+  return *value->asArray();
+}
+
+std::optional<PlistDictionary> CVUserDefaults::dictionaryForKey(const std::string& key) const {
+  const PlistValue* value = storedValue(key);
+  if (!value || !value->asDictionary()) return std::nullopt;
+  return *value->asDictionary();
+}
+
+std::optional<PlistData> CVUserDefaults::dataForKey(const std::string& key) const {
+  const PlistValue* value = storedValue(key);
+  if (!value || !value->asData()) return std::nullopt;
+  return *value->asData();
+}
+
+std::optional<PlistValue::URL> CVUserDefaults::URLForKey(const std::string& key) const {
+  const PlistValue* value = storedValue(key);
+  if (!value) return std::nullopt;
+  if (value->asURL()) return *value->asURL();
+  // The domain file keeps a URL as its text, so after a reload it is a
+  // string: an absolute path reads as a file URL and a text with a scheme
+  // ("http://...") as that URL, as the platform reads stored strings.
+  if (const std::string* text = value->asString()) {
+    if (!text->empty() && (*text)[0] == '/') return PlistValue::URL{"file://" + *text};
+    std::size_t colon = text->find("://");
+    if (colon != std::string::npos && colon > 0) return PlistValue::URL{*text};
+  }
+  return std::nullopt;
+}
+
+std::optional<std::vector<std::string>> CVUserDefaults::stringArrayForKey(
+    const std::string& key) const {
+  const PlistValue* value = storedValue(key);
+  if (!value || !value->asArray()) return std::nullopt;
+  std::vector<std::string> strings;
+  for (const PlistValue& item : *value->asArray()) {
+    if (!item.asString()) return std::nullopt;
+    strings.push_back(*item.asString());
+  }
+  return strings;
+}
+
+std::int64_t CVUserDefaults::integerForKey(const std::string& key) const {
+  const PlistValue* value = storedValue(key);
+  return value && value->isNumber() ? value->integerValue() : 0;
+}
+
+float CVUserDefaults::floatForKey(const std::string& key) const {
+  return static_cast<float>(doubleForKey(key));
+}
+
+double CVUserDefaults::doubleForKey(const std::string& key) const {
+  const PlistValue* value = storedValue(key);
+  return value && value->isNumber() ? value->doubleValue() : 0.0;
+}
+
+bool CVUserDefaults::boolForKey(const std::string& key) const {
+  const PlistValue* value = storedValue(key);
+  return value && value->isNumber() && value->boolValue();
+}
+
+void CVUserDefaults::setInteger(std::int64_t value, const std::string& forKey) {
+  setObject(PlistValue::integer(value), forKey);
+}
+
+void CVUserDefaults::setFloat(float value, const std::string& forKey) {
+  setObject(PlistValue::real(value), forKey);
+}
+
+void CVUserDefaults::setDouble(double value, const std::string& forKey) {
+  setObject(PlistValue::real(value), forKey);
+}
+
+void CVUserDefaults::setBool(bool value, const std::string& forKey) {
+  setObject(PlistValue::boolean(value), forKey);
+}
+
+void CVUserDefaults::setURL(PlistValue::URL value, const std::string& forKey) {
+  setObject(PlistValue::url(std::move(value.text)), forKey);
+}
+
+// --- The domain file ------------------------------------------------------------
+
+std::optional<std::string> CVUserDefaults::persistentDomainPath(const std::string& name) {
+  auto config = xdgConfigHome();
+  if (!config) return std::nullopt;
+  return *config + "/" + name + ".plist";
+}
+
+std::optional<PlistDictionary> CVUserDefaults::persistentDomainForName(
+    const std::string& name) const {
+  auto path = persistentDomainPath(name);
+  if (!path) return std::nullopt;
+  std::ifstream in(*path, std::ios::binary);
+  if (!in) {
+    if (errno != ENOENT)
+      logf("Settings domain %s could not be opened (%s)", path->c_str(), std::strerror(errno));
+    return std::nullopt;
+  }
+  std::ostringstream bytes;
+  bytes << in.rdbuf();
+  std::optional<PlistValue> root = readPropertyList(bytes.str());
+  if (!root || !root->asDictionary()) {
+    moveAside(*path);
+    return std::nullopt;
+  }
+  return *root->asDictionary();
+}
+
+bool CVUserDefaults::setPersistentDomain(const PlistDictionary& domain,
+                                         const std::string& forName) {
+  auto path = persistentDomainPath(forName);
+  if (!path) {
+    logf("Settings domain %s not written: no configuration folder", forName.c_str());
+    return false;
+  }
+  return replaceFileAtomically(*path, writeXmlPropertyList(PlistValue::dictionary(domain)));
+}
+
+bool CVUserDefaults::synchronize() { return true; }
+
+void CVUserDefaults::persist() {
+  sharedOr(this)->setPersistentDomain(defaultsDic, kDomainName);
+}
+
+// --- Named settings ---------------------------------------------------------------
+
+namespace {
+
+bool storedBool(const char* key) {
+  const PlistValue* value = storedValue(key);
+  return value && value->boolValue();
+}
+
+}  // namespace
+
+#define QUARVEL_BOOL_SETTING(getter, setter, key)                                   \
+  bool CVUserDefaults::getter() const { return storedBool(key); }                   \
+  void CVUserDefaults::setter(bool value) { setObject(PlistValue::boolean(value), key); }
+
+#define QUARVEL_OBJECT_SETTING(getter, setter, key)                                   \
+  std::optional<PlistValue> CVUserDefaults::getter() const { return storedCopy(key); } \
+  void CVUserDefaults::setter(PlistValue value) { setObject(std::move(value), key); }
+
+// These also flush the shared instance's store at once.
+#define QUARVEL_SYNCED_SETTING(getter, setter, key)                                   \
+  std::optional<PlistValue> CVUserDefaults::getter() const { return storedCopy(key); } \
+  void CVUserDefaults::setter(PlistValue value) {                                      \
+    setObject(std::move(value), key);                                                  \
+    sharedOr(this)->synchronize();                                                     \
+  }
+
+QUARVEL_BOOL_SETTING(precisionInspect, setPrecisionInspect, "precisionInspect")
+QUARVEL_BOOL_SETTING(closeAgterInspect, setCloseAfterInspect, "closeAfterInspect")
+QUARVEL_BOOL_SETTING(redundantProcessing, setRedundantProcessing, "redundantProcessing")
+QUARVEL_BOOL_SETTING(searchFont, setSearchFont, "searchFont")
+QUARVEL_BOOL_SETTING(useHashCode, setUseHashCode, "useHashCode")
+QUARVEL_BOOL_SETTING(startAtLaunch, setStartAtLaunch, "startAtLaunch")
+QUARVEL_BOOL_SETTING(searchOnlyFont, setSearchOnlyFont, "searchOnlyFont")
+
+QUARVEL_OBJECT_SETTING(reguForm, setReguForm, "reguForm")
+QUARVEL_OBJECT_SETTING(area, setArea, "area")
+QUARVEL_OBJECT_SETTING(leadAgency, setLeadAgency, "leadAgency")
+QUARVEL_OBJECT_SETTING(regulator, setRegulator, "regulator")
+QUARVEL_OBJECT_SETTING(selectedPathArrInPrecisionInspect, setSelectedPathArrInPrecisionInspect,
+                       "selectedArr")
+QUARVEL_OBJECT_SETTING(filterPathArrInPrecisionInspect, setfilterPathArrInPrecisionInspect,
+                       "filterArr")
+
+QUARVEL_SYNCED_SETTING(lastUpdateDate, setUpdated, "lastUpdateDate")
+QUARVEL_SYNCED_SETTING(webQuarvelIPAddress, setWebQuarvelIPAddress, "WebQuarvelIPAddress")
+QUARVEL_SYNCED_SETTING(webQuarvelUserName, setWebQuarvelUserName, "WebQuarvelUserName")
+QUARVEL_SYNCED_SETTING(webQuarvelDepartmentName, setWebQuarvelDepartmentName,
+                       "WebQuarvelDepartmentName")
+QUARVEL_SYNCED_SETTING(webQuarvelIPAddressTemp, setWebQuarvelIPAddressTemp,
+                       "WebQuarvelIPAddressTemp")
+QUARVEL_SYNCED_SETTING(webQuarvelUserNameTemp, setWebQuarvelUserNameTemp, "WebQuarvelUserNameTemp")
+QUARVEL_SYNCED_SETTING(webQuarvelDepartmentNameTemp, setWebQuarvelDepartmentNameTemp,
+                       "WebQuarvelDepartmentNameTemp")
+QUARVEL_SYNCED_SETTING(webQuarvelForceQuarvelTime, setWebQuarvelForceQuarvelTime,
+                       "forceQuarvelTime")
+QUARVEL_SYNCED_SETTING(webQuarvelDateQuarvelTime, setWebQuarvelDateQuarvelTime, "dateQuarvelTime")
+
+#undef QUARVEL_BOOL_SETTING
+#undef QUARVEL_OBJECT_SETTING
+#undef QUARVEL_SYNCED_SETTING
+
+bool CVUserDefaults::isLite() const { return _isLite; }
+void CVUserDefaults::setIsLite(bool value) { _isLite = value; }
+
+}  // namespace quarvel

@@ -78,9 +78,20 @@ class CVUserDefaults {
   void setURL(PlistValue::URL value, const std::string& forKey);
 
   // The platform store under the settings: the whole domain at once.
+  // A domain lives in $XDG_CONFIG_HOME/<name>.plist (default ~/.config). It
+  // reads XML and binary property lists; a file that cannot be parsed is
+  // renamed aside (<file>.corrupt-YYYYMMDD_HHMMSS), logged, and reads as
+  // absent. Writing stores the whole dictionary as XML and replaces the file
+  // atomically (temporary file in the same folder, fsync, rename), so the
+  // file is never torn; it returns false, after logging, when it fails.
+  // Every write reaches the disk at once, so synchronize has nothing left to
+  // do and answers true.
   std::optional<PlistDictionary> persistentDomainForName(const std::string& name) const;
-  void setPersistentDomain(const PlistDictionary& domain, const std::string& forName);
+  bool setPersistentDomain(const PlistDictionary& domain, const std::string& forName);
   bool synchronize();
+  // Where the domain's file lies; absent when neither $XDG_CONFIG_HOME nor
+  // $HOME is known.
+  static std::optional<std::string> persistentDomainPath(const std::string& name);
 
   // --- Named settings ---------------------------------------------------------
   // Boolean getters take the stored value's own boolean reading (a string

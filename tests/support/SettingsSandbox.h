@@ -1,0 +1,96 @@
+#pragma once
+// A private home for one test: a fresh temporary folder holding HOME, the XDG
+// configuration, data and documents folders, with the shared settings
+// instance forgotten so that the next CVUserDefaults::standardUserDefaults()
+// runs its start-up there. The external-address lookup is pointed at a
+// closed loopback port so that it fails at once.
+//
+//   quarvel::testing::SettingsSandbox sandbox;
+//   auto* defaults = quarvel::CVUserDefaults::standardUserDefaults();
+//   // defaults->libraryPath() == sandbox.root() + "/data/Quarvel"
+//
+// Layout under root(): home/ (HOME), home/Documents (documents folder),
+// config/ (XDG_CONFIG_HOME, where the settings domain file goes), data/
+// (XDG_DATA_HOME, the user Library folder). The test binary does not lie on a
+// removable or shared volume, so the run is not portable: the work folder is
+// home/Documents/.Quarvel and the library folder data/Quarvel.
+//
+// Both ends also put back the system HostEnvironment, so a test may install
+// a fake one inside a sandbox. The destructor forgets the shared instance
+// again, restores the environment variables and removes the folder. One sandbox at a time per process.
+
+#include <stdlib.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/settings/HostEnvironment.h"
+
+namespace quarvel::testing {
+
+class SettingsSandbox {
+ public:
+  SettingsSandbox() {
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "quarvel-settings-XXXXXX").string();
+    if (!::mkdtemp(pattern.data())) std::abort();
+    root_ = pattern;
+    std::filesystem::create_directories(root_ + "/home/Documents");
+    std::filesystem::create_directories(root_ + "/config");
+    std::filesystem::create_directories(root_ + "/data");
+    point("HOME", root_ + "/home");
+    point("XDG_CONFIG_HOME", root_ + "/config");
+    point("XDG_DATA_HOME", root_ + "/data");
+    point("XDG_DOCUMENTS_DIR", root_ + "/home/Documents");
+    unset("APPIMAGE");
+    previousEchoHost_ = CVUserDefaults::echoServiceHost();
+    CVUserDefaults::setEchoServiceHost("127.0.0.1:1");
+    HostEnvironment::setCurrent(nullptr);
+    CVUserDefaults::discardSharedInstanceForTesting();
+  }
+
+  ~SettingsSandbox() {
+    CVUserDefaults::discardSharedInstanceForTesting();
+    HostEnvironment::setCurrent(nullptr);
+    CVUserDefaults::setEchoServiceHost(previousEchoHost_);
+    for (auto it = saved_.rbegin(); it != saved_.rend(); ++it) {
+      if (it->second)
+        ::setenv(it->first.c_str(), it->second->c_str(), 1);
+      else
+        ::unsetenv(it->first.c_str());
+    }
+    std::error_code ignored;
+    std::filesystem::remove_all(root_, ignored);
+  }
+
+  SettingsSandbox(const SettingsSandbox&) = delete;
+  SettingsSandbox& operator=(const SettingsSandbox&) = delete;
+
+  const std::string& root() const { return root_; }
+
+ private:
+  void remember(const char* name) {
+    const char* value = std::getenv(name);
+    saved_.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
+  }
+  void point(const char* name, const std::string& value) {
+    remember(name);
+    ::setenv(name, value.c_str(), 1);
+  }
+  void unset(const char* name) {
+    remember(name);
+    ::unsetenv(name);
+  }
+
+  std::string root_;
+  std::string previousEchoHost_;
+  std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
+};
+
+}  // namespace quarvel::testing
