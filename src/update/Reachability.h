@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace quarvel {
@@ -33,6 +34,10 @@ enum : std::int64_t {
   ReachabilityViaCellular = 2,
 };
 
+// The flags as the log line prints them: "WR tcCiDld", a letter for each set
+// bit and "-" for each clear one.
+std::string reachabilityFlagLetters(std::uint32_t flags);
+
 class Reachability {
  public:
   // Each answers a new monitor, or null when no target can be made (an
@@ -52,10 +57,18 @@ class Reachability {
   bool startNotifier();
   void stopNotifier();
 
+  // Reads the flags now (a host name is resolved again) and applies the
+  // local rule (reachabilityForLocalWiFi) or the general rule. 0 when the
+  // flags cannot be read. Any thread.
   std::int64_t currentReachabilityStatus();
+  // True when the flags read now say ConnectionRequired (never on Linux).
   bool connectionRequired();
+  // The rules for given flags; each writes the flag log line.
   std::int64_t localWiFiStatusForFlags(std::uint32_t flags);
   std::int64_t networkStatusForFlags(std::uint32_t flags);
+
+  // The flags read now, without logging; nullopt when they cannot be read.
+  std::optional<std::uint32_t> currentFlags();
 
  private:
   Reachability();

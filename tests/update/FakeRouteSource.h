@@ -1,0 +1,113 @@
+#pragma once
+// A route source fed by the test: flags per address, addresses per name, and
+// change announcements that wake every open watch through an eventfd, from
+// whichever thread announces.
+
+#include <arpa/inet.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <set>
+
+#include "quarvel/update/RouteSource.h"
+
+namespace quarvel::test {
+
+class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<FakeRouteSource> {
+ public:
+  void setFlags(const char* dotted, std::optional<std::uint32_t> flags) {
+    std::lock_guard lock(mutex_);
+    flags_[parse(dotted)] = flags;
+  }
+  void setName(const std::string& name, std::vector<const char*> dotted) {
+    std::lock_guard lock(mutex_);
+    auto& list = names_[name];
+    list.clear();
+    for (const char* d : dotted) list.push_back(in_addr{parse(d)});
+  }
+  // Wakes every watch, as the kernel does when a link, address or route
+  // changed (whether or not the flags of any target did).
+  void announce() {
+    std::lock_guard lock(mutex_);
+    for (int fd : watchFds_) {
+      std::uint64_t one = 1;
+      [[maybe_unused]] auto n = ::write(fd, &one, sizeof one);
+    }
+  }
+  int resolveCount() const { return resolveCount_; }
+  std::size_t openWatches() {
+    std::lock_guard lock(mutex_);
+    return watchFds_.size();
+  }
+
+  std::optional<std::uint32_t> flagsForAddress(in_addr address) override {
+    std::lock_guard lock(mutex_);
+    auto it = flags_.find(address.s_addr);
+    return it == flags_.end() ? std::optional<std::uint32_t>(0u) : it->second;
+  }
+  std::vector<in_addr> resolve(const std::string& hostName) override {
+    ++resolveCount_;
+    std::lock_guard lock(mutex_);
+    auto it = names_.find(hostName);
+    return it == names_.end() ? std::vector<in_addr>{} : it->second;
+  }
+  std::unique_ptr<Watch> watch() override {
+    int fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (fd < 0) return nullptr;
+    std::lock_guard lock(mutex_);
+    watchFds_.insert(fd);
+    return std::make_unique<FakeWatch>(shared_from_this(), fd);
+  }
+
+ private:
+  class FakeWatch : public Watch {
+   public:
+    FakeWatch(std::shared_ptr<FakeRouteSource> source, int fd) : source_(std::move(source)), fd_(fd) {}
+    ~FakeWatch() override {
+      {
+        std::lock_guard lock(source_->mutex_);
+        source_->watchFds_.erase(fd_);
+      }
+      ::close(fd_);
+    }
+    int fd() const override { return fd_; }
+    bool drain() override {
+      std::uint64_t count = 0;
+      return ::read(fd_, &count, sizeof count) == sizeof count && count > 0;
+    }
+
+   private:
+    std::shared_ptr<FakeRouteSource> source_;
+    int fd_;
+  };
+
+  static in_addr_t parse(const char* dotted) {
+    in_addr a{};
+    ::inet_pton(AF_INET, dotted, &a);
+    return a.s_addr;
+  }
+
+  std::mutex mutex_;
+  std::map<in_addr_t, std::optional<std::uint32_t>> flags_;
+  std::map<std::string, std::vector<in_addr>> names_;
+  std::set<int> watchFds_;
+  std::atomic<int> resolveCount_{0};
+};
+
+// Installs a fresh fake for monitors created while it lives.
+class ScopedFakeRouteSource {
+ public:
+  ScopedFakeRouteSource() : fake_(std::make_shared<FakeRouteSource>()) { previous_ = RouteSource::setCurrent(fake_); }
+  ~ScopedFakeRouteSource() { RouteSource::setCurrent(previous_); }
+  FakeRouteSource& operator*() { return *fake_; }
+  FakeRouteSource* operator->() { return fake_.get(); }
+
+ private:
+  std::shared_ptr<FakeRouteSource> fake_;
+  std::shared_ptr<RouteSource> previous_;
+};
+
+}  // namespace quarvel::test

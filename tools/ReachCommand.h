@@ -1,0 +1,32 @@
+#pragma once
+// The work behind `quarvel reach`: make the monitor the arguments name,
+// describe its flags and status, and optionally watch for changes.
+
+#include <iosfwd>
+#include <memory>
+#include <string>
+
+#include "quarvel/update/Reachability.h"
+
+namespace quarvel::cli {
+
+struct ReachOptions {
+  std::string target;      // a dotted IPv4 address or a host name; empty: the internet
+  bool localWiFi = false;  // the link-local network instead of a target
+  bool watch = false;
+};
+
+// The monitor for `options`; null when the target is not a usable name.
+std::unique_ptr<Reachability> makeReachMonitor(const ReachOptions& options);
+
+// "<flag letters>  <status> (<meaning>)", e.g. "-R -----ld  1 (reachable
+// via local network)", or "unreadable  0 (not reachable)" when the flags
+// cannot be read. `localWiFi` selects the local rule.
+std::string describeReach(Reachability& monitor, bool localWiFi);
+
+// Prints the description once and, with options.watch, once more after each
+// change notification until SIGINT. Answers the exit status: 0, or 2 when
+// the target is unusable.
+int runReach(const ReachOptions& options, std::ostream& out, std::ostream& err);
+
+}  // namespace quarvel::cli
