@@ -1,1 +1,296 @@
-// placeholder until this part is written
+#include "quarvel/update/UpdateRun.h"
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <ctime>
+#include <thread>
+
+#include "quarvel/common/Log.h"
+#include "quarvel/common/StringUtil.h"
+#include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/update/Reachability.h"
+
+#ifndef QUARVEL_LIST_SERVER_HOST
+#define QUARVEL_LIST_SERVER_HOST "lists.quarvel.example"
+#endif
+#ifndef QUARVEL_FILE_SERVER_HOST
+#define QUARVEL_FILE_SERVER_HOST "files.quarvel.example"
+#endif
+#ifndef QUARVEL_WINDOWS_SERVER_HOST
+#define QUARVEL_WINDOWS_SERVER_HOST "winpkg.quarvel.example"
+#endif
+
+namespace quarvel {
+namespace {
+
+using PathGetter = std::optional<std::string> (CVUserDefaults::*)() const;
+
+// One row of the file table. Null texts mean "none": no in-house name and no
+// public path send the request to the fixed file server; no log format
+// writes no line.
+struct FileRow {
+  PathGetter localPath;
+  const char* statusText;
+  const char* webFileName;
+  const char* publicPath;
+  const char* logFormat;
+};
+
+const FileRow kFileTable[] = {
+    {&CVUserDefaults::verFilePath, "버전 체크 중입니다.", nullptr, nullptr, nullptr},
+    {&CVUserDefaults::checkListFilePath, "체크리스트 DB를 업데이트 중입니다.", "macchecklist.dat",
+     "/quarvel/download/list/check/mac/", "체크리스트 : %s"},
+    {&CVUserDefaults::packageFilePath, "패키지 DB를 업데이트 중입니다.", "macpcklist.dat",
+     "/quarvel/download/list/package/mac/", "패키지 : %s"},
+    {&CVUserDefaults::filterFilePath, "필터 DB를 업데이트 중입니다.", "macfilterlist.dat",
+     "/quarvel/download/list/filter/mac/", "필터 : %s"},
+    {&CVUserDefaults::userCheckListFilePath, "유저 체크 리스트 DB를 업데이트 중입니다.",
+     "userchecklist.dat", "/quarvel/download/list/user/mac/", "유저 체크리스트 : %s"},
+    {&CVUserDefaults::fontListFilePath, "폰트리스트 DB를 업데이트 중입니다.", "fontchecklist.dat",
+     "/quarvel/download/list/font/mac/", "폰트리스트 : %s"},
+};
+constexpr std::int64_t kFileTableSize = sizeof(kFileTable) / sizeof(kFileTable[0]);
+
+constexpr const char* kWebKeyFileQuery = "/cmmn/download.nis?type=keyfile&filename=";
+constexpr const char* kFileServerQuery = "/cmmn/download.nis?type=file&filename=";
+
+// A setting as "%@" prints it: text as it stands, numbers in decimal,
+// nothing as "(null)".
+std::string describe(const std::optional<PlistValue>& value) {
+  if (!value || value->isNone()) return "(null)";
+  if (const std::string* text = value->asString()) return *text;
+  if (value->kind() == PlistValue::Kind::Real) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%g", value->doubleValue());
+    return buffer;
+  }
+  if (value->isNumber()) return std::to_string(value->integerValue());
+  return "(null)";
+}
+
+std::string localDayOfMonth() {
+  std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  char day[8];
+  std::snprintf(day, sizeof day, "%.2d", local.tm_mday);
+  return day;
+}
+
+size_t appendBody(char* data, size_t size, size_t count, void* target) {
+  static_cast<std::string*>(target)->append(data, size * count);
+  return size * count;
+}
+
+// One synchronous GET. Nothing is cached on this side; the request also asks
+// caches on the way not to answer from theirs. The HTTP status is not looked
+// at: any body that arrives is the answer.
+std::optional<DownloadError> httpGet(const std::string& url, std::chrono::milliseconds timeout,
+                                     std::string& body) {
+  static std::once_flag curlReady;
+  std::call_once(curlReady, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+
+  CURL* curl = curl_easy_init();
+  if (!curl) return DownloadError{CURLE_FAILED_INIT, "could not start a transfer"};
+  char errorText[CURL_ERROR_SIZE] = {0};
+  curl_slist* headers = curl_slist_append(nullptr, "Cache-Control: no-cache");
+  headers = curl_slist_append(headers, "Pragma: no-cache");
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
+  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, appendBody);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
+  CURLcode code = curl_easy_perform(curl);
+  curl_easy_cleanup(curl);
+  curl_slist_free_all(headers);
+  if (code == CURLE_OK) return std::nullopt;
+  body.clear();
+  return DownloadError{code, errorText[0] ? errorText : curl_easy_strerror(code)};
+}
+
+// Replaces `path` with `body` in one step: the bytes go to a temporary file
+// beside it, which is then renamed over it, so that a reader never sees a
+// half-written data file. Answers false on any failure; the old file then
+// stays as it was.
+bool writeFileReplacing(const std::string& path, const std::string& body) {
+  if (path.empty()) return false;
+  std::string folder = deletingLastPathComponent(path);
+  if (folder.empty()) folder = ".";
+  std::string temp = folder + "/." + lastPathComponent(path) + ".XXXXXX";
+  int fd = mkstemp(temp.data());
+  if (fd < 0) return false;
+  bool ok = fchmod(fd, 0644) == 0;
+  size_t written = 0;
+  while (ok && written < body.size()) {
+    ssize_t n = ::write(fd, body.data() + written, body.size() - written);
+    if (n < 0) ok = false;
+    else written += static_cast<size_t>(n);
+  }
+  ok = ok && ::fsync(fd) == 0;
+  ok = (::close(fd) == 0) && ok;
+  if (ok && std::rename(temp.c_str(), path.c_str()) == 0) return true;
+  ::unlink(temp.c_str());
+  return false;
+}
+
+}  // namespace
+
+UpdateOptions UpdateOptions::defaults() {
+  UpdateOptions options;
+  options.listServer = std::string("http://") + QUARVEL_LIST_SERVER_HOST;
+  options.fileServer = std::string("http://") + QUARVEL_FILE_SERVER_HOST + ":8080";
+  options.windowsPackageServer =
+      std::string("http://") + QUARVEL_WINDOWS_SERVER_HOST + "/file/keyfile60";
+  return options;
+}
+
+std::optional<std::string> UpdateRun::alertInformativeText(const std::string& code) {
+  if (code == "DOWNLOAD_FAIL") return "DB 업데이트 도중 오류가 발생하였습니다.";
+  if (code == "DB_LATEST_VERSION") return "이미 최신버전을 사용중입니다.\n업데이트 할 항목이 없습니다.";
+  if (code == "DOWNLOAD_DONE") return std::string(kDoneText);
+  return std::nullopt;
+}
+
+std::shared_ptr<UpdateRun> UpdateRun::create(std::shared_ptr<UpdateView> view,
+                                             UpdateOptions options) {
+  return std::shared_ptr<UpdateRun>(new UpdateRun(std::move(view), std::move(options)));
+}
+
+UpdateRun::UpdateRun(std::shared_ptr<UpdateView> view, UpdateOptions options)
+    : view_(std::move(view)), options_(std::move(options)) {}
+
+UpdateRun::~UpdateRun() = default;
+
+bool UpdateRun::isNetworkEnable() {
+  if (options_.networkCheck) return options_.networkCheck();
+  auto monitor = Reachability::reachabilityForInternetConnection();
+  return monitor && monitor->currentReachabilityStatus() != ReachabilityNone;
+}
+
+void UpdateRun::start() {
+  bRun_.store(true);
+  {
+    std::lock_guard lock(workerMutex_);
+    workerRunning_ = true;
+  }
+  std::thread([self = shared_from_this()] {
+    self->updateKeyFile();
+    self->finishWorker();
+  }).detach();
+}
+
+bool UpdateRun::cancel() {
+  if (!bRun_.load()) return false;
+  std::int64_t pending = UpdateStatusPending;
+  if (!updateStatus_.compare_exchange_strong(pending, UpdateStatusCancelled)) return false;
+  bRun_.store(false);
+  return true;
+}
+
+void UpdateRun::finishWorker() {
+  std::lock_guard lock(workerMutex_);
+  workerRunning_ = false;
+  workerEnded_.notify_all();
+}
+
+bool UpdateRun::waitUntilFinished(std::chrono::milliseconds timeout) {
+  std::unique_lock lock(workerMutex_);
+  return workerEnded_.wait_for(lock, timeout, [this] { return !workerRunning_; });
+}
+
+void UpdateRun::pause() const { std::this_thread::sleep_for(options_.pacing); }
+
+void UpdateRun::updateKeyFile() {
+  // The day is taken when the run starts, so a run that crosses midnight
+  // records the day it began.
+  const std::string day = options_.dayOfMonth ? options_.dayOfMonth() : localDayOfMonth();
+  CVUserDefaults* settings = CVUserDefaults::standardUserDefaultsWithisLiteVer(_isListVersion);
+  // Read but not consulted: every run fetches all five files.
+  (void)settings->lastUpdateDate();
+
+  auto stopCancelled = [this] { updateStatus_.store(UpdateStatusCancelled); };
+  std::optional<DownloadError> failure;
+  for (std::int64_t index = 1; index <= 5; ++index) {
+    if (!bRun_.load()) return stopCancelled();
+    for (int attempt = 1; attempt <= 5; ++attempt) {
+      std::optional<DownloadError> error = downloadKeyFile(index);
+      if (!error) break;
+      if (attempt == 5) {
+        failure = std::move(error);
+        break;
+      }
+      if (!bRun_.load()) return stopCancelled();
+    }
+    if (!bRun_.load()) return stopCancelled();
+    pause();
+    if (failure) break;
+  }
+  if (!bRun_.load()) return stopCancelled();
+
+  if (!failure) {
+    updateStatus_.store(UpdateStatusDone);
+    settings->setUpdated(PlistValue::string(day));
+    view_->setProgress(1.0);
+    view_->setStatusText(kDoneText);
+    view_->errorAlert("DOWNLOAD_DONE");
+  } else {
+    updateStatus_.store(UpdateStatusFailed);
+    view_->errorAlert("DOWNLOAD_FAIL");
+  }
+  pause();
+  view_->close();
+}
+
+std::optional<DownloadError> UpdateRun::downloadKeyFile(std::int64_t index) {
+  CVUserDefaults* settings = CVUserDefaults::standardUserDefaultsWithisLiteVer(_isListVersion);
+  const bool inTable = index >= 0 && index < kFileTableSize;
+  const FileRow* row = inTable ? &kFileTable[index] : nullptr;
+  const std::string localPath = row ? (settings->*row->localPath)().value_or("") : "";
+
+  std::string url;
+  if (row && row->webFileName) {
+    if (_isWebQuarvel) {
+      // The configured address goes in as it stands; it may carry a port.
+      std::string address = describe(CVUserDefaults::standardUserDefaults()->webQuarvelIPAddress());
+      url = "http://" + address + kWebKeyFileQuery + row->webFileName;
+    } else {
+      url = options_.listServer + row->publicPath;
+    }
+  }
+
+  view_->setStatusText(row ? row->statusText : "");
+  if (row && row->logFormat) {
+    if (!_isWebQuarvel) logf(row->logFormat, url.c_str());
+    else if (index == 1) logf("WebQuarvel : %s", url.c_str());
+  }
+  if (url.empty()) url = options_.fileServer + kFileServerQuery + lastPathComponent(localPath);
+
+  std::string body;
+  if (auto error = httpGet(url, options_.dataFileTimeout, body)) return error;
+  // A failed write goes unnoticed, as the run has always done; the old file
+  // then stays whole.
+  (void)writeFileReplacing(localPath, body);
+  view_->setProgress(static_cast<double>(index + 1) / 6.0);
+  return std::nullopt;
+}
+
+std::optional<DownloadError> UpdateRun::downloadWindowsKeyFiles() {
+  CVUserDefaults* settings = CVUserDefaults::standardUserDefaultsWithisLiteVer(_isListVersion);
+  const std::string localPath = settings->windowPackageFilePath().value_or("");
+  view_->setStatusText("윈도우즈용 패키지 파일을 다운로드중입니다.");
+  const std::string url = options_.windowsPackageServer + "/" + lastPathComponent(localPath);
+  std::string body;
+  if (auto error = httpGet(url, options_.windowsFileTimeout, body)) return error;
+  (void)writeFileReplacing(localPath, body);
+  return std::nullopt;
+}
+
+}  // namespace quarvel
