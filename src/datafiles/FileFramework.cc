@@ -62,6 +62,20 @@ FileFramework::ReadResult FileFramework::readSections(const std::string& path,
                                                       std::span<Table* const> tables,
                                                       bool traceLines) {
   ReadResult result;
+  // Only regular files are read: a folder, a pipe or a device would give the
+  // cipher a meaningless size or block it for ever.
+  struct stat info {};
+  if (::stat(path.c_str(), &info) == 0) {
+    if (!S_ISREG(info.st_mode)) {
+      result.status = ReadStatus::kOpenFailed;
+      return result;
+    }
+    // The cipher counts sizes in 32 bits; no data file comes near 4 GiB.
+    if (static_cast<std::uint64_t>(info.st_size) > UINT32_MAX) {
+      result.status = ReadStatus::kDecryptFailed;
+      return result;
+    }
+  }
   std::FILE* stream = std::fopen(path.c_str(), "rb");
   if (stream == nullptr) {
     result.status = ReadStatus::kOpenFailed;

@@ -1,0 +1,105 @@
+#pragma once
+// Helpers for the data-file tests: a temporary folder, whole-file reads and
+// writes, and an independent rendering of the file cipher so that tests can
+// build a file from its plain text and look inside a file that was saved.
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quarvel::testing {
+
+inline constexpr char kCipherKey[] = "Lumbergan3_Vxok!";
+
+// Plain bytes -> file bytes: XOR byte i with key[i % 16], then reverse.
+inline std::string encipher(std::string_view plain) {
+  std::string out(plain);
+  for (std::size_t i = 0; i < out.size(); ++i) out[i] = static_cast<char>(out[i] ^ kCipherKey[i & 15]);
+  return std::string(out.rbegin(), out.rend());
+}
+
+// File bytes -> plain bytes.
+inline std::string decipher(std::string_view file) {
+  std::string out(file.rbegin(), file.rend());
+  for (std::size_t i = 0; i < out.size(); ++i) out[i] = static_cast<char>(out[i] ^ kCipherKey[i & 15]);
+  return out;
+}
+
+inline std::string readBytes(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline void writeBytes(const std::filesystem::path& path, std::string_view bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+// Lines joined with CR LF, each line ended.
+inline std::string crlf(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += line + "\r\n";
+  return text;
+}
+
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "quarvel-df-XXXXXX").string();
+    path_ = ::mkdtemp(pattern.data());
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::filesystem::path& path() const { return path_; }
+  std::string file(std::string_view name) const { return (path_ / name).string(); }
+  // Writes the enciphered form of `plain` and answers the path.
+  std::string writeDataFile(std::string_view name, std::string_view plain) const {
+    writeBytes(path_ / name, encipher(plain));
+    return file(name);
+  }
+  std::vector<std::string> entries() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(path_))
+      names.push_back(entry.path().filename().string());
+    return names;
+  }
+
+ private:
+  std::filesystem::path path_;
+};
+
+}  // namespace quarvel::testing
+
+namespace quarvel::testing {
+
+// Values joined by tabs: one record line.
+inline std::string rec(const std::vector<std::string>& values) {
+  std::string line;
+  for (std::size_t i = 0; i < values.size(); ++i) line += (i ? "\t" : "") + values[i];
+  return line;
+}
+
+// A 17-field check list line (14 with `font`), the interpreted fields given.
+inline std::string checkLine(const std::string& id, const std::string& company,
+                             const std::string& product, const std::string& version,
+                             const std::string& original, const std::string& exe,
+                             bool font = false) {
+  std::vector<std::string> v = {id, company, product, version, original, exe,
+                                company + " Inc.", product + " Pro", "120000", "1",
+                                "G1", "Graphics", "1", "/Applications/" + product + ".app"};
+  if (!font) v.insert(v.end(), {"Y", "https://example.com", "Commercial"});
+  return rec(v);
+}
+
+}  // namespace quarvel::testing

@@ -1,0 +1,199 @@
+// The look-ups of the four data-file classes: which keys are case-blind,
+// which repeat-rule applies and when each index is built.
+
+#include <gtest/gtest.h>
+
+#include "datafiles/DataFileTestUtil.h"
+#include "quarvel/common/Log.h"
+#include "quarvel/datafiles/FileCheckList.h"
+#include "quarvel/datafiles/FileFilter.h"
+#include "quarvel/datafiles/FileFontList.h"
+#include "quarvel/datafiles/FilePackage.h"
+
+namespace quarvel {
+namespace {
+
+using testing::checkLine;
+using testing::crlf;
+using testing::TempDir;
+
+std::string checkListText(const std::vector<std::string>& records) {
+  std::vector<std::string> lines = {"#HEADER_START", "2024.05", "#HEADER_END", "#CHECKLIST_START"};
+  lines.insert(lines.end(), records.begin(), records.end());
+  lines.push_back("#CHECKLIST_END");
+  return crlf(lines);
+}
+
+TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {
+  TempDir dir;
+  FileCheckList list;
+  ASSERT_TRUE(list.openWithFileName(
+      dir.writeDataFile("c.dat",
+                        checkListText({
+                            checkLine("A-1", "Acme", "editor", "2.0", "Editor.app", "Editor"),
+                            checkLine("a-1", "Acme", "Viewer", "1.0", "Viewer", "VIEWER"),
+                            checkLine("B-2", "Acme", "Viewer", "1.0", "viewer", "viewer2"),
+                            checkLine("C-3", "\xC4\xB0stanbul Soft", "\xCE\xA3\xCE\x91\xCE\xA3", "1",
+                                      "x", "\xC3\x89" "DITEUR"),
+                            checkLine("D-4", "\xED\x95\x9C\xEA\xB8\x80\xEC\x86\x8C\xED\x94\x84\xED\x8A\xB8",
+                                      "Hangul", "9", "x", ""),
+                            checkLine("E-5", "Blank", "Exe", "1", "x", ""),
+                        })),
+      true));
+  struct Case {
+    const char* what;
+    int got;
+    int expected;
+  };
+  const Case cases[] = {
+      {"property ignores case", list.getIdByProperty("ACME\tEditor\t2.0\tEditor.app"), 0},
+      {"property, last of a repeated key", list.getIdByProperty("acme\tviewer\t1.0\tVIEWER"), 2},
+      {"property with a part missing", list.getIdByProperty("Acme\teditor\t2.0"), -1},
+      {"property, full Unicode lower-casing",
+       list.getIdByProperty("i\xCC\x87stanbul soft\t\xCF\x83\xCE\xB1\xCF\x82\t1\tX"), 3},
+      {"file name ignores case", list.getIdByFileName("eDiToR"), 0},
+      {"file name, accented capital", list.getIdByFileName("\xC3\xA9" "diteur"), 3},
+      {"file name, last of the empty names", list.getIdByFileName(""), 5},
+      {"file name unknown", list.getIdByFileName("editor.app"), -1},
+      {"identifier is exact", list.getIndex("a-1"), 1},
+      {"identifier in other case", list.getIndex("c-3"), -1},
+      {"identifier", list.getIndex("B-2"), 2},
+  };
+  for (const Case& c : cases) EXPECT_EQ(c.got, c.expected) << c.what;
+}
+
+TEST(FileCheckList, IdentifierIndexIsFrozenAtItsFirstUseWithRecords) {
+  TempDir dir;
+  FileCheckList list;
+  EXPECT_EQ(list.getIndex("A"), -1);  // nothing to index yet: tried again later
+  ASSERT_TRUE(list.openWithFileName(
+      dir.writeDataFile("c.dat", checkListText({checkLine("A", "M", "P", "1", "O", "a")})), true));
+  EXPECT_EQ(list.getIndex("A"), 0);
+  Table* table = list.getTableByTag("#CHECKLIST");
+  ASSERT_EQ(table->insertRecord(checkLine("B", "M", "Q", "1", "O", "b"), "\t"), 1);
+  EXPECT_EQ(list.getIndex("B"), -1);
+  EXPECT_EQ(list.getIdByFileName("b"), -1);  // filled while reading only
+}
+
+TEST(FileCheckList, TracesTheNameAndEveryLineItReads) {
+  TempDir dir;
+  const std::string record = checkLine("A", "M", "P", "1", "O", "a");
+  const std::string path = dir.writeDataFile("c.dat", checkListText({record}));
+  FileCheckList list;
+  LogCapture log;
+  ASSERT_TRUE(list.openWithFileName(path, true));
+  const std::vector<std::string> expected = {path + "\n",          "#HEADER_START\n",
+                                             "2024.05\n",          "#HEADER_END\n",
+                                             "#CHECKLIST_START\n", record + "\n",
+                                             "#CHECKLIST_END\n"};
+  std::vector<std::string> traced;
+  for (const std::string& line : log.lines())
+    if (std::find(expected.begin(), expected.end(), line) != expected.end()) traced.push_back(line);
+  EXPECT_EQ(traced, expected);
+}
+
+TEST(FileCheckList, DisplayListsFollowTheRecords) {
+  FileCheckList list;
+  Table* table = list.getTableByTag("#CHECKLIST");
+  table->insertRecord(checkLine("1", "A", "P", "1", "O", "a"), "\t");
+  table->insertRecord(checkLine("2", "A", "P", "1", "O", "a"), "\t");
+  list.initCompanyAndProduct();
+  list.initCompanyAndProduct();
+  EXPECT_EQ(list.m_pArrCompany(), (std::vector<std::string>{"A Inc.", "A Inc."}));
+  EXPECT_EQ(list.m_pArrProduct(), (std::vector<std::string>{"P Pro", "P Pro"}));
+}
+
+TEST(FileCheckList, SaveWithoutAnOpenFileIsRefusedAndLogged) {
+  FileCheckList list;
+  LogCapture log;
+  EXPECT_FALSE(list.save());
+  EXPECT_EQ(log.lines(), std::vector<std::string>{
+                             "-[FileCheckList save](174) // CheckList file does not open."});
+  FilePackage package;
+  FileFilter filter;
+  FileFontList fonts;
+  EXPECT_FALSE(package.save());
+  EXPECT_FALSE(filter.save());
+  EXPECT_FALSE(fonts.save());
+  EXPECT_EQ(log.lines().size(), 1u);
+}
+
+TEST(FileFilter, MatchesTheJoinedValuesRegardlessOfCase) {
+  TempDir dir;
+  FileFilter filter;
+  ASSERT_TRUE(filter.openWithFileName(
+      dir.writeDataFile("f.dat", crlf({"#HEADER_START", "1", "#HEADER_END", "#SWLIST_START",
+                                       "Acme\tEditor\t2.0\tEditor", "ACME\tEDITOR\t2.0\teditor",
+                                       "Tab\tin\tvalue\there", "#SWLIST_END"})),
+      true));
+  EXPECT_EQ(filter.getIdByFilter("acme\teditor\t2.0\teditor"), 1);
+  EXPECT_EQ(filter.getIdByFilter("Tab\tIN\tvalue\tHere"), 2);
+  EXPECT_EQ(filter.getIdByFilter("Acme\tEditor\t2.0"), -1);
+  EXPECT_EQ(filter.getIdByFilter("Acme\tEditor\t2.0\tEditor\t"), -1);
+
+  FileFilter empty;
+  ASSERT_TRUE(empty.openWithFileName(
+      dir.writeDataFile("e.dat", crlf({"#HEADER_START", "1", "#HEADER_END", "#SWLIST_START",
+                                       "#SWLIST_END"})),
+      true));
+  EXPECT_EQ(empty.getIdByFilter(""), -1);
+  EXPECT_EQ(empty.getIdByFilter("\t\t\t"), -1);
+}
+
+TEST(FileFontList, FileNamesAreCaseBlindAndIdentifiersExact) {
+  TempDir dir;
+  FileFontList fonts;
+  ASSERT_TRUE(fonts.openWithFileName(
+      dir.writeDataFile(
+          "f.dat", checkListText({checkLine("F-1", "Type", "Serif", "1", "S", "Serif.TTF", true),
+                                  checkLine("F-2", "Type", "Sans", "1", "S", "serif.ttf", true),
+                                  checkLine("F-3", "Type", "Mono", "1", "S", "", true)})),
+      true));
+  EXPECT_EQ(fonts.getIdByFileName("SERIF.ttf"), 1);
+  EXPECT_EQ(fonts.getIdByFileName(""), 2);
+  EXPECT_EQ(fonts.getIndex("F-1"), 0);
+  EXPECT_EQ(fonts.getIndex("f-1"), -1);
+}
+
+TEST(FilePackage, DisplayNameShowsOnlyThePlaceholderSubItem) {
+  FilePackage package;
+  package.getTableByTag("#PACKAGE")->insertRecord("P1\tAcme\tOffice\t1\tG\tSuite\t1\tY", "\t");
+  Table* sub = package.getTableByTag("#SUB");
+  sub->insertRecord("P1\t-\t100\tY", "\t");
+  sub->insertRecord("P1\tStandard\t200\tY", "\t");
+  sub->insertRecord("P1\t\t300\tY", "\t");
+  struct Case {
+    int package, sub;
+    std::string expected;
+  };
+  const Case cases[] = {
+      {0, 0, "Office(-)"}, {0, 1, "Office"}, {0, 2, "Office"},
+      {0, 3, "Office"},    {0, -1, "Office"}, {1, 1, Table::kOutOfBounds},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(package.getProductNameByPackageIndex(c.package, c.sub), c.expected)
+        << c.package << "," << c.sub;
+  }
+  FilePackage empty;
+  EXPECT_EQ(empty.getProductNameByPackageIndex(0, 0), Table::kOutOfBounds);
+}
+
+TEST(FilePackage, PackageIndexIsExactLastWinsAndBuiltOnce) {
+  FilePackage package;
+  EXPECT_EQ(package.getPackageIndex("P1"), -1);
+  Table* table = package.getTableByTag("#PACKAGE");
+  table->insertRecord("P1\tAcme\tOffice\t1\tG\tSuite\t1\tY", "\t");
+  table->insertRecord("P2\tAcme\tDraw\t1\tG\tSuite\t1\tY", "\t");
+  table->insertRecord("P1\tAcme\tOffice 2\t1\tG\tSuite\t1\tY", "\t");
+  EXPECT_EQ(package.getPackageIndex("P1"), 2);
+  EXPECT_EQ(package.getPackageIndex("p1"), -1);
+  table->insertRecord("P3\tAcme\tNew\t1\tG\tSuite\t1\tY", "\t");
+  EXPECT_EQ(package.getPackageIndex("P3"), -1);
+
+  package.getPackageIds()["P1"] = PlistValue::integer(1);
+  EXPECT_EQ(&package.getPackageIds(), &package.getPackageIds());
+  EXPECT_EQ(package.getPackageIds().size(), 1u);
+}
+
+}  // namespace
+}  // namespace quarvel

@@ -1,0 +1,170 @@
+// Writing: round trips of the four kinds, folding before encoding, refused
+// texts, atomic replacement and the package file's own folder creation.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "datafiles/DataFileTestUtil.h"
+#include "quarvel/common/Log.h"
+#include "quarvel/datafiles/FileCheckList.h"
+#include "quarvel/datafiles/FileFilter.h"
+#include "quarvel/datafiles/FileFontList.h"
+#include "quarvel/datafiles/FilePackage.h"
+#include "quarvel/datafiles/MacKorean.h"
+
+namespace quarvel {
+namespace {
+
+using testing::checkLine;
+using testing::TempDir;
+
+const std::string kHangul = "\xED\x95\x9C\xEA\xB8\x80";  // 한글
+
+std::vector<std::vector<std::string>> dump(FileFramework& file, std::initializer_list<const char*> tags) {
+  std::vector<std::vector<std::string>> out;
+  for (const char* tag : tags) {
+    Table* table = file.getTableByTag(tag);
+    for (std::uint64_t i = 0; i < table->getDataCount(); ++i)
+      out.push_back({tag, table->selectToStr(static_cast<int>(i))});
+  }
+  return out;
+}
+
+// Fills `file` with a header and the given lines per tag.
+void fill(FileFramework& file, const std::vector<std::pair<const char*, std::string>>& lines) {
+  for (const auto& [tag, line] : lines) ASSERT_GE(file.getTableByTag(tag)->insertRecord(line, "\t"), 0) << line;
+}
+
+template <typename File>
+void expectRoundTrip(const std::vector<std::pair<const char*, std::string>>& lines,
+                     std::initializer_list<const char*> tags) {
+  TempDir dir;
+  File original;
+  fill(original, lines);
+  const std::string path = dir.file("out.dat");
+  ASSERT_TRUE(original.saveAsFileName(path, true));
+  EXPECT_FALSE(original.m_strFileName().has_value());  // save-as does not adopt the name
+  const std::string firstBytes = testing::readBytes(path);
+
+  File reread;
+  ASSERT_TRUE(reread.openWithFileName(path, true));
+  EXPECT_EQ(dump(reread, tags), dump(original, tags));
+  ASSERT_TRUE(reread.save());
+  EXPECT_EQ(testing::readBytes(path), firstBytes);
+  EXPECT_EQ(dir.entries(), std::vector<std::string>{"out.dat"});
+
+  // The file holds exactly the enciphered contents.
+  std::uint64_t size = 0;
+  auto contents = reread.getContents(size);
+  EXPECT_EQ(testing::decipher(firstBytes), std::string(reinterpret_cast<char*>(contents.get()), size));
+}
+
+TEST(DataFileSave, AllFourKindsRoundTripWithIdenticalRecords) {
+  expectRoundTrip<FileCheckList>(
+      {{"#HEADER", "2024.06.01"},
+       {"#CHECKLIST", checkLine("1001", kHangul + "\xEC\x86\x8C\xED\x94\x84\xED\x8A\xB8", "Writer", "3",
+                                "Writer", "writer")},
+       {"#CHECKLIST", checkLine("1002", "Northwind", "Sketch", "", "", "")},
+       {"#CHECKLIST", checkLine("1001", "Northwind", "Sketch", "2", "Sketch", "sketch")}},
+      {"#HEADER", "#CHECKLIST"});
+  expectRoundTrip<FilePackage>({{"#HEADER", "7"},
+                                {"#PACKAGE", "P1\tNorthwind\tOffice " + kHangul + "\t1\tG1\tSuite\t1\tY"},
+                                {"#SUB", "P1\t-\t120000\tY"},
+                                {"#SUB", "P1\tStandard\t99000\tN"}},
+                               {"#HEADER", "#PACKAGE", "#SUB"});
+  expectRoundTrip<FileFilter>({{"#HEADER", "1"}, {"#SWLIST", "A\t\t\t"}, {"#SWLIST", kHangul + "\tB\tC\tD"}},
+                              {"#HEADER", "#SWLIST"});
+  expectRoundTrip<FileFontList>(
+      {{"#HEADER", "3"}, {"#CHECKLIST", checkLine("F1", kHangul, "Myungjo", "1", "M", "myungjo.ttf", true)}},
+      {"#HEADER", "#CHECKLIST"});
+}
+
+TEST(DataFileSave, EmptyTablesStillWriteEverySection) {
+  FilePackage package;
+  std::uint64_t size = 0;
+  auto contents = package.getContents(size);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(contents.get()), size),
+            "#HEADER_START\r\n#HEADER_END\r\n#PACKAGE_START\r\n#PACKAGE_END\r\n#SUB_START\r\n"
+            "#SUB_END\r\n");
+}
+
+TEST(DataFileSave, TextIsFoldedThenStoredAsMacKorean) {
+  FileFilter filter;
+  fill(filter, {{"#HEADER", "1"}, {"#SWLIST", "Caf\xC3\xA9\t" + kHangul + "\tx\ty"}});
+  std::uint64_t size = 0;
+  auto contents = filter.getContents(size);
+  ASSERT_TRUE(contents);
+  const std::string bytes(reinterpret_cast<char*>(contents.get()), size);
+  EXPECT_EQ(MacKorean::decode(bytes),
+            "#HEADER_START\r\n1\r\n#HEADER_END\r\n#SWLIST_START\r\nCafe\t" + kHangul +
+                "\tx\ty\r\n#SWLIST_END\r\n");
+  EXPECT_NE(bytes.find("\xC7\xD1\xB1\xDB"), std::string::npos);  // 한글 in EUC-KR
+}
+
+TEST(DataFileSave, UnencodableTextIsRefusedAndTheFileKept) {
+  TempDir dir;
+  const std::string path = dir.file("c.dat");
+  FileCheckList list;
+  fill(list, {{"#HEADER", "1"},
+              {"#CHECKLIST", checkLine("1", "A", "B", "1", "O", "ok")},
+              {"#CHECKLIST", checkLine("2", "A", "Smile \xF0\x9F\x98\x80", "1", "O", "e")}});
+  testing::writeBytes(path, "previous contents");
+  LogCapture log;
+  EXPECT_FALSE(list.saveAsFileName(path, true));
+  EXPECT_EQ(testing::readBytes(path), "previous contents");
+  EXPECT_EQ(dir.entries(), std::vector<std::string>{"c.dat"});
+  EXPECT_TRUE(log.contains("-[FileCheckList getContents:] // SAVE REFUSED: U+1F600"));
+  EXPECT_TRUE(log.contains("(section #CHECKLIST, record 1)"));
+
+  std::uint64_t size = 42;
+  EXPECT_EQ(list.getContents(size), nullptr);
+  EXPECT_EQ(size, 0u);
+
+  FileFilter header;
+  fill(header, {{"#HEADER", "v\xF0\x9F\x98\x80"}});
+  LogCapture headerLog;
+  EXPECT_FALSE(header.saveAsFileName(dir.file("f.dat"), true));
+  EXPECT_TRUE(headerLog.contains("(section #HEADER, record 0)"));
+  EXPECT_FALSE(std::filesystem::exists(dir.file("f.dat")));
+}
+
+TEST(DataFileSave, ReplacingAFileKeepsItsPermissionsAndLeavesNoTemporary) {
+  TempDir dir;
+  const std::string path = dir.file("c.dat");
+  testing::writeBytes(path, "old");
+  ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
+  FileFontList fonts;
+  fill(fonts, {{"#HEADER", "1"}});
+  ASSERT_TRUE(fonts.saveAsFileName(path, true));
+  struct stat info {};
+  ASSERT_EQ(::stat(path.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0640u);
+  EXPECT_EQ(dir.entries(), std::vector<std::string>{"c.dat"});
+
+  // A folder in the way is not replaced.
+  std::filesystem::create_directory(dir.path() / "sub");
+  EXPECT_FALSE(fonts.saveAsFileName(dir.file("sub"), true));
+  EXPECT_TRUE(std::filesystem::is_directory(dir.path() / "sub"));
+}
+
+TEST(DataFileSave, OnlyThePackageFileCreatesItsMissingFolder) {
+  TempDir dir;
+  const std::string nested = (dir.path() / "a" / "b" / "list.dat").string();
+  FileCheckList list;
+  FileFilter filter;
+  FileFontList fonts;
+  for (FileFramework* file : std::initializer_list<FileFramework*>{&list, &filter, &fonts}) {
+    EXPECT_FALSE(file->saveAsFileName(nested, true));
+  }
+  EXPECT_TRUE(dir.entries().empty());
+
+  FilePackage package;
+  ASSERT_TRUE(package.saveAsFileName(nested, true));
+  FilePackage reread;
+  EXPECT_TRUE(reread.openWithFileName(nested, true));
+}
+
+}  // namespace
+}  // namespace quarvel
