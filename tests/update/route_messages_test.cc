@@ -1,0 +1,268 @@
+// Parsing what the kernel sends, and the flags derived from a route and its
+// link, from messages built byte by byte.
+
+#include "quarvel/update/RouteMessages.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "quarvel/update/KernelRouteSource.h"
+#include "quarvel/update/Reachability.h"
+
+namespace quarvel::netlink {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Builds netlink messages the way the kernel lays them out.
+class MessageBuilder {
+ public:
+  MessageBuilder& begin(std::uint16_t type) {
+    start_ = bytes_.size();
+    nlmsghdr h{};
+    h.nlmsg_type = type;
+    append(&h, sizeof h);
+    return *this;
+  }
+  template <typename T>
+  MessageBuilder& body(const T& value) {
+    append(&value, sizeof value);
+    pad();
+    return *this;
+  }
+  MessageBuilder& attr(std::uint16_t type, const void* data, std::size_t len) {
+    rtattr a{};
+    a.rta_type = type;
+    a.rta_len = static_cast<unsigned short>(RTA_LENGTH(len));
+    append(&a, sizeof a);
+    append(data, len);
+    pad();
+    return *this;
+  }
+  MessageBuilder& u32(std::uint16_t type, std::uint32_t v) { return attr(type, &v, 4); }
+  MessageBuilder& address(std::uint16_t type, const char* dotted) {
+    in_addr a{};
+    inet_pton(AF_INET, dotted, &a);
+    return attr(type, &a, 4);
+  }
+  MessageBuilder& end() {
+    std::uint32_t len = static_cast<std::uint32_t>(bytes_.size() - start_);
+    std::memcpy(bytes_.data() + start_, &len, 4);
+    return *this;
+  }
+  std::vector<std::uint8_t>& bytes() { return bytes_; }
+
+ private:
+  void append(const void* p, std::size_t n) {
+    auto* b = static_cast<const std::uint8_t*>(p);
+    bytes_.insert(bytes_.end(), b, b + n);
+  }
+  void pad() { bytes_.resize(NLMSG_ALIGN(bytes_.size()), 0); }
+  std::vector<std::uint8_t> bytes_;
+  std::size_t start_ = 0;
+};
+
+rtmsg routeHeader(std::uint8_t type, std::uint8_t dstLen = 32, std::uint8_t family = AF_INET) {
+  rtmsg r{};
+  r.rtm_family = family;
+  r.rtm_type = type;
+  r.rtm_dst_len = dstLen;
+  r.rtm_table = RT_TABLE_MAIN;
+  return r;
+}
+
+TEST(RouteMessages, ParsesRoutesLinksErrorsAndChanges) {
+  MessageBuilder m;
+  m.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST, 0)).address(RTA_GATEWAY, "192.0.2.1").u32(RTA_OIF, 4)
+      .u32(RTA_PRIORITY, 100).u32(RTA_TABLE, 1000).end();
+  m.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST, 64, AF_INET6)).u32(RTA_OIF, 9).end();
+  ifinfomsg link{};
+  link.ifi_index = 7;
+  link.ifi_flags = IFF_UP | IFF_RUNNING | IFF_POINTOPOINT;
+  link.ifi_type = ARPHRD_PPP;
+  m.begin(RTM_NEWLINK).body(link).attr(IFLA_IFNAME, "ppp0", 5).end();
+  int enetunreach = -ENETUNREACH, ack = 0;
+  m.begin(NLMSG_ERROR).body(enetunreach).end();
+  m.begin(NLMSG_ERROR).body(ack).end();
+  m.begin(0x7777).body(std::uint32_t{1}).end();
+  m.begin(NLMSG_DONE).body(std::uint32_t{0}).end();
+
+  Batch b = parseBatch(m.bytes());
+  EXPECT_FALSE(b.malformed);
+  ASSERT_EQ(b.routes.size(), 1u) << "the IPv6 route is not ours";
+  EXPECT_EQ(b.routes[0].type, RTN_UNICAST);
+  EXPECT_EQ(b.routes[0].dstLen, 0);
+  EXPECT_EQ(b.routes[0].oif, 4u);
+  EXPECT_EQ(b.routes[0].priority, 100u);
+  EXPECT_EQ(b.routes[0].table, 1000u);
+  EXPECT_TRUE(b.routes[0].hasGateway);
+  ASSERT_EQ(b.links.size(), 1u);
+  EXPECT_EQ(b.links[0].index, 7u);
+  EXPECT_EQ(b.links[0].name, "ppp0");
+  EXPECT_EQ(b.links[0].type, ARPHRD_PPP);
+  EXPECT_EQ(b.errors, std::vector<int>{ENETUNREACH});
+  EXPECT_TRUE(b.done);
+  EXPECT_TRUE(b.changed);
+
+  struct Case {
+    std::uint16_t type;
+    bool changed;
+  } kinds[] = {{RTM_NEWADDR, true}, {RTM_DELADDR, true}, {RTM_DELROUTE, true},
+               {RTM_DELLINK, true}, {RTM_NEWNEIGH, false}, {NLMSG_NOOP, false}};
+  for (auto k : kinds) {
+    SCOPED_TRACE(k.type);
+    MessageBuilder one;
+    one.begin(k.type).body(std::uint32_t{0}).end();
+    EXPECT_EQ(parseBatch(one.bytes()).changed, k.changed);
+  }
+}
+
+TEST(RouteMessages, MultipathRouteTakesItsFirstNexthop) {
+  // rtnexthop { len, flags, hops, ifindex } followed by its own attributes.
+  std::vector<std::uint8_t> hops;
+  auto addHop = [&](int ifindex, const char* gateway) {
+    rtnexthop h{};
+    h.rtnh_ifindex = ifindex;
+    h.rtnh_len = static_cast<unsigned short>(RTNH_LENGTH(RTA_LENGTH(4)));
+    std::size_t at = hops.size();
+    hops.resize(at + h.rtnh_len, 0);
+    std::memcpy(hops.data() + at, &h, sizeof h);
+    rtattr a{};
+    a.rta_type = RTA_GATEWAY;
+    a.rta_len = RTA_LENGTH(4);
+    std::memcpy(hops.data() + at + RTNH_LENGTH(0), &a, sizeof a);
+    inet_pton(AF_INET, gateway, hops.data() + at + RTNH_LENGTH(0) + RTA_LENGTH(0));
+  };
+  addHop(5, "198.51.100.1");
+  addHop(6, "198.51.100.2");
+  MessageBuilder m;
+  m.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST, 0)).attr(RTA_MULTIPATH, hops.data(), hops.size()).end();
+  Batch b = parseBatch(m.bytes());
+  ASSERT_EQ(b.routes.size(), 1u);
+  EXPECT_EQ(b.routes[0].oif, 5u);
+  EXPECT_TRUE(b.routes[0].hasGateway);
+  EXPECT_FALSE(b.malformed);
+}
+
+TEST(RouteMessages, DamagedBytesAreReportedNotOverread) {
+  MessageBuilder m;
+  m.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST)).u32(RTA_OIF, 3).end();
+  const std::vector<std::uint8_t> good = m.bytes();
+
+  // Every truncation: parsing stays inside the span (ASan watches) and a
+  // cut message is never taken for a whole one.
+  for (std::size_t n = 0; n < good.size(); ++n) {
+    SCOPED_TRACE(n);
+    std::vector<std::uint8_t> cut(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(n));
+    Batch b = parseBatch(cut);
+    EXPECT_TRUE(b.routes.empty() || b.malformed);
+    EXPECT_EQ(b.malformed, n > 0);
+  }
+
+  auto longAttr = good;
+  longAttr[NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(rtmsg))] = 0xF0;  // rta_len past the message
+  EXPECT_TRUE(parseBatch(longAttr).malformed);
+
+  auto shortHeader = good;
+  shortHeader[0] = 8;  // nlmsg_len smaller than a header
+  EXPECT_TRUE(parseBatch(shortHeader).malformed);
+
+  MessageBuilder shortError;
+  shortError.begin(NLMSG_ERROR).end();
+  EXPECT_TRUE(parseBatch(shortError.bytes()).malformed);
+}
+
+TEST(RouteMessages, FlagsForRoute) {
+  auto route = [](std::uint8_t type, bool gateway, std::uint32_t flags = 0) {
+    RouteEntry r;
+    r.type = type;
+    r.hasGateway = gateway;
+    r.flags = flags;
+    r.oif = 2;
+    return r;
+  };
+  const LinkTraits up{.up = true};
+  constexpr std::uint32_t R = kReachabilityFlagReachable, d = kReachabilityFlagIsDirect,
+                          l = kReachabilityFlagIsLocalAddress, t = kReachabilityFlagTransientConnection,
+                          W = kReachabilityFlagIsWWAN;
+  struct Case {
+    const char* what;
+    RouteEntry route;
+    std::optional<LinkTraits> link;
+    std::uint32_t flags;
+  } cases[] = {
+      {"through a gateway", route(RTN_UNICAST, true), up, R},
+      {"on the link", route(RTN_UNICAST, false), up, R | d},
+      {"own address", route(RTN_LOCAL, false), up, R | d | l},
+      {"broadcast", route(RTN_BROADCAST, false), up, R | d},
+      {"point-to-point", route(RTN_UNICAST, false), LinkTraits{.up = true, .pointToPoint = true}, R | d | t},
+      {"mobile broadband", route(RTN_UNICAST, true), LinkTraits{.up = true, .wwan = true}, R | W},
+      {"link down", route(RTN_UNICAST, true), LinkTraits{.up = false, .wwan = true}, 0},
+      {"link unknown", route(RTN_UNICAST, true), std::nullopt, 0},
+      {"route marked linkdown", route(RTN_UNICAST, true, RTNH_F_LINKDOWN), up, 0},
+      {"route marked dead", route(RTN_UNICAST, true, RTNH_F_DEAD), up, 0},
+      {"unreachable", route(RTN_UNREACHABLE, false), up, 0},
+      {"blackhole", route(RTN_BLACKHOLE, false), up, 0},
+      {"prohibit", route(RTN_PROHIBIT, false), up, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(flagsForRoute(c.route, c.link), c.flags);
+  }
+}
+
+TEST(RouteMessages, DefaultRoutesAreUnicastPrefixZeroBestMetricFirst) {
+  auto r = [](std::uint8_t type, std::uint8_t dstLen, std::uint32_t table, std::uint32_t metric) {
+    RouteEntry e;
+    e.type = type;
+    e.dstLen = dstLen;
+    e.table = table;
+    e.priority = metric;
+    return e;
+  };
+  auto out = defaultRoutes({r(RTN_UNICAST, 0, RT_TABLE_MAIN, 600), r(RTN_UNICAST, 24, RT_TABLE_MAIN, 0),
+                            r(RTN_UNREACHABLE, 0, RT_TABLE_MAIN, 0), r(RTN_UNICAST, 0, RT_TABLE_MAIN, 100),
+                            r(RTN_LOCAL, 0, RT_TABLE_LOCAL, 0)});
+  ASSERT_EQ(out.size(), 2u);
+  EXPECT_EQ(out[0].priority, 100u);
+  EXPECT_EQ(out[1].priority, 600u);
+}
+
+TEST(KernelRouteSource, CellularLinkFromSysfs) {
+  fs::path root = fs::path(testing::TempDir()) / ("sysfs-" + std::to_string(getpid()));
+  fs::remove_all(root);
+  auto device = [&](const std::string& name, const std::string& uevent) {
+    fs::create_directories(root / "class/net" / name);
+    std::ofstream(root / "class/net" / name / "uevent") << uevent;
+  };
+  device("eth0", "INTERFACE=eth0\nIFINDEX=2\n");
+  device("wlan0", "DEVTYPE=wlan\nINTERFACE=wlan0\n");
+  device("ppp0", "INTERFACE=ppp0\n");
+  const auto sys = root.string();
+  EXPECT_FALSE(KernelRouteSource::isCellularLink(sys, "eth0", ARPHRD_ETHER));
+  EXPECT_FALSE(KernelRouteSource::isCellularLink(sys, "wlan0", ARPHRD_ETHER));
+  EXPECT_FALSE(KernelRouteSource::isCellularLink(sys, "ppp0", ARPHRD_PPP)) << "no modem on this machine";
+  EXPECT_FALSE(KernelRouteSource::isCellularLink(sys, "missing", ARPHRD_ETHER));
+  EXPECT_FALSE(KernelRouteSource::isCellularLink(sys, "../net/eth0", ARPHRD_ETHER));
+
+  device("wwan0", "DEVTYPE=wwan\nINTERFACE=wwan0\n");
+  EXPECT_TRUE(KernelRouteSource::isCellularLink(sys, "wwan0", ARPHRD_NONE));
+  EXPECT_TRUE(KernelRouteSource::isCellularLink(sys, "ppp0", ARPHRD_PPP)) << "a modem is present";
+  EXPECT_FALSE(KernelRouteSource::isCellularLink(sys, "eth0", ARPHRD_ETHER));
+
+  fs::remove_all(root / "class/net/wwan0");
+  fs::create_directories(root / "class/wwan/wwan0");
+  EXPECT_TRUE(KernelRouteSource::isCellularLink(sys, "ppp0", ARPHRD_PPP)) << "a WWAN-class modem";
+  fs::remove_all(root);
+}
+
+}  // namespace
+}  // namespace quarvel::netlink
