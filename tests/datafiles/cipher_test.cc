@@ -1,0 +1,189 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+
+#include "datafiles/DataFileTestUtil.h"
+#include "quarvel/common/CommonLib.h"
+#include "quarvel/common/Log.h"
+#include "quarvel/datafiles/LineReader.h"
+
+namespace quarvel {
+namespace {
+
+using testing::encipher;
+using testing::TempDir;
+using Lines = std::vector<std::string>;
+
+std::string encrypted(std::string bytes) {
+  EXPECT_TRUE(CommonLib::Encrypt(reinterpret_cast<unsigned char*>(bytes.data()),
+                                 static_cast<std::uint32_t>(bytes.size())));
+  return bytes;
+}
+
+TEST(Cipher, KeyIndexFollowsThePlainPosition) {
+  EXPECT_EQ(encrypted("a"), std::string(1, 'a' ^ 'L'));
+  EXPECT_EQ(encrypted(std::string("xy")), std::string({'y' ^ 'u', 'x' ^ 'L'}));
+  // Seventeen bytes: the middle one stays at 8 and meets key[8].
+  std::string plain(17, '\0');
+  EXPECT_EQ(encrypted(plain)[8], 'n');
+  EXPECT_EQ(encrypted(""), "");
+}
+
+// The block code paths against a plain rendering, at every length around
+// the block sizes and at a few large odd ones.
+TEST(Cipher, EncryptAndDecipherMatchThePlainRendering) {
+  std::mt19937 rng(11);
+  std::vector<std::size_t> sizes;
+  for (std::size_t n = 0; n <= 100; ++n) sizes.push_back(n);
+  for (std::size_t n : {255u, 256u, 257u, 4095u, 65537u}) sizes.push_back(n);
+  for (std::size_t n : sizes) {
+    SCOPED_TRACE(n);
+    std::string plain(n, '\0');
+    for (char& c : plain) c = static_cast<char>(rng());
+    const std::string file = encrypted(plain);
+    ASSERT_EQ(file, encipher(plain));
+    std::string back = file;
+    datafile::decipher(reinterpret_cast<unsigned char*>(back.data()), static_cast<std::uint32_t>(n));
+    ASSERT_EQ(back, plain);
+  }
+}
+
+Lines readLines(std::string_view plain) {
+  Lines lines;
+  datafile::splitLines(reinterpret_cast<const unsigned char*>(plain.data()), plain.size(), lines);
+  return lines;
+}
+
+TEST(LineReader, SplitsAtLineEndsAndDropsTheUnfinishedTail) {
+  struct Case {
+    std::string plain;
+    Lines lines;
+  } cases[] = {
+      {"a\r\nb\r\n", {"a", "b"}},
+      {"a\nb", {"a"}},
+      {"a\r\n\r\nb\r\n", {"a", "", "b"}},
+      {"ab\rcd\r\n", {"abd"}},              // a lone CR swallows the next byte
+      {std::string("a\r\nb\0c\r\n", 8), {"a"}},  // a zero byte ends the text
+      {std::string("a\r\0b\r\n", 6), {"ab"}},  // ...unless a CR swallowed it
+      {"a\r\nb\r", {"a"}},                  // CR as the last byte
+      {"\r", {}},
+      {"\xB0\xA1\xB3\xAA\r\n", {"\xEA\xB0\x80\xEB\x82\x98"}},  // Mac Korean to UTF-8
+      {"\x85\r\nok\r\n\xB0\r\n", {"ok"}},   // undecodable lines vanish silently
+  };
+  LogCapture log;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.plain));
+    EXPECT_EQ(readLines(c.plain), c.lines);
+  }
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(LineReader, LinesBeyondTheBufferAreDroppedAndLogged) {
+  const std::string longest(datafile::kReaderLineLimit, 'x');
+  LogCapture log;
+  EXPECT_EQ(readLines(longest + "\r\n" + longest + "y\r\nz\r\n"), (Lines{longest, "z"}));
+  EXPECT_EQ(log.lines(), Lines{"ERROR : line 2 is longer than 2047 bytes and was dropped"});
+}
+
+TEST(Decrypt, ReadsAnEncipheredFileByPathAndLogsTheSize) {
+  TempDir dir;
+  const std::string path = dir.writeDataFile("a.dat", "#HEADER_START\r\n\xB0\xA1\r\n");
+  LogCapture log;
+  Lines lines = {"kept"};
+  ASSERT_TRUE(CommonLib::Decrypt(lines, path));
+  EXPECT_EQ(lines, (Lines{"kept", "#HEADER_START", "\xEA\xB0\x80"}));
+  ASSERT_GE(log.lines().size(), 2u);
+  EXPECT_EQ(log.lines()[0], "19 ?= 19");
+  EXPECT_EQ(log.lines()[1], "(null)");  // the text is not UTF-8
+}
+
+TEST(Decrypt, TracesTheWholeTextWhenItIsUtf8) {
+  TempDir dir;
+  const std::string path = dir.writeDataFile("a.dat", "one\r\ntwo\r\n");
+  LogCapture log;
+  Lines lines;
+  ASSERT_TRUE(CommonLib::Decrypt(lines, path));
+  EXPECT_EQ(log.lines(), (Lines{"10 ?= 10", "one\r\ntwo\r\n"}));
+}
+
+TEST(Decrypt, EmptyOrMissingFilesAnswerFalseSilently) {
+  TempDir dir;
+  testing::writeBytes(dir.path() / "empty.dat", "");
+  LogCapture log;
+  Lines lines = {"untouched"};
+  EXPECT_FALSE(CommonLib::Decrypt(lines, dir.file("empty.dat")));
+  EXPECT_FALSE(CommonLib::Decrypt(lines, dir.file("missing.dat")));
+  EXPECT_EQ(lines, Lines{"untouched"});
+  EXPECT_TRUE(log.lines().empty());
+}
+
+// A stream whose reported size and contents are the test's to choose.
+struct FakeStream {
+  std::string data;
+  long long reportedSize;
+  long long pos = 0;
+  bool readCalled = false;
+};
+
+std::FILE* openFake(FakeStream& s, bool seekable = true) {
+  cookie_io_functions_t io{};
+  io.read = [](void* c, char* buf, size_t size) -> ssize_t {
+    auto* s = static_cast<FakeStream*>(c);
+    s->readCalled = true;
+    const auto left = static_cast<long long>(s->data.size()) - s->pos;
+    const auto n = std::min<long long>(left < 0 ? 0 : left, static_cast<long long>(size));
+    std::memcpy(buf, s->data.data() + s->pos, static_cast<size_t>(n));
+    s->pos += n;
+    return n;
+  };
+  if (seekable)
+    io.seek = [](void* c, off64_t* offset, int whence) -> int {
+      auto* s = static_cast<FakeStream*>(c);
+      s->pos = (whence == SEEK_END ? s->reportedSize : whence == SEEK_CUR ? s->pos : 0) + *offset;
+      *offset = s->pos;
+      return 0;
+    };
+  return fopencookie(&s, "rb", io);
+}
+
+TEST(Decrypt, AShortReadSplitsTheRawBytes) {
+  FakeStream s{"hi\r\nthere", 12};
+  std::FILE* f = openFake(s);
+  LogCapture log;
+  Lines lines;
+  EXPECT_TRUE(CommonLib::Decrypt(lines, f));
+  std::fclose(f);
+  EXPECT_EQ(lines, Lines{"hi"});
+  ASSERT_GE(log.lines().size(), 2u);
+  EXPECT_EQ(log.lines()[0], "9 ?= 12");
+  EXPECT_EQ(log.lines()[1], "ERROR : hi\r\nthere");
+}
+
+TEST(Decrypt, RefusesFilesBeyondThe32BitSizeWithoutReading) {
+  for (long long size : {0x100000000LL, 0x100000005LL}) {
+    SCOPED_TRACE(size);
+    FakeStream s{"abc", size};
+    std::FILE* f = openFake(s);
+    LogCapture log;
+    Lines lines;
+    EXPECT_FALSE(CommonLib::Decrypt(lines, f));
+    std::fclose(f);
+    EXPECT_FALSE(s.readCalled);
+    EXPECT_TRUE(lines.empty());
+    EXPECT_TRUE(log.contains("too large")) << ::testing::PrintToString(log.lines());
+  }
+}
+
+TEST(Decrypt, AStreamThatCannotSeekIsRefused) {
+  FakeStream s{"abc", 3};
+  std::FILE* f = openFake(s, false);
+  LogCapture log;
+  Lines lines;
+  EXPECT_FALSE(CommonLib::Decrypt(lines, f));
+  std::fclose(f);
+  EXPECT_TRUE(log.contains("ERROR! code="));
+}
+
+}  // namespace
+}  // namespace quarvel
