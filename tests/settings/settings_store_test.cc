@@ -1,7 +1,17 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
 
+#include "quarvel/common/Log.h"
 #include "quarvel/settings/CVUserDefaults.h"
 #include "support/SettingsSandbox.h"
 
@@ -10,14 +20,281 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(CVUserDefaultsTest, StartUpInsideTheSandbox) {
+std::string domainFile(const testing::SettingsSandbox& sandbox) {
+  return sandbox.root() + "/config/com.Corvane.Defaults.plist";
+}
+
+std::string readBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+TEST(CVUserDefaultsTest, FirstCallFixesTheEditionFlag) {
+  {
+    testing::SettingsSandbox sandbox;
+    CVUserDefaults* first = CVUserDefaults::standardUserDefaultsWithisLiteVer(true);
+    EXPECT_EQ(CVUserDefaults::standardUserDefaultsWithisLiteVer(false), first);
+    EXPECT_EQ(CVUserDefaults::standardUserDefaults(), first);
+    EXPECT_TRUE(first->isLite());
+    EXPECT_EQ(first->defaultPath(), sandbox.root() + "/home/Documents/Quarvel");
+    // The library folder keeps its visible name in either edition.
+    EXPECT_EQ(first->libraryPath(), sandbox.root() + "/data/Quarvel");
+  }
+  {
+    testing::SettingsSandbox sandbox;
+    CVUserDefaults* first = CVUserDefaults::standardUserDefaults();
+    EXPECT_EQ(CVUserDefaults::standardUserDefaultsWithisLiteVer(true), first);
+    EXPECT_FALSE(first->isLite());
+    EXPECT_EQ(first->defaultPath(), sandbox.root() + "/home/Documents/.Quarvel");
+  }
+}
+
+TEST(CVUserDefaultsTest, TypedGettersReadOnlyNumbers) {
   testing::SettingsSandbox sandbox;
-  CVUserDefaults* defaults = CVUserDefaults::standardUserDefaults();
-  EXPECT_EQ(defaults, userdefaultsInstance);
-  EXPECT_EQ(defaults->defaultPath(), sandbox.root() + "/home/Documents/.Quarvel");
-  EXPECT_EQ(defaults->libraryPath(), sandbox.root() + "/data/Quarvel");
-  EXPECT_TRUE(fs::is_directory(sandbox.root() + "/home/Documents/.Quarvel/CheckOut/Logs"));
-  EXPECT_TRUE(fs::is_directory(sandbox.root() + "/data/Quarvel"));
+  CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
+
+  d->setBool(true, "b");
+  EXPECT_TRUE(d->boolForKey("b"));
+  EXPECT_EQ(d->objectForKey("b")->kind(), PlistValue::Kind::Boolean);
+  EXPECT_FALSE(d->stringForKey("b").has_value());
+  EXPECT_EQ(d->integerForKey("b"), 1);
+
+  d->setObject(PlistValue::string("YES"), "closeAfterInspect");
+  EXPECT_FALSE(d->boolForKey("closeAfterInspect"));
+  EXPECT_TRUE(d->closeAgterInspect()) << "named getters take any value's boolean reading";
+  d->setObject(PlistValue::string("42"), "digits");
+  EXPECT_EQ(d->integerForKey("digits"), 0);
+  EXPECT_EQ(d->doubleForKey("digits"), 0.0);
+
+  d->setDouble(-2.9, "r");
+  EXPECT_EQ(d->integerForKey("r"), -2);
+  EXPECT_TRUE(d->boolForKey("r"));
+  d->setDouble(0.4, "r");
+  EXPECT_FALSE(d->boolForKey("r"));
+  d->setDouble(1e300, "r");
+  EXPECT_EQ(d->integerForKey("r"), INT64_MAX);
+  EXPECT_TRUE(std::isinf(d->floatForKey("r")));
+  d->setFloat(0.1f, "f");
+  EXPECT_EQ(d->floatForKey("f"), 0.1f);
+
+  EXPECT_EQ(d->integerForKey("absent"), 0);
+  EXPECT_FALSE(d->boolForKey("absent"));
+  EXPECT_FALSE(d->objectForKey("absent").has_value());
+  EXPECT_FALSE(d->precisionInspect());
+  EXPECT_FALSE(d->reguForm().has_value());
+
+  d->setURL({"https://example.test/x"}, "u");
+  EXPECT_EQ(d->URLForKey("u")->text, "https://example.test/x");
+  EXPECT_FALSE(d->stringForKey("u").has_value());
+  d->setObject(PlistValue(), "u");
+  EXPECT_FALSE(d->objectForKey("u").has_value()) << "storing nothing removes the key";
+}
+
+TEST(CVUserDefaultsTest, StringArrays) {
+  testing::SettingsSandbox sandbox;
+  CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
+  d->setObject(PlistValue::array({PlistValue::string("a"), PlistValue::string("b")}), "strings");
+  d->setObject(PlistValue::array({PlistValue::string("a"), PlistValue::integer(1)}), "mixed");
+  d->setObject(PlistValue::array({}), "empty");
+  d->setObject(PlistValue::string("a"), "scalar");
+
+  EXPECT_EQ(d->stringArrayForKey("strings"), (std::vector<std::string>{"a", "b"}));
+  EXPECT_FALSE(d->stringArrayForKey("mixed").has_value());
+  ASSERT_TRUE(d->stringArrayForKey("empty").has_value());
+  EXPECT_TRUE(d->stringArrayForKey("empty")->empty());
+  EXPECT_FALSE(d->stringArrayForKey("scalar").has_value());
+  EXPECT_FALSE(d->stringArrayForKey("absent").has_value());
+}
+
+// The keys are what other programs and earlier versions read: a typo here
+// would silently lose a user's setting.
+TEST(CVUserDefaultsTest, NamedSettingsUseTheirKeys) {
+  testing::SettingsSandbox sandbox;
+  CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
+  using Setter = std::function<void(PlistValue)>;
+  using Getter = std::function<std::optional<PlistValue>()>;
+  struct Case {
+    const char* key;
+    Setter set;
+    Getter get;
+  } cases[] = {
+      {"reguForm", [&](PlistValue v) { d->setReguForm(v); }, [&] { return d->reguForm(); }},
+      {"area", [&](PlistValue v) { d->setArea(v); }, [&] { return d->area(); }},
+      {"leadAgency", [&](PlistValue v) { d->setLeadAgency(v); }, [&] { return d->leadAgency(); }},
+      {"regulator", [&](PlistValue v) { d->setRegulator(v); }, [&] { return d->regulator(); }},
+      {"selectedArr", [&](PlistValue v) { d->setSelectedPathArrInPrecisionInspect(v); },
+       [&] { return d->selectedPathArrInPrecisionInspect(); }},
+      {"filterArr", [&](PlistValue v) { d->setfilterPathArrInPrecisionInspect(v); },
+       [&] { return d->filterPathArrInPrecisionInspect(); }},
+      {"lastUpdateDate", [&](PlistValue v) { d->setUpdated(v); }, [&] { return d->lastUpdateDate(); }},
+      {"WebQuarvelIPAddress", [&](PlistValue v) { d->setWebQuarvelIPAddress(v); },
+       [&] { return d->webQuarvelIPAddress(); }},
+      {"WebQuarvelUserName", [&](PlistValue v) { d->setWebQuarvelUserName(v); },
+       [&] { return d->webQuarvelUserName(); }},
+      {"WebQuarvelDepartmentName", [&](PlistValue v) { d->setWebQuarvelDepartmentName(v); },
+       [&] { return d->webQuarvelDepartmentName(); }},
+      {"WebQuarvelIPAddressTemp", [&](PlistValue v) { d->setWebQuarvelIPAddressTemp(v); },
+       [&] { return d->webQuarvelIPAddressTemp(); }},
+      {"WebQuarvelUserNameTemp", [&](PlistValue v) { d->setWebQuarvelUserNameTemp(v); },
+       [&] { return d->webQuarvelUserNameTemp(); }},
+      {"WebQuarvelDepartmentNameTemp", [&](PlistValue v) { d->setWebQuarvelDepartmentNameTemp(v); },
+       [&] { return d->webQuarvelDepartmentNameTemp(); }},
+      {"forceQuarvelTime", [&](PlistValue v) { d->setWebQuarvelForceQuarvelTime(v); },
+       [&] { return d->webQuarvelForceQuarvelTime(); }},
+      {"dateQuarvelTime", [&](PlistValue v) { d->setWebQuarvelDateQuarvelTime(v); },
+       [&] { return d->webQuarvelDateQuarvelTime(); }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.key);
+    const PlistValue value = PlistValue::string(std::string("value of ") + c.key);
+    c.set(value);
+    EXPECT_TRUE(c.get() == value);
+    ASSERT_TRUE(d->persistentDomainForName(CVUserDefaults::kDomainName)->count(c.key));
+  }
+
+  struct BoolCase {
+    const char* key;
+    void (CVUserDefaults::*set)(bool);
+    bool (CVUserDefaults::*get)() const;
+  } bools[] = {
+      {"precisionInspect", &CVUserDefaults::setPrecisionInspect, &CVUserDefaults::precisionInspect},
+      {"closeAfterInspect", &CVUserDefaults::setCloseAfterInspect, &CVUserDefaults::closeAgterInspect},
+      {"redundantProcessing", &CVUserDefaults::setRedundantProcessing,
+       &CVUserDefaults::redundantProcessing},
+      {"searchFont", &CVUserDefaults::setSearchFont, &CVUserDefaults::searchFont},
+      {"useHashCode", &CVUserDefaults::setUseHashCode, &CVUserDefaults::useHashCode},
+      {"startAtLaunch", &CVUserDefaults::setStartAtLaunch, &CVUserDefaults::startAtLaunch},
+      {"searchOnlyFont", &CVUserDefaults::setSearchOnlyFont, &CVUserDefaults::searchOnlyFont},
+  };
+  for (const BoolCase& c : bools) {
+    SCOPED_TRACE(c.key);
+    (d->*c.set)(true);
+    EXPECT_TRUE((d->*c.get)());
+    EXPECT_TRUE(d->boolForKey(c.key));
+    (d->*c.set)(false);
+    EXPECT_FALSE(d->boolForKey(c.key));
+    EXPECT_EQ(d->objectForKey(c.key)->kind(), PlistValue::Kind::Boolean);
+  }
+}
+
+TEST(CVUserDefaultsTest, DomainAppearsWithTheFirstWrite) {
+  testing::SettingsSandbox sandbox;
+  CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
+  EXPECT_FALSE(fs::exists(domainFile(sandbox)));
+  EXPECT_FALSE(d->persistentDomainForName(CVUserDefaults::kDomainName).has_value());
+  EXPECT_TRUE(defaultsDic.count("DefaultPath"));
+
+  d->setSearchFont(true);
+  auto domain = d->persistentDomainForName(CVUserDefaults::kDomainName);
+  ASSERT_TRUE(domain.has_value());
+  EXPECT_TRUE(domain->at("DefaultPath") == PlistValue::string(*d->defaultPath()));
+  EXPECT_TRUE(domain->at("searchFont") == PlistValue::boolean(true));
+  EXPECT_EQ(domain->size(), 2u);
+
+  // Only the domain file is left behind: no temporary files.
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(sandbox.root() + "/config"))
+    names.push_back(entry.path().filename().string());
+  EXPECT_EQ(names, std::vector<std::string>{"com.Corvane.Defaults.plist"});
+}
+
+TEST(CVUserDefaultsTest, ResetKeepsTheValuesAndSkipsStartUp) {
+  testing::SettingsSandbox sandbox;
+  CVUserDefaults* old = CVUserDefaults::standardUserDefaultsWithisLiteVer(true);
+  old->setArea(PlistValue::string("서울"));
+  fs::remove_all(sandbox.root() + "/home/Documents/Quarvel");
+
+  CVUserDefaults::resetStandardUserDefaults();
+  CVUserDefaults* bare = CVUserDefaults::standardUserDefaultsWithisLiteVer(true);
+  EXPECT_NE(bare, old);
+  EXPECT_EQ(userdefaultsInstance, bare);
+  EXPECT_FALSE(bare->isLite());
+  EXPECT_TRUE(bare->area() == PlistValue::string("서울"));
+  EXPECT_EQ(bare->defaultPath(), sandbox.root() + "/home/Documents/Quarvel");
+  EXPECT_FALSE(fs::exists(sandbox.root() + "/home/Documents/Quarvel")) << "no folder work";
+
+  // A write through the old instance still lands in the one store.
+  old->setRegulator(PlistValue::integer(3));
+  EXPECT_EQ(bare->integerForKey("regulator"), 3);
+}
+
+TEST(CVUserDefaultsTest, UnreadableDomainIsKeptAsideAndTheStoreStartsEmpty) {
+  testing::SettingsSandbox sandbox;
+  const std::string damaged = "<?xml version=\"1.0\"?><plist><dict><key>area</key><str";
+  { std::ofstream(domainFile(sandbox), std::ios::binary) << damaged; }
+
+  LogCapture log;
+  CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
+  EXPECT_FALSE(d->area().has_value());
+  EXPECT_EQ(defaultsDic.size(), 1u) << "only DefaultPath";
+  EXPECT_TRUE(log.contains("could not be read; kept it as " + domainFile(sandbox) + ".corrupt-"));
+
+  std::vector<fs::path> aside;
+  for (const auto& entry : fs::directory_iterator(sandbox.root() + "/config"))
+    if (entry.path().filename().string().find(".corrupt-") != std::string::npos)
+      aside.push_back(entry.path());
+  ASSERT_EQ(aside.size(), 1u);
+  EXPECT_EQ(readBytes(aside[0].string()), damaged);
+
+  // Writing starts a fresh domain and leaves the damaged copy alone.
+  d->setArea(PlistValue::string("부산"));
+  EXPECT_TRUE(d->persistentDomainForName(CVUserDefaults::kDomainName)->at("area") ==
+              PlistValue::string("부산"));
+  EXPECT_EQ(readBytes(aside[0].string()), damaged);
+}
+
+// A write that runs out of room (a file-size limit stands in for a full
+// disk) must leave the previous domain whole and no temporary file behind.
+TEST(CVUserDefaultsTest, AFailedWriteLeavesTheOldDomain) {
+  testing::SettingsSandbox sandbox;
+  CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
+  d->setArea(PlistValue::string("before"));
+  const std::string before = readBytes(domainFile(sandbox));
+
+  LogCapture log;
+  rlimit saved{};
+  ::getrlimit(RLIMIT_FSIZE, &saved);
+  auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit small = saved;
+  small.rlim_cur = before.size() + 64;
+  ::setrlimit(RLIMIT_FSIZE, &small);
+  d->setArea(PlistValue::string(std::string(4096, 'x')));
+  ::setrlimit(RLIMIT_FSIZE, &saved);
+  std::signal(SIGXFSZ, previousHandler);
+
+  EXPECT_TRUE(log.contains("not written"));
+  EXPECT_EQ(readBytes(domainFile(sandbox)), before);
+  EXPECT_EQ(std::distance(fs::directory_iterator(sandbox.root() + "/config"), fs::directory_iterator()), 1);
+  EXPECT_EQ(d->area()->asString()->size(), 4096u) << "memory keeps the new value";
+}
+
+int runChild(const char* mode) {
+  std::string command = std::string("'") + QUARVEL_SETTINGS_CHILD + "' " + mode;
+  return std::system(command.c_str());
+}
+
+TEST(CVUserDefaultsTest, SettingsOutliveTheProcess) {
+  testing::SettingsSandbox sandbox;
+  ASSERT_EQ(runChild("write"), 0);
+
+  CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
+  EXPECT_TRUE(d->precisionInspect());
+  EXPECT_EQ(d->integerForKey("count"), -12);
+  EXPECT_EQ(d->doubleForKey("ratio"), 0.1);
+  EXPECT_EQ(d->stringForKey("title"), "감사 도구");
+  EXPECT_TRUE(d->lastUpdateDate() == PlistValue::string("07"));
+  EXPECT_EQ(d->stringArrayForKey("selectedArr"),
+            (std::vector<std::string>{"/Applications", "/opt/앱"}));
+  EXPECT_EQ(d->dataForKey("blob"), (PlistData{0, 255}));
+
+  d->setCloseAfterInspect(true);
+  d->removeObjectForKey("count");
+  d->setObject(PlistValue::string("바뀐 제목"), "title");
+  d->setWebQuarvelIPAddress(PlistValue::string("10.0.0.5"));
+  d->setFloat(1.5f, "scale");
+  EXPECT_EQ(runChild("check"), 0);
 }
 
 }  // namespace

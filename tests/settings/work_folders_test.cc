@@ -1,0 +1,147 @@
+#include "quarvel/settings/WorkFolders.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "quarvel/settings/CVUserDefaults.h"
+#include "support/SettingsSandbox.h"
+
+namespace quarvel {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Answers fixed facts: the host program lies at bundle, its volume has
+// `facts`, and the user's folders are those of the sandbox.
+class FakeHostEnvironment : public HostEnvironment {
+ public:
+  FakeHostEnvironment(const std::string& root, std::optional<VolumeFacts> facts)
+      : root_(root), facts_(std::move(facts)) {}
+  std::optional<std::string> bundlePath() const override { return root_ + "/volume/QuarvelApp"; }
+  std::optional<VolumeFacts> volumeFacts(const std::string& path) const override {
+    EXPECT_EQ(path, *bundlePath());
+    return facts_;
+  }
+  std::optional<std::string> homeDirectory() const override { return root_ + "/home"; }
+  std::optional<std::string> documentsDirectory() const override { return root_ + "/home/Documents"; }
+  std::optional<std::string> userLibraryDirectory() const override { return root_ + "/data"; }
+
+ private:
+  std::string root_;
+  std::optional<VolumeFacts> facts_;
+};
+
+VolumeFacts facts(bool removable, bool writable, bool unmountable, std::optional<std::string> type) {
+  return VolumeFacts{removable, writable, unmountable, std::move(type)};
+}
+
+TEST(WorkFoldersTest, PortableRule) {
+  struct Case {
+    const char* why;
+    std::optional<VolumeFacts> facts;
+    bool portable;
+  } cases[] = {
+      {"network share, not removable", facts(false, true, true, "smbfs"), true},
+      {"AFP share", facts(false, true, true, "afpfs"), true},
+      {"removable local disk", facts(true, true, true, "vfat"), true},
+      {"removable but read-only", facts(true, false, true, "vfat"), false},
+      {"removable but the root file system", facts(true, true, false, "ext4"), false},
+      {"share spelt in capitals", facts(false, true, true, "SMBFS"), false},
+      {"share not writable", facts(false, false, true, "smbfs"), false},
+      {"fixed local disk", facts(false, true, true, "ext4"), false},
+      {"no type", facts(false, true, true, std::nullopt), false},
+      {"query failed", std::nullopt, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    EXPECT_EQ(isPortableVolume(c.facts), c.portable);
+  }
+}
+
+// The whole start-up against each kind of volume: where the work folder,
+// the library folder and a data file end up.
+TEST(WorkFoldersTest, StartUpPlacesFoldersByVolume) {
+  struct Case {
+    const char* why;
+    std::optional<VolumeFacts> facts;
+    bool isLite;
+    const char* base;     // relative to the sandbox root
+    const char* library;  // relative to the sandbox root
+  } cases[] = {
+      {"share, hidden name", facts(false, true, true, "smbfs"), false, "/volume/.Quarvel",
+       "/volume/.Quarvel"},
+      {"removable disk, visible name", facts(true, true, true, "exfat"), true, "/volume/Quarvel",
+       "/volume/Quarvel"},
+      {"removable read-only disk", facts(true, false, true, "vfat"), false,
+       "/home/Documents/.Quarvel", "/data/Quarvel"},
+      {"start-up disk, hidden name", facts(false, true, false, "ext4"), false,
+       "/home/Documents/.Quarvel", "/data/Quarvel"},
+      {"start-up disk, visible name", facts(false, true, false, "ext4"), true,
+       "/home/Documents/Quarvel", "/data/Quarvel"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    testing::SettingsSandbox sandbox;
+    const std::string& root = sandbox.root();
+    HostEnvironment::setCurrent(std::make_shared<FakeHostEnvironment>(root, c.facts));
+    CVUserDefaults* defaults = CVUserDefaults::standardUserDefaultsWithisLiteVer(c.isLite);
+
+    EXPECT_EQ(defaults->defaultPath(), root + c.base);
+    EXPECT_EQ(defaults->libraryPath(), root + c.library);
+    EXPECT_EQ(defaults->checkListFilePath(), root + c.library + "/macchecklist.dat");
+    EXPECT_EQ(defaults->userCheckListFilePath(), root + c.library + "/userchecklist.dat");
+    EXPECT_EQ(defaults->LOGSFolderPath(), root + c.base + "/CheckOut/Logs");
+    for (const char* folder : {"IPT", "TLS", "RST", "TMP_IPT", "TMP_TLS", "TMP_RST", "Logs"})
+      EXPECT_TRUE(fs::is_directory(root + c.base + "/CheckOut/" + folder)) << folder;
+    // The user Library folder is made in every run, portable or not.
+    EXPECT_TRUE(fs::is_directory(root + "/data/Quarvel"));
+  }
+}
+
+TEST(WorkFoldersTest, LibraryPathFollowsTheVolumeDuringARun) {
+  testing::SettingsSandbox sandbox;
+  const std::string& root = sandbox.root();
+  HostEnvironment::setCurrent(
+      std::make_shared<FakeHostEnvironment>(root, facts(true, true, true, "vfat")));
+  CVUserDefaults* defaults = CVUserDefaults::standardUserDefaults();
+  EXPECT_EQ(defaults->libraryPath(), root + "/volume/.Quarvel");
+
+  // The disk turns read-only: data files move home; the base path stays.
+  HostEnvironment::setCurrent(
+      std::make_shared<FakeHostEnvironment>(root, facts(true, false, true, "vfat")));
+  EXPECT_EQ(defaults->libraryPath(), root + "/data/Quarvel");
+  EXPECT_EQ(defaults->verFilePath(), root + "/data/Quarvel/ver.dat");
+  EXPECT_EQ(defaults->defaultPath(), root + "/volume/.Quarvel");
+}
+
+TEST(WorkFoldersTest, PlainFilesInTheWayAreLeftAlone) {
+  testing::SettingsSandbox sandbox;
+  const std::string base = sandbox.root() + "/home/Documents/.Quarvel";
+  fs::create_directories(base + "/CheckOut");
+  std::ofstream(base + "/CheckOut/Logs") << "not a folder";
+  std::ofstream(sandbox.root() + "/data/Quarvel") << "not a folder either";
+
+  CVUserDefaults* defaults = CVUserDefaults::standardUserDefaults();
+  EXPECT_TRUE(fs::is_regular_file(base + "/CheckOut/Logs"));
+  EXPECT_TRUE(fs::is_regular_file(sandbox.root() + "/data/Quarvel"));
+  // The folders after it in the order are still made.
+  EXPECT_TRUE(fs::is_directory(base + "/CheckOut/TMP_RST"));
+  EXPECT_EQ(defaults->LOGSFolderPath(), base + "/CheckOut/Logs");
+}
+
+TEST(WorkFoldersTest, PathsAreAbsentWithoutTheirBase) {
+  testing::SettingsSandbox sandbox;
+  CVUserDefaults::standardUserDefaults();
+  CVUserDefaults::resetStandardUserDefaults();
+  CVUserDefaults* bare = CVUserDefaults::standardUserDefaults();
+  bare->removeObjectForKey("DefaultPath");
+  EXPECT_FALSE(bare->checkOutPath().has_value());
+  EXPECT_FALSE(bare->tempTLSFolderPath().has_value());
+  // The library path does not depend on the base outside a portable run.
+  EXPECT_EQ(bare->fontListFilePath(), sandbox.root() + "/data/Quarvel/fontchecklist.dat");
+}
+
+}  // namespace
+}  // namespace quarvel
