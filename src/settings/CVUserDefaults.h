@@ -25,6 +25,8 @@
 namespace quarvel {
 
 struct NetworkIdentityState;
+struct NetworkIdentityRun;
+struct NetworkSources;
 
 class CVUserDefaults {
  public:
@@ -185,6 +187,12 @@ class CVUserDefaults {
   // The cached identity text; computed on this thread when not yet known.
   std::string IPAddress();
   void setIPAddress(const std::string& text);
+  // The working state of the last identity run that finished (services,
+  // interfaces, adapter records, text); absent before the first.
+  std::optional<NetworkIdentityRun> lastNetworkIdentityRun() const;
+  // Where identity runs take their facts from, process-wide; members left
+  // empty use the system's (getifaddrs, sysfs, a real 2-second sleep).
+  static void setNetworkSourcesForTesting(const NetworkSources& sources);
 
   // --- Command runner and HTTP ----------------------------------------------------
   // Runs `/bin/sh -c command` and answers its standard output ("" when it
@@ -206,10 +214,12 @@ class CVUserDefaults {
 
   bool _isLite = false;
 
-  mutable std::mutex networkMutex_;
-  std::optional<std::string> _ipAddress;      // guarded by networkMutex_
-  std::optional<std::string> _outIpAddress;   // guarded by networkMutex_
-  std::shared_ptr<NetworkIdentityState> network_;  // guarded by networkMutex_
+  // The network identity's fields (the cached text, the external address,
+  // the last run's records) live in a state object shared with the
+  // external-address lookup and the background job, so that those never
+  // touch a retired instance. Set once, at construction.
+  static std::shared_ptr<NetworkIdentityState> makeNetworkIdentityState();
+  const std::shared_ptr<NetworkIdentityState> network_ = makeNetworkIdentityState();
 };
 
 // The shared instance (null until the first class call) and the settings

@@ -1,0 +1,99 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "quarvel/common/Log.h"
+#include "quarvel/settings/CommandRunner.h"
+
+namespace quarvel {
+namespace {
+
+// Sends this process's standard error to a file while it lives.
+class StderrToFile {
+ public:
+  StderrToFile() {
+    std::fflush(stderr);
+    saved_ = ::dup(STDERR_FILENO);
+    std::FILE* file = std::tmpfile();
+    fd_ = ::dup(::fileno(file));
+    std::fclose(file);
+    ::dup2(fd_, STDERR_FILENO);
+  }
+  ~StderrToFile() {
+    restore();
+    ::close(fd_);
+  }
+  std::string text() {
+    restore();
+    std::string out;
+    char buffer[512];
+    ssize_t n;
+    ::lseek(fd_, 0, SEEK_SET);
+    while ((n = ::read(fd_, buffer, sizeof buffer)) > 0) out.append(buffer, n);
+    return out;
+  }
+
+ private:
+  void restore() {
+    if (saved_ < 0) return;
+    std::fflush(stderr);
+    ::dup2(saved_, STDERR_FILENO);
+    ::close(saved_);
+    saved_ = -1;
+  }
+  int saved_ = -1;
+  int fd_ = -1;
+};
+
+TEST(CommandRunner, CapturesStandardOutputAndLeavesStandardErrorToTheHost) {
+  StderrToFile stderrFile;
+  EXPECT_EQ(runShellCommand("printf a; echo; printf b >&2"), "a\n");
+  EXPECT_EQ(stderrFile.text(), "b");
+}
+
+TEST(CommandRunner, QuietFailingAndUndecodableCommandsAnswerEmptyText) {
+  struct Case {
+    const char* command;
+    const char* why;
+  } cases[] = {
+      {"true", "prints nothing"},
+      {"exit 3", "fails without output"},
+      {"/nonexistent/program --flag", "program missing: the shell complains on stderr only"},
+      {"printf 'ok\\377'", "not valid UTF-8"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    StderrToFile quiet;
+    EXPECT_EQ(runShellCommand(c.command), "");
+  }
+}
+
+TEST(CommandRunner, ShellThatCannotStartAnswersEmptyAndLogs) {
+  LogCapture log;
+  EXPECT_EQ(runShellCommand("echo hi", "/nonexistent/sh"), "");
+  EXPECT_TRUE(log.contains("could not be started")) << testing::PrintToString(log.lines());
+}
+
+TEST(CommandRunner, HostDescriptorsDoNotReachTheCommand) {
+  int inheritable = ::open("/dev/null", O_RDONLY);  // deliberately without O_CLOEXEC
+  ASSERT_GE(inheritable, 3);
+  std::string check = "[ -e /proc/$$/fd/" + std::to_string(inheritable) +
+                      " ] && echo leaked || echo clean; [ -e /proc/$$/fd/1 ] && echo stdout";
+  EXPECT_EQ(runShellCommand(check), "clean\nstdout\n");
+  ::close(inheritable);
+}
+
+TEST(CommandRunner, ReturnsWhenOutputClosesWithoutWaitingForTheCommand) {
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(runShellCommand("echo early; exec >&-; sleep 3"), "early\n");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
+}  // namespace
+}  // namespace quarvel

@@ -1,0 +1,133 @@
+// The network identity as the settings object offers it: the external-address
+// lookup, the one wait for it, the cached text and the start-up job.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/settings/NetworkIdentity.h"
+#include "settings/NetworkFakes.h"
+#include "support/LoopbackHttpServer.h"
+#include "support/SettingsSandbox.h"
+
+namespace quarvel {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::FakeInterfaces;
+using testing::FakeServices;
+using testing::HttpReceived;
+using testing::HttpReply;
+using testing::LoopbackHttpServer;
+using testing::RecordedSleeps;
+
+const std::vector<InterfaceAddress> kMachine = {
+    {"eth0", "18", "52:54:00:12:34:56"},
+    {"eth0", "2", "10.0.2.15"},
+    {"wlan0", "18", "F8:FF:C2:00:00:02"},
+};
+
+class NetworkDefaultsTest : public ::testing::Test {
+ protected:
+  NetworkDefaultsTest()
+      : services_(std::make_shared<FakeServices>(
+            ServiceList{{"eth0", "Ethernet"}, {"wlan0", "Wi-Fi"}})) {
+    CVUserDefaults::setNetworkSourcesForTesting(
+        {std::make_shared<FakeInterfaces>(kMachine), services_, sleeps_.function()});
+  }
+  ~NetworkDefaultsTest() override {
+    CVUserDefaults::discardSharedInstanceForTesting();
+    CVUserDefaults::setNetworkSourcesForTesting({});
+  }
+
+  // A bare instance: no lookup, no start-up job.
+  CVUserDefaults* bare() {
+    CVUserDefaults::resetStandardUserDefaults();
+    return CVUserDefaults::standardUserDefaults();
+  }
+
+  quarvel::testing::SettingsSandbox sandbox_;
+  RecordedSleeps sleeps_;
+  std::shared_ptr<FakeServices> services_;
+};
+
+TEST_F(NetworkDefaultsTest, WaitsTwoSecondsOnlyWhileTheExternalAddressIsMissing) {
+  CVUserDefaults* defaults = bare();
+  EXPECT_EQ(defaults->getIpAddress(),
+            "내부 IP : 10.0.2.15<br>외부 IP : (null)<br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>");
+  EXPECT_EQ(sleeps_.waits(), std::vector<std::chrono::milliseconds>{2000ms});
+
+  LoopbackHttpServer echo([](const HttpReceived&) { return HttpReply::text("198.51.100.7\r\n"); });
+  CVUserDefaults::setEchoServiceHost(echo.hostAndPort());
+  defaults->getOutIpAddress();
+  std::string text;
+  for (auto until = std::chrono::steady_clock::now() + 10s;
+       std::chrono::steady_clock::now() < until; std::this_thread::sleep_for(20ms)) {
+    sleeps_.clear();
+    text = defaults->getIpAddress();
+    if (sleeps_.waits().empty()) break;
+  }
+  EXPECT_TRUE(sleeps_.waits().empty());
+  EXPECT_EQ(text,
+            "내부 IP : 10.0.2.15<br>외부 IP : 198.51.100.7<br>52:54:00:12:34:56<br>"
+            "F8:FF:C2:00:00:02<br>");
+  ASSERT_EQ(echo.requests().size(), 1u);
+  EXPECT_EQ(echo.requests()[0].method, "GET");
+  EXPECT_EQ(echo.requests()[0].target, "/ip");
+}
+
+TEST_F(NetworkDefaultsTest, EmptyEchoAnswerStillCountsAsMissing) {
+  CVUserDefaults* defaults = bare();
+  LoopbackHttpServer echo([](const HttpReceived&) { return HttpReply::text(""); });
+  CVUserDefaults::setEchoServiceHost(echo.hostAndPort());
+  defaults->getOutIpAddress();
+  for (auto until = std::chrono::steady_clock::now() + 10s;
+       echo.requests().empty() && std::chrono::steady_clock::now() < until;) {
+    std::this_thread::sleep_for(20ms);
+  }
+  std::this_thread::sleep_for(100ms);  // let the completion store the answer
+  EXPECT_EQ(defaults->getIpAddress(),
+            "내부 IP : 10.0.2.15<br>외부 IP : <br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>");
+  EXPECT_EQ(sleeps_.waits().size(), 1u);
+}
+
+TEST_F(NetworkDefaultsTest, IPAddressComputesOnceThenAnswersTheKeptText) {
+  CVUserDefaults* defaults = bare();
+  std::string first = defaults->IPAddress();
+  EXPECT_EQ(defaults->IPAddress(), first);
+  EXPECT_EQ(services_->calls, 1);
+  defaults->setIPAddress("set<br>");
+  EXPECT_EQ(defaults->IPAddress(), "set<br>");
+  EXPECT_EQ(services_->calls, 1);
+
+  auto run = defaults->lastNetworkIdentityRun();
+  ASSERT_TRUE(run);
+  ASSERT_EQ(run->addressArray.size(), 2u);
+  EXPECT_EQ(run->addressArray[1].adapter, "Wi-Fi");
+}
+
+TEST_F(NetworkDefaultsTest, StartUpJobKeepsTheText) {
+  CVUserDefaults* defaults = CVUserDefaults::standardUserDefaults();
+  for (auto until = std::chrono::steady_clock::now() + 10s;
+       !defaults->lastNetworkIdentityRun() && std::chrono::steady_clock::now() < until;) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_EQ(defaults->IPAddress(),
+            "내부 IP : 10.0.2.15<br>외부 IP : (null)<br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>");
+  EXPECT_EQ(services_->calls, 1);  // the job's run: IPAddress did not compute again
+}
+
+TEST_F(NetworkDefaultsTest, CallersRacingTheStartUpJobAgree) {
+  CVUserDefaults* defaults = CVUserDefaults::standardUserDefaults();
+  std::string early;
+  std::thread other([&] { early = defaults->IPAddress(); });
+  std::string here = defaults->IPAddress();
+  other.join();
+  EXPECT_EQ(here, early);
+  EXPECT_EQ(here,
+            "내부 IP : 10.0.2.15<br>외부 IP : (null)<br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>");
+}
+
+}  // namespace
+}  // namespace quarvel

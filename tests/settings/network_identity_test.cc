@@ -1,0 +1,136 @@
+#include "quarvel/settings/NetworkIdentity.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+#include "settings/NetworkFakes.h"
+
+namespace quarvel {
+namespace {
+
+using testing::FakeInterfaces;
+using testing::FakeServices;
+
+TEST(ServiceList, ParsesTheServiceOrderText) {
+  struct Case {
+    std::string text;
+    ServiceList expected;
+    const char* why;
+  } cases[] = {
+      {"An asterisk (*) denotes that a network service is disabled.\n"
+       "(1) Wi-Fi\n(Hardware Port: Wi-Fi, Device: en0)\n\n"
+       "(2) Thunderbolt Bridge\n(Hardware Port: Thunderbolt Bridge, Device: bridge0)\n\n"
+       "(*) USB 10/100/1000 LAN\n(Hardware Port: USB 10/100/1000 LAN, Device: en7)\n",
+       {{"en0", "Wi-Fi"}, {"bridge0", "Thunderbolt Bridge"}, {"en7", "USB 10/100/1000 LAN"}},
+       "command output: headings skipped, order kept"},
+      {" \t(Hardware Port: Wi-Fi, Device: en0) \n(Hardware Port: Ethernet, Device: en1)\t ",
+       {{"en0 ", "Wi-Fi"}, {"en1", "Ethernet"}},
+       "only the whole text is trimmed, of spaces and tabs"},
+      {"(Hardware Port: Wi-Fi Device: en0)\n(5) Port Scanner\n(Hardware Port: X, Device: en2)",
+       {{"en2", "X"}},
+       "Port lines without a comma are skipped"},
+      {"(Hardware Port: iPhone (USB), Device: en9, extra)", {{"en9", "iPhone USB"}},
+       "every parenthesis goes, parts after the second are ignored"},
+      {"(Hardware Port:Wi-Fi,Device:en1)", {{"Device:en1", "Hardware Port:Wi-Fi"}},
+       "labels are removed only when spelled exactly"},
+      {"", {}, "empty text"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    EXPECT_EQ(parseServiceList(c.text), c.expected);
+  }
+}
+
+TEST(NetworkIdentity, LinkAddressesPrintAsUpperCaseHexPairs) {
+  const std::uint8_t bytes[] = {0x00, 0x1c, 0x42, 0x0a, 0x0b, 0x0c};
+  EXPECT_EQ(formatLinkAddress(bytes), "00:1C:42:0A:0B:0C");
+}
+
+TEST(NetworkIdentity, RefreshKeepsFirstAppearanceOrderAndTheLastAddress) {
+  FakeInterfaces source({{
+      {"en1", "18", "AA:AA:AA:AA:AA:01"},
+      {"en0", "2", "10.0.0.1"},
+      {"en1", "2", "10.0.1.1"},
+      {"en1", "2", "10.0.1.2"},
+      {"utun0", "30", "fe80::1"},
+  }});
+  NetworkIdentityRun run;
+  run.adapterName = {"en0"};  // extended, not replaced
+  refreshInterfaces(run, source);
+  EXPECT_EQ(run.adapterName, (std::vector<std::string>{"en0", "en1", "en0"}));
+  ASSERT_TRUE(run.allInterfaces);
+  EXPECT_EQ(run.allInterfaces->at("en1").at("2"), "10.0.1.2");
+  EXPECT_EQ(run.allInterfaces->count("utun0"), 0u);
+
+  FakeInterfaces unreadable(std::nullopt);
+  refreshInterfaces(run, unreadable);
+  EXPECT_FALSE(run.allInterfaces);
+}
+
+TEST(NetworkIdentity, TextFollowsServiceOrderFiltersAndPieces) {
+  const std::vector<InterfaceAddress> machine = {
+      {"en0", "18", "00:00:00:00:00:01"}, {"en0", "2", "192.168.0.10"},
+      {"en1", "18", "00:00:00:00:00:02"},
+      {"en2", "18", "00:00:00:00:00:03"}, {"en2", "2", "172.16.0.3"},
+      {"bridge0", "18", "00:00:00:00:00:04"}, {"bridge0", "2", "10.1.0.1"},
+      {"en7", "18", "00:00:00:00:00:07"}, {"en7", "2", "10.7.0.1"},
+      {"en8", "2", "10.8.0.1"},
+  };
+  struct Case {
+    ServiceList services;
+    std::optional<std::string> external;
+    std::string expected;
+    const char* why;
+  } cases[] = {
+      {{{"en0", "Wi-Fi"}, {"en1", "Ethernet"}}, "203.0.113.1\n",
+       "내부 IP : 192.168.0.10<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:01<br>"
+       "00:00:00:00:00:02<br>",
+       "Wi-Fi with addresses, then an Ethernet without IPv4; answer trimmed"},
+      {{{"en0", "Wi-Fi"}, {"bridge0", "Thunderbolt Bridge"}, {"en7", "USB 10/100/1000 LAN"}},
+       "203.0.113.1",
+       "내부 IP : 192.168.0.10<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:01<br>",
+       "USB and bridge ports are left out"},
+      {{{"en1", "Ethernet"}, {"en2", "Thunderbolt 1"}}, " 203.0.113.2\r\n",
+       "내부 IP : 172.16.0.3<br>외부 IP : 203.0.113.2<br>00:00:00:00:00:02<br>"
+       "00:00:00:00:00:03<br>",
+       "internal address of the second adapter when the first has none"},
+      {{{"en2", "Thunderbolt 1"}, {"en0", "Wi-Fi"}}, "x",
+       "내부 IP : 172.16.0.3<br>외부 IP : x<br>00:00:00:00:00:03<br>00:00:00:00:00:01<br>",
+       "service order, not interface order"},
+      {{{"en0", "Wi-Fi"}}, std::nullopt,
+       "내부 IP : 192.168.0.10<br>외부 IP : (null)<br>00:00:00:00:00:01<br>",
+       "no external answer"},
+      {{{"en1", "Ethernet"}}, "203.0.113.1", "00:00:00:00:00:02<br>",
+       "no internal address: the external one is not shown either"},
+      {{{"en8", "Ethernet"}}, "203.0.113.1", "내부 IP : 10.8.0.1<br>외부 IP : 203.0.113.1<br>",
+       "adapter without a link-level address"},
+      {{{"en5", "Ethernet"}, {"en0", ""}, {"bridge0", "bridge"}}, "203.0.113.1",
+       "내부 IP : 10.1.0.1<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:04<br>",
+       "unknown device and empty port skipped; the filter is case-sensitive"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    FakeServices services(c.services);
+    FakeInterfaces interfaces(machine);
+    NetworkIdentityRun run = buildNetworkIdentity(services, interfaces, c.external);
+    EXPECT_EQ(run.ipStr, c.expected);
+  }
+}
+
+TEST(NetworkIdentity, RecordsKeepEmptyIPv4AndAbsentLinkAddress) {
+  FakeServices services({{"en0", "Wi-Fi"}, {"en1", "Ethernet"}});
+  FakeInterfaces interfaces({{{"en0", "2", "10.0.0.1"}, {"en1", "18", "00:00:00:00:00:02"}}});
+  NetworkIdentityRun run = buildNetworkIdentity(services, interfaces, "x");
+  ASSERT_EQ(run.addressArray.size(), 2u);
+  EXPECT_EQ(run.addressArray[0].mac, std::nullopt);
+  EXPECT_EQ(run.addressArray[1].ipv4, "");
+  EXPECT_EQ(run.addressArray[1].adapter, "Ethernet");
+  EXPECT_EQ(run.addressArray[1].device, "en1");
+
+  FakeInterfaces unreadable(std::nullopt);
+  EXPECT_EQ(buildNetworkIdentity(services, unreadable, "x").ipStr, "");
+}
+
+}  // namespace
+}  // namespace quarvel

@@ -1,0 +1,190 @@
+#include "quarvel/settings/SysfsServices.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <initializer_list>
+#include <string>
+
+#include "quarvel/settings/NetworkIdentity.h"
+#include "settings/NetworkFakes.h"
+
+namespace quarvel {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A fake /sys/class/net, its devices tree and /proc/net/route in a temporary
+// folder, laid out as the kernel lays them out.
+class SysfsFixture {
+ public:
+  SysfsFixture() {
+    std::string pattern = (fs::temp_directory_path() / "quarvel-sysfs-XXXXXX").string();
+    root_ = ::mkdtemp(pattern.data());
+    fs::create_directories(classNet());
+  }
+  ~SysfsFixture() { fs::remove_all(root_); }
+
+  fs::path classNet() const { return root_ / "class/net"; }
+  fs::path routes() const { return root_ / "route"; }
+
+  struct Interface {
+    std::string name;
+    int ifindex;
+    int iflink = 0;  // 0: same as ifindex
+    int type = 1;
+    std::string flags = "0x1003";
+    std::string devtype = "";
+    std::initializer_list<const char*> markers = {};  // wireless, bridge, brport, tun_flags...
+    std::string device = "";  // devices/... the device link points to; "" for none
+    std::string bus = "";     // the device's subsystem
+  };
+
+  void add(const Interface& i) {
+    fs::path dir = classNet() / i.name;
+    fs::create_directories(dir);
+    write(dir / "ifindex", std::to_string(i.ifindex) + "\n");
+    write(dir / "iflink", std::to_string(i.iflink ? i.iflink : i.ifindex) + "\n");
+    write(dir / "type", std::to_string(i.type) + "\n");
+    write(dir / "flags", i.flags + "\n");
+    std::string uevent = "INTERFACE=" + i.name + "\nIFINDEX=" + std::to_string(i.ifindex) + "\n";
+    if (!i.devtype.empty()) uevent = "DEVTYPE=" + i.devtype + "\n" + uevent;
+    write(dir / "uevent", uevent);
+    for (const char* marker : i.markers) fs::create_directories(dir / marker);
+    if (!i.device.empty()) {
+      fs::path device = root_ / i.device;
+      fs::create_directories(device);
+      fs::create_symlink(device, dir / "device");
+      fs::create_symlink(root_ / "bus" / i.bus, device / "subsystem");
+    }
+  }
+
+  void write(const fs::path& path, const std::string& text) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path) << text;
+  }
+  void writeRoot(const std::string& relative, const std::string& text) { write(root_ / relative, text); }
+
+ private:
+  fs::path root_;
+};
+
+constexpr const char* kRouteHeader =
+    "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
+
+// A laptop with a docking station: loopback, wired and wireless adapters, two
+// USB adapters, a bridge with a container's veth on it, a container link, a
+// VPN, a bond and an ifb queue device.
+void buildLaptop(SysfsFixture& f) {
+  f.add({.name = "lo", .ifindex = 1, .type = 772, .flags = "0x9"});
+  f.add({.name = "enp0s31f6", .ifindex = 2, .device = "devices/pci0000:00/0000:00:1f.6",
+         .bus = "pci"});
+  f.add({.name = "wlp2s0", .ifindex = 3, .devtype = "wlan", .markers = {"wireless", "phy80211"},
+         .device = "devices/pci0000:00/0000:02:00.0", .bus = "pci"});
+  f.add({.name = "enx00e04c680001", .ifindex = 4,
+         .device = "devices/pci0000:00/usb2/2-1/2-1:1.0", .bus = "usb"});
+  f.writeRoot("devices/pci0000:00/usb2/2-1/product", "AX88179 Gigabit Ethernet\n");
+  f.add({.name = "enx00e04c680002", .ifindex = 5,
+         .device = "devices/pci0000:00/usb2/2-2/2-2:1.0", .bus = "usb"});
+  f.writeRoot("devices/pci0000:00/usb2/2-2/product", "USB 10/100/1000 LAN\n");
+  f.add({.name = "enx00e04c680003", .ifindex = 6,
+         .device = "devices/pci0000:00/usb2/2-3/2-3:1.0", .bus = "usb"});
+  f.add({.name = "docker0", .ifindex = 7, .devtype = "bridge", .markers = {"bridge"}});
+  f.add({.name = "veth1a2b", .ifindex = 8, .iflink = 12, .markers = {"brport"}});
+  f.add({.name = "eth1", .ifindex = 9, .iflink = 13});
+  f.add({.name = "tun0", .ifindex = 10, .type = 65534, .markers = {"tun_flags"}});
+  f.add({.name = "bond0", .ifindex = 11, .devtype = "bond", .markers = {"bonding"}});
+  f.add({.name = "ifb0", .ifindex = 14, .flags = "0x82"});
+  f.add({.name = "wwan0", .ifindex = 15, .type = 519, .devtype = "wwan",
+         .device = "devices/pci0000:00/0000:05:00.0", .bus = "pci"});
+}
+
+TEST(SysfsServices, NamesPortsAndOrdersByDefaultRouteThenIndex) {
+  SysfsFixture f;
+  buildLaptop(f);
+  f.writeRoot("route", std::string(kRouteHeader) +
+                           "wlp2s0\t00000000\t0101A8C0\t0003\t0\t0\t600\t00000000\t0\t0\t0\n"
+                           "enp0s31f6\t00000000\t0100000A\t0003\t0\t0\t100\t00000000\t0\t0\t0\n"
+                           "enp0s31f6\t0000000A\t00000000\t0001\t0\t0\t0\t000000FF\t0\t0\t0\n"
+                           "bond0\t00000000\t0100000A\t0003\t0\t0\t700\t00000000\t0\t0\t0\n");
+  SysfsServiceSource source(f.classNet(), f.routes());
+  ServiceList expected = {
+      {"enp0s31f6", "Ethernet"},
+      {"wlp2s0", "Wi-Fi"},
+      {"bond0", "Bond"},
+      {"enx00e04c680001", "USB AX88179 Gigabit Ethernet"},
+      {"enx00e04c680002", "USB 10/100/1000 LAN"},
+      {"enx00e04c680003", "USB Ethernet"},
+      {"docker0", "Bridge"},
+      {"eth1", "Virtual Ethernet"},
+      {"tun0", "VPN"},
+      {"wwan0", "WWAN"},
+  };
+  EXPECT_EQ(source.services(), expected);
+}
+
+TEST(SysfsServices, MissingTreeOrRouteTableStillAnswers) {
+  SysfsFixture f;
+  EXPECT_TRUE(SysfsServiceSource(f.classNet() / "absent", f.routes()).services().empty());
+  f.add({.name = "eth0", .ifindex = 3, .device = "devices/virtio2", .bus = "virtio"});
+  f.add({.name = "eth1", .ifindex = 2, .device = "devices/virtio1", .bus = "virtio"});
+  // No route table: index order.
+  EXPECT_EQ(SysfsServiceSource(f.classNet(), f.routes()).services(),
+            (ServiceList{{"eth1", "Ethernet"}, {"eth0", "Ethernet"}}));
+}
+
+TEST(SysfsServices, DefaultRouteMetrics) {
+  struct Case {
+    std::string rows;
+    std::map<std::string, std::uint32_t> expected;
+    const char* why;
+  } cases[] = {
+      {"eth0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n"
+       "eth0\t000200C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n",
+       {{"eth0", 0}}, "one default route, one subnet route"},
+      {"a\t00000000\t0\t0003\t0\t0\t300\t00000000\n"
+       "a\t00000000\t0\t0003\t0\t0\t200\t00000000\n",
+       {{"a", 200}}, "lowest metric wins"},
+      {"a\t00000000\t0\t0002\t0\t0\t1\t00000000\n", {}, "route not up"},
+      {"a\t00000000\t0\t0003\t0\t0\tx\t00000000\n"
+       "b\t00000000\t0\t0003\n"
+       "c 00000000 0 0003 0 0 4294967296 00000000\n"
+       "d 00000000 0 0003 0 0 4294967295 00000000\n",
+       {{"d", 4294967295u}}, "malformed rows skipped"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    EXPECT_EQ(parseDefaultRouteMetrics(kRouteHeader + c.rows), c.expected);
+  }
+}
+
+// The identity text on the fixture laptop: Wi-Fi and wired adapters, address-
+// less ones, and USB and bridge ports that must not show.
+TEST(SysfsServices, IdentityTextOfTheFixtureMachine) {
+  SysfsFixture f;
+  buildLaptop(f);
+  f.writeRoot("route", std::string(kRouteHeader) +
+                           "wlp2s0\t00000000\t0101A8C0\t0003\t0\t0\t600\t00000000\t0\t0\t0\n");
+  SysfsServiceSource services(f.classNet(), f.routes());
+  testing::FakeInterfaces interfaces({{
+      {"lo", "18", "00:00:00:00:00:00"},
+      {"enp0s31f6", "18", "54:E1:AD:00:00:01"},
+      {"wlp2s0", "18", "F8:FF:C2:00:00:02"},
+      {"enx00e04c680001", "18", "00:E0:4C:68:00:01"},
+      {"docker0", "18", "02:42:AC:11:00:01"},
+      {"eth1", "18", "02:42:AC:11:00:09"},
+      {"lo", "2", "127.0.0.1"},
+      {"wlp2s0", "2", "192.168.1.23"},
+      {"enx00e04c680001", "2", "10.20.0.5"},
+      {"docker0", "2", "172.17.0.1"},
+  }});
+  NetworkIdentityRun run = buildNetworkIdentity(services, interfaces, "198.51.100.4\n");
+  EXPECT_EQ(run.ipStr,
+            "내부 IP : 192.168.1.23<br>외부 IP : 198.51.100.4<br>F8:FF:C2:00:00:02<br>"
+            "54:E1:AD:00:00:01<br>02:42:AC:11:00:09<br>");
+}
+
+}  // namespace
+}  // namespace quarvel
