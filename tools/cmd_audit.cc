@@ -1,7 +1,43 @@
+#include <iostream>
+
 #include "Commands.h"
+#include "audit/AuditCommand.h"
 
 namespace quarvel::cli {
 
-void addAuditCommand(CLI::App&) {}
+void addAuditCommand(CLI::App& app) {
+  auto options = std::make_shared<audit::AuditCommandOptions>();
+  auto json = std::make_shared<bool>(false);
+  auto csv = std::make_shared<bool>(false);
+  auto noFonts = std::make_shared<bool>(false);
+  auto noProgress = std::make_shared<bool>(false);
+  CLI::App* cmd = app.add_subcommand(
+      "audit", "Look for listed commercial software and fonts on this machine (or in PATHs)");
+  cmd->add_option("PATH", options->trees,
+                  "Trees to scan instead of the usual places (every file is a candidate)");
+  cmd->add_flag("--system", options->alsoSystem, "With PATHs: scan the usual places as well");
+  cmd->add_option("--max-depth", options->treeDepth, "Folder levels scanned below each PATH")
+      ->check(CLI::Range(0, 1000));
+  cmd->add_option("--checklist", options->checkList, "Check list file (default: library folder)");
+  cmd->add_option("--user-checklist", options->userCheckList, "User check list file");
+  cmd->add_option("--filter", options->filterList, "Filter list file");
+  cmd->add_option("--fontlist", options->fontList, "Font check list file");
+  cmd->add_flag("--no-fonts", *noFonts, "Do not look for fonts");
+  auto* jsonFlag = cmd->add_flag("--json", *json, "Report as JSON");
+  auto* csvFlag = cmd->add_flag("--csv", *csv, "Report as CSV");
+  jsonFlag->excludes(csvFlag);
+  cmd->add_option("--html", options->htmlFile, "Also write the report as an HTML page to FILE");
+  cmd->add_flag("--no-progress", *noProgress, "No progress line on standard error");
+  cmd->callback([options, json, csv, noFonts, noProgress] {
+    options->format = *json  ? audit::ReportFormat::Json
+                      : *csv ? audit::ReportFormat::Csv
+                             : audit::ReportFormat::Table;
+    options->fonts = !*noFonts;
+    options->progress = !*noProgress;
+    int status = audit::runAudit(*options, std::cout, std::cerr);
+    std::cout.flush();
+    if (status != 0) throw CLI::RuntimeError(status);
+  });
+}
 
 }  // namespace quarvel::cli

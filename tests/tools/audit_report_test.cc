@@ -1,0 +1,152 @@
+#include "audit/AuditReport.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <regex>
+
+namespace quarvel::audit {
+namespace {
+
+TEST(Money, ReadsListPrices) {
+  struct Case {
+    const char* text;
+    std::optional<std::int64_t> hundredths;
+  } good[] = {
+      {"1200000", 120000000}, {"1,200,000", 120000000}, {" 12.5 ", 1250}, {"0.07", 7},
+      {"-3", -300},           {"0", 0},
+  };
+  for (const Case& c : good) {
+    SCOPED_TRACE(c.text);
+    auto money = Money::parse(c.text);
+    ASSERT_TRUE(money);
+    EXPECT_EQ(money->hundredths, *c.hundredths);
+  }
+  for (const char* bad : {"", "free", "12.345", "1.", ",100", "12a", "--1", "99999999999999999999"}) {
+    SCOPED_TRACE(bad);
+    EXPECT_FALSE(Money::parse(bad));
+  }
+  EXPECT_EQ(Money{123456789}.toString(true), "1,234,567.89");
+  EXPECT_EQ(Money{-100000}.toString(true), "-1,000");
+  EXPECT_EQ(Money{100000}.toString(), "1000");
+}
+
+TEST(DisplayWidth, WideLettersTakeTwoCells) {
+  EXPECT_EQ(displayWidth("Acme"), 4u);
+  EXPECT_EQ(displayWidth("한글"), 4u);
+  EXPECT_EQ(displayWidth("ＡＢ"), 4u);  // full-width forms
+  EXPECT_EQ(displayWidth("e\u0301"), 1u);  // combining accent
+}
+
+// A result with a wide maker, text that needs quoting, a price that is no
+// number and a finding seen in two places.
+AuditResult sampleResult() {
+  AuditResult result;
+  auto add = [&](std::string maker, std::string product, std::string version, std::string price,
+                 std::string group, std::vector<std::string> places) {
+    Finding f;
+    f.list = "checklist";
+    f.maker = std::move(maker);
+    f.product = std::move(product);
+    f.version = std::move(version);
+    f.priceText = std::move(price);
+    f.price = Money::parse(f.priceText);
+    f.softwareType = "Commercial";
+    f.group = std::move(group);
+    f.places = std::move(places);
+    result.findings.push_back(std::move(f));
+  };
+  add("한컴", "오피스", "2024", "250000", "Office", {"/opt/hoffice/bin/hword"});
+  add("Acme", "Editor, \"Pro\"", "2.0", "1200000.5", "Office", {"/usr/bin/a", "/usr/local/bin/a"});
+  add("Zeta <&>", "CAD", "7", "ask", "", {"/opt/zcad"});
+  result.stats.files = 42;
+  result.stats.folders = 5;
+  finishResult(result);
+  return result;
+}
+
+TEST(AuditReport, TableAlignsColumnsAndTotals) {
+  const std::string expected =
+      "Maker     Product        Version         Price  Type        Group   Where\n"
+      "--------  -------------  -------  ------------  ----------  ------  ----------------------------\n"
+      "Acme      Editor, \"Pro\"  2.0      1,200,000.50  Commercial  Office  /usr/bin/a; /usr/local/bin/a\n"
+      "Zeta <&>  CAD            7                 ask  Commercial          /opt/zcad\n"
+      "한컴      오피스         2024          250,000  Commercial  Office  /opt/hoffice/bin/hword\n"
+      "\n"
+      "Group   Count         Price\n"
+      "------  -----  ------------\n"
+      "(none)      1             0\n"
+      "Office      2  1,450,000.50\n"
+      "Total       3  1,450,000.50\n";
+  EXPECT_EQ(formatTable(sampleResult()), expected);
+  EXPECT_EQ(formatTable(AuditResult{}),
+            "No findings.\n\nGroup  Count  Price\n-----  -----  -----\nTotal      0      0\n");
+}
+
+TEST(AuditReport, CsvQuotesAndLabelsEachRow) {
+  const std::string expected =
+      "Row,Maker,Product,Version,Price,Type,Group,Where,Count\r\n"
+      "finding,Acme,\"Editor, \"\"Pro\"\"\",2.0,1200000.50,Commercial,Office,"
+      "/usr/bin/a; /usr/local/bin/a,\r\n"
+      "finding,Zeta <&>,CAD,7,ask,Commercial,,/opt/zcad,\r\n"
+      "finding,한컴,오피스,2024,250000,Commercial,Office,/opt/hoffice/bin/hword,\r\n"
+      "group,,,,0,,,,1\r\n"
+      "group,,,,1450000.50,,Office,,2\r\n"
+      "total,,,,1450000.50,,,,3\r\n";
+  EXPECT_EQ(formatCsv(sampleResult()), expected);
+}
+
+TEST(AuditReport, JsonCarriesAmountsAndPlaces) {
+  auto doc = nlohmann::json::parse(formatJson(sampleResult()));
+  ASSERT_EQ(doc["findings"].size(), 3u);
+  const auto& acme = doc["findings"][0];
+  EXPECT_EQ(acme["maker"], "Acme");
+  EXPECT_EQ(acme["product"], "Editor, \"Pro\"");
+  EXPECT_DOUBLE_EQ(acme["price"].get<double>(), 1200000.5);
+  EXPECT_EQ(acme["where"], (nlohmann::json{"/usr/bin/a", "/usr/local/bin/a"}));
+  EXPECT_EQ(acme["kind"], "software");
+  EXPECT_TRUE(doc["findings"][1]["price"].is_null());
+  EXPECT_EQ(doc["findings"][1]["priceText"], "ask");
+  EXPECT_EQ(doc["findings"][2]["price"], 250000);  // whole amounts are integers
+  EXPECT_EQ(doc["totals"]["count"], 3);
+  EXPECT_DOUBLE_EQ(doc["totals"]["price"].get<double>(), 1450000.5);
+  EXPECT_EQ(doc["totals"]["groups"][1], (nlohmann::json{{"group", "Office"}, {"count", 2},
+                                                         {"price", 1450000.5}}));
+  EXPECT_EQ(doc["scan"]["files"], 42);
+
+  // File names need not be UTF-8; the report must still come out.
+  AuditResult odd = sampleResult();
+  odd.findings[0].places = {"/opt/\xff\xfe"};
+  EXPECT_NO_THROW(nlohmann::json::parse(formatJson(odd)));
+}
+
+TEST(AuditReport, HtmlIsSelfContainedWithAChartPerMaker) {
+  std::string page = formatHtml(sampleResult(), {.title = "Audit", .generatedAt = "2026-11-23 12:00",
+                                                 .host = "pc-7"});
+  EXPECT_NE(page.find("<meta charset=\"utf-8\">"), std::string::npos);
+  EXPECT_NE(page.find("pc-7 \u00b7 2026-11-23 12:00"), std::string::npos);
+  // Text is escaped; no scripts, links or remote addresses.
+  EXPECT_NE(page.find("<td>Zeta &lt;&amp;&gt;</td>"), std::string::npos);
+  EXPECT_EQ(page.find("Zeta <&>"), std::string::npos);
+  for (const char* outside : {"<script", "<link", "src=", "@import", "url(", "https:"})
+    EXPECT_EQ(page.find(outside), std::string::npos) << outside;
+
+  // One bar per maker, longest first, widths in proportion to the sums.
+  std::regex bar("<title>([^<]*)</title>.*?<rect class=\"bar\"[^>]* width=\"(\\d+)\"");
+  std::vector<std::pair<std::string, int>> bars;
+  for (auto it = std::sregex_iterator(page.begin(), page.end(), bar); it != std::sregex_iterator();
+       ++it)
+    bars.emplace_back((*it)[1], std::stoi((*it)[2]));
+  ASSERT_EQ(bars.size(), 3u);
+  EXPECT_EQ(bars[0].first, "Acme: 1,200,000.50");
+  EXPECT_EQ(bars[1].first, "한컴: 250,000");
+  EXPECT_EQ(bars[2].first, "Zeta &lt;&amp;&gt;: 0");
+  EXPECT_EQ(bars[0].second, 460);
+  EXPECT_EQ(bars[1].second, 95);  // 250000 / 1200000.5 of 460
+  EXPECT_EQ(bars[2].second, 0);
+
+  EXPECT_EQ(formatHtml(AuditResult{}).find("<svg"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace quarvel::audit

@@ -1,0 +1,220 @@
+#include "audit/Auditor.h"
+
+#include <gtest/gtest.h>
+
+#include "support/AuditFixtures.h"
+
+namespace quarvel::audit {
+namespace {
+
+using quarvel::testing::MemoryFilter;
+using quarvel::testing::MemoryList;
+using quarvel::testing::TempTree;
+
+MemoryList::Row product(std::string exe, std::string company, std::string product,
+                        std::string version, std::string price, std::string group) {
+  return {{"DB_ID", "ID-" + exe},     {"COMPANY", company},     {"PRODUCT", product},
+          {"VERSION", version},       {"ORIGINAL_FILE", exe},   {"EXE_FILE", exe},
+          {"DISP_COMPANY", company},  {"DISP_PRODUCT", product}, {"PRICE", price},
+          {"SW_TYPE", "Commercial"},  {"GRP_ID", group},        {"GRP_NAME", group}};
+}
+
+// The record names the same product (company, product, version, original
+// file) as a record whose original file is `originalFile`.
+MemoryList::Row sameProductAs(std::string originalFile, MemoryList::Row row) {
+  row["ORIGINAL_FILE"] = std::move(originalFile);
+  return row;
+}
+
+class FixedFonts : public FontCatalog {
+ public:
+  explicit FixedFonts(std::vector<std::string> files) : files_(std::move(files)) {}
+  std::vector<std::string> fontFiles() override { return files_; }
+
+ private:
+  std::vector<std::string> files_;
+};
+
+struct Row {
+  std::string maker, product, list;
+  std::vector<std::string> places;
+  bool operator==(const Row&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& out, const Row& r) {
+  out << r.maker << "/" << r.product << "/" << r.list << " [";
+  for (const auto& p : r.places) out << p << " ";
+  return out << "]";
+}
+
+std::vector<Row> rowsOf(const AuditResult& result) {
+  std::vector<Row> rows;
+  for (const Finding& f : result.findings) rows.push_back({f.maker, f.product, f.list, f.places});
+  return rows;
+}
+
+// One small machine with a bit of everything, and what should be found on it.
+class AuditorMachine : public ::testing::Test {
+ protected:
+  AuditorMachine()
+      : checkList({
+            product("acmeedit", "Acme", "Editor", "2.0", "1,200,000", "Office"),
+            product("acmeview", "Acme", "Viewer", "1.0", "50000", "Office"),
+            product("notexec-tool", "Nox", "Tool", "1", "10", "Office"),
+            product("deep-tool", "Deep", "Tool", "1", "10", "Office"),
+            product("zcad", "Zeta", "CAD", "7", "3000000", "Design"),
+            product("toodeep", "Far", "Away", "1", "10", "Design"),
+            product("filtered-tool", "Filt", "Ered", "1", "999", "Office"),
+            product("Painter-1.2-x86_64.AppImage", "brush co", "Painter", "1.2", "80000",
+                    "Design"),
+            product("Hidden.AppImage", "Hid", "Den", "1", "10", "Design"),
+        }),
+        userList({
+            product("mailer", "Post", "Mailer", "3", "free", ""),
+            // The check list's Acme Editor again, under another file name.
+            sameProductAs("acmeedit",
+                          product("acme-editor-user", "ACME", "editor", "2.0", "1", "Other")),
+        }),
+        fontList({
+            product("NanumMyeongjo.ttf", "나눔", "명조", "1", "30000", "Fonts"),
+            product("FancySans.otf", "Fancy", "Sans", "2", "12.5", "Fonts"),
+        }),
+        filter({"FILT\tered\t1\tfiltered-tool"}) {
+    tree.executable("path1/acmeedit");
+    tree.executable("path1/ACMEVIEW");
+    tree.file("path1/notexec-tool");  // on the list but not executable
+    tree.executable("path1/sub/deep-tool");  // PATH folders are not searched below
+    tree.executable("path2/acme-editor-user");
+    tree.executable("opt/vendor/app/bin/zcad");
+    tree.executable("opt/a/b/c/d/e/f/toodeep");  // one level too deep
+    tree.file("apps/post-mailer.desktop",
+              "[Desktop Entry]\nExec=env X=1 /snap/bin/mailer %U\n");
+    tree.file("apps/filt.desktop", "[Desktop Entry]\nExec=filtered-tool\n");
+    tree.file("apps/not-an-entry.txt", "Exec=toodeep\n");
+    tree.file("home/Apps/Painter-1.2-x86_64.AppImage");  // AppImages need no x bit
+    tree.file("home/.cache/Hidden.AppImage");
+    tree.file("fonts/truetype/NanumMyeongjo.ttf");
+
+    plan.pathFolders = {tree.path("path1"), tree.path("path2")};
+    plan.softwareTrees = {tree.path("opt")};
+    plan.softwareDepth = 5;
+    plan.desktopFolders = {tree.path("apps")};
+    plan.appImageFolders = {tree.path("home")};
+    plan.fontFolders = {tree.path("fonts")};
+    plan.fontCatalog = &catalog;
+  }
+
+  AuditSources sources() {
+    return {.checkList = &checkList, .userCheckList = &userList, .fontList = &fontList,
+            .filter = &filter};
+  }
+
+  TempTree tree;
+  MemoryList checkList, userList, fontList;
+  MemoryFilter filter;
+  FixedFonts catalog{{"/elsewhere/fonts/FancySans.otf", "/elsewhere/fonts/Unknown.ttf"}};
+  ScanPlan plan;
+};
+
+TEST_F(AuditorMachine, FindsExactlyTheListedProductsWhereTheyAre) {
+  Auditor auditor(sources());
+  AuditResult result = auditor.run(plan);
+
+  std::vector<Row> expected = {
+      // One finding for Acme Editor, from the check list, with both places.
+      {"Acme", "Editor", "checklist", {tree.path("path1/acmeedit"), tree.path("path2/acme-editor-user")}},
+      {"Acme", "Viewer", "checklist", {tree.path("path1/ACMEVIEW")}},
+      {"brush co", "Painter", "checklist", {tree.path("home/Apps/Painter-1.2-x86_64.AppImage")}},
+      {"Fancy", "Sans", "fontlist", {"/elsewhere/fonts/FancySans.otf"}},
+      {"Post", "Mailer", "userchecklist", {tree.path("apps/post-mailer.desktop")}},
+      {"Zeta", "CAD", "checklist", {tree.path("opt/vendor/app/bin/zcad")}},
+      {"나눔", "명조", "fontlist", {tree.path("fonts/truetype/NanumMyeongjo.ttf")}},
+  };
+  EXPECT_EQ(rowsOf(result), expected);
+  EXPECT_EQ(result.filteredHits, 1u);
+  EXPECT_EQ(result.fontFilesListed, 2u);
+
+  // Totals: the mailer's "free" is no amount and adds nothing.
+  ASSERT_EQ(result.totals.groups.size(), 4u);
+  EXPECT_EQ(result.totals.groups[0].group, "");
+  EXPECT_EQ(result.totals.groups[0].count, 1u);
+  EXPECT_EQ(result.totals.groups[0].price.hundredths, 0);
+  EXPECT_EQ(result.totals.groups[1].group, "Design");
+  EXPECT_EQ(result.totals.groups[1].count, 2u);
+  EXPECT_EQ(result.totals.groups[1].price.toString(), "3080000");
+  EXPECT_EQ(result.totals.groups[2].group, "Fonts");
+  EXPECT_EQ(result.totals.groups[2].price.toString(), "30012.50");
+  EXPECT_EQ(result.totals.groups[3].group, "Office");
+  EXPECT_EQ(result.totals.groups[3].count, 2u);
+  EXPECT_EQ(result.totals.groups[3].price.toString(), "1250000");
+  EXPECT_EQ(result.totals.count, 7u);
+  EXPECT_EQ(result.totals.price.toString(), "4360012.50");
+}
+
+TEST_F(AuditorMachine, TreesGivenByTheUserTakeEveryKindOfFile) {
+  ScanPlan trees;
+  trees.trees = {tree.root()};
+  trees.excluded = {tree.path("apps")};
+  Auditor auditor(sources());
+  AuditResult result = auditor.run(trees);
+  std::vector<std::string> products;
+  for (const Finding& f : result.findings) products.push_back(f.product);
+  // Everything below the root counts, the deep tool and the hidden AppImage
+  // included; the desktop entries are in an excluded folder.
+  EXPECT_EQ(products, (std::vector<std::string>{"Editor", "Viewer", "Painter", "Tool", "Away", "Den",
+                                                "CAD", "명조"}));
+  EXPECT_EQ(result.filteredHits, 0u);
+  EXPECT_EQ(result.stats.excludedFolders, 1u);
+}
+
+TEST_F(AuditorMachine, OnlyListedNamesReachTheListLookUp) {
+  for (int i = 0; i < 200; ++i) tree.executable("path1/unlisted-" + std::to_string(i));
+  Auditor auditor(sources());
+  auditor.run(plan);
+  // acmeedit, ACMEVIEW, zcad, filtered-tool and the Painter AppImage;
+  // notexec-tool is refused for its mode before the look-up, and none of
+  // the 200 others gets that far.
+  EXPECT_EQ(checkList.lookups, 5);
+}
+
+TEST(Auditor, WithoutListsOfAKindThatKindIsNotScanned) {
+  TempTree tree;
+  tree.file("fonts/A.ttf");
+  MemoryList fonts({product("A.ttf", "Type", "A", "1", "5", "Fonts")});
+  ScanPlan plan;
+  plan.pathFolders = {tree.path("fonts")};
+  plan.fontFolders = {tree.path("fonts")};
+  Auditor auditor({.fontList = &fonts});
+  AuditResult result = auditor.run(plan);
+  ASSERT_EQ(result.findings.size(), 1u);
+  EXPECT_EQ(result.findings[0].kind, FindingKind::Font);
+  EXPECT_EQ(result.stats.folders, 1u);  // the PATH folder was not listed
+}
+
+TEST(ScanPlanTest, SystemPlanFromTheEnvironment) {
+  ScanEnvironment env{.path = "/usr/bin:relative:/usr/bin/:/bin:",
+                      .home = "/home/kim",
+                      .xdgDataHome = "",
+                      .xdgDataDirs = ""};
+  ScanPlan plan = systemScanPlan(env);
+  // Relative and empty entries are left out, and a folder counts once.
+  EXPECT_EQ(plan.pathFolders.front(), "/usr/bin");
+  EXPECT_EQ(std::count(plan.pathFolders.begin(), plan.pathFolders.end(), "/usr/bin/"), 0);
+  EXPECT_EQ(plan.softwareTrees, (std::vector<std::string>{"/opt", "/usr/local"}));
+  auto has = [](const std::vector<std::string>& v, const std::string& s) {
+    return std::find(v.begin(), v.end(), s) != v.end();
+  };
+  EXPECT_TRUE(has(plan.desktopFolders, "/home/kim/.local/share/applications"));
+  EXPECT_TRUE(has(plan.desktopFolders, "/usr/share/applications"));
+  EXPECT_TRUE(has(plan.desktopFolders, "/var/lib/flatpak/exports/share/applications"));
+  EXPECT_TRUE(has(plan.desktopFolders, "/home/kim/.local/share/flatpak/exports/share/applications"));
+  EXPECT_TRUE(has(plan.desktopFolders, "/var/lib/snapd/desktop/applications"));
+  EXPECT_EQ(plan.appImageFolders, std::vector<std::string>{"/home/kim"});
+  EXPECT_TRUE(has(plan.fontFolders, "/usr/share/fonts"));
+  EXPECT_TRUE(has(plan.fontFolders, "/home/kim/.local/share/fonts"));
+  EXPECT_TRUE(has(plan.fontFolders, "/home/kim/.fonts"));
+  EXPECT_EQ(plan.excluded, (std::vector<std::string>{"/proc", "/sys", "/dev"}));
+}
+
+}  // namespace
+}  // namespace quarvel::audit

@@ -1,0 +1,146 @@
+#include "audit/TreeWalker.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <set>
+
+#include "support/AuditFixtures.h"
+
+namespace quarvel::audit {
+namespace {
+
+using quarvel::testing::TempTree;
+
+std::set<std::string> walkNames(TreeWalker& walker, const std::string& root, WalkOptions options) {
+  std::set<std::string> seen;
+  walker.walk(root, options, [&](const FoundFile& f) {
+    std::string path(f.path());
+    seen.insert(path.substr(root.size() + 1));
+    EXPECT_EQ(lastPathComponent(path), f.name());
+  });
+  return seen;
+}
+
+TEST(TreeWalker, DepthBoundsHowFarItGoes) {
+  TempTree tree;
+  tree.file("top");
+  tree.file("a/one");
+  tree.file("a/b/two");
+  tree.file("a/b/c/three");
+  struct Case {
+    int depth;
+    std::set<std::string> expected;
+  } cases[] = {
+      {0, {"top"}},
+      {1, {"top", "a/one"}},
+      {3, {"top", "a/one", "a/b/two", "a/b/c/three"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.depth);
+    ScanStats stats;
+    TreeWalker walker(stats);
+    EXPECT_EQ(walkNames(walker, tree.root(), {.maxDepth = c.depth}), c.expected);
+    EXPECT_EQ(stats.files, c.expected.size());
+  }
+}
+
+TEST(TreeWalker, FollowsLinksButEndsLinkLoops) {
+  TempTree tree;
+  tree.file("real/app");
+  tree.link("../real/app", "bin/app-link");  // link to a file: reported by its own name
+  tree.link("..", "real/up");                // loop back to the root
+  tree.link("loop", "real/loop");            // a link to itself
+  tree.link("missing", "real/dangling");
+  tree.link(tree.path("real"), "bin/real-again");  // a second way into real/
+
+  ScanStats stats;
+  TreeWalker walker(stats);
+  std::set<std::string> names = walkNames(walker, tree.root(), {.maxDepth = 50});
+  // The loop through real/up would repeat forever; it is entered once at
+  // most per way down and then refused.
+  EXPECT_TRUE(names.count("real/app"));
+  EXPECT_TRUE(names.count("bin/app-link"));
+  EXPECT_TRUE(names.count("bin/real-again/app"));
+  EXPECT_FALSE(names.count("real/dangling"));
+  EXPECT_FALSE(names.count("real/loop"));
+  EXPECT_GT(stats.loopsAvoided, 0u);
+  EXPECT_LT(names.size(), 20u);
+}
+
+TEST(TreeWalker, NeverEntersExcludedFoldersHoweverReached) {
+  TempTree tree;
+  tree.file("keep/file");
+  tree.file("private/secret");
+  tree.link(tree.path("private"), "keep/door");
+
+  ScanStats stats;
+  TreeWalker walker(stats);
+  walker.exclude({tree.path("private"), tree.path("no-such-folder")});
+  EXPECT_EQ(walkNames(walker, tree.root(), {.maxDepth = 5}), std::set<std::string>{"keep/file"});
+  EXPECT_EQ(stats.excludedFolders, 2u);
+
+  // The system's own exclusions: /proc is its own file system, so nothing
+  // on it is entered even through another name for it.
+  ScanStats procStats;
+  TreeWalker procWalker(procStats);
+  procWalker.exclude({"/proc"});
+  int files = 0;
+  procWalker.walk("/proc/self", {.maxDepth = 3}, [&](const FoundFile&) { ++files; });
+  EXPECT_EQ(files, 0);
+}
+
+TEST(TreeWalker, UnreadableFoldersAreCountedAndSkipped) {
+  TempTree tree;
+  tree.file("open/a");
+  tree.file("locked/b");
+  tree.file("open/deeper/locked/c");
+  tree.file("open/deeper/d");
+
+  ScanStats stats;
+  TreeWalker walker(stats);
+  walker.setFolderOpener([](int dirFd, const char* name, const std::string& path) {
+    if (lastPathComponent(path) == "locked") {
+      errno = EACCES;
+      return -1;
+    }
+    return openFolder(dirFd, name, path);
+  });
+  EXPECT_EQ(walkNames(walker, tree.root(), {.maxDepth = 5}),
+            (std::set<std::string>{"open/a", "open/deeper/d"}));
+  EXPECT_EQ(stats.unreadableFolders, 2u);
+  EXPECT_EQ(std::set<std::string>(stats.unreadablePaths.begin(), stats.unreadablePaths.end()),
+            (std::set<std::string>{tree.path("locked"), tree.path("open/deeper/locked")}));
+
+  // A missing root is not an unreadable one.
+  walker.walk(tree.path("absent"), {}, [](const FoundFile&) {});
+  EXPECT_EQ(stats.unreadableFolders, 2u);
+}
+
+TEST(TreeWalker, PermissionDeniedFolderOnDisk) {
+  if (::geteuid() == 0) GTEST_SKIP() << "root reads every folder";
+  TempTree tree;
+  tree.file("shut/x");
+  tree.file("fine/y");
+  ::chmod(tree.path("shut").c_str(), 0);
+  ScanStats stats;
+  TreeWalker walker(stats);
+  EXPECT_EQ(walkNames(walker, tree.root(), {.maxDepth = 3}), std::set<std::string>{"fine/y"});
+  EXPECT_EQ(stats.unreadableFolders, 1u);
+}
+
+TEST(TreeWalker, HiddenEntriesCanBeLeftOut) {
+  TempTree tree;
+  tree.file("visible/app");
+  tree.file(".cache/app");
+  tree.file(".hidden-file");
+  ScanStats stats;
+  TreeWalker walker(stats);
+  EXPECT_EQ(walkNames(walker, tree.root(), {.maxDepth = 3, .skipHidden = true}),
+            std::set<std::string>{"visible/app"});
+  EXPECT_EQ(walkNames(walker, tree.root(), {.maxDepth = 3}).size(), 3u);
+}
+
+}  // namespace
+}  // namespace quarvel::audit

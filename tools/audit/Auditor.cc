@@ -1,0 +1,294 @@
+#include "audit/Auditor.h"
+
+#include <climits>
+#include <cstdlib>
+#include <map>
+#include <set>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "audit/DesktopEntry.h"
+#include "quarvel/common/StringUtil.h"
+
+namespace quarvel::audit {
+
+namespace {
+
+bool endsWithCaseless(std::string_view name, std::string_view suffix) {
+  if (name.size() < suffix.size()) return false;
+  std::string_view tail = name.substr(name.size() - suffix.size());
+  for (std::size_t i = 0; i < suffix.size(); ++i) {
+    char c = tail[i];
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    if (c != suffix[i]) return false;
+  }
+  return true;
+}
+
+bool isExecutableFile(const FoundFile& file) {
+  struct stat st {};
+  return file.stat(st) && S_ISREG(st.st_mode) && (st.st_mode & 0111) != 0;
+}
+
+std::string propertyKey(ListSource& list, int row) {
+  return lowercase(list.value(row, "COMPANY") + "\t" + list.value(row, "PRODUCT") + "\t" +
+                   list.value(row, "VERSION") + "\t" + list.value(row, "ORIGINAL_FILE"));
+}
+
+// Lower-cased "EXE_FILE" values of a list: a name outside this set cannot
+// match, so most names never reach the list's own look-up.
+std::unordered_set<std::string> fileNameKeys(ListSource& list) {
+  std::unordered_set<std::string> keys;
+  const std::size_t count = list.recordCount();
+  for (std::size_t row = 0; row < count && row <= INT_MAX; ++row)
+    keys.insert(lowercase(list.value(static_cast<int>(row), "EXE_FILE")));
+  return keys;
+}
+
+struct KnownList {
+  ListSource* source;
+  const char* name;
+  int priority;  // lower wins when two lists name the same product
+  std::unordered_set<std::string> keys;
+};
+
+struct PendingFinding {
+  Finding finding;
+  int priority = 0;
+  std::set<std::string> places;
+};
+
+}  // namespace
+
+struct Auditor::State {
+  AuditSources sources;
+  std::vector<KnownList> softwareLists;
+  std::unordered_set<std::string> fontKeys;
+  std::unordered_map<std::string, PendingFinding> findings;  // kind letter + property key
+  std::set<std::string> filtered;
+  ScanStats stats;
+  std::uint64_t fontFilesListed = 0;
+  TreeWalker::ProgressCallback progress;
+  FolderOpener opener;
+
+  bool mayBeSoftware(const std::string& key) const {
+    for (const KnownList& list : softwareLists)
+      if (list.keys.count(key)) return true;
+    return false;
+  }
+
+  void addHit(FindingKind kind, const char* listName, int priority, ListSource& list, int row,
+              const std::string& place) {
+    std::string property = propertyKey(list, row);
+    if (kind == FindingKind::Software && sources.filter && sources.filter->contains(property)) {
+      filtered.insert(property);
+      return;
+    }
+    std::string key = (kind == FindingKind::Software ? "S" : "F") + property;
+    auto [it, added] = findings.try_emplace(key);
+    PendingFinding& pending = it->second;
+    bool better = added || priority < pending.priority ||
+                  (priority == pending.priority && row < pending.finding.record);
+    if (better) {
+      Finding& f = pending.finding;
+      f.kind = kind;
+      f.list = listName;
+      f.record = row;
+      f.id = list.value(row, "DB_ID");
+      f.maker = list.value(row, "DISP_COMPANY");
+      f.product = list.value(row, "DISP_PRODUCT");
+      f.version = list.value(row, "VERSION");
+      f.priceText = list.value(row, "PRICE");
+      f.price = Money::parse(f.priceText);
+      f.softwareType = list.value(row, "SW_TYPE");
+      f.group = list.value(row, "GRP_NAME");
+      pending.priority = priority;
+    }
+    pending.places.insert(place);
+  }
+
+  void matchSoftware(const std::string& name, const std::string& key, const std::string& place) {
+    for (KnownList& list : softwareLists) {
+      if (!list.keys.count(key)) continue;
+      int row = list.source->idByFileName(name);
+      if (row >= 0) addHit(FindingKind::Software, list.name, list.priority, *list.source, row, place);
+    }
+  }
+
+  void matchFont(const std::string& name, const std::string& key, const std::string& place) {
+    if (!sources.fontList || !fontKeys.count(key)) return;
+    int row = sources.fontList->idByFileName(name);
+    if (row >= 0) addHit(FindingKind::Font, "fontlist", 0, *sources.fontList, row, place);
+  }
+
+  void softwareFile(const FoundFile& file, bool needExecutable) {
+    std::string name(file.name());
+    std::string key = lowercase(name);
+    if (!mayBeSoftware(key)) return;
+    if (needExecutable && !isExecutableFile(file)) return;
+    matchSoftware(name, key, std::string(file.path()));
+  }
+
+  void fontFile(const FoundFile& file) {
+    if (!sources.fontList) return;
+    std::string name(file.name());
+    matchFont(name, lowercase(name), std::string(file.path()));
+  }
+
+  void desktopEntry(const FoundFile& file) {
+    if (!endsWithCaseless(file.name(), ".desktop")) return;
+    std::string place(file.path());
+    for (const std::string& program : execProgramsOfFile(place))
+      matchSoftware(program, lowercase(program), place);
+  }
+};
+
+Auditor::Auditor(const AuditSources& sources) : state_(std::make_unique<State>()) {
+  state_->sources = sources;
+  if (sources.checkList)
+    state_->softwareLists.push_back({sources.checkList, "checklist", 0, fileNameKeys(*sources.checkList)});
+  if (sources.userCheckList)
+    state_->softwareLists.push_back(
+        {sources.userCheckList, "userchecklist", 1, fileNameKeys(*sources.userCheckList)});
+  if (sources.fontList) state_->fontKeys = fileNameKeys(*sources.fontList);
+}
+
+Auditor::~Auditor() = default;
+
+void Auditor::setProgress(TreeWalker::ProgressCallback progress) {
+  state_->progress = std::move(progress);
+}
+
+void Auditor::setFolderOpener(FolderOpener opener) { state_->opener = std::move(opener); }
+
+void Auditor::considerSoftware(const std::string& name, const std::string& place) {
+  state_->matchSoftware(name, lowercase(name), place);
+}
+
+void Auditor::considerFont(const std::string& name, const std::string& place) {
+  state_->matchFont(name, lowercase(name), place);
+}
+
+AuditResult Auditor::run(const ScanPlan& plan) {
+  State& s = *state_;
+  TreeWalker walker(s.stats);
+  walker.exclude(plan.excluded);
+  if (s.opener) walker.setFolderOpener(s.opener);
+  if (s.progress) walker.setProgress(s.progress);
+
+  auto walkAll = [&](const std::vector<std::string>& roots, WalkOptions options,
+                     const TreeWalker::FileCallback& onFile) {
+    for (const std::string& root : roots) walker.walk(root, options, onFile);
+  };
+  const bool wantSoftware = !s.softwareLists.empty();
+  const bool wantFonts = s.sources.fontList != nullptr;
+
+  if (wantSoftware) {
+    auto executable = [&](const FoundFile& f) { s.softwareFile(f, true); };
+    walkAll(plan.pathFolders, {.maxDepth = 0}, executable);
+    walkAll(plan.softwareTrees, {.maxDepth = plan.softwareDepth}, executable);
+    walkAll(plan.desktopFolders, {.maxDepth = plan.desktopDepth},
+            [&](const FoundFile& f) { s.desktopEntry(f); });
+    walkAll(plan.appImageFolders, {.maxDepth = plan.appImageDepth, .skipHidden = true},
+            [&](const FoundFile& f) {
+              if (endsWithCaseless(f.name(), ".appimage")) s.softwareFile(f, false);
+            });
+  }
+  if (wantFonts) {
+    walkAll(plan.fontFolders, {.maxDepth = plan.fontDepth}, [&](const FoundFile& f) { s.fontFile(f); });
+    if (plan.fontCatalog) {
+      for (const std::string& path : plan.fontCatalog->fontFiles()) {
+        ++s.fontFilesListed;
+        considerFont(lastPathComponent(path), path);
+      }
+    }
+  }
+  walkAll(plan.trees, {.maxDepth = plan.treeDepth}, [&](const FoundFile& f) {
+    if (wantSoftware) {
+      s.desktopEntry(f);
+      s.softwareFile(f, !endsWithCaseless(f.name(), ".appimage"));
+    }
+    if (wantFonts) s.fontFile(f);
+  });
+  return takeResult();
+}
+
+AuditResult Auditor::takeResult() {
+  State& s = *state_;
+  AuditResult result;
+  for (auto& [key, pending] : s.findings) {
+    pending.finding.places.assign(pending.places.begin(), pending.places.end());
+    result.findings.push_back(std::move(pending.finding));
+  }
+  result.stats = std::move(s.stats);
+  result.fontFilesListed = s.fontFilesListed;
+  result.filteredHits = s.filtered.size();
+  s.findings.clear();
+  s.filtered.clear();
+  s.stats = ScanStats{};
+  s.fontFilesListed = 0;
+  finishResult(result);
+  return result;
+}
+
+// --- The system's places ------------------------------------------------------
+
+namespace {
+
+std::string env(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
+// Appends the folder unless an earlier entry is the same folder (by its real
+// path, so /bin and /usr/bin on a merged system count once).
+void addFolder(std::vector<std::string>& folders, std::set<std::string>& seen,
+               const std::string& folder) {
+  if (folder.empty() || folder.front() != '/') return;
+  char resolved[PATH_MAX];
+  std::string key = ::realpath(folder.c_str(), resolved) ? resolved : folder;
+  if (seen.insert(key).second) folders.push_back(folder);
+}
+
+}  // namespace
+
+ScanEnvironment ScanEnvironment::current() {
+  return {env("PATH"), env("HOME"), env("XDG_DATA_HOME"), env("XDG_DATA_DIRS")};
+}
+
+ScanPlan systemScanPlan(const ScanEnvironment& e) {
+  ScanPlan plan;
+  std::set<std::string> seen;
+  for (const std::string& folder : split(e.path, ":")) addFolder(plan.pathFolders, seen, folder);
+
+  seen.clear();
+  addFolder(plan.softwareTrees, seen, "/opt");
+  addFolder(plan.softwareTrees, seen, "/usr/local");
+
+  const std::string dataHome = !e.xdgDataHome.empty() ? e.xdgDataHome
+                               : !e.home.empty()      ? e.home + "/.local/share"
+                                                      : "";
+  std::vector<std::string> dataDirs;
+  if (!dataHome.empty()) dataDirs.push_back(dataHome);
+  for (const std::string& dir : split(e.xdgDataDirs.empty() ? "/usr/local/share:/usr/share"
+                                                            : e.xdgDataDirs,
+                                      ":"))
+    dataDirs.push_back(dir);
+
+  seen.clear();
+  for (const std::string& dir : dataDirs) addFolder(plan.desktopFolders, seen, dir + "/applications");
+  addFolder(plan.desktopFolders, seen, "/var/lib/flatpak/exports/share/applications");
+  if (!dataHome.empty())
+    addFolder(plan.desktopFolders, seen, dataHome + "/flatpak/exports/share/applications");
+  addFolder(plan.desktopFolders, seen, "/var/lib/snapd/desktop/applications");
+
+  seen.clear();
+  if (!e.home.empty()) addFolder(plan.appImageFolders, seen, e.home);
+
+  seen.clear();
+  for (const std::string& dir : dataDirs) addFolder(plan.fontFolders, seen, dir + "/fonts");
+  if (!e.home.empty()) addFolder(plan.fontFolders, seen, e.home + "/.fonts");
+  return plan;
+}
+
+}  // namespace quarvel::audit
