@@ -9,9 +9,13 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "quarvel/datafiles/MacKorean.h"
 
 namespace quarvel::testing {
 
@@ -63,9 +67,16 @@ class TempDir {
 
   const std::filesystem::path& path() const { return path_; }
   std::string file(std::string_view name) const { return (path_ / name).string(); }
-  // Writes the enciphered form of `plain` and answers the path.
+  // Writes `plain` (UTF-8) as a data file: Mac Korean bytes, enciphered.
+  // Answers the path.
   std::string writeDataFile(std::string_view name, std::string_view plain) const {
-    writeBytes(path_ / name, encipher(plain));
+    std::optional<std::string> bytes = MacKorean::encode(plain);
+    if (!bytes) throw std::invalid_argument("test text has no Mac Korean form");
+    return writeRawDataFile(name, *bytes);
+  }
+  // Writes `bytes` enciphered, as they are.
+  std::string writeRawDataFile(std::string_view name, std::string_view bytes) const {
+    writeBytes(path_ / name, encipher(bytes));
     return file(name);
   }
   std::vector<std::string> entries() const {
