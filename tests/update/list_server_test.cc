@@ -1,0 +1,227 @@
+// The list server: which requests name which file, what goes over the wire,
+// and a whole update run against it in both variants.
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "ListServer.h"
+#include "quarvel/common/Log.h"
+#include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/update/UpdateRun.h"
+#include "support/SettingsSandbox.h"
+
+namespace quarvel::cli {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+TEST(ListFileForRequest, NamesTheFileOfEachEndpoint) {
+  struct Case {
+    const char* path;
+    QueryParams params;
+    const char* file;
+  };
+  const Case cases[] = {
+      {"/quarvel/download/list/check/mac/", {}, "macchecklist.dat"},
+      {"/quarvel/download/list/package/mac/", {}, "macpcklist.dat"},
+      {"/quarvel/download/list/filter/mac/", {}, "macfilterlist.dat"},
+      {"/quarvel/download/list/user/mac/", {}, "userchecklist.dat"},
+      {"/quarvel/download/list/font/mac/", {{"x", "1"}}, "fontchecklist.dat"},
+      {"/cmmn/download.nis", {{"type", "keyfile"}, {"filename", "macchecklist.dat"}}, "macchecklist.dat"},
+      {"/cmmn/download.nis", {{"type", "file"}, {"filename", "ver.dat"}}, "ver.dat"},
+      {"/cmmn/download.nis", {{"type", "file"}, {"filename", "한글 이름.dat"}}, "한글 이름.dat"},
+      {"/file/keyfile60/package.dat", {}, "package.dat"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path);
+    EXPECT_EQ(listFileForRequest(c.path, c.params), c.file);
+  }
+}
+
+TEST(ListFileForRequest, RefusesEverythingElse) {
+  struct Case {
+    const char* path;
+    QueryParams params;
+  };
+  const Case cases[] = {
+      {"/", {}},
+      {"/quarvel/download/list/check/mac", {}},
+      {"/quarvel/download/list/check/mac/x", {}},
+      {"/quarvel/download/list/", {}},
+      {"/macchecklist.dat", {}},
+      {"/cmmn/download.nis", {{"filename", "ver.dat"}}},
+      {"/cmmn/download.nis", {{"type", "other"}, {"filename", "ver.dat"}}},
+      {"/cmmn/download.nis", {{"type", "FILE"}, {"filename", "ver.dat"}}},
+      {"/cmmn/download.nis", {{"type", "file"}}},
+      {"/cmmn/download.nis", {{"type", "file"}, {"filename", ""}}},
+      {"/cmmn/download.nis", {{"type", "file"}, {"filename", ".."}}},
+      {"/cmmn/download.nis", {{"type", "file"}, {"filename", "../etc/passwd"}}},
+      {"/cmmn/download.nis", {{"type", "file"}, {"filename", "/etc/passwd"}}},
+      {"/cmmn/download.nis", {{"type", "file"}, {"filename", std::string("a\0b", 3)}}},
+      {"/cmmn/download.nis/", {{"type", "file"}, {"filename", "ver.dat"}}},
+      {"/file/keyfile60/", {}},
+      {"/file/keyfile60/.", {}},
+      {"/file/keyfile60/../secret", {}},
+      {"/file/keyfile60/sub/package.dat", {}},
+      {"/file/keyfile60", {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.path << " " << c.params.size());
+    EXPECT_FALSE(listFileForRequest(c.path, c.params));
+  }
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+class ServedFolderTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/quarvel-serve-XXXXXX";
+    ASSERT_TRUE(::mkdtemp(pattern));
+    root = pattern;
+    folder = root + "/served";
+    fs::create_directories(folder + "/sub");
+    writeFile(root + "/secret.txt", "secret");
+    writeFile(folder + "/sub/inner.dat", "inner");
+    server = std::make_unique<ListServer>(folder);
+    port = server->start("127.0.0.1", 0);
+    ASSERT_GT(port, 0);
+  }
+  void TearDown() override {
+    server.reset();
+    fs::remove_all(root);
+  }
+  httplib::Result get(const std::string& target) {
+    httplib::Client client("127.0.0.1", port);
+    client.set_read_timeout(5, 0);
+    return client.Get(target.c_str());
+  }
+
+  std::string root;
+  std::string folder;
+  std::unique_ptr<ListServer> server;
+  int port = -1;
+};
+
+TEST_F(ServedFolderTest, ServesPlainFilesOnlyAndLogsEachRequest) {
+  writeFile(folder + "/macchecklist.dat", std::string("\x01\x00\xff", 3));
+  writeFile(folder + "/package.dat", "pkg");
+  fs::create_symlink(root + "/secret.txt", folder + "/link.dat");
+
+  LogCapture log;
+  auto good = get("/quarvel/download/list/check/mac/");
+  ASSERT_TRUE(good);
+  EXPECT_EQ(good->status, 200);
+  EXPECT_EQ(good->body, std::string("\x01\x00\xff", 3));
+  auto windows = get("/file/keyfile60/package.dat");
+  ASSERT_TRUE(windows);
+  EXPECT_EQ(windows->body, "pkg");
+  auto encoded = get("/cmmn/download.nis?type=keyfile&filename=macchecklist%2Edat");
+  ASSERT_TRUE(encoded);
+  EXPECT_EQ(encoded->status, 200);
+
+  for (const char* target : {
+           "/",                                                     // no listing
+           "/quarvel/download/list/font/mac/",                      // not there
+           "/cmmn/download.nis?type=file&filename=..%2Fsecret.txt", // traversal
+           "/cmmn/download.nis?type=file&filename=link.dat",        // a link
+           "/cmmn/download.nis?type=file&filename=sub",             // a folder
+           "/file/keyfile60/sub%2Finner.dat",
+           "/file/keyfile60/../secret.txt",
+       }) {
+    SCOPED_TRACE(target);
+    auto result = get(target);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->status, 404);
+    EXPECT_NE(result->body, "secret");
+  }
+  EXPECT_TRUE(log.contains("\"GET /quarvel/download/list/check/mac/\" 200 3"));
+  EXPECT_TRUE(log.contains("\"GET /cmmn/download.nis?type=file&filename=link.dat\" 404"));
+  // The line is written once the answer has gone out, so the last one may
+  // trail the client a little.
+  int serveLines = 0;
+  for (int wait = 0; wait < 200 && serveLines < 10; ++wait) {
+    if (wait) std::this_thread::sleep_for(10ms);
+    serveLines = 0;
+    for (const auto& line : log.lines()) serveLines += line.rfind("serve: ", 0) == 0;
+  }
+  EXPECT_EQ(serveLines, 10);
+}
+
+TEST_F(ServedFolderTest, AnswersClientsConcurrently) {
+  writeFile(folder + "/macfilterlist.dat", std::string(200000, 'f'));
+  std::vector<std::future<bool>> clients;
+  for (int i = 0; i < 8; ++i) {
+    clients.push_back(std::async(std::launch::async, [this] {
+      for (int j = 0; j < 5; ++j) {
+        auto result = get("/quarvel/download/list/filter/mac/");
+        if (!result || result->status != 200 || result->body.size() != 200000) return false;
+      }
+      return true;
+    }));
+  }
+  for (auto& client : clients) EXPECT_TRUE(client.get());
+}
+
+TEST_F(ServedFolderTest, StopsPromptlyAndFreesThePort) {
+  server->stop();
+  server.reset();
+  httplib::Client client("127.0.0.1", port);
+  client.set_connection_timeout(1, 0);
+  EXPECT_FALSE(client.Get("/"));
+  ListServer again(folder);
+  EXPECT_EQ(again.start("127.0.0.1", port), port);
+}
+
+class NullView : public UpdateView {
+ public:
+  void setStatusText(const std::string&) override {}
+  void setProgress(double) override {}
+  void errorAlert(const std::string& code) override { alerts.push_back(code); }
+  void close() override {}
+  std::vector<std::string> alerts;  // written by the worker, read after it ended
+};
+
+TEST_F(ServedFolderTest, UpdateRunFetchesFromItInBothVariants) {
+  const char* names[] = {"macchecklist.dat", "macpcklist.dat", "macfilterlist.dat",
+                         "userchecklist.dat", "fontchecklist.dat"};
+  for (const char* name : names) writeFile(folder + "/" + name, std::string("served ") + name);
+
+  for (bool web : {false, true}) {
+    SCOPED_TRACE(web);
+    testing::SettingsSandbox sandbox;
+    CVUserDefaults* settings = CVUserDefaults::standardUserDefaults();
+    settings->setWebQuarvelIPAddress(PlistValue::string("127.0.0.1:" + std::to_string(port)));
+    UpdateOptions options;
+    options.listServer = "http://127.0.0.1:" + std::to_string(port);
+    options.pacing = 1ms;
+    options.networkCheck = [] { return true; };
+    auto view = std::make_shared<NullView>();
+    auto run = UpdateRun::create(view, options);
+    run->setIsWebQuarvel(web);
+    run->start();
+    ASSERT_TRUE(run->waitUntilFinished(30s));
+    EXPECT_EQ(run->updateStatus(), UpdateStatusDone);
+    EXPECT_EQ(view->alerts, std::vector<std::string>{"DOWNLOAD_DONE"});
+    for (const char* name : names) {
+      std::ifstream in(*settings->libraryPath() + "/" + name);
+      std::stringstream text;
+      text << in.rdbuf();
+      EXPECT_EQ(text.str(), std::string("served ") + name);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace quarvel::cli

@@ -1,0 +1,127 @@
+#include "ListServer.h"
+
+#include <httplib.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "quarvel/common/Log.h"
+
+namespace quarvel::cli {
+namespace {
+
+struct PublicPath {
+  std::string_view path;
+  std::string_view file;
+};
+
+constexpr std::array<PublicPath, 5> kPublicPaths{{
+    {"/quarvel/download/list/check/mac/", "macchecklist.dat"},
+    {"/quarvel/download/list/package/mac/", "macpcklist.dat"},
+    {"/quarvel/download/list/filter/mac/", "macfilterlist.dat"},
+    {"/quarvel/download/list/user/mac/", "userchecklist.dat"},
+    {"/quarvel/download/list/font/mac/", "fontchecklist.dat"},
+}};
+
+constexpr std::string_view kDownloadEndpoint = "/cmmn/download.nis";
+constexpr std::string_view kWindowsPackagePrefix = "/file/keyfile60/";
+
+std::optional<std::string> firstParam(const QueryParams& params, const std::string& name) {
+  auto it = params.find(name);
+  if (it == params.end()) return std::nullopt;
+  return it->second;
+}
+
+std::optional<std::string> plainName(std::string_view name) {
+  if (!isPlainFileName(name)) return std::nullopt;
+  return std::string(name);
+}
+
+// The bytes of `name` in `folder` when it is a regular file there (a link
+// does not count, so nothing outside the folder can be reached).
+std::optional<std::string> readPlainFile(const std::string& folder, const std::string& name) {
+  const std::string path = folder + "/" + name;
+  struct stat info {};
+  if (::lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  std::ostringstream body;
+  body << in.rdbuf();
+  if (in.bad()) return std::nullopt;
+  return body.str();
+}
+
+}  // namespace
+
+bool isPlainFileName(std::string_view name) {
+  if (name.empty() || name == "." || name == "..") return false;
+  for (unsigned char c : name) {
+    if (c == '/' || c < 0x20 || c == 0x7f) return false;
+  }
+  return true;
+}
+
+std::optional<std::string> listFileForRequest(std::string_view path, const QueryParams& params) {
+  for (const PublicPath& entry : kPublicPaths) {
+    if (path == entry.path) return std::string(entry.file);
+  }
+  if (path == kDownloadEndpoint) {
+    auto type = firstParam(params, "type");
+    if (!type || (*type != "keyfile" && *type != "file")) return std::nullopt;
+    auto name = firstParam(params, "filename");
+    if (!name) return std::nullopt;
+    return plainName(*name);
+  }
+  if (path.starts_with(kWindowsPackagePrefix)) {
+    return plainName(path.substr(kWindowsPackagePrefix.size()));
+  }
+  return std::nullopt;
+}
+
+ListServer::ListServer(std::string folder)
+    : folder_(std::move(folder)), server_(std::make_unique<httplib::Server>()) {
+  server_->Get(".*", [this](const httplib::Request& request, httplib::Response& response) {
+    std::optional<std::string> body;
+    if (auto name = listFileForRequest(request.path, request.params)) {
+      body = readPlainFile(folder_, *name);
+    }
+    if (body) {
+      response.set_content(std::move(*body), "application/octet-stream");
+    } else {
+      response.status = 404;
+      response.set_content("Not Found\n", "text/plain");
+    }
+  });
+  server_->set_logger([](const httplib::Request& request, const httplib::Response& response) {
+    logf("serve: %s \"%s %s\" %d %zu", request.remote_addr.c_str(), request.method.c_str(),
+         request.target.c_str(), response.status, response.body.size());
+  });
+}
+
+ListServer::~ListServer() {
+  stop();
+  if (thread_.joinable()) thread_.join();
+}
+
+int ListServer::start(const std::string& address, int port) {
+  if (thread_.joinable()) return -1;
+  int bound = -1;
+  if (port == 0) bound = server_->bind_to_any_port(address);
+  else if (server_->bind_to_port(address, port)) bound = port;
+  if (bound < 0) return -1;
+  thread_ = std::thread([this] { server_->listen_after_bind(); });
+  // The socket already accepts connections; waiting until the loop runs
+  // makes a stop() that follows at once effective.
+  for (int i = 0; i < 500 && !server_->is_running(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return bound;
+}
+
+void ListServer::stop() { server_->stop(); }
+
+}  // namespace quarvel::cli
