@@ -1,0 +1,284 @@
+// `quarvel check`: what the reader would make of a data file, line by line.
+//
+// The file is deciphered and split here with the reader's own rules (CR LF
+// or LF ends a line, a lone CR swallows the byte after it, a zero byte ends
+// the text, text after the last line end is lost) so that findings carry
+// the line numbers of the plain text, including lines the reader drops.
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <ostream>
+#include <set>
+
+#include "DataFileTool.h"
+#include "quarvel/common/CommonLib.h"
+#include "quarvel/common/StringUtil.h"
+#include "quarvel/datafiles/DataFileFormat.h"
+#include "quarvel/datafiles/FileCheckList.h"
+#include "quarvel/datafiles/FileFilter.h"
+#include "quarvel/datafiles/LookupIndex.h"
+#include "quarvel/datafiles/MacKorean.h"
+
+namespace quarvel::cli {
+
+namespace df = quarvel::datafile;
+
+namespace {
+
+struct RawLine {
+  std::size_t number = 0;            // 1-based
+  std::string bytes;                 // as stored, Mac Korean
+  std::optional<std::string> text;   // decoded; absent when the reader drops it
+};
+
+struct Findings {
+  std::ostream& out;
+  int errors = 0;
+  int warnings = 0;
+  void error(std::size_t line, const std::string& what) {
+    ++errors;
+    out << "line " << line << ": error: " << what << '\n';
+  }
+  void warning(std::size_t line, const std::string& what) {
+    ++warnings;
+    out << "line " << line << ": warning: " << what << '\n';
+  }
+  void fileError(const std::string& what) {
+    ++errors;
+    out << "error: " << what << '\n';
+  }
+};
+
+std::string decipher(std::string bytes) {
+  std::reverse(bytes.begin(), bytes.end());
+  for (std::size_t i = 0; i < bytes.size(); ++i)
+    bytes[i] = static_cast<char>(bytes[i] ^ CommonLib::kKey[i & 15]);
+  return bytes;
+}
+
+std::vector<RawLine> splitLines(const std::string& plain, Findings& findings) {
+  std::vector<RawLine> lines;
+  std::string current;
+  std::size_t number = 1;
+  std::size_t i = 0;
+  auto endLine = [&] {
+    RawLine line;
+    line.number = number++;
+    line.text = MacKorean::decode(current);
+    line.bytes = std::move(current);
+    current.clear();
+    lines.push_back(std::move(line));
+  };
+  for (; i < plain.size(); ++i) {
+    const char c = plain[i];
+    if (c == '\n') {
+      endLine();
+    } else if (c == '\r') {
+      if (i + 1 < plain.size() && plain[i + 1] == '\n') {
+        endLine();
+        ++i;
+      } else {
+        findings.warning(number, "a CR without LF swallows the byte after it");
+        ++i;
+      }
+    } else if (c == '\0') {
+      findings.warning(number, "the text ends at a zero byte (offset " + std::to_string(i) +
+                                   "); " + std::to_string(plain.size() - i) + " bytes ignored");
+      break;
+    } else {
+      current += c;
+    }
+  }
+  if (!current.empty())
+    findings.warning(number, "the last line has no line end and is ignored");
+  return lines;
+}
+
+// Quoted, with tabs shown as \t.
+std::string inQuotes(std::string_view text) {
+  std::string out = "\"";
+  for (char c : text) {
+    if (c == '\t') out += "\\t";
+    else out += c;
+  }
+  return out + "\"";
+}
+
+// The look-up keys of a record: (name of the look-up, key, case-blind).
+struct KeyRule {
+  const char* name;
+  std::vector<std::size_t> fields;
+  bool caseBlind;
+};
+
+std::vector<KeyRule> keyRules(DataFileKind kind, const std::string& tag) {
+  if (tag == df::kHeaderTag) return {};
+  switch (kind) {
+    case DataFileKind::CheckList:
+      return {{"property", {1, 2, 3, 4}, true}, {"EXE_FILE", {5}, true}, {"DB_ID", {0}, false}};
+    case DataFileKind::Font:
+      return {{"EXE_FILE", {5}, true}, {"DB_ID", {0}, false}};
+    case DataFileKind::Filter:
+      return {{"filter key", {0, 1, 2, 3}, true}};
+    case DataFileKind::Package:
+      if (tag == df::kPackageTag) return {{"DB_ID", {0}, false}};
+      return {};
+  }
+  return {};
+}
+
+void checkCharacters(const RawLine& line, const FieldList& fields, Findings& findings) {
+  const std::string& text = *line.text;
+  const std::string folded = CommonLib::encodingForSpecialCharacter(text);
+  const std::vector<std::string> values = split(text, df::kSeparator);
+  if (folded != text) {
+    for (std::size_t f = 0; f < values.size(); ++f) {
+      const std::string foldedValue = CommonLib::encodingForSpecialCharacter(values[f]);
+      if (foldedValue != values[f]) {
+        findings.warning(line.number, (f < fields.size() ? fields[f] : "value") + ": folding on save turns " +
+                                          inQuotes(values[f]) + " into " + inQuotes(foldedValue));
+      }
+    }
+  }
+  MacKorean::EncodeError error;
+  if (!MacKorean::encode(folded, &error)) {
+    // Name the field holding the offending character.
+    std::size_t field = 0;
+    for (std::size_t i = 0; i < error.offset && i < folded.size(); ++i) field += folded[i] == '\t';
+    char code[16];
+    std::snprintf(code, sizeof code, "U+%04X", static_cast<unsigned>(error.character));
+    findings.error(line.number, (field < fields.size() ? fields[field] : std::string("value")) +
+                                    ": " + code + " has no Mac Korean form; saving is refused");
+  }
+}
+
+}  // namespace
+
+int checkDataFile(const std::string& path, std::optional<DataFileKind> kind, std::ostream& out,
+                  std::ostream& err) {
+  std::ifstream in(path, std::ios::binary);
+  std::error_code ec;
+  if (!in || !std::filesystem::is_regular_file(path, ec)) {
+    err << path << ": cannot be read\n";
+    return 1;
+  }
+  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  Findings findings{out};
+  if (bytes.empty()) {
+    findings.fileError("the file is empty");
+    out << path << ": 1 error\n";
+    return 1;
+  }
+  std::vector<RawLine> lines = splitLines(decipher(bytes), findings);
+  for (const RawLine& line : lines) {
+    if (line.bytes.size() > df::kMaxLineBytes)
+      findings.error(line.number, std::to_string(line.bytes.size()) + " bytes, longer than the " +
+                                      std::to_string(df::kMaxLineBytes) + " a line may hold");
+    if (!line.text)
+      findings.error(line.number, "not Mac Korean text; the reader drops this line");
+  }
+
+  std::vector<std::string> decoded;
+  for (const RawLine& line : lines) decoded.push_back(line.text.value_or(""));
+  if (!kind) kind = detectDataFileKind(decoded, path);
+  out << path << ": checked as a " << dataFileKindName(*kind) << " file\n";
+
+  // Locate the sections as the reader does: the last of repeated tag lines wins.
+  const std::vector<std::string> tags = sectionTags(*kind);
+  std::unique_ptr<FileFramework> file = makeDataFile(*kind);
+  std::map<std::string, std::pair<long, long>> bounds;  // tag -> (start, end) line index
+  for (const std::string& tag : tags) bounds[tag] = {-1, -1};
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    if (!lines[i].text) continue;
+    for (const std::string& tag : tags) {
+      const bool start = *lines[i].text == tag + std::string(df::kStartSuffix);
+      const bool end = *lines[i].text == tag + std::string(df::kEndSuffix);
+      if (!start && !end) continue;
+      long& slot = start ? bounds[tag].first : bounds[tag].second;
+      if (slot >= 0)
+        findings.warning(lines[i].number, "repeats " + *lines[i].text + " of line " +
+                                              std::to_string(lines[slot].number) +
+                                              "; this one counts");
+      slot = static_cast<long>(i);
+    }
+  }
+  bool damaged = false;
+  for (const std::string& tag : tags) {
+    const auto [start, end] = bounds[tag];
+    if (start < 0) {
+      findings.fileError("section " + tag + " has no start line");
+      damaged = true;
+    } else if (end < 0) {
+      findings.fileError("section " + tag + " has no end line");
+      damaged = true;
+    } else if (end <= start) {
+      findings.fileError("section " + tag + " ends (line " + std::to_string(lines[end].number) +
+                         ") before it starts (line " + std::to_string(lines[start].number) + ")");
+      damaged = true;
+    }
+  }
+  if (damaged) out << "the reader refuses this file as damaged\n";
+
+  std::vector<bool> inside(lines.size(), false);
+  for (const std::string& tag : tags) {
+    const auto [start, end] = bounds[tag];
+    if (start >= 0 && end > start)
+      for (long i = start; i <= end; ++i) inside[i] = true;
+  }
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    if (!inside[i] && lines[i].text && !damaged)
+      findings.warning(lines[i].number, "outside every section; ignored");
+  }
+
+  for (const std::string& tag : tags) {
+    const auto [start, end] = bounds[tag];
+    if (start < 0 || end <= start) continue;
+    Table* table = file->getTableByTag(tag);
+    const FieldList fields = *table->getFields();
+    const bool header = tag == df::kHeaderTag;
+    if (header && end - start > 2)
+      findings.warning(lines[start].number, "the header holds " + std::to_string(end - start - 1) +
+                                                " lines; only the last one is the version");
+    const std::vector<KeyRule> rules = keyRules(*kind, tag);
+    std::vector<std::map<std::string, std::size_t>> seen(rules.size());
+    for (long i = start + 1; i < end; ++i) {
+      const RawLine& line = lines[i];
+      if (!line.text) continue;
+      const std::vector<std::string> values = split(*line.text, df::kSeparator);
+      if (header) {
+        if (values.size() > 1)
+          findings.warning(line.number, "the version line has " + std::to_string(values.size()) +
+                                            " values; only the first is kept");
+      } else if (values.size() != fields.size()) {
+        findings.error(line.number, tag + " record with " + std::to_string(values.size()) +
+                                        " fields, " + std::to_string(fields.size()) +
+                                        " expected; the reader refuses it");
+        continue;
+      }
+      checkCharacters(line, fields, findings);
+      for (std::size_t r = 0; r < rules.size(); ++r) {
+        std::vector<std::string> parts;
+        for (std::size_t f : rules[r].fields) parts.push_back(values[f]);
+        const std::string joined = join(parts, "\t");
+        const std::string key = rules[r].caseBlind ? lowerKey(joined) : joined;
+        auto [it, fresh] = seen[r].emplace(key, line.number);
+        if (!fresh) {
+          findings.warning(line.number, std::string(rules[r].name) + " " + inQuotes(joined) +
+                                            " repeats line " + std::to_string(it->second) +
+                                            "; look-ups answer this record, line " +
+                                            std::to_string(it->second) + " is unreachable");
+          it->second = line.number;
+        }
+      }
+    }
+  }
+  out << path << ": " << findings.errors << (findings.errors == 1 ? " error, " : " errors, ")
+      << findings.warnings << (findings.warnings == 1 ? " warning\n" : " warnings\n");
+  return findings.errors > 0 || damaged ? 1 : 0;
+}
+
+}  // namespace quarvel::cli
