@@ -1,0 +1,99 @@
+#include "CipherCommand.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "datafiles/DataFileTestUtil.h"
+#include "quarvel/common/CommonLib.h"
+#include "quarvel/common/Log.h"
+
+namespace quarvel::cli {
+namespace {
+
+using quarvel::testing::TempDir;
+
+TEST(EncipherText, LineEndsBecomeCrLfAndTheTextBecomesMacKorean) {
+  struct Case {
+    std::string text, plain;
+  } cases[] = {
+      {"a\nb\n", "a\r\nb\r\n"},
+      {"a\r\nb\r\n", "a\r\nb\r\n"},
+      {"a\r\nb", "a\r\nb\r\n"},
+      {"\xEF\xBB\xBF\xEA\xB0\x80\n\n", "\xB0\xA1\r\n\r\n"},  // BOM skipped, 가
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.text));
+    const std::optional<std::string> file = encipherText(c.text, nullptr);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(quarvel::testing::decipher(*file), c.plain);
+  }
+}
+
+TEST(EncipherText, RefusesWhatTheReaderCouldNotGiveBack) {
+  struct Case {
+    std::string text;
+    std::size_t line, column;
+    std::string reason;
+  } cases[] = {
+      {"ok\n\xEA\xB0\x80\xC3\xA9\n", 2, 2, "U+00E9 has no Mac Korean form"},
+      {"a\rb\n", 1, 2, "a CR that does not end a line"},
+      {std::string("x\ny\0z", 5), 2, 2, "a zero byte"},
+      {"\xFF\n", 1, 1, "the text is not UTF-8"},
+      {"", 1, 1, "the text is empty"},
+      {"a\n" + std::string(2048, 'x') + "\n", 2, 1,
+       "the line takes 2048 bytes, more than the 2047 a data file allows"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.text.substr(0, 20)));
+    TextProblem problem;
+    EXPECT_FALSE(encipherText(c.text, &problem));
+    EXPECT_EQ(problem.line, c.line);
+    EXPECT_EQ(problem.column, c.column);
+    EXPECT_EQ(problem.reason, c.reason);
+  }
+}
+
+TEST(CipherCommands, EncryptThenDecryptGivesTheLinesBack) {
+  TempDir dir;
+  const std::string text = "#HEADER_START\n20240101\n#HEADER_END\n\xED\x95\x9C\xEA\xB8\x80\tHangul\n";
+  quarvel::testing::writeBytes(dir.path() / "in.txt", text);
+  std::ostringstream err;
+  ASSERT_EQ(runEncrypt({dir.file("in.txt"), dir.file("out.dat")}, err), 0) << err.str();
+
+  LogCapture log;
+  std::ostringstream out;
+  EXPECT_EQ(runDecrypt(dir.file("out.dat"), out, err), 0);
+  EXPECT_EQ(out.str(), text);
+}
+
+TEST(CipherCommands, AnUnencodableCharacterWritesNothing) {
+  TempDir dir;
+  quarvel::testing::writeBytes(dir.path() / "in.txt", "fine\ncaf\xC3\xA9\n");
+  std::ostringstream err;
+  EXPECT_EQ(runEncrypt({dir.file("in.txt"), dir.file("out.dat")}, err), 1);
+  EXPECT_EQ(err.str(), dir.file("in.txt") + ":2:4: U+00E9 has no Mac Korean form; nothing written\n");
+  EXPECT_FALSE(std::filesystem::exists(dir.file("out.dat")));
+}
+
+TEST(CipherCommands, DecryptOfAMissingOrEmptyFileFails) {
+  TempDir dir;
+  quarvel::testing::writeBytes(dir.path() / "empty.dat", "");
+  std::ostringstream out, err;
+  EXPECT_EQ(runDecrypt(dir.file("missing.dat"), out, err), 1);
+  EXPECT_EQ(runDecrypt(dir.file("empty.dat"), out, err), 1);
+  EXPECT_EQ(out.str(), "");
+  EXPECT_NE(err.str().find("missing.dat: no such file"), std::string::npos);
+  EXPECT_NE(err.str().find("empty.dat: empty or unreadable"), std::string::npos);
+}
+
+// The bundled sample is the enciphered form of its text.
+TEST(CipherCommands, TheSampleMatchesItsSource) {
+  const std::string source = quarvel::testing::readBytes(QUARVEL_SAMPLES "/welcome.txt");
+  const std::string sample = quarvel::testing::readBytes(QUARVEL_SAMPLES "/welcome.dat");
+  ASSERT_FALSE(source.empty());
+  EXPECT_EQ(encipherText(source, nullptr), sample);
+}
+
+}  // namespace
+}  // namespace quarvel::cli
