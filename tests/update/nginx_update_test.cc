@@ -1,0 +1,218 @@
+// The update run against nginx with the documented configuration, on
+// loopback. Skipped when nginx is not installed.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/update/UpdateRun.h"
+#include "support/SettingsSandbox.h"
+
+namespace quarvel {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+std::string findNginx() {
+  for (const char* candidate : {"/usr/sbin/nginx", "/usr/local/sbin/nginx", "/usr/bin/nginx"}) {
+    if (::access(candidate, X_OK) == 0) return candidate;
+  }
+  return "";
+}
+
+int freePort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  int port = -1;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+    port = ntohs(address.sin_port);
+  }
+  ::close(fd);
+  return port;
+}
+
+bool accepts(int port) {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  ::close(fd);
+  return ok;
+}
+
+void replace(std::string& text, const std::string& from, const std::string& to) {
+  auto at = text.find(from);
+  ASSERT_NE(at, std::string::npos) << from;
+  text.replace(at, from.size(), to);
+}
+
+// nginx in the foreground as a child of the test, with a configuration made
+// of the documented server block.
+class NginxServer {
+ public:
+  NginxServer(const std::string& nginx, const std::string& work, const std::string& root) {
+    fs::create_directories(work + "/logs");
+    std::string block = readFile(std::string(QUARVEL_SOURCE_DIR) + "/docs/nginx-quarvel.conf");
+    for (int attempt = 0; attempt < 3 && pid_ < 0; ++attempt) {
+      port_ = freePort();
+      std::string server = block;
+      replace(server, "listen 8080;", "listen 127.0.0.1:" + std::to_string(port_) + ";");
+      replace(server, "root /srv/quarvel/lists;", "root " + root + ";");
+      std::ostringstream conf;
+      conf << "daemon off;\nmaster_process off;\nworker_processes 1;\n"
+           << "pid " << work << "/nginx.pid;\nerror_log " << work << "/logs/error.log;\n"
+           << "events { worker_connections 64; }\nhttp {\n"
+           << "  access_log " << work << "/logs/access.log;\n"
+           << "  client_body_temp_path " << work << "/body;\n"
+           << "  proxy_temp_path " << work << "/proxy;\n"
+           << "  fastcgi_temp_path " << work << "/fastcgi;\n"
+           << "  uwsgi_temp_path " << work << "/uwsgi;\n"
+           << "  scgi_temp_path " << work << "/scgi;\n"
+           << server << "}\n";
+      writeFile(work + "/nginx.conf", conf.str());
+      // Everything the child needs is made before the fork.
+      const std::string confPath = work + "/nginx.conf";
+      const std::string errorPath = work + "/logs/error.log";
+      pid_t child = ::fork();
+      if (child == 0) {
+        ::execl(nginx.c_str(), nginx.c_str(), "-p", work.c_str(), "-c", confPath.c_str(), "-e",
+                errorPath.c_str(), static_cast<char*>(nullptr));
+        ::_exit(127);
+      }
+      for (int i = 0; i < 500; ++i) {
+        if (accepts(port_)) {
+          pid_ = child;
+          break;
+        }
+        int status;
+        if (::waitpid(child, &status, WNOHANG) == child) break;  // gave up (port taken?)
+        std::this_thread::sleep_for(10ms);
+      }
+      if (pid_ < 0) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+        error_ = readFile(work + "/logs/error.log");
+      }
+    }
+  }
+  ~NginxServer() {
+    if (pid_ > 0) {
+      ::kill(pid_, SIGTERM);
+      ::waitpid(pid_, nullptr, 0);
+    }
+  }
+  bool running() const { return pid_ > 0; }
+  int port() const { return port_; }
+  const std::string& error() const { return error_; }
+
+ private:
+  pid_t pid_ = -1;
+  int port_ = -1;
+  std::string error_;
+};
+
+class RecordingView : public UpdateView {
+ public:
+  void setStatusText(const std::string&) override {}
+  void setProgress(double) override {}
+  void errorAlert(const std::string& code) override { alerts.push_back(code); }
+  void close() override {}
+  std::vector<std::string> alerts;  // read after the worker ended
+};
+
+const char* kNames[] = {"macchecklist.dat", "macpcklist.dat", "macfilterlist.dat",
+                        "userchecklist.dat", "fontchecklist.dat"};
+
+TEST(NginxUpdate, RunsBothVariantsAgainstTheDocumentedConfiguration) {
+  const std::string nginx = findNginx();
+  if (nginx.empty()) GTEST_SKIP() << "nginx is not installed";
+
+  testing::SettingsSandbox sandbox;
+  const std::string root = sandbox.root() + "/lists";
+  fs::create_directories(root + "/sub");
+  for (const char* name : kNames) writeFile(root + "/" + name, std::string("nginx ") + name);
+  writeFile(root + "/package.dat", "windows packages");
+  writeFile(root + "/ver.dat", "7");
+  writeFile(sandbox.root() + "/secret", "secret");
+  fs::create_symlink(sandbox.root() + "/secret", root + "/link.dat");
+
+  NginxServer server(nginx, sandbox.root() + "/nginx", root);
+  ASSERT_TRUE(server.running()) << server.error();
+  const std::string hostPort = "127.0.0.1:" + std::to_string(server.port());
+
+  CVUserDefaults* settings = CVUserDefaults::standardUserDefaults();
+  settings->setWebQuarvelIPAddress(PlistValue::string(hostPort));
+  UpdateOptions options;
+  options.listServer = "http://" + hostPort;
+  options.fileServer = "http://" + hostPort;
+  options.windowsPackageServer = "http://" + hostPort + "/file/keyfile60";
+  options.pacing = 1ms;
+  options.networkCheck = [] { return true; };
+
+  for (bool web : {false, true}) {
+    SCOPED_TRACE(web);
+    for (const char* name : kNames) fs::remove(*settings->libraryPath() + "/" + name);
+    auto view = std::make_shared<RecordingView>();
+    auto run = UpdateRun::create(view, options);
+    run->setIsWebQuarvel(web);
+    run->start();
+    ASSERT_TRUE(run->waitUntilFinished(30s));
+    EXPECT_EQ(run->updateStatus(), UpdateStatusDone);
+    EXPECT_EQ(view->alerts, std::vector<std::string>{"DOWNLOAD_DONE"});
+    for (const char* name : kNames) {
+      EXPECT_EQ(readFile(*settings->libraryPath() + "/" + name), std::string("nginx ") + name);
+    }
+  }
+
+  auto run = UpdateRun::create(std::make_shared<RecordingView>(), options);
+  EXPECT_FALSE(run->downloadKeyFile(0));
+  EXPECT_EQ(readFile(*settings->verFilePath()), "7");
+  EXPECT_FALSE(run->downloadWindowsKeyFiles());
+  EXPECT_EQ(readFile(*settings->windowPackageFilePath()), "windows packages");
+
+  httplib::Client client("127.0.0.1", server.port());
+  for (const char* target : {"/", "/macchecklist.dat", "/quarvel/download/list/check/mac",
+                             "/cmmn/download.nis?type=file&filename=..%2Fsecret",
+                             "/cmmn/download.nis?type=file&filename=link.dat",
+                             "/cmmn/download.nis?type=other&filename=ver.dat",
+                             "/cmmn/download.nis?type=file&filename=sub",
+                             "/file/keyfile60/../secret", "/file/keyfile60/link.dat", "/sub/"}) {
+    SCOPED_TRACE(target);
+    auto result = client.Get(target);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->status, 404);
+  }
+}
+
+}  // namespace
+}  // namespace quarvel
