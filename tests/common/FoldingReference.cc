@@ -1,4 +1,4 @@
-#include "common/FoldingReference.h"
+#include "FoldingReference.h"
 
 #include <unicode/brkiter.h>
 #include <unicode/normalizer2.h>
