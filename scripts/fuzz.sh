@@ -5,6 +5,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-30}
+# Targets that run for a fixed time of their own instead.
+declare -A target_seconds=([fuzz_reader]=60)
 CC=clang CXX=clang++ ./scripts/build.sh build-fuzz -DQUARVEL_BUILD_FUZZERS=ON \
   -DQUARVEL_SANITIZE=address,undefined -DQUARVEL_BUILD_TESTS=OFF -DQUARVEL_BUILD_BENCH=OFF \
   -DQUARVEL_BUILD_GUI=OFF
@@ -16,8 +18,9 @@ for fuzzer in build-fuzz/tests/fuzz/fuzz_*; do
   work=$(mktemp -d)
   seeds=()
   [ -d "$corpus" ] && seeds=("$corpus")
-  echo "== $name for ${seconds}s"
-  "$fuzzer" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+  run=${target_seconds[$name]:-$seconds}
+  echo "== $name for ${run}s"
+  "$fuzzer" -max_total_time="$run" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
     "$work" "${seeds[@]}" 2>&1 | tail -n 8
   rm -rf "$work"
 done

@@ -1,0 +1,31 @@
+// The data-file reader on arbitrary bytes: as a file, through the whole of
+// CommonLib::Decrypt, and as already deciphered text, straight into the
+// line splitter (which the cipher would otherwise scramble).
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "quarvel/common/CommonLib.h"
+#include "quarvel/common/Log.h"
+#include "quarvel/datafiles/LineReader.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static quarvel::LogCapture* quiet = new quarvel::LogCapture();  // keep stderr clean
+  quiet->clear();
+
+  std::vector<std::string> lines;
+  quarvel::datafile::splitLines(data, size, lines);
+  for (const std::string& line : lines)
+    if (line.size() > 3 * quarvel::datafile::kReaderLineLimit) __builtin_trap();
+
+  if (size == 0) return 0;
+  std::string copy(reinterpret_cast<const char*>(data), size);
+  if (std::FILE* file = fmemopen(copy.data(), copy.size(), "rb")) {
+    lines.clear();
+    if (!quarvel::CommonLib::Decrypt(lines, file)) __builtin_trap();
+    std::fclose(file);
+  }
+  return 0;
+}
