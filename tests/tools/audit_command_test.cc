@@ -217,5 +217,58 @@ TEST(AuditCommandDefaults, ListsComeFromTheLibraryFolder) {
   EXPECT_NE(err2.str().find("no list to compare with"), std::string::npos);
 }
 
+// The bundled sample lists against a tree that holds some of their products.
+TEST(AuditSamples, BundledListsFindTheirProducts) {
+  const std::string samples = QUARVEL_SAMPLES;
+  if (!std::filesystem::exists(samples + "/macchecklist.dat")) GTEST_SKIP() << "no sample lists";
+  TempTree tree;
+  tree.executable("usr/bin/photoloom6");
+  tree.executable("opt/tidewell/bin/tidewell-writer");  // two programs of one product
+  tree.executable("opt/tidewell/bin/tidewell-calc");
+  tree.file("usr/share/applications/hangyeol-docs.desktop",
+            "[Desktop Entry]\nExec=/opt/hangyeol/docs/hangyeol-docs %F\n");
+  tree.file("var/lib/flatpak/exports/share/applications/com.quillmark.Notes.desktop",
+            "[Desktop Entry]\nExec=/usr/bin/flatpak run --branch=stable --arch=x86_64 "
+            "--command=quillmark com.quillmark.Notes\n");
+  tree.executable("usr/bin/clipnest");          // on the filter list
+  tree.executable("usr/bin/photoloom-viewer");  // user list, on the filter list
+  tree.file("usr/bin/daon-cad");                // listed, but not executable
+  tree.file("usr/share/fonts/truetype/nuri/NuriMyeongjo-Regular.ttf");
+  tree.file("usr/share/fonts/truetype/nuri/NuriMyeongjo-Bold.ttf");
+  tree.file("home/kim/.fonts/KestrelSans-Bold.otf");
+
+  AuditCommandOptions o;
+  o.trees = {tree.root()};
+  o.checkList = samples + "/macchecklist.dat";
+  o.userCheckList = samples + "/userchecklist.dat";
+  o.filterList = samples + "/macfilterlist.dat";
+  o.fontList = samples + "/fontchecklist.dat";
+  o.format = ReportFormat::Csv;
+  o.progress = false;
+  std::ostringstream out, err;
+  ASSERT_EQ(runAudit(o, out, err, nullptr), 0) << err.str();
+  EXPECT_EQ(
+      withoutRoot(out.str(), tree.root()),
+      "Row,Maker,Product,Version,Price,Type,Group,Where,Count\r\n"
+      "finding,Brightpath Labs,PhotoLoom 6,6.0,550000,1,그래픽,<T>/usr/bin/photoloom6,\r\n"
+      "finding,Kestrel Type,Kestrel Sans Bold,1.3,120000,1,고딕,<T>/home/kim/.fonts/KestrelSans-Bold.otf,\r\n"
+      "finding,Quillmark,Quillmark Notes,4.2,59000,2,사무용,"
+      "<T>/var/lib/flatpak/exports/share/applications/com.quillmark.Notes.desktop,\r\n"
+      "finding,Tidewell Software,Tidewell Office 2023,2023,320000,1,사무용,"
+      "<T>/opt/tidewell/bin/tidewell-calc; <T>/opt/tidewell/bin/tidewell-writer,\r\n"
+      // Both weights are one product; the first record names it.
+      "finding,누리글꼴,누리명조 Regular,2.0,88000,1,명조,"
+      "<T>/usr/share/fonts/truetype/nuri/NuriMyeongjo-Bold.ttf; "
+      "<T>/usr/share/fonts/truetype/nuri/NuriMyeongjo-Regular.ttf,\r\n"
+      "finding,한결소프트,한결 문서편집기 3.1,3.1,180000,1,사무용,"
+      "<T>/usr/share/applications/hangyeol-docs.desktop,\r\n"
+      "group,,,,120000,,고딕,,1\r\n"
+      "group,,,,550000,,그래픽,,1\r\n"
+      "group,,,,88000,,명조,,1\r\n"
+      "group,,,,559000,,사무용,,3\r\n"
+      "total,,,,1317000,,,,6\r\n");
+  EXPECT_NE(err.str().find("2 filtered"), std::string::npos) << err.str();
+}
+
 }  // namespace
 }  // namespace quarvel::audit

@@ -302,6 +302,17 @@ std::string formatHtml(const AuditResult& result, const ReportOptions& options) 
                  std::to_string(result.stats.unreadableFolders) + " unreadable");
   out += "<p class=\"meta\">" + escapeHtml(join(meta, " \u00b7 ")) + "</p>\n";
 
+  if (!result.findings.empty()) out += "<h2>Price by maker</h2>\n" + chartSvg(result);
+  out += "<h2>Totals</h2>\n<table class=\"totals\">\n<thead><tr><th>Group</th>"
+         "<th class=\"num\">Count</th><th class=\"num\">Price</th></tr></thead>\n<tbody>\n";
+  for (const GroupTotal& g : result.totals.groups)
+    out += "<tr><td>" + escapeHtml(groupLabel(g.group)) + "</td><td class=\"num\">" +
+           std::to_string(g.count) + "</td><td class=\"num\">" + g.price.toString(true) +
+           "</td></tr>\n";
+  out += "<tr class=\"total\"><td>Total</td><td class=\"num\">" +
+         std::to_string(result.totals.count) + "</td><td class=\"num\">" +
+         result.totals.price.toString(true) + "</td></tr>\n</tbody>\n</table>\n";
+
   out += "<h2>Findings</h2>\n";
   if (result.findings.empty()) {
     out += "<p>No findings.</p>\n";
@@ -318,17 +329,6 @@ std::string formatHtml(const AuditResult& result, const ReportOptions& options) 
     out += "</tbody>\n</table>\n";
   }
 
-  out += "<h2>Totals</h2>\n<table class=\"totals\">\n<thead><tr><th>Group</th>"
-         "<th class=\"num\">Count</th><th class=\"num\">Price</th></tr></thead>\n<tbody>\n";
-  for (const GroupTotal& g : result.totals.groups)
-    out += "<tr><td>" + escapeHtml(groupLabel(g.group)) + "</td><td class=\"num\">" +
-           std::to_string(g.count) + "</td><td class=\"num\">" + g.price.toString(true) +
-           "</td></tr>\n";
-  out += "<tr class=\"total\"><td>Total</td><td class=\"num\">" +
-         std::to_string(result.totals.count) + "</td><td class=\"num\">" +
-         result.totals.price.toString(true) + "</td></tr>\n</tbody>\n</table>\n";
-
-  if (!result.findings.empty()) out += "<h2>Price by maker</h2>\n" + chartSvg(result);
   return out + "</body>\n</html>\n";
 }
 

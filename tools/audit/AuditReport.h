@@ -33,8 +33,8 @@ std::string formatJson(const AuditResult& result);
 // "group" (a group's count and price sum) or "total".
 std::string formatCsv(const AuditResult& result);
 
-// A self-contained page (no scripts, no outside resources): the findings
-// table, the totals and an inline SVG bar chart of the price sum per maker.
+// A self-contained page (no scripts, no outside resources): an inline SVG
+// bar chart of the price sum per maker, the totals, then the findings.
 std::string formatHtml(const AuditResult& result, const ReportOptions& options = {});
 
 std::string formatReport(const AuditResult& result, ReportFormat format,

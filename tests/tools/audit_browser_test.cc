@@ -1,0 +1,137 @@
+// The HTML report as a browser draws it: headless Chromium takes a
+// screenshot and the bars of the chart are measured on it. Skipped where
+// Chromium is not installed (it is not a build dependency).
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "audit/AuditReport.h"
+#include "support/AuditFixtures.h"
+
+namespace quarvel::audit {
+namespace {
+
+constexpr const char* kChromium = "/usr/bin/chromium";
+
+struct Image {
+  int width = 0;
+  int height = 0;
+  std::vector<unsigned char> rgb;  // 3 bytes per pixel
+};
+
+std::uint32_t bigEndian(const unsigned char* p) {
+  return (std::uint32_t{p[0]} << 24) | (std::uint32_t{p[1]} << 16) | (std::uint32_t{p[2]} << 8) |
+         p[3];
+}
+
+// Enough of PNG for a browser's screenshot: 8-bit RGB or RGBA, not interlaced.
+std::optional<Image> readPng(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::vector<unsigned char> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (file.size() < 33 || std::memcmp(file.data(), "\x89PNG\r\n\x1a\n", 8) != 0) return std::nullopt;
+  Image image;
+  int channels = 0;
+  std::vector<unsigned char> packed;
+  for (std::size_t at = 8; at + 12 <= file.size();) {
+    std::uint32_t length = bigEndian(&file[at]);
+    std::string type(reinterpret_cast<const char*>(&file[at + 4]), 4);
+    const unsigned char* data = &file[at + 8];
+    if (at + 12 + length > file.size()) return std::nullopt;
+    if (type == "IHDR") {
+      image.width = static_cast<int>(bigEndian(data));
+      image.height = static_cast<int>(bigEndian(data + 4));
+      if (data[8] != 8 || data[12] != 0) return std::nullopt;
+      channels = data[9] == 6 ? 4 : data[9] == 2 ? 3 : 0;
+      if (!channels) return std::nullopt;
+    } else if (type == "IDAT") {
+      packed.insert(packed.end(), data, data + length);
+    }
+    at += 12 + length;
+  }
+  const std::size_t stride = static_cast<std::size_t>(image.width) * channels;
+  std::vector<unsigned char> raw((stride + 1) * static_cast<std::size_t>(image.height));
+  uLongf rawSize = raw.size();
+  if (uncompress(raw.data(), &rawSize, packed.data(), packed.size()) != Z_OK || rawSize != raw.size())
+    return std::nullopt;
+
+  std::vector<unsigned char> previous(stride, 0), line(stride);
+  image.rgb.reserve(static_cast<std::size_t>(image.width) * image.height * 3);
+  for (int y = 0; y < image.height; ++y) {
+    const unsigned char* row = &raw[y * (stride + 1)];
+    const int filter = row[0];
+    for (std::size_t i = 0; i < stride; ++i) {
+      const int a = i >= static_cast<std::size_t>(channels) ? line[i - channels] : 0;
+      const int b = previous[i];
+      const int c = i >= static_cast<std::size_t>(channels) ? previous[i - channels] : 0;
+      int predictor = 0;
+      switch (filter) {
+        case 1: predictor = a; break;
+        case 2: predictor = b; break;
+        case 3: predictor = (a + b) / 2; break;
+        case 4: {
+          const int p = a + b - c, pa = std::abs(p - a), pb = std::abs(p - b), pc = std::abs(p - c);
+          predictor = (pa <= pb && pa <= pc) ? a : pb <= pc ? b : c;
+          break;
+        }
+      }
+      line[i] = static_cast<unsigned char>(row[1 + i] + predictor);
+    }
+    for (int x = 0; x < image.width; ++x)
+      image.rgb.insert(image.rgb.end(), &line[x * channels], &line[x * channels] + 3);
+    previous.swap(line);
+  }
+  return image;
+}
+
+TEST(AuditReportInBrowser, ChartBarsAreDrawnInProportion) {
+  if (::access(kChromium, X_OK) != 0) GTEST_SKIP() << "Chromium is not installed";
+  quarvel::testing::TempTree tree;
+  AuditResult result;
+  for (auto [maker, price] : {std::pair{"다온테크", "1250000"}, std::pair{"Acme", "625000"},
+                              std::pair{"Zeta", "250000"}}) {
+    Finding f;
+    f.maker = maker;
+    f.product = "Product";
+    f.priceText = price;
+    f.price = Money::parse(price);
+    f.group = "Office";
+    f.places = {"/opt/x"};
+    result.findings.push_back(f);
+  }
+  finishResult(result);
+  const std::string page = tree.file("report.html", formatHtml(result));
+  const std::string shot = tree.path("shot.png");
+  const std::string command = std::string("timeout 120 ") + kChromium +
+                              " --headless --no-sandbox --disable-gpu --disable-background-networking"
+                              " --hide-scrollbars --force-device-scale-factor=1"
+                              " --window-size=900,700 --user-data-dir=" + tree.path("profile") +
+                              " --screenshot=" + shot + " file://" + page + " >/dev/null 2>&1";
+  ASSERT_EQ(std::system(command.c_str()), 0) << command;
+
+  std::optional<Image> image = readPng(shot);
+  ASSERT_TRUE(image) << "screenshot not readable";
+  // Bars are filled with #3b7dd8; measure each bar's width, top to bottom.
+  std::vector<int> widths;
+  int lastRowWidth = 0;
+  for (int y = 0; y < image->height; ++y) {
+    int count = 0;
+    for (int x = 0; x < image->width; ++x) {
+      const unsigned char* p = &image->rgb[(static_cast<std::size_t>(y) * image->width + x) * 3];
+      if (p[0] == 0x3b && p[1] == 0x7d && p[2] == 0xd8) ++count;
+    }
+    if (count > 0 && lastRowWidth == 0) widths.push_back(count);
+    lastRowWidth = count;
+  }
+  ASSERT_EQ(widths.size(), 3u);
+  EXPECT_NEAR(widths[0], 460, 2);
+  EXPECT_NEAR(widths[1], 230, 2);
+  EXPECT_NEAR(widths[2], 92, 2);
+}
+
+}  // namespace
+}  // namespace quarvel::audit
