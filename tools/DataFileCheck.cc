@@ -35,21 +35,32 @@ struct RawLine {
   std::optional<std::string> text;   // decoded; absent when the reader drops it
 };
 
+// Findings are gathered and printed in line order once the file is read.
 struct Findings {
-  std::ostream& out;
+  struct Item {
+    std::size_t line;  // 0 for the file as a whole
+    std::string text;
+  };
+  std::vector<Item> items;
   int errors = 0;
   int warnings = 0;
   void error(std::size_t line, const std::string& what) {
     ++errors;
-    out << "line " << line << ": error: " << what << '\n';
+    items.push_back({line, "line " + std::to_string(line) + ": error: " + what});
   }
   void warning(std::size_t line, const std::string& what) {
     ++warnings;
-    out << "line " << line << ": warning: " << what << '\n';
+    items.push_back({line, "line " + std::to_string(line) + ": warning: " + what});
   }
   void fileError(const std::string& what) {
     ++errors;
-    out << "error: " << what << '\n';
+    items.push_back({0, "error: " + what});
+  }
+  void note(const std::string& what) { items.push_back({0, what}); }
+  void print(std::ostream& out) {
+    std::stable_sort(items.begin(), items.end(),
+                     [](const Item& a, const Item& b) { return a.line < b.line; });
+    for (const Item& item : items) out << item.text << '\n';
   }
 };
 
@@ -167,19 +178,21 @@ int checkDataFile(const std::string& path, std::optional<DataFileKind> kind, std
     return 1;
   }
   const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  Findings findings{out};
+  Findings findings;
   if (bytes.empty()) {
-    findings.fileError("the file is empty");
-    out << path << ": 1 error\n";
+    out << path << ": error: the file is empty\n";
     return 1;
   }
   std::vector<RawLine> lines = splitLines(decipher(bytes), findings);
-  for (const RawLine& line : lines) {
-    if (line.bytes.size() > df::kMaxLineBytes)
+  for (RawLine& line : lines) {
+    if (line.bytes.size() > df::kMaxLineBytes) {
       findings.error(line.number, std::to_string(line.bytes.size()) + " bytes, longer than the " +
-                                      std::to_string(df::kMaxLineBytes) + " a line may hold");
-    if (!line.text)
+                                      std::to_string(df::kMaxLineBytes) +
+                                      " a line may hold; the reader drops this line");
+      line.text.reset();
+    } else if (!line.text) {
       findings.error(line.number, "not Mac Korean text; the reader drops this line");
+    }
   }
 
   std::vector<std::string> decoded;
@@ -221,7 +234,7 @@ int checkDataFile(const std::string& path, std::optional<DataFileKind> kind, std
       damaged = true;
     }
   }
-  if (damaged) out << "the reader refuses this file as damaged\n";
+  if (damaged) findings.note("the reader refuses this file as damaged");
 
   std::vector<bool> inside(lines.size(), false);
   for (const std::string& tag : tags) {
@@ -276,6 +289,7 @@ int checkDataFile(const std::string& path, std::optional<DataFileKind> kind, std
       }
     }
   }
+  findings.print(out);
   out << path << ": " << findings.errors << (findings.errors == 1 ? " error, " : " errors, ")
       << findings.warnings << (findings.warnings == 1 ? " warning\n" : " warnings\n");
   return findings.errors > 0 || damaged ? 1 : 0;

@@ -38,12 +38,12 @@ int showDataFile(const std::string& path, std::optional<DataFileKind> kind, Outp
                  std::ostream& out, std::ostream& err);
 
 struct LookupQuery {
-  std::optional<std::string> exe;       // check list, font list
-  std::optional<std::string> property;  // check list
-  std::optional<std::string> id;        // check list, font list, package
-  std::optional<std::string> filter;    // filter
-  std::optional<std::string> package;   // package
-  std::optional<int> sub;               // package: a "#SUB" record index
+  std::optional<std::string> exe = {};       // check list, font list
+  std::optional<std::string> property = {};  // check list
+  std::optional<std::string> id = {};        // check list, font list, package
+  std::optional<std::string> filter = {};    // filter
+  std::optional<std::string> package = {};   // package
+  std::optional<int> sub = {};               // package: a "#SUB" record index
 };
 // Answers the look-up with the record found. A literal "\t" in a property
 // or filter key stands for a tab. 0 when found, 1 when not, 2 when the

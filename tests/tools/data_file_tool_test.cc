@@ -1,0 +1,183 @@
+// quarvel show / lookup / check and building a data file from TSV, run on
+// the sample files and on files damaged on purpose.
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "DataFileTool.h"
+#include "datafiles/DataFileTestUtil.h"
+#include "quarvel/common/StringUtil.h"
+#include "quarvel/datafiles/FileCheckList.h"
+#include "quarvel/datafiles/MacKorean.h"
+
+namespace quarvel::cli {
+namespace {
+
+using quarvel::testing::TempDir;
+
+std::string sample(const char* name) { return std::string(QUARVEL_SAMPLES) + "/" + name; }
+
+struct Outcome {
+  int status;
+  std::string out, err;
+};
+
+template <typename F>
+Outcome run(F&& call) {
+  std::ostringstream out, err;
+  const int status = call(out, err);
+  return {status, out.str(), err.str()};
+}
+
+TEST(DataFileTool, ShowDetectsTheKindAndAlignsWideText) {
+  const Outcome shown = run([](auto& out, auto& err) {
+    return showDataFile(sample("macpcklist.dat"), std::nullopt, OutputFormat::Table, out, err);
+  });
+  ASSERT_EQ(shown.status, 0) << shown.err;
+  EXPECT_NE(shown.out.find("package file, version 2024.06.14"), std::string::npos);
+  // Korean text takes two columns a character: the next column still lines up.
+  std::vector<std::string> rows = split(shown.out, "\n");
+  std::size_t header = 0, korean = 0;
+  for (const std::string& row : rows) {
+    if (row.starts_with("DB_ID")) header = displayWidth(row.substr(0, row.find("SW_TYPE")));
+    if (row.starts_with("PK2002") && korean == 0) korean = displayWidth(row.substr(0, row.find("1 ")));
+  }
+  EXPECT_GT(header, 0u);
+  EXPECT_EQ(header, korean);
+
+  const Outcome fonts = run([](auto& out, auto& err) {
+    return showDataFile(sample("fontchecklist.dat"), std::nullopt, OutputFormat::Json, out, err);
+  });
+  ASSERT_EQ(fonts.status, 0);
+  const auto doc = nlohmann::json::parse(fonts.out);
+  EXPECT_EQ(doc["kind"], "font");
+  EXPECT_EQ(doc["sections"]["#CHECKLIST"][0]["EXE_FILE"], "NuriMyeongjo-Regular.ttf");
+  EXPECT_EQ(doc["sections"]["#CHECKLIST"][0].size(), 14u);
+}
+
+TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
+  for (const auto& [name, kind] : {std::pair{"macchecklist.dat", DataFileKind::CheckList},
+                                   std::pair{"macpcklist.dat", DataFileKind::Package},
+                                   std::pair{"macfilterlist.dat", DataFileKind::Filter},
+                                   std::pair{"fontchecklist.dat", DataFileKind::Font}}) {
+    SCOPED_TRACE(name);
+    const Outcome shown = run([&](auto& out, auto& err) {
+      return showDataFile(sample(name), kind, OutputFormat::Tsv, out, err);
+    });
+    ASSERT_EQ(shown.status, 0);
+    // One block per section: its tag, then the TSV.
+    TempDir dir;
+    std::vector<std::string> inputs;
+    for (const std::string& block : split(shown.out, "\n\n")) {
+      if (block.empty()) continue;
+      const std::size_t firstLine = block.find('\n');
+      const std::string file = dir.file(block.substr(1, firstLine - 1) + ".tsv");
+      quarvel::testing::writeBytes(file, block.substr(firstLine + 1) + "\n");
+      inputs.push_back(file);
+    }
+    const std::string rebuilt = dir.file("rebuilt.dat");
+    const Outcome built = run([&](auto&, auto& err) { return buildDataFileFromTsv(kind, inputs, rebuilt, err); });
+    ASSERT_EQ(built.status, 0) << built.err;
+    EXPECT_EQ(quarvel::testing::readBytes(rebuilt), quarvel::testing::readBytes(sample(name)));
+  }
+}
+
+TEST(DataFileTool, LookupAnswersEachKindsKeys) {
+  struct Case {
+    const char* file;
+    LookupQuery query;
+    int status;
+    const char* expected;  // a line of the answer
+  };
+  const Case cases[] = {
+      {"macchecklist.dat", {.exe = "PhotoLoom6"}, 0, "DB_ID          SW100102"},
+      {"macchecklist.dat",
+       {.property = "brightpath labs\\tPHOTOLOOM\\t5.2\\tPhotoLoom"}, 0, "#CHECKLIST record 0"},
+      {"macchecklist.dat", {.id = "sw100101"}, 1, ""},
+      {"macchecklist.dat", {.filter = "a\\tb\\tc\\td"}, 2, ""},
+      {"fontchecklist.dat", {.exe = "kestrelsans-bold.OTF"}, 0, "DB_ID          FT300302"},
+      {"macfilterlist.dat", {.filter = "KESTREL AUDIO\\twavesmith demo\\t3.0\\tWaveSmithDemo"}, 0,
+       "#SWLIST record 4"},
+      {"macpcklist.dat", {.package = "PK2001", .sub = 1}, 0, "display name: Tidewell Office"},
+      {"macpcklist.dat", {.package = "PK2001", .sub = 0}, 0, "display name: Tidewell Office(-)"},
+      {"macpcklist.dat", {.exe = "x"}, 2, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.file) + " " + c.expected);
+    const Outcome answer = run([&](auto& out, auto& err) {
+      return lookupDataFile(sample(c.file), std::nullopt, c.query, false, out, err);
+    });
+    EXPECT_EQ(answer.status, c.status) << answer.err;
+    const std::vector<std::string> lines = split(answer.out, "\n");
+    if (*c.expected) {
+      EXPECT_NE(std::find(lines.begin(), lines.end(), c.expected), lines.end()) << answer.out;
+    }
+  }
+}
+
+TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
+  TempDir dir;
+  const std::string good = quarvel::testing::checkLine("1", "Acme", "Draw", "1", "Draw", "draw");
+  const std::string twin = quarvel::testing::checkLine("2", "Acme", "Paint", "1", "Paint", "DRAW");
+  const std::string font = quarvel::testing::checkLine("3", "Acme", "Font", "1", "F", "f.ttf", true);
+  const std::string folded = quarvel::testing::checkLine("4", "\xC3\x98resund Soft", "Menu", "1", "M", "menu");
+  std::string plain = *MacKorean::encode(quarvel::testing::crlf(
+      {"stray", "#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START", good, twin, font, folded}));
+  plain += "\xA1\x20\r\n";                   // no Mac Korean text
+  plain += std::string(2100, 'x') + "\r\n";  // too long a line
+  plain += "#CHECKLIST_END\r\n";
+  const std::string path = dir.writeRawDataFile("c.dat", plain);
+  const Outcome checked = run([&](auto& out, auto& err) { return checkDataFile(path, std::nullopt, out, err); });
+  EXPECT_EQ(checked.status, 1);
+  for (const char* expected : {
+           "line 1: warning: outside every section; ignored",
+           "line 7: warning: EXE_FILE \"DRAW\" repeats line 6; look-ups answer this record, line 6 "
+           "is unreachable",
+           "line 8: error: #CHECKLIST record with 14 fields, 17 expected; the reader refuses it",
+           "line 9: warning: COMPANY: folding on save turns \"\xC3\x98resund Soft\" into \"Oresund Soft\"",
+           "line 10: error: not Mac Korean text; the reader drops this line",
+           "line 11: error: 2100 bytes, longer than the 2047 a line may hold; the reader drops this line",
+           "c.dat: 3 errors, 4 warnings",
+       }) {
+    EXPECT_NE(checked.out.find(std::string(expected) + "\n"), std::string::npos) << expected << "\n" << checked.out;
+  }
+
+  const std::string damaged = dir.writeDataFile(
+      "d.dat", quarvel::testing::crlf({"#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START"}));
+  const Outcome refused = run([&](auto& out, auto& err) { return checkDataFile(damaged, std::nullopt, out, err); });
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.out.find("error: section #CHECKLIST has no end line"), std::string::npos);
+  EXPECT_NE(refused.out.find("the reader refuses this file as damaged"), std::string::npos);
+}
+
+TEST(DataFileTool, BuildingFromTsvNamesTheFaultyRow) {
+  TempDir dir;
+  quarvel::testing::writeBytes(dir.path() / "SWLIST.tsv",
+                               "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE\nA\tB\tC\tD\nA\tB\tC\n");
+  quarvel::testing::writeBytes(dir.path() / "BOGUS.tsv", "x\n");
+  quarvel::testing::writeBytes(dir.path() / "HEADER.tsv", "Ver\n1\n");
+  struct Case {
+    std::vector<std::string> inputs;
+    std::string message;
+  };
+  const Case cases[] = {
+      {{dir.file("SWLIST.tsv")}, dir.file("SWLIST.tsv") + ":3: 3 fields, #SWLIST has 4\n"},
+      {{dir.file("BOGUS.tsv")}, "has no section #BOGUS"},
+      {{dir.file("HEADER.tsv")}, dir.file("HEADER.tsv") + ":1: the first row must name the fields: Version\n"},
+  };
+  for (const Case& c : cases) {
+    const Outcome built = run([&](auto&, auto& err) {
+      return buildDataFileFromTsv(DataFileKind::Filter, c.inputs, dir.file("out.dat"), err);
+    });
+    EXPECT_EQ(built.status, 1);
+    EXPECT_NE(built.err.find(c.message), std::string::npos) << built.err;
+  }
+  EXPECT_FALSE(std::filesystem::exists(dir.file("out.dat")));
+}
+
+}  // namespace
+}  // namespace quarvel::cli
