@@ -151,6 +151,13 @@ class Matcher {
           pi = nextIndex(target_, pi);
           continue;
         }
+        // Units led by a non-extending code point begin with its lead form,
+        // so a differing first element settles it without the expansion.
+        const auto& tInfo = infoOf(tc);
+        const auto& pInfo = infoOf(pc);
+        if (!tInfo.extending && !pInfo.extending && tInfo.leadForm[0] != pInfo.leadForm[0]) {
+          return std::nullopt;
+        }
         lastUnitStart = ti;
         ti = expandUnit(text_, ti, textUnit_, lastCodePoint);
         pi = expandUnit(target_, pi, targetUnit_, ignored);
