@@ -45,13 +45,14 @@ std::optional<PlistValue> fromNode(plist_t node, int depth) {
       plist_get_real_val(node, &d);
       return PlistValue::real(d);
     }
-    case PLIST_STRING:
+    case PLIST_STRING: {
+      std::uint64_t length = 0;
+      const char* s = plist_get_string_ptr(node, &length);
+      return PlistValue::string(s ? std::string(s, length) : std::string());
+    }
     case PLIST_KEY: {
       char* s = nullptr;
-      if (plist_get_node_type(node) == PLIST_STRING)
-        plist_get_string_val(node, &s);
-      else
-        plist_get_key_val(node, &s);
+      plist_get_key_val(node, &s);
       std::string text = s ? s : "";
       std::free(s);
       return PlistValue::string(std::move(text));
@@ -164,10 +165,66 @@ plist_t toNode(const PlistValue& value) {
   return plist_new_string("");
 }
 
+// Reads a big-endian unsigned number of `width` bytes at `at`; false when it
+// does not fit in the document.
+bool readBigEndian(std::string_view bytes, std::uint64_t at, std::uint64_t width,
+                   std::uint64_t& value) {
+  if (width == 0 || width > 8 || at > bytes.size() || bytes.size() - at < width) return false;
+  value = 0;
+  for (std::uint64_t i = 0; i < width; ++i)
+    value = (value << 8) | static_cast<unsigned char>(bytes[at + i]);
+  return true;
+}
+
+// libplist aborts the process (an assertion) when it hands out a string or a
+// dictionary key holding a NUL character, which only a binary document can
+// carry. Such a document is refused before libplist builds its tree.
+bool binaryHasNulInStrings(std::string_view bytes) {
+  constexpr std::size_t kTrailer = 32;
+  if (bytes.size() < 8 + kTrailer) return false;
+  std::uint64_t offsetSize = 0, objectCount = 0, tableOffset = 0;
+  std::uint64_t trailer = bytes.size() - kTrailer;
+  if (!readBigEndian(bytes, trailer + 6, 1, offsetSize) ||
+      !readBigEndian(bytes, trailer + 8, 8, objectCount) ||
+      !readBigEndian(bytes, trailer + 24, 8, tableOffset))
+    return false;
+  if (offsetSize == 0 || offsetSize > 8 || tableOffset >= bytes.size() ||
+      objectCount > (bytes.size() - tableOffset) / offsetSize)
+    return false;  // libplist refuses these itself
+  for (std::uint64_t i = 0; i < objectCount; ++i) {
+    std::uint64_t at = 0;
+    if (!readBigEndian(bytes, tableOffset + i * offsetSize, offsetSize, at) || at >= bytes.size())
+      continue;
+    unsigned marker = static_cast<unsigned char>(bytes[at]);
+    unsigned kind = marker >> 4;
+    if (kind != 0x5 && kind != 0x6) continue;  // ASCII and UTF-16 strings
+    std::uint64_t length = marker & 0xF;
+    std::uint64_t start = at + 1;
+    if (length == 0xF) {
+      std::uint64_t sizeMarker = 0;
+      if (!readBigEndian(bytes, start, 1, sizeMarker) || (sizeMarker >> 4) != 0x1) continue;
+      std::uint64_t width = std::uint64_t{1} << (sizeMarker & 0xF);
+      if (!readBigEndian(bytes, start + 1, width, length)) continue;
+      start += 1 + width;
+    }
+    std::uint64_t unit = kind == 0x6 ? 2 : 1;
+    if (start > bytes.size() || length > (bytes.size() - start) / unit) continue;
+    for (std::uint64_t k = 0; k < length; ++k) {
+      bool nul = unit == 1 ? bytes[start + k] == '\0'
+                           : bytes[start + 2 * k] == '\0' && bytes[start + 2 * k + 1] == '\0';
+      if (nul) return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 std::optional<PlistValue> readPropertyList(std::string_view bytes) {
   if (bytes.empty() || bytes.size() > std::numeric_limits<std::uint32_t>::max())
+    return std::nullopt;
+  if (plist_is_binary(bytes.data(), static_cast<std::uint32_t>(bytes.size())) &&
+      binaryHasNulInStrings(bytes))
     return std::nullopt;
   plist_t root = nullptr;
   plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &root);

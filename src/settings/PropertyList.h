@@ -10,8 +10,9 @@
 
 namespace quarvel {
 
-// Parses an XML or binary property list. Absent when the bytes are neither
-// or the document is empty. Integer and UID nodes read as integers, keys as
+// Parses an XML or binary property list. Absent when the bytes are neither,
+// the document is empty, or a binary document holds a string or key with a
+// NUL character (which libplist cannot hand out). Integer and UID nodes read as integers, keys as
 // strings; dates keep what the document holds (whole seconds in XML).
 std::optional<PlistValue> readPropertyList(std::string_view bytes);
 

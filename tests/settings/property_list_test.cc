@@ -159,6 +159,12 @@ TEST(PropertyListTest, DamagedDocumentsReadAsAbsent) {
       good.substr(0, good.size() / 2),  // torn write
       "bplist00",                       // header without a body
       std::string("bplist00\xd1\x01\x02", 11),
+      // Binary documents whose key or string holds a NUL: libplist would
+      // abort the process on them.
+      std::string("bplist00\xd1\x01\x02\x53\x61\x00\x62\x10\x01\x08\x0b\x0f\0\0\0\0\0\0\x01\x01"
+                  "\0\0\0\0\0\0\0\x03\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x11", 52),
+      std::string("bplist00\xd1\x01\x02\x51\x6b\x62\xd5\x5c\0\0\x08\x0b\x0d\0\0\0\0\0\0\x01\x01"
+                  "\0\0\0\0\0\0\0\x03\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x12", 53),
   };
   for (const std::string& bytes : cases) {
     SCOPED_TRACE(bytes.substr(0, 60));
