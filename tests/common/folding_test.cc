@@ -43,6 +43,7 @@ TEST(FoldingTest, FoldsTheDocumentedExamplesLikeThePasses) {
       {"\u00E5\u00C5\u212B", "aaa"},        // row 37 comes before row 61
       {"\u00E9\u00F1\u00FC\u0142", "ENUL"},  // small letters caught by capitals
       {"\u0131\u0130", "iI"},
+      {"\u212A\u030C \u017F\u0301", "K S"},  // Kelvin sign and long s fold to k and s
       {"g\u0303 \u1E96 h\u0331 \u01F0 n\u0308 \u1E97", "G H H J N T"},
       {"\u017C\u017B\u0140\u00DF\u00E6\u0153\u00FE\u00F0", "\u017C\u017B\u0140\u00DF\u00E6\u0153\u00FE\u00F0"},
       {"\uD55C\uAD6D\uC5B4 ASCII 123 \u1100\u1161", "\uD55C\uAD6D\uC5B4 ASCII 123 \u1100\u1161"},
