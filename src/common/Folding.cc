@@ -119,7 +119,7 @@ class Folder {
       const std::uint16_t value = c == kInvalid ? 0 : lookup(c);
       const unsigned kind = value & 3;
       if (kind == kKindExtend) {
-        if (unitOut_ != kNone && ++marks_ == 1) mark_ = (value >> 2) & 31;
+        if (unitOut_ != kNone && marks_ < 2 && ++marks_ == 1) mark_ = (value >> 2) & 31;
         i += length;
         continue;
       }
@@ -206,7 +206,7 @@ class Folder {
   std::size_t unitOut_ = kNone;
   char standalone_ = 0;
   unsigned base_ = 0;
-  unsigned marks_ = 0;
+  unsigned marks_ = 0;  // marks after the lead, counted up to 2
   unsigned mark_ = 0;
 };
 
