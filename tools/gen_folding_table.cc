@@ -36,8 +36,8 @@ constexpr UChar32 kMaxCodePoint = 0x10FFFF;
 constexpr int kBlockShift = 7;
 constexpr int kBlockSize = 1 << kBlockShift;
 
-// Value layout, shared with Folding.cc.
-constexpr unsigned kKindPlain = 0, kKindExtend = 1, kKindLead = 2, kKindSpecial = 3;
+// Value layout, shared with Folding.cc; kind 0 is a plain character.
+constexpr unsigned kKindExtend = 1, kKindLead = 2, kKindSpecial = 3;
 constexpr unsigned kSpecialBrokenBar = 1, kSpecialMacron = 2, kSpecialMu = 3,
                    kSpecialFraction = 4;
 
