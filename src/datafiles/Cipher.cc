@@ -3,7 +3,8 @@
 //
 // The cipher XORs byte i with key[i & 15] and reverses the buffer; the
 // reader reverses, then XORs. Both run over 16-byte blocks taken from the
-// two ends at once, so each byte is loaded and stored once.
+// two ends at once, as byte-swapped 64-bit words, so each byte is loaded and
+// stored once.
 
 #include <sys/types.h>
 
@@ -22,25 +23,22 @@
 namespace quarvel {
 namespace {
 
-using Block = unsigned char __attribute__((vector_size(16)));
-
-// The key twice over, so that the 16 key bytes for any position p start at
+// The key twice over, so that the 8 key bytes for any position p start at
 // kKeyTwice + (p & 15).
 constexpr unsigned char kKeyTwice[32] = {
     'L', 'u', 'm', 'b', 'e', 'r', 'g', 'a', 'n', '3', '_', 'V', 'x', 'o', 'k', '!',
     'L', 'u', 'm', 'b', 'e', 'r', 'g', 'a', 'n', '3', '_', 'V', 'x', 'o', 'k', '!'};
 static_assert(sizeof CommonLib::kKey == 16);
 
-inline Block load(const unsigned char* p) {
-  Block b;
-  std::memcpy(&b, p, sizeof b);
-  return b;
+inline std::uint64_t load(const unsigned char* p) {
+  std::uint64_t v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
 }
-inline void store(unsigned char* p, Block b) { std::memcpy(p, &b, sizeof b); }
-inline Block keyAt(std::size_t position) { return load(kKeyTwice + (position & 15)); }
-inline Block reversed(Block b) {
-  return __builtin_shufflevector(b, b, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
-}
+inline void store(unsigned char* p, std::uint64_t v) { std::memcpy(p, &v, sizeof v); }
+// Reverses the order of the word's bytes in memory, whatever the byte order.
+inline std::uint64_t reversed(std::uint64_t v) { return __builtin_bswap64(v); }
+inline std::uint64_t keyAt(std::size_t position) { return load(kKeyTwice + (position & 15)); }
 inline unsigned char keyByte(std::size_t position) { return kKeyTwice[position & 15]; }
 
 // out[p] = in[n-1-p] XOR key(p) when the key follows the output position
@@ -48,17 +46,27 @@ inline unsigned char keyByte(std::size_t position) { return kKeyTwice[position &
 // (enciphering).
 template <bool kKeyFollowsInput>
 void reverseXor(unsigned char* b, std::size_t n) {
+  // 16-byte blocks from both ends while they do not overlap. Front blocks
+  // start at multiples of 16 and back blocks at n - 16 - lo, so the key
+  // words of both are the same on every round.
+  const std::uint64_t keyFront0 = keyAt(0), keyFront1 = keyAt(8);
+  const std::uint64_t keyBack0 = keyAt(n), keyBack1 = keyAt(n + 8);
   std::size_t lo = 0;
-  // Blocks from both ends while they do not overlap.
   for (; lo + 32 <= n - lo; lo += 16) {
-    const std::size_t hi = n - 16 - lo;
-    const Block front = load(b + lo), back = load(b + hi);
+    unsigned char* front = b + lo;
+    unsigned char* back = b + (n - 16 - lo);
+    const std::uint64_t f0 = load(front), f1 = load(front + 8);
+    const std::uint64_t b0 = load(back), b1 = load(back + 8);
     if constexpr (kKeyFollowsInput) {
-      store(b + lo, reversed(back ^ keyAt(hi)));
-      store(b + hi, reversed(front ^ keyAt(lo)));
+      store(front, reversed(b1 ^ keyBack1));
+      store(front + 8, reversed(b0 ^ keyBack0));
+      store(back, reversed(f1 ^ keyFront1));
+      store(back + 8, reversed(f0 ^ keyFront0));
     } else {
-      store(b + lo, reversed(back) ^ keyAt(lo));
-      store(b + hi, reversed(front) ^ keyAt(hi));
+      store(front, reversed(b1) ^ keyFront0);
+      store(front + 8, reversed(b0) ^ keyFront1);
+      store(back, reversed(f1) ^ keyBack0);
+      store(back + 8, reversed(f0) ^ keyBack1);
     }
   }
   // The middle, byte pairs; an odd middle byte stays in place.

@@ -1,6 +1,8 @@
 #include "quarvel/datafiles/MacKorean.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -13,28 +15,12 @@ namespace {
 constexpr char16_t kMultiBase = 0xD800;
 constexpr char16_t kMultiEnd = 0xE000;
 
-// Decoding never writes more than 1.5 output bytes per input byte except for
-// multi-character codes and the few non-ASCII single bytes; those make room
-// for themselves first.
-class Utf8Writer {
- public:
-  explicit Utf8Writer(std::size_t inputSize) { out_.resize(inputSize + inputSize / 2 + 32); }
-
-  char* at() { return out_.data() + length_; }
-  void advance(std::size_t n) { length_ += n; }
-  void reserveFor(std::size_t extra, std::size_t remainingInput) {
-    const std::size_t needed = length_ + extra + remainingInput + remainingInput / 2 + 32;
-    if (needed > out_.size()) out_.resize(std::max(needed, out_.size() * 2));
-  }
-  std::string finish() {
-    out_.resize(length_);
-    return std::move(out_);
-  }
-
- private:
-  std::string out_;
-  std::size_t length_ = 0;
-};
+// Input is decoded in slices of kSliceBytes. A slice may run up to 9 bytes
+// past its end (a window, or a code across the boundary), and no code
+// writes more than 7.5 bytes per input byte (five characters from two
+// bytes), plus a 4-byte step store past the last character.
+constexpr std::size_t kSliceBytes = 2048;
+constexpr std::size_t kChunkBytes = (kSliceBytes + 9) * 15 / 2 + 16;
 
 inline std::size_t putBmp(char* out, char16_t c) {
   if (c < 0x80) {
@@ -50,6 +36,80 @@ inline std::size_t putBmp(char* out, char16_t c) {
   out[1] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
   out[2] = static_cast<char>(0x80 | (c & 0x3F));
   return 3;
+}
+
+// A decoding step: the UTF-8 bytes of one character in the first three
+// bytes (in memory order) and their count in the fourth; 0 when the code
+// needs the careful path (no mapping, a single non-ASCII byte, several
+// characters). A step is stored whole and the output moves on by its count.
+constexpr std::size_t outputLength(std::uint32_t step) {
+  return std::endian::native == std::endian::little ? step >> 24 : step & 0xFF;
+}
+
+std::uint32_t makeStep(char16_t c) {
+  unsigned char bytes[4] = {};
+  bytes[3] = static_cast<unsigned char>(putBmp(reinterpret_cast<char*>(bytes), c));
+  std::uint32_t step;
+  std::memcpy(&step, bytes, 4);
+  return step;
+}
+
+struct DecodeSteps {
+  std::uint32_t ascii[0x80] = {};
+  // Indexed by (lead & 0x7F) << 8 | trail for every byte from 0x80 up.
+  std::vector<std::uint32_t> lead = std::vector<std::uint32_t>(0x80 * 0x100, 0);
+
+  DecodeSteps() {
+    for (unsigned b = 0; b < 0x80; ++b)
+      if (kMacKoreanAscii[b]) ascii[b] = makeStep(static_cast<char16_t>(b));
+    for (unsigned b = kMacKoreanFirstLead; b <= kMacKoreanLastLead; ++b)
+      for (unsigned trail = 0; trail < 0x100; ++trail) {
+        const char16_t c = kMacKoreanDouble[(b - kMacKoreanFirstLead) * 256 + trail];
+        if (c != 0 && (c < kMultiBase || c >= kMultiEnd)) lead[(b & 0x7F) << 8 | trail] = makeStep(c);
+      }
+  }
+};
+
+// Where the codes of an eight-byte window start, given the window's high
+// bits (bit i for byte i): up to eight 4-bit offsets, their count, and the
+// bytes the window's codes take (9 when the last one runs past it).
+struct Window {
+  std::uint32_t starts;
+  std::uint8_t count;
+  std::uint8_t consumed;
+};
+
+constexpr std::array<Window, 256> makeWindows() {
+  std::array<Window, 256> windows{};
+  for (unsigned highBits = 0; highBits < 256; ++highBits) {
+    Window w{0, 0, 0};
+    unsigned at = 0;
+    while (at < 8) {
+      w.starts |= at << (4 * w.count);
+      ++w.count;
+      at += (highBits >> at & 1) ? 2 : 1;
+    }
+    w.consumed = static_cast<std::uint8_t>(at);
+    windows[highBits] = w;
+  }
+  return windows;
+}
+constexpr std::array<Window, 256> kWindows = makeWindows();
+
+const DecodeSteps& decodeSteps() {
+  static const DecodeSteps* steps = new DecodeSteps();
+  return *steps;
+}
+
+// The step of the code at `p` (p[1] must be readable), whether it is ASCII
+// or a two-byte code: both entries are read and one chosen by a mask, as
+// text mixing ASCII and Korean defeats branch prediction.
+inline std::uint32_t stepAt(const DecodeSteps& steps, const unsigned char* p) {
+  const unsigned b = p[0];
+  const std::uint32_t asciiStep = steps.ascii[b & 0x7F];
+  const std::uint32_t leadStep = steps.lead[(b & 0x7F) << 8 | p[1]];
+  const std::uint32_t isAscii = 0u - static_cast<std::uint32_t>(b < 0x80);
+  return leadStep ^ ((asciiStep ^ leadStep) & isAscii);
 }
 
 // The encoder's index, built once from the decoding tables: every BMP
@@ -148,39 +208,80 @@ char32_t nextUtf8(std::string_view s, std::size_t& pos) {
 }  // namespace
 
 std::optional<std::string> MacKorean::decode(std::string_view bytes) {
+  const DecodeSteps& steps = decodeSteps();
   const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
-  const std::size_t n = bytes.size();
-  Utf8Writer writer(n);
-  std::size_t i = 0;
-  while (i < n) {
-    const unsigned b = in[i];
-    if (b < 0x80) {
-      if (!kMacKoreanAscii[b]) return std::nullopt;
-      *writer.at() = static_cast<char>(b);
-      writer.advance(1);
-      ++i;
-      continue;
+  const auto* const inEnd = in + bytes.size();
+  // The text is decoded a slice at a time into a chunk on the stack, then
+  // appended: the result is never zero-filled first, and the chunk always
+  // has room, however much a slice's codes write.
+  std::string text;
+  text.reserve(bytes.size() + bytes.size() / 2);
+  char chunk[kChunkBytes];
+  while (in < inEnd) {
+    const auto* const sliceEnd = in + std::min<std::size_t>(kSliceBytes, static_cast<std::size_t>(inEnd - in));
+    char* out = chunk;
+    while (in < sliceEnd) {
+      if (std::endian::native == std::endian::little && inEnd - in >= 16) {
+        // Eight bytes at a time: their high bits alone say where each code
+        // starts (a byte from 0x80 up starts a two-byte code on this path),
+        // so one table read per window replaces a chain of dependent reads,
+        // and the codes inside are looked up independently. Anything the
+        // steps cannot do sends the window to the careful path below.
+        std::uint64_t word;
+        std::memcpy(&word, in, 8);
+        const unsigned highBits = (((word >> 7) & 0x0101010101010101ULL) * 0x0102040810204080ULL) >> 56;
+        const Window window = kWindows[highBits];
+        char* const windowOut = out;
+        std::uint32_t bad = 0;
+        for (unsigned j = 0; j < window.count; ++j) {
+          const std::uint32_t step = stepAt(steps, in + ((window.starts >> (4 * j)) & 0xF));
+          bad |= static_cast<std::uint32_t>(step == 0);
+          std::memcpy(out, &step, 4);
+          out += outputLength(step);
+        }
+        if (!bad) {
+          in += window.consumed;
+          continue;
+        }
+        out = windowOut;
+      }
+      // One code by its step.
+      if (in + 1 < inEnd) {
+        if (const std::uint32_t step = stepAt(steps, in); step != 0) {
+          std::memcpy(out, &step, 4);
+          out += outputLength(step);
+          in += 1 + (*in >> 7);
+          continue;
+        }
+      }
+      // Everything else, one code at a time.
+      const unsigned b = *in;
+      unsigned c;
+      if (b < 0x80) {
+        if (!kMacKoreanAscii[b]) return std::nullopt;
+        c = b;
+        in += 1;
+      } else {
+        if (b - kMacKoreanFirstLead <= kMacKoreanLastLead - kMacKoreanFirstLead) {
+          c = in + 1 < inEnd ? kMacKoreanDouble[(b - kMacKoreanFirstLead) * 256 + in[1]] : 0;
+          in += 2;
+        } else {
+          c = kMacKoreanSingle[b - 0x80];
+          in += 1;
+        }
+        if (c == 0) return std::nullopt;
+      }
+      if (c >= kMultiBase && c < kMultiEnd) {
+        const MacKoreanMulti& m = kMacKoreanMulti[c - kMultiBase];
+        std::memcpy(out, m.utf8, m.utf8Length);
+        out += m.utf8Length;
+      } else {
+        out += putBmp(out, static_cast<char16_t>(c));
+      }
     }
-    char16_t c = kMacKoreanSingle[b - 0x80];
-    std::size_t used = 1;
-    if (c == 0) {
-      if (b < kMacKoreanFirstLead || b > kMacKoreanLastLead || i + 1 >= n) return std::nullopt;
-      c = kMacKoreanDouble[(b - kMacKoreanFirstLead) * 256 + in[i + 1]];
-      if (c == 0) return std::nullopt;
-      used = 2;
-    }
-    i += used;
-    if (c >= kMultiBase && c < kMultiEnd) {
-      const MacKoreanMulti& m = kMacKoreanMulti[c - kMultiBase];
-      writer.reserveFor(m.utf8Length, n - i);
-      std::memcpy(writer.at(), m.utf8, m.utf8Length);
-      writer.advance(m.utf8Length);
-    } else {
-      if (used == 1) writer.reserveFor(3, n - i);
-      writer.advance(putBmp(writer.at(), c));
-    }
+    text.append(chunk, static_cast<std::size_t>(out - chunk));
   }
-  return writer.finish();
+  return text;
 }
 
 std::optional<std::string> MacKorean::encode(std::string_view utf8, EncodeError* error) {

@@ -15,6 +15,12 @@ using testing::encipher;
 using testing::TempDir;
 using Lines = std::vector<std::string>;
 
+// Writes the enciphered form of the plain bytes (already Mac Korean).
+std::string writeEnciphered(const TempDir& dir, const char* name, std::string_view plain) {
+  testing::writeBytes(dir.path() / name, encipher(plain));
+  return dir.file(name);
+}
+
 std::string encrypted(std::string bytes) {
   EXPECT_TRUE(CommonLib::Encrypt(reinterpret_cast<unsigned char*>(bytes.data()),
                                  static_cast<std::uint32_t>(bytes.size())));
@@ -88,7 +94,7 @@ TEST(LineReader, LinesBeyondTheBufferAreDroppedAndLogged) {
 
 TEST(Decrypt, ReadsAnEncipheredFileByPathAndLogsTheSize) {
   TempDir dir;
-  const std::string path = dir.writeDataFile("a.dat", "#HEADER_START\r\n\xB0\xA1\r\n");
+  const std::string path = writeEnciphered(dir, "a.dat", "#HEADER_START\r\n\xB0\xA1\r\n");
   LogCapture log;
   Lines lines = {"kept"};
   ASSERT_TRUE(CommonLib::Decrypt(lines, path));
@@ -100,7 +106,7 @@ TEST(Decrypt, ReadsAnEncipheredFileByPathAndLogsTheSize) {
 
 TEST(Decrypt, TracesTheWholeTextWhenItIsUtf8) {
   TempDir dir;
-  const std::string path = dir.writeDataFile("a.dat", "one\r\ntwo\r\n");
+  const std::string path = writeEnciphered(dir, "a.dat", "one\r\ntwo\r\n");
   LogCapture log;
   Lines lines;
   ASSERT_TRUE(CommonLib::Decrypt(lines, path));

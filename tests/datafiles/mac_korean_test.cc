@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+#include <vector>
+
 namespace quarvel {
 namespace {
 
@@ -72,6 +75,39 @@ TEST(MacKorean, EveryMappedCodeRoundTrips) {
   EXPECT_EQ(singles, 127 + 6);
   EXPECT_GT(doubles, 9000);
   EXPECT_GT(multis, 800);
+}
+
+// Long texts go through the decoder's eight-byte windows and its slices;
+// they must read exactly as their codes one by one, and one bad code
+// anywhere must fail the whole text.
+TEST(MacKorean, LongMixedTextDecodesAsItsCodesOneByOne) {
+  std::vector<std::pair<std::string, std::string>> codes;  // bytes, text
+  for (unsigned b = 0; b < 0x100; ++b)
+    if (auto text = MacKorean::decode(std::string(1, static_cast<char>(b)))) codes.emplace_back(std::string(1, static_cast<char>(b)), *text);
+  for (unsigned lead = 0xA1; lead <= 0xFD; ++lead)
+    for (unsigned trail = 0x41; trail <= 0xFE; ++trail)
+      if (auto text = MacKorean::decode(bytes2(lead, trail)); text && text->size() >= 2)
+        codes.emplace_back(bytes2(lead, trail), *text);
+  std::mt19937 rng(9);
+  for (int round = 0; round < 200; ++round) {
+    std::string bytes, expected;
+    const int length = static_cast<int>(rng() % 3000);
+    for (int i = 0; i < length; ++i) {
+      // Mostly Hangul and spaces, as real text, with everything else mixed in.
+      const unsigned lead = 0xB0 + rng() % 25, trail = 0xA1 + rng() % 94;
+      const auto& [code, text] = rng() % 3 ? std::pair(bytes2(lead, trail), *MacKorean::decode(bytes2(lead, trail)))
+                                           : codes[rng() % codes.size()];
+      bytes += code;
+      expected += text;
+    }
+    SCOPED_TRACE(round);
+    ASSERT_EQ(MacKorean::decode(bytes), expected);
+    if (bytes.empty()) continue;
+    std::string broken = bytes;
+    broken.insert(rng() % broken.size(), 1, '\x7F');
+    ASSERT_FALSE(MacKorean::decode(broken));
+    ASSERT_FALSE(MacKorean::decode(bytes + "\xB0"));
+  }
 }
 
 TEST(MacKorean, DecodingRefusesBytesWithoutMapping) {
