@@ -1,60 +1,68 @@
 // quarvel paths | settings [get KEY | set KEY VALUE [--type T] | delete KEY]
 #include <iostream>
+#include <memory>
 
 #include "Commands.h"
 #include "SettingsTool.h"
 
 namespace quarvel::cli {
 
+namespace {
+
+struct SettingsOptions {
+  bool lite = false;
+  std::string key;
+  std::string text;
+  std::string type = "string";
+};
+
+[[noreturn]] void fail(const std::string& message, int status) {
+  std::cerr << message << "\n";
+  throw CLI::RuntimeError(status);
+}
+
+}  // namespace
+
 void addSettingsCommands(CLI::App& app) {
+  auto options = std::make_shared<SettingsOptions>();
+
   auto* paths = app.add_subcommand(
       "paths", "Print the work folders, the data-file paths and whether the run is portable");
-  static bool lite = false;
-  paths->add_flag("--lite", lite, "Use the visible work-folder name (the Lite edition's)");
-  paths->callback([] {
-    auto* defaults = CVUserDefaults::standardUserDefaultsWithisLiteVer(lite);
-    std::cout << describePaths(*defaults);
+  paths->add_flag("--lite", options->lite, "Use the visible work-folder name (the Lite edition's)");
+  paths->callback([options] {
+    std::cout << describePaths(*CVUserDefaults::standardUserDefaultsWithisLiteVer(options->lite));
   });
 
-  auto* settings = app.add_subcommand(
-      "settings", "List the settings domain; get, set or delete one setting");
+  auto* settings =
+      app.add_subcommand("settings", "List the settings domain; get, set or delete one setting");
   settings->require_subcommand(0, 1);
 
-  static std::string key, text, type = "string";
   auto* get = settings->add_subcommand("get", "Print one setting's value");
-  get->add_option("KEY", key, "Setting key")->required();
-  get->callback([] {
-    auto value = CVUserDefaults::standardUserDefaults()->objectForKey(key);
-    if (!value) {
-      std::cerr << "no setting " << key << "\n";
-      throw CLI::RuntimeError(1);
-    }
+  get->add_option("KEY", options->key, "Setting key")->required();
+  get->callback([options] {
+    auto value = CVUserDefaults::standardUserDefaults()->objectForKey(options->key);
+    if (!value) fail("no setting " + options->key, 1);
     std::cout << describeValue(*value) << "\n";
   });
 
   auto* set = settings->add_subcommand("set", "Store one setting");
-  set->add_option("KEY", key, "Setting key")->required();
-  set->add_option("VALUE", text, "Value, read as --type says")->required();
-  set->add_option("-t,--type", type, "string, bool, int, real, date (ISO 8601 UTC), data (hex), url or json")
+  set->add_option("KEY", options->key, "Setting key")->required();
+  set->add_option("VALUE", options->text, "Value, read as --type says")->required();
+  set->add_option("-t,--type", options->type,
+                  "string, bool, int, real, date (ISO 8601 UTC), data (hex), url or json")
       ->check(CLI::IsMember(std::vector<std::string>(std::begin(kValueTypes), std::end(kValueTypes))));
-  set->callback([] {
-    auto value = parseValue(text, type);
-    if (!value) {
-      std::cerr << "not a valid " << type << ": " << text << "\n";
-      throw CLI::RuntimeError(2);
-    }
-    CVUserDefaults::standardUserDefaults()->setObject(*value, key);
+  set->callback([options] {
+    auto value = parseValue(options->text, options->type);
+    if (!value) fail("not a valid " + options->type + ": " + options->text, 2);
+    CVUserDefaults::standardUserDefaults()->setObject(*value, options->key);
   });
 
   auto* remove = settings->add_subcommand("delete", "Remove one setting");
-  remove->add_option("KEY", key, "Setting key")->required();
-  remove->callback([] {
+  remove->add_option("KEY", options->key, "Setting key")->required();
+  remove->callback([options] {
     auto* defaults = CVUserDefaults::standardUserDefaults();
-    if (!defaults->objectForKey(key)) {
-      std::cerr << "no setting " << key << "\n";
-      throw CLI::RuntimeError(1);
-    }
-    defaults->removeObjectForKey(key);
+    if (!defaults->objectForKey(options->key)) fail("no setting " + options->key, 1);
+    defaults->removeObjectForKey(options->key);
   });
 
   settings->callback([settings] {

@@ -303,15 +303,14 @@ std::optional<PlistDictionary> CVUserDefaults::persistentDomainForName(
     const std::string& name) const {
   auto path = persistentDomainPath(name);
   if (!path) return std::nullopt;
+  struct stat info;
+  if (::stat(path->c_str(), &info) != 0) return std::nullopt;  // no domain yet
   std::ifstream in(*path, std::ios::binary);
-  if (!in) {
-    if (errno != ENOENT)
-      logf("Settings domain %s could not be opened (%s)", path->c_str(), std::strerror(errno));
-    return std::nullopt;
-  }
   std::ostringstream bytes;
-  bytes << in.rdbuf();
-  std::optional<PlistValue> root = readPropertyList(bytes.str());
+  if (in) bytes << in.rdbuf();
+  // Whatever cannot be loaded (not a dictionary, damaged, not even readable)
+  // is kept aside, so that the next write does not replace it.
+  std::optional<PlistValue> root = in ? readPropertyList(bytes.str()) : std::nullopt;
   if (!root || !root->asDictionary()) {
     moveAside(*path);
     return std::nullopt;

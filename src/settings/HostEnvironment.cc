@@ -1,5 +1,6 @@
 #include "quarvel/settings/HostEnvironment.h"
 
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <fstream>
 #include <mutex>
 #include <system_error>
+#include <vector>
 
 #include "quarvel/common/StringUtil.h"
 #include "quarvel/settings/MountTable.h"
@@ -55,8 +57,7 @@ std::optional<std::string> userDirsEntry(const std::string& file, const std::str
     } else if (value.empty() || value[0] != '/') {
       continue;
     }
-    // "$HOME/" alone means the home folder itself, which the format uses to
-    // switch the folder off; keep it as written.
+    while (value.size() > 1 && value.back() == '/') value.pop_back();
     return value;
   }
   return std::nullopt;
@@ -104,7 +105,15 @@ std::optional<VolumeFacts> SystemHostEnvironment::volumeFacts(const std::string&
 }
 
 std::optional<std::string> SystemHostEnvironment::homeDirectory() const {
-  return environmentValue("HOME");
+  if (auto home = environmentValue("HOME")) return home;
+  // Without $HOME (a service, a cleared environment) the account's own.
+  std::vector<char> buffer(16384);
+  passwd entry{};
+  passwd* found = nullptr;
+  if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found &&
+      found->pw_dir && found->pw_dir[0] == '/')
+    return std::string(found->pw_dir);
+  return std::nullopt;
 }
 
 std::optional<std::string> SystemHostEnvironment::documentsDirectory() const {
@@ -130,7 +139,7 @@ std::string xdgDocumentsDirectory(const std::string& home, const std::string& co
 
 std::optional<std::string> xdgConfigHome() {
   if (auto config = absoluteEnvironmentPath("XDG_CONFIG_HOME")) return config;
-  auto home = environmentValue("HOME");
+  auto home = SystemHostEnvironment().homeDirectory();
   if (!home) return std::nullopt;
   return *home + "/.config";
 }

@@ -30,7 +30,7 @@ class HostEnvironment {
   // The facts of the volume holding `path`; absent when they cannot be had
   // (callers then take every flag as false and the type as absent).
   virtual std::optional<VolumeFacts> volumeFacts(const std::string& path) const = 0;
-  // $HOME.
+  // $HOME (the system one falls back to the account's home folder).
   virtual std::optional<std::string> homeDirectory() const = 0;
   // The XDG documents folder (home + "/Documents" unless configured).
   virtual std::optional<std::string> documentsDirectory() const = 0;
@@ -65,7 +65,7 @@ class SystemHostEnvironment : public HostEnvironment {
 // ("$HOME/..." or an absolute path), else home + "/Documents".
 std::string xdgDocumentsDirectory(const std::string& home, const std::string& configHome);
 
-// $XDG_CONFIG_HOME when set to an absolute path, else $HOME/.config.
+// $XDG_CONFIG_HOME when set to an absolute path, else home + "/.config".
 std::optional<std::string> xdgConfigHome();
 
 }  // namespace quarvel

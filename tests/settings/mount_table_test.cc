@@ -77,13 +77,6 @@ TEST(MountTableTest, FindsTheDeepestAndLatestMount) {
   EXPECT_EQ(findMountForPath({}, "/x"), nullptr);
 }
 
-TEST(MountTableTest, TypeNamesForTheVolumeTest) {
-  EXPECT_EQ(volumeTypeName("cifs"), "smbfs");
-  EXPECT_EQ(volumeTypeName("smb3"), "smbfs");
-  EXPECT_EQ(volumeTypeName("nfs4"), "nfs4");
-  EXPECT_EQ(volumeTypeName("CIFS"), "CIFS");
-}
-
 // A sysfs tree under a temporary root, shaped as the kernel lays it out:
 // /sys/dev/block/MAJ:MIN links into /sys/devices, partitions sit inside their
 // disk, "subsystem" links name the bus.

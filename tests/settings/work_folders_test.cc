@@ -131,17 +131,5 @@ TEST(WorkFoldersTest, PlainFilesInTheWayAreLeftAlone) {
   EXPECT_EQ(defaults->LOGSFolderPath(), base + "/CheckOut/Logs");
 }
 
-TEST(WorkFoldersTest, PathsAreAbsentWithoutTheirBase) {
-  testing::SettingsSandbox sandbox;
-  CVUserDefaults::standardUserDefaults();
-  CVUserDefaults::resetStandardUserDefaults();
-  CVUserDefaults* bare = CVUserDefaults::standardUserDefaults();
-  bare->removeObjectForKey("DefaultPath");
-  EXPECT_FALSE(bare->checkOutPath().has_value());
-  EXPECT_FALSE(bare->tempTLSFolderPath().has_value());
-  // The library path does not depend on the base outside a portable run.
-  EXPECT_EQ(bare->fontListFilePath(), sandbox.root() + "/data/Quarvel/fontchecklist.dat");
-}
-
 }  // namespace
 }  // namespace quarvel
