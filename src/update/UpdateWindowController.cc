@@ -3,13 +3,14 @@
 #include <QCloseEvent>
 #include <QLabel>
 #include <QMessageBox>
-#include <QMetaObject>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QTimer>
 
+#include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <mutex>
 
@@ -18,18 +19,39 @@
 
 namespace quarvel {
 
-// The run's view: hands every call to the window's thread. When the window
-// is destroyed it detaches, and later calls from a worker still finishing
-// are dropped (a waiting alert is released).
-class UpdateWindowBridge : public UpdateView,
-                           public std::enable_shared_from_this<UpdateWindowBridge> {
+// The run's view. The worker only queues calls here, under this object's own
+// lock; the window drains the queue on its thread from a short timer, so no
+// toolkit object is touched from the worker. When the window is destroyed
+// the bridge detaches: later calls are dropped and a waiting alert is
+// released.
+class UpdateWindowBridge : public UpdateView {
  public:
+  using Call = std::function<void(UpdateWindowController*)>;
+
   explicit UpdateWindowBridge(UpdateWindowController* window) : window_(window) {}
 
   void detach() {
     std::lock_guard lock(mutex_);
     window_ = nullptr;
+    calls_.clear();
     changed_.notify_all();
+  }
+
+  // Runs the queued calls in order; on the window's thread.
+  void drain() {
+    for (;;) {
+      Call call;
+      UpdateWindowController* window;
+      {
+        std::lock_guard lock(mutex_);
+        if (!window_ || calls_.empty()) return;
+        call = std::move(calls_.front());
+        calls_.pop_front();
+        window = window_;
+      }
+      // Popped before it runs: an alert's nested event loop may drain again.
+      call(window);
+    }
   }
 
   void setStatusText(const std::string& text) override {
@@ -42,47 +64,36 @@ class UpdateWindowBridge : public UpdateView,
     post([](UpdateWindowController* w) { w->close(); });
   }
   void errorAlert(const std::string& code) override {
-    std::uint64_t ticket;
-    {
-      std::lock_guard lock(mutex_);
-      ticket = ++alertsPosted_;
-    }
-    std::weak_ptr<UpdateWindowBridge> self = weak_from_this();
-    bool posted = post([code, ticket, self](UpdateWindowController* w) {
-      w->errorAlert(code);
-      if (auto bridge = self.lock()) bridge->alertDismissed(ticket);
-    });
-    if (!posted) return;
     std::unique_lock lock(mutex_);
+    if (!window_) return;
+    const std::uint64_t ticket = ++alertsPosted_;
+    calls_.push_back([this, code, ticket](UpdateWindowController* w) {
+      w->errorAlert(code);
+      std::lock_guard done(mutex_);
+      if (ticket > alertsDismissed_) alertsDismissed_ = ticket;
+      changed_.notify_all();
+    });
     changed_.wait(lock, [&] { return alertsDismissed_ >= ticket || window_ == nullptr; });
   }
 
  private:
-  bool post(std::function<void(UpdateWindowController*)> call) {
+  void post(Call call) {
     std::lock_guard lock(mutex_);
-    if (!window_) return false;
-    UpdateWindowController* window = window_;
-    // Queued to the window's thread; Qt drops the call if the window is
-    // destroyed before it runs.
-    QMetaObject::invokeMethod(
-        window, [window, call = std::move(call)] { call(window); }, Qt::QueuedConnection);
-    return true;
-  }
-  void alertDismissed(std::uint64_t ticket) {
-    std::lock_guard lock(mutex_);
-    if (ticket > alertsDismissed_) alertsDismissed_ = ticket;
-    changed_.notify_all();
+    if (window_) calls_.push_back(std::move(call));
   }
 
   std::mutex mutex_;
   std::condition_variable changed_;
-  UpdateWindowController* window_;   // guarded by mutex_
+  UpdateWindowController* window_;     // guarded by mutex_
+  std::deque<Call> calls_;             // guarded by mutex_
   std::uint64_t alertsPosted_ = 0;     // guarded by mutex_
   std::uint64_t alertsDismissed_ = 0;  // guarded by mutex_
 };
 
 namespace {
 constexpr int kProgressScale = 1000;
+// How often the window picks up the worker's updates.
+constexpr std::chrono::milliseconds kBridgeInterval{15};
 }
 
 UpdateWindowController::UpdateWindowController() : UpdateWindowController(false) {
@@ -94,6 +105,10 @@ UpdateWindowController::UpdateWindowController(bool isLite, UpdateOptions option
     : QDialog(parent), ui_(std::make_unique<Ui::UpdateWindowController>()) {
   ui_->setupUi(this);
   bridge_ = std::make_shared<UpdateWindowBridge>(this);
+  auto* pump = new QTimer(this);
+  pump->setInterval(kBridgeInterval);
+  connect(pump, &QTimer::timeout, this, [this] { bridge_->drain(); });
+  pump->start();
   run_ = UpdateRun::create(bridge_, std::move(options));
   setIsListVersion(isLite);
   CVUserDefaults::standardUserDefaultsWithisLiteVer(isLite);
