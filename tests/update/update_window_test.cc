@@ -207,17 +207,6 @@ TEST_F(UpdateWindowTest, AlertCodesWithoutTextShowTitleAndButtonOnly) {
   expectOutcomeAlert(dismisser.alerts[1], "");
 }
 
-TEST_F(UpdateWindowTest, HostOperations) {
-  UpdateWindowController window(true, options());
-  EXPECT_TRUE(window.isListVersion());
-  EXPECT_FALSE(window.isWebQuarvel());
-  window.isWebQuarvelCheck();
-  EXPECT_TRUE(window.isWebQuarvel());
-  int host = 0;
-  window.setDelegate(&host);
-  EXPECT_EQ(window.delegate(), &host);
-}
-
 // Writes a picture of the window during a run to $QUARVEL_SCREENSHOT.
 TEST_F(UpdateWindowTest, Screenshot) {
   const char* target = std::getenv("QUARVEL_SCREENSHOT");
