@@ -113,9 +113,16 @@ TEST(TreeWalker, UnreadableFoldersAreCountedAndSkipped) {
   EXPECT_EQ(std::set<std::string>(stats.unreadablePaths.begin(), stats.unreadablePaths.end()),
             (std::set<std::string>{tree.path("locked"), tree.path("open/deeper/locked")}));
 
-  // A missing root is not an unreadable one.
+  // A missing root is not an unreadable one; a file root is reported.
   walker.walk(tree.path("absent"), {}, [](const FoundFile&) {});
   EXPECT_EQ(stats.unreadableFolders, 2u);
+  std::vector<std::string> names;
+  walker.walk(tree.path("open/a"), {}, [&](const FoundFile& f) {
+    struct stat st {};
+    EXPECT_TRUE(f.stat(st) && S_ISREG(st.st_mode));
+    names.emplace_back(f.name());
+  });
+  EXPECT_EQ(names, std::vector<std::string>{"a"});
 }
 
 TEST(TreeWalker, PermissionDeniedFolderOnDisk) {

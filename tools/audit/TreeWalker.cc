@@ -74,7 +74,18 @@ void TreeWalker::walk(const std::string& root, const WalkOptions& options,
   ancestors_.clear();
   int fd = opener_(AT_FDCWD, path_.c_str(), path_);
   if (fd < 0) {
-    if (errno != ENOENT && errno != ENOTDIR) countUnreadable();
+    const int error = errno;
+    struct stat st {};
+    if (error == ENOTDIR && ::stat(path_.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+      // A plain file given as the root is reported itself.
+      ++stats_.files;
+      const std::size_t slash = path_.rfind('/');
+      onFile(FoundFile(AT_FDCWD, path_,
+                       std::string_view(path_).substr(slash == std::string::npos ? 0 : slash + 1),
+                       &st));
+    } else if (error != ENOENT && error != ENOTDIR) {
+      countUnreadable();
+    }
   } else {
     walkFolder(fd, 0);
   }

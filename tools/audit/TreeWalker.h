@@ -88,7 +88,8 @@ class TreeWalker {
   void setProgress(ProgressCallback progress) { progress_ = std::move(progress); }
 
   // Reports every plain file under `root` (the root's own files are at depth
-  // 0). A missing root is skipped silently; an unreadable one is counted.
+  // 0); a root that is a plain file is reported itself. A missing root is
+  // skipped silently; an unreadable one is counted.
   void walk(const std::string& root, const WalkOptions& options, const FileCallback& onFile);
 
  private:
