@@ -11,8 +11,8 @@
 namespace quarvel::cli {
 
 struct ReachOptions {
-  std::string target;      // a dotted IPv4 address or a host name; empty: the internet
-  bool localWiFi = false;  // the link-local network instead of a target
+  std::string target = {};  // a dotted IPv4 address or a host name; empty: the internet
+  bool localWiFi = false;    // the link-local network instead of a target
   bool watch = false;
 };
 

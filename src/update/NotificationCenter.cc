@@ -32,14 +32,15 @@ void NotificationCenter::post(const std::string& name, void* object) {
         matching.emplace_back(e.token, e.observer);
   }
   Notification notification{name, object};
-  for (const auto& [token, observer] : matching) {
+  for (const auto& match : matching) {
+    Token token = match.first;
     {
       // One removed by an earlier observer of this same post is skipped.
       std::lock_guard lock(mutex_);
       if (std::none_of(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.token == token; }))
         continue;
     }
-    (*observer)(notification);
+    (*match.second)(notification);
   }
 }
 

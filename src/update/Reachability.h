@@ -52,8 +52,11 @@ class Reachability {
   Reachability& operator=(const Reachability&) = delete;
 
   // Watches for changes on the calling thread's GLib thread-default main
-  // context; the notification is posted there. stopNotifier must be called
-  // on the same thread. The monitor must outlive the watch.
+  // context; the notification (object: this monitor) is posted there, only
+  // when the flags differ from the last ones seen. Starting again replaces
+  // the watch. false when no watch can be made. stopNotifier (and the
+  // destructor, which calls it) must run on the same thread; an observer may
+  // stop or destroy the monitor from inside the notification.
   bool startNotifier();
   void stopNotifier();
 

@@ -1,0 +1,68 @@
+// quarvel reach: which monitor the arguments make and what it prints.
+
+#include "ReachCommand.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "quarvel/common/Log.h"
+#include "update/FakeRouteSource.h"
+
+namespace quarvel::cli {
+namespace {
+
+struct Output {
+  int status;
+  std::string out, err;
+};
+
+Output reach(const ReachOptions& options) {
+  LogCapture quiet;
+  std::ostringstream out, err;
+  int status = runReach(options, out, err);
+  return {status, out.str(), err.str()};
+}
+
+TEST(ReachCommand, PrintsLettersAndStatusOfTheChosenTarget) {
+  test::ScopedFakeRouteSource fake;
+  fake->setFlags("0.0.0.0", 0x2);
+  fake->setFlags("169.254.0.0", 0x2);  // only through a gateway
+  fake->setFlags("192.0.2.7", 0x20002);
+  fake->setFlags("198.51.100.4", 0x40002);
+  fake->setFlags("203.0.113.1", std::nullopt);
+  fake->setName("mirror.example", {"198.51.100.4"});
+  struct Case {
+    ReachOptions options;
+    const char* out;
+  } cases[] = {
+      {{}, "-R -------  1 (reachable via local network)\n"},
+      {{.localWiFi = true}, "-R -------  0 (not reachable)\n"},
+      {{.target = "169.254.0.0"}, "-R -------  1 (reachable via local network)\n"},
+      {{.target = "192.0.2.7"}, "-R ------d  1 (reachable via local network)\n"},
+      {{.target = "mirror.example"}, "WR -------  2 (reachable via cellular)\n"},
+      {{.target = "unknown.example"}, "-- -------  0 (not reachable)\n"},
+      {{.target = "203.0.113.1"}, "unreadable  0 (not reachable)\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.out);
+    auto result = reach(c.options);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, c.out);
+    EXPECT_EQ(result.err, "");
+  }
+}
+
+TEST(ReachCommand, RefusesAMalformedName) {
+  auto result = reach({.target = "bad name"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out, "");
+  EXPECT_NE(result.err.find("\"bad name\""), std::string::npos);
+}
+
+TEST(ReachCommand, LoopbackOnThisMachine) {
+  EXPECT_EQ(reach({.target = "127.0.0.1"}).out, "-R -----ld  1 (reachable via local network)\n");
+}
+
+}  // namespace
+}  // namespace quarvel::cli
