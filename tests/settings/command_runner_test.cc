@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -87,6 +88,20 @@ TEST(CommandRunner, HostDescriptorsDoNotReachTheCommand) {
                       " ] && echo leaked || echo clean; [ -e /proc/$$/fd/1 ] && echo stdout";
   EXPECT_EQ(runShellCommand(check), "clean\nstdout\n");
   ::close(inheritable);
+}
+
+// A daemon-like host with its standard input and output closed: the pipe
+// takes descriptors 0 and 1, and its write end, already on 1, must stay open
+// across the exec.
+TEST(CommandRunnerDeathTest, WorksWhenTheHostHasNoStandardDescriptors) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        ::close(STDIN_FILENO);
+        ::close(STDOUT_FILENO);
+        std::_Exit(runShellCommand("echo hi") == "hi\n" ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 TEST(CommandRunner, ReturnsWhenOutputClosesWithoutWaitingForTheCommand) {
