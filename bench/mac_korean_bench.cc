@@ -54,8 +54,8 @@ void BM_IcuWindows949Decode(benchmark::State& state) {
   std::u16string text(bytes.size() + 1, u'\0');
   for (auto _ : state) {
     status = U_ZERO_ERROR;
-    const int32_t n = ucnv_toUChars(converter, text.data(), static_cast<int32_t>(text.size()), bytes.data(),
-                                    static_cast<int32_t>(bytes.size()), &status);
+    const int32_t n = ucnv_toUChars(converter, text.data(), static_cast<int32_t>(text.size()),
+                                    bytes.data(), static_cast<int32_t>(bytes.size()), &status);
     benchmark::DoNotOptimize(n);
     benchmark::DoNotOptimize(text.data());
   }
@@ -75,8 +75,9 @@ void BM_IcuWindows949DecodeToUtf8(benchmark::State& state) {
   for (auto _ : state) {
     std::string text(bytes.size() + bytes.size() / 2 + 32, '\0');
     status = U_ZERO_ERROR;
-    const int32_t n = ucnv_toAlgorithmic(UCNV_UTF8, converter, text.data(), static_cast<int32_t>(text.size()),
-                                         bytes.data(), static_cast<int32_t>(bytes.size()), &status);
+    const int32_t n =
+        ucnv_toAlgorithmic(UCNV_UTF8, converter, text.data(), static_cast<int32_t>(text.size()),
+                           bytes.data(), static_cast<int32_t>(bytes.size()), &status);
     text.resize(static_cast<std::size_t>(n));
     benchmark::DoNotOptimize(text);
   }

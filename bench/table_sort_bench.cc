@@ -15,15 +15,24 @@ constexpr int kRecords = 1'000'000;
 
 // Product-like values: mixed case, numbers, some Korean.
 std::vector<quarvel::RecordPtr> records() {
-  static const char* words[] = {"Adobe", "acrobat", "Photo", "studio", "\xED\x95\x9C\xEA\xB8\x80",
-                                "Office", "\xEB\xB0\xB1\xEC\x8B\xA0", "Font", "SUITE", "pro"};
+  static const char* words[] = {"Adobe",
+                                "acrobat",
+                                "Photo",
+                                "studio",
+                                "\xED\x95\x9C\xEA\xB8\x80",
+                                "Office",
+                                "\xEB\xB0\xB1\xEC\x8B\xA0",
+                                "Font",
+                                "SUITE",
+                                "pro"};
   std::mt19937 rng(3);
   std::vector<quarvel::RecordPtr> out;
   out.reserve(kRecords);
   for (int i = 0; i < kRecords; ++i) {
     std::string value = std::string(words[rng() % 10]) + " " + words[rng() % 10] + " " +
                         std::to_string(rng() % 5000) + "." + std::to_string(rng() % 20);
-    out.push_back(std::make_shared<quarvel::Record>(quarvel::Record{std::to_string(i), std::move(value)}));
+    out.push_back(
+        std::make_shared<quarvel::Record>(quarvel::Record{std::to_string(i), std::move(value)}));
   }
   return out;
 }
@@ -49,9 +58,9 @@ void BM_StdSortBytes(benchmark::State& state) {
     state.PauseTiming();
     data = unsorted;
     state.ResumeTiming();
-    std::sort(data.begin(), data.end(), [](const quarvel::RecordPtr& a, const quarvel::RecordPtr& b) {
-      return (*a)[1] < (*b)[1];
-    });
+    std::sort(
+        data.begin(), data.end(),
+        [](const quarvel::RecordPtr& a, const quarvel::RecordPtr& b) { return (*a)[1] < (*b)[1]; });
   }
   state.SetItemsProcessed(state.iterations() * kRecords);
 }

@@ -34,7 +34,8 @@ int runDecrypt(const std::string& path, std::ostream& out, std::ostream& err) {
   if (!CommonLib::Decrypt(lines, path)) {
     std::error_code ec;
     const bool exists = std::filesystem::exists(path, ec);
-    err << "quarvel: " << path << (exists ? ": empty or unreadable data file" : ": no such file") << '\n';
+    err << "quarvel: " << path << (exists ? ": empty or unreadable data file" : ": no such file")
+        << '\n';
     return 1;
   }
   for (const std::string& line : lines) out << line << '\n';
@@ -61,15 +62,17 @@ std::optional<std::string> encipherText(std::string_view utf8, TextProblem* prob
     if (line.ends_with('\r')) line.remove_suffix(1);
     start = next;
 
-    if (std::size_t at = line.find_first_of(std::string_view("\r\0", 2)); at != std::string_view::npos)
+    if (std::size_t at = line.find_first_of(std::string_view("\r\0", 2));
+        at != std::string_view::npos)
       return fail(lineNumber, characterColumn(line, at),
                   line[at] == '\r' ? "a CR that does not end a line" : "a zero byte");
     MacKorean::EncodeError error;
     std::optional<std::string> bytes = MacKorean::encode(line, &error);
     if (!bytes)
       return fail(lineNumber, characterColumn(line, error.offset),
-                  error.character == U'\uFFFD' ? "the text is not UTF-8"
-                                               : codePoint(error.character) + " has no Mac Korean form");
+                  error.character == U'\uFFFD'
+                      ? "the text is not UTF-8"
+                      : codePoint(error.character) + " has no Mac Korean form");
     if (bytes->size() > datafile::kReaderLineLimit)
       return fail(lineNumber, 1,
                   "the line takes " + std::to_string(bytes->size()) + " bytes, more than the " +
@@ -77,8 +80,10 @@ std::optional<std::string> encipherText(std::string_view utf8, TextProblem* prob
     plain += *bytes;
     plain += "\r\n";
   }
-  if (plain.size() > UINT32_MAX) return fail(lineNumber - 1, 1, "the text is too large for a data file");
-  CommonLib::Encrypt(reinterpret_cast<unsigned char*>(plain.data()), static_cast<std::uint32_t>(plain.size()));
+  if (plain.size() > UINT32_MAX)
+    return fail(lineNumber - 1, 1, "the text is too large for a data file");
+  CommonLib::Encrypt(reinterpret_cast<unsigned char*>(plain.data()),
+                     static_cast<std::uint32_t>(plain.size()));
   return plain;
 }
 
@@ -92,8 +97,8 @@ int runEncrypt(const EncryptOptions& options, std::ostream& err) {
   TextProblem problem;
   const std::optional<std::string> enciphered = encipherText(text, &problem);
   if (!enciphered) {
-    err << options.textPath << ':' << problem.line << ':' << problem.column << ": " << problem.reason
-        << "; nothing written\n";
+    err << options.textPath << ':' << problem.line << ':' << problem.column << ": "
+        << problem.reason << "; nothing written\n";
     return 1;
   }
   std::ofstream out(options.outPath, std::ios::binary | std::ios::trunc);

@@ -20,7 +20,9 @@ class FoldedCursor {
   explicit FoldedCursor(std::string_view text) : text_(text) {}
 
   bool atEnd() const { return next_ == count_ && pos_ >= text_.size(); }
-  bool atDigit() const { return next_ == count_ && pos_ < text_.size() && isAsciiDigit(text_[pos_]); }
+  bool atDigit() const {
+    return next_ == count_ && pos_ < text_.size() && isAsciiDigit(text_[pos_]);
+  }
 
   // The value of the digit run at the cursor, wrapping as unsigned 64-bit.
   std::uint64_t takeNumber() {
@@ -120,7 +122,8 @@ std::string caselessNumericSortKey(std::string_view text) {
     if (cursor.atDigit()) {
       const std::uint64_t value = cursor.takeNumber();
       key += '0';
-      for (int shift = 56; shift >= 0; shift -= 8) key += static_cast<char>((value >> shift) & 0xFF);
+      for (int shift = 56; shift >= 0; shift -= 8)
+        key += static_cast<char>((value >> shift) & 0xFF);
     } else {
       appendUtf8(key, cursor.take());
     }

@@ -25,9 +25,9 @@ namespace {
 
 // The key twice over, so that the 8 key bytes for any position p start at
 // kKeyTwice + (p & 15).
-constexpr unsigned char kKeyTwice[32] = {
-    'L', 'u', 'm', 'b', 'e', 'r', 'g', 'a', 'n', '3', '_', 'V', 'x', 'o', 'k', '!',
-    'L', 'u', 'm', 'b', 'e', 'r', 'g', 'a', 'n', '3', '_', 'V', 'x', 'o', 'k', '!'};
+constexpr unsigned char kKeyTwice[32] = {'L', 'u', 'm', 'b', 'e', 'r', 'g', 'a', 'n', '3', '_',
+                                         'V', 'x', 'o', 'k', '!', 'L', 'u', 'm', 'b', 'e', 'r',
+                                         'g', 'a', 'n', '3', '_', 'V', 'x', 'o', 'k', '!'};
 static_assert(sizeof CommonLib::kKey == 16);
 
 inline std::uint64_t load(const unsigned char* p) {
@@ -98,8 +98,10 @@ void splitLines(const unsigned char* text, std::size_t size, std::vector<std::st
   std::size_t lineNumber = 1;
   auto endLine = [&] {
     if (overlong) {
-      logf("ERROR : line %zu is longer than %zu bytes and was dropped", lineNumber, kReaderLineLimit);
-    } else if (std::optional<std::string> decoded = MacKorean::decode(std::string_view(line, length))) {
+      logf("ERROR : line %zu is longer than %zu bytes and was dropped", lineNumber,
+           kReaderLineLimit);
+    } else if (std::optional<std::string> decoded =
+                   MacKorean::decode(std::string_view(line, length))) {
       lines.push_back(std::move(*decoded));
     }
     std::memset(line, 0, length);

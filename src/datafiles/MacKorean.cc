@@ -65,7 +65,8 @@ struct DecodeSteps {
     for (unsigned b = kMacKoreanFirstLead; b <= kMacKoreanLastLead; ++b)
       for (unsigned trail = 0; trail < 0x100; ++trail) {
         const char16_t c = kMacKoreanDouble[(b - kMacKoreanFirstLead) * 256 + trail];
-        if (c != 0 && (c < kMultiBase || c >= kMultiEnd)) lead[(b & 0x7F) << 8 | trail] = makeStep(c);
+        if (c != 0 && (c < kMultiBase || c >= kMultiEnd))
+          lead[(b & 0x7F) << 8 | trail] = makeStep(c);
       }
   }
 };
@@ -132,7 +133,8 @@ struct EncodeIndex {
     for (unsigned lead = kMacKoreanFirstLead; lead <= kMacKoreanLastLead; ++lead)
       for (unsigned trail = 0; trail < 0x100; ++trail) {
         const char16_t c = kMacKoreanDouble[(lead - kMacKoreanFirstLead) * 256 + trail];
-        if (c != 0 && (c < kMultiBase || c >= kMultiEnd)) code[c] = static_cast<std::uint16_t>(lead << 8 | trail);
+        if (c != 0 && (c < kMultiBase || c >= kMultiEnd))
+          code[c] = static_cast<std::uint16_t>(lead << 8 | trail);
       }
     for (unsigned i = 0; i < kMacKoreanEncodeOnlyCount; ++i)
       code[kMacKoreanEncodeOnly[i].character] = kMacKoreanEncodeOnly[i].code;
@@ -218,7 +220,8 @@ std::optional<std::string> MacKorean::decode(std::string_view bytes) {
   text.reserve(bytes.size() + bytes.size() / 2);
   char chunk[kChunkBytes];
   while (in < inEnd) {
-    const auto* const sliceEnd = in + std::min<std::size_t>(kSliceBytes, static_cast<std::size_t>(inEnd - in));
+    const auto* const sliceEnd =
+        in + std::min<std::size_t>(kSliceBytes, static_cast<std::size_t>(inEnd - in));
     char* out = chunk;
     while (in < sliceEnd) {
       if (std::endian::native == std::endian::little && inEnd - in >= 16) {
@@ -229,7 +232,8 @@ std::optional<std::string> MacKorean::decode(std::string_view bytes) {
         // steps cannot do sends the window to the careful path below.
         std::uint64_t word;
         std::memcpy(&word, in, 8);
-        const unsigned highBits = (((word >> 7) & 0x0101010101010101ULL) * 0x0102040810204080ULL) >> 56;
+        const unsigned highBits =
+            (((word >> 7) & 0x0101010101010101ULL) * 0x0102040810204080ULL) >> 56;
         const Window window = kWindows[highBits];
         char* const windowOut = out;
         std::uint32_t bad = 0;
@@ -304,7 +308,8 @@ std::optional<std::string> MacKorean::encode(std::string_view utf8, EncodeError*
     };
     if (c == 0xFFFFFFFF) return fail(U'\uFFFD');
     if (index.startsMulti(c)) {
-      if (const MacKoreanMulti* match = index.longestMulti(static_cast<char16_t>(c), utf8.substr(start))) {
+      if (const MacKoreanMulti* match =
+              index.longestMulti(static_cast<char16_t>(c), utf8.substr(start))) {
         out.append(reinterpret_cast<const char*>(match->bytes), match->byteCount);
         pos = start + match->utf8Length;
         continue;

@@ -18,7 +18,8 @@ bool beyondEnd(std::uint64_t count, std::int64_t index) {
 }
 
 const std::string& valueAt(const RecordPtr& record, std::uint64_t field) {
-  if (!record || field >= record->size()) throw std::out_of_range("record has no value for the sort field");
+  if (!record || field >= record->size())
+    throw std::out_of_range("record has no value for the sort field");
   return (*record)[field];
 }
 
@@ -114,7 +115,8 @@ bool TableMulti::swapNum1(int num1, int num2) {
   if (beyondEnd(count, num1)) return false;
   if (num1 == num2) return false;
   if (beyondEnd(count, num2)) return false;
-  std::swap(records_.at(static_cast<std::size_t>(num1)), records_.at(static_cast<std::size_t>(num2)));
+  std::swap(records_.at(static_cast<std::size_t>(num1)),
+            records_.at(static_cast<std::size_t>(num2)));
   return true;
 }
 
@@ -133,13 +135,16 @@ void TableMulti::sortByFieldName(std::string_view field, bool ascending) {
   for (const RecordPtr& record : records_)
     keyed.emplace_back(caselessNumericSortKey(valueAt(record, fieldIndex)), record);
   if (ascending)
-    std::sort(keyed.begin(), keyed.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::sort(keyed.begin(), keyed.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
   else
-    std::sort(keyed.begin(), keyed.end(), [](const auto& a, const auto& b) { return b.first < a.first; });
+    std::sort(keyed.begin(), keyed.end(),
+              [](const auto& a, const auto& b) { return b.first < a.first; });
   for (std::size_t i = 0; i < keyed.size(); ++i) records_[i] = std::move(keyed[i].second);
 }
 
-void TableMulti::sortByFieldName(std::string_view field, std::string_view subField, bool ascending) {
+void TableMulti::sortByFieldName(std::string_view field, std::string_view subField,
+                                 bool ascending) {
   const std::uint64_t first = getFieldIndex(field);
   const std::uint64_t second = getFieldIndex(subField);
   if (records_.size() < 2) return;
@@ -159,7 +164,8 @@ void TableMulti::sortByFieldName(std::string_view field, std::string_view subFie
   if (ascending)
     std::sort(keyed.begin(), keyed.end(), before);
   else
-    std::sort(keyed.begin(), keyed.end(), [&](const Keyed& a, const Keyed& b) { return before(b, a); });
+    std::sort(keyed.begin(), keyed.end(),
+              [&](const Keyed& a, const Keyed& b) { return before(b, a); });
   for (std::size_t i = 0; i < keyed.size(); ++i) records_[i] = std::move(keyed[i].record);
 }
 

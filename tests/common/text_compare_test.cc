@@ -1,9 +1,9 @@
-#include "quarvel/common/TextCompare.h"
-
 #include <gtest/gtest.h>
 
 #include <random>
 #include <vector>
+
+#include "quarvel/common/TextCompare.h"
 
 namespace quarvel {
 namespace {
@@ -51,20 +51,20 @@ TEST(TextCompare, CaseFoldingIsFullButLiteral) {
       {".", "1", -1},
       {"_", "a", -1},
       {"[", "A", -1},
-      {"\xC3\x89", "\xC3\xA9", 0},           // É é
-      {"\xC3\xA9", "f", 1},                  // é after f
-      {"\xC3\x9F", "ss", 0},                 // ß
+      {"\xC3\x89", "\xC3\xA9", 0},  // É é
+      {"\xC3\xA9", "f", 1},         // é after f
+      {"\xC3\x9F", "ss", 0},        // ß
       {"\xC3\x9F", "st", -1},
       {"s", "\xC3\x9F", -1},
-      {"\xC4\xB0", "i\xCC\x87", 0},          // İ and i + dot above
-      {"\xC4\xB1", "i", 1},                  // dotless i stays
-      {"\xCF\x82", "\xCE\xA3", 0},           // final sigma, capital sigma
-      {"\xEF\xAC\x80", "ff", 0},             // ff ligature
-      {"\xE2\x84\xAA", "K", 0},              // Kelvin sign
-      {"\xC3\xA9", "e\xCC\x81", 1},          // no canonical equivalence
-      {"\xEE\x80\x80", "\xF0\x90\x80\x80", -1},  // code point order, not UTF-16
+      {"\xC4\xB0", "i\xCC\x87", 0},                  // İ and i + dot above
+      {"\xC4\xB1", "i", 1},                          // dotless i stays
+      {"\xCF\x82", "\xCE\xA3", 0},                   // final sigma, capital sigma
+      {"\xEF\xAC\x80", "ff", 0},                     // ff ligature
+      {"\xE2\x84\xAA", "K", 0},                      // Kelvin sign
+      {"\xC3\xA9", "e\xCC\x81", 1},                  // no canonical equivalence
+      {"\xEE\x80\x80", "\xF0\x90\x80\x80", -1},      // code point order, not UTF-16
       {"\xF0\x90\x90\x80", "\xF0\x90\x90\xA8", -1},  // no folding beyond the BMP
-      {"\xEA\xB0\x80", "\xEB\x82\x98", -1},  // Hangul by code point
+      {"\xEA\xB0\x80", "\xEB\x82\x98", -1},          // Hangul by code point
   });
 }
 
@@ -83,9 +83,23 @@ TEST(TextCompare, ShorterPrefixAndStrayBytes) {
 // The sort keys must order exactly as the comparison on any mix of the
 // characters that matter: digits, letters, expansions, stray bytes.
 TEST(TextCompare, SortKeysAgreeWithComparisonOnRandomText) {
-  const std::vector<std::string> pieces = {"0",  "1",  "9",  "00", "a",  "A",  "s",  "S",
-                                           "\xC3\x9F", "\xC4\xB0", "i",  ".",  "\xEA\xB0\x80",
-                                           "\xF0\x90\x90\x80", "\xC3", "~",  "99999999999999999999"};
+  const std::vector<std::string> pieces = {"0",
+                                           "1",
+                                           "9",
+                                           "00",
+                                           "a",
+                                           "A",
+                                           "s",
+                                           "S",
+                                           "\xC3\x9F",
+                                           "\xC4\xB0",
+                                           "i",
+                                           ".",
+                                           "\xEA\xB0\x80",
+                                           "\xF0\x90\x90\x80",
+                                           "\xC3",
+                                           "~",
+                                           "99999999999999999999"};
   std::mt19937 rng(7);
   auto make = [&] {
     std::string s;

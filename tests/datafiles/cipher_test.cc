@@ -50,7 +50,8 @@ TEST(Cipher, EncryptAndDecipherMatchThePlainRendering) {
     const std::string file = encrypted(plain);
     ASSERT_EQ(file, encipher(plain));
     std::string back = file;
-    datafile::decipher(reinterpret_cast<unsigned char*>(back.data()), static_cast<std::uint32_t>(n));
+    datafile::decipher(reinterpret_cast<unsigned char*>(back.data()),
+                       static_cast<std::uint32_t>(n));
     ASSERT_EQ(back, plain);
   }
 }
@@ -69,13 +70,13 @@ TEST(LineReader, SplitsAtLineEndsAndDropsTheUnfinishedTail) {
       {"a\r\nb\r\n", {"a", "b"}},
       {"a\nb", {"a"}},
       {"a\r\n\r\nb\r\n", {"a", "", "b"}},
-      {"ab\rcd\r\n", {"abd"}},              // a lone CR swallows the next byte
+      {"ab\rcd\r\n", {"abd"}},                   // a lone CR swallows the next byte
       {std::string("a\r\nb\0c\r\n", 8), {"a"}},  // a zero byte ends the text
-      {std::string("a\r\0b\r\n", 6), {"ab"}},  // ...unless a CR swallowed it
-      {"a\r\nb\r", {"a"}},                  // CR as the last byte
+      {std::string("a\r\0b\r\n", 6), {"ab"}},    // ...unless a CR swallowed it
+      {"a\r\nb\r", {"a"}},                       // CR as the last byte
       {"\r", {}},
       {"\xB0\xA1\xB3\xAA\r\n", {"\xEA\xB0\x80\xEB\x82\x98"}},  // Mac Korean to UTF-8
-      {"\x85\r\nok\r\n\xB0\r\n", {"ok"}},   // undecodable lines vanish silently
+      {"\x85\r\nok\r\n\xB0\r\n", {"ok"}},                      // undecodable lines vanish silently
   };
   LogCapture log;
   for (const Case& c : cases) {

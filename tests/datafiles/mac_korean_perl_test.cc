@@ -3,13 +3,13 @@
 // texts encoded by both, and every BMP character encoded by both.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <unistd.h>
 
 #include "quarvel/datafiles/MacKorean.h"
 
@@ -52,7 +52,8 @@ std::string toHex(std::string_view bytes) {
 
 std::string fromHex(const std::string& hex) {
   std::string bytes;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
+    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
   return bytes;
 }
 
@@ -77,7 +78,8 @@ std::string utf8Of(char32_t c) {
 }
 
 TEST(MacKoreanPerl, AgreesWithEncodeOnEveryByteSequenceAndCharacter) {
-  if (std::system("perl -MEncode -e 'Encode::find_encoding(q(MacKorean)) or exit 1' >/dev/null 2>&1") != 0)
+  if (std::system(
+          "perl -MEncode -e 'Encode::find_encoding(q(MacKorean)) or exit 1' >/dev/null 2>&1") != 0)
     GTEST_SKIP() << "perl with Encode's MacKorean is not installed";
   const auto dir = std::filesystem::temp_directory_path();
   const std::string stem = (dir / ("quarvel-mackorean-" + std::to_string(::getpid()))).string();
@@ -103,7 +105,8 @@ TEST(MacKoreanPerl, AgreesWithEncodeOnEveryByteSequenceAndCharacter) {
       ++decoded;
       // Our encoder gives the bytes back; Encode does too, except for the
       // multi-character texts it cannot encode at all.
-      ASSERT_EQ(hexOr(MacKorean::encode(*text)), bytes.empty() ? "=" : key) << "encoding " << perlText;
+      ASSERT_EQ(hexOr(MacKorean::encode(*text)), bytes.empty() ? "=" : key)
+          << "encoding " << perlText;
       if (perlBack == "-")
         ++multiOnlyHere;
       else

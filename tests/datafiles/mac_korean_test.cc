@@ -1,9 +1,9 @@
-#include "quarvel/datafiles/MacKorean.h"
-
 #include <gtest/gtest.h>
 
 #include <random>
 #include <vector>
+
+#include "quarvel/datafiles/MacKorean.h"
 
 namespace quarvel {
 namespace {
@@ -83,7 +83,8 @@ TEST(MacKorean, EveryMappedCodeRoundTrips) {
 TEST(MacKorean, LongMixedTextDecodesAsItsCodesOneByOne) {
   std::vector<std::pair<std::string, std::string>> codes;  // bytes, text
   for (unsigned b = 0; b < 0x100; ++b)
-    if (auto text = MacKorean::decode(std::string(1, static_cast<char>(b)))) codes.emplace_back(std::string(1, static_cast<char>(b)), *text);
+    if (auto text = MacKorean::decode(std::string(1, static_cast<char>(b))))
+      codes.emplace_back(std::string(1, static_cast<char>(b)), *text);
   for (unsigned lead = 0xA1; lead <= 0xFD; ++lead)
     for (unsigned trail = 0x41; trail <= 0xFE; ++trail)
       if (auto text = MacKorean::decode(bytes2(lead, trail)); text && text->size() >= 2)
@@ -95,8 +96,9 @@ TEST(MacKorean, LongMixedTextDecodesAsItsCodesOneByOne) {
     for (int i = 0; i < length; ++i) {
       // Mostly Hangul and spaces, as real text, with everything else mixed in.
       const unsigned lead = 0xB0 + rng() % 25, trail = 0xA1 + rng() % 94;
-      const auto& [code, text] = rng() % 3 ? std::pair(bytes2(lead, trail), *MacKorean::decode(bytes2(lead, trail)))
-                                           : codes[rng() % codes.size()];
+      const auto& [code, text] =
+          rng() % 3 ? std::pair(bytes2(lead, trail), *MacKorean::decode(bytes2(lead, trail)))
+                    : codes[rng() % codes.size()];
       bytes += code;
       expected += text;
     }
@@ -112,15 +114,16 @@ TEST(MacKorean, LongMixedTextDecodesAsItsCodesOneByOne) {
 
 TEST(MacKorean, DecodingRefusesBytesWithoutMapping) {
   const std::string refused[] = {
-      "\x7F",             // DEL has no mapping
-      "\x85", "\xA0", "\xFE",  // neither a character nor a lead byte
-      "\xB0",             // lead byte at the end
+      "\x7F",                      // DEL has no mapping
+      "\x85",     "\xA0", "\xFE",  // neither a character nor a lead byte
+      "\xB0",                      // lead byte at the end
       "ok\xB0",
-      "\xB0\x41",         // lead byte followed by a trail it does not take
+      "\xB0\x41",  // lead byte followed by a trail it does not take
       "\xB0\xFF",
-      "\xC9\xA1",         // a lead-byte range Apple leaves empty
+      "\xC9\xA1",  // a lead-byte range Apple leaves empty
   };
-  for (const std::string& bytes : refused) EXPECT_FALSE(MacKorean::decode(bytes)) << ::testing::PrintToString(bytes);
+  for (const std::string& bytes : refused)
+    EXPECT_FALSE(MacKorean::decode(bytes)) << ::testing::PrintToString(bytes);
   EXPECT_EQ(MacKorean::decode(""), "");
   EXPECT_EQ(MacKorean::decode("\x80\x81\x83"), "\xC2\xA0\xE2\x82\xA9\xC2\xA9");
 }
@@ -129,12 +132,12 @@ TEST(MacKorean, MultiCharacterCodesTakeTheLongestMatch) {
   struct Case {
     std::string text, bytes;
   } cases[] = {
-      {"\xE3\x80\x8C\xEF\xA1\xBF", "\xA1\x41"},  // U+300C U+F87F
-      {"\xE3\x80\x8C", "\xA1\xB8"},              // U+300C alone
+      {"\xE3\x80\x8C\xEF\xA1\xBF", "\xA1\x41"},   // U+300C U+F87F
+      {"\xE3\x80\x8C", "\xA1\xB8"},               // U+300C alone
       {"1\xE2\x83\x9E\xEF\xA1\xBC", "\xA2\xE6"},  // 1 U+20DE U+F87C
       {"1\xE2\x83\x9E", "\xA5\x42"},              // 1 U+20DE
       {"11\xE2\x83\x9E", "1\xA5\x42"},
-      {"\xE2\x80\x93\xEF\xA1\xBF", "\x82"},      // a single byte for two characters
+      {"\xE2\x80\x93\xEF\xA1\xBF", "\x82"},  // a single byte for two characters
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c.text));
@@ -152,10 +155,10 @@ TEST(MacKorean, EncodingReportsTheFirstCharacterWithoutMapping) {
       {"ab\x7F", 2, 0x7F},
       {"\xEA\xB0\x80\xC3\xA9x\xC3\xA9", 3, 0xE9},  // 가é
       {"x\xF0\x9F\x98\x80", 1, 0x1F600},
-      {"\xEF\xA1\xBF", 0, 0xF87F},                  // the private-use tag alone
-      {"ok\xC3", 2, 0xFFFD},                        // truncated UTF-8
-      {"\xED\xA0\x80", 0, 0xFFFD},                  // an encoded surrogate
-      {"\xC0\xAF", 0, 0xFFFD},                      // overlong
+      {"\xEF\xA1\xBF", 0, 0xF87F},  // the private-use tag alone
+      {"ok\xC3", 2, 0xFFFD},        // truncated UTF-8
+      {"\xED\xA0\x80", 0, 0xFFFD},  // an encoded surrogate
+      {"\xC0\xAF", 0, 0xFFFD},      // overlong
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c.text));

@@ -1,10 +1,9 @@
-#include "quarvel/tables/TableMulti.h"
-
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 
 #include "quarvel/common/Log.h"
+#include "quarvel/tables/TableMulti.h"
 
 namespace quarvel {
 namespace {

@@ -1,6 +1,6 @@
-#include "quarvel/tables/TableSingle.h"
-
 #include <gtest/gtest.h>
+
+#include "quarvel/tables/TableSingle.h"
 
 namespace quarvel {
 namespace {

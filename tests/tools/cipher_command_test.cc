@@ -1,9 +1,8 @@
-#include "CipherCommand.h"
-
 #include <gtest/gtest.h>
 
 #include <sstream>
 
+#include "CipherCommand.h"
 #include "datafiles/DataFileTestUtil.h"
 #include "quarvel/common/CommonLib.h"
 #include "quarvel/common/Log.h"
@@ -56,7 +55,8 @@ TEST(EncipherText, RefusesWhatTheReaderCouldNotGiveBack) {
 
 TEST(CipherCommands, EncryptThenDecryptGivesTheLinesBack) {
   TempDir dir;
-  const std::string text = "#HEADER_START\n20240101\n#HEADER_END\n\xED\x95\x9C\xEA\xB8\x80\tHangul\n";
+  const std::string text =
+      "#HEADER_START\n20240101\n#HEADER_END\n\xED\x95\x9C\xEA\xB8\x80\tHangul\n";
   quarvel::testing::writeBytes(dir.path() / "in.txt", text);
   std::ostringstream err;
   ASSERT_EQ(runEncrypt({dir.file("in.txt"), dir.file("out.dat")}, err), 0) << err.str();
@@ -72,7 +72,8 @@ TEST(CipherCommands, AnUnencodableCharacterWritesNothing) {
   quarvel::testing::writeBytes(dir.path() / "in.txt", "fine\ncaf\xC3\xA9\n");
   std::ostringstream err;
   EXPECT_EQ(runEncrypt({dir.file("in.txt"), dir.file("out.dat")}, err), 1);
-  EXPECT_EQ(err.str(), dir.file("in.txt") + ":2:4: U+00E9 has no Mac Korean form; nothing written\n");
+  EXPECT_EQ(err.str(),
+            dir.file("in.txt") + ":2:4: U+00E9 has no Mac Korean form; nothing written\n");
   EXPECT_FALSE(std::filesystem::exists(dir.file("out.dat")));
 }
 
