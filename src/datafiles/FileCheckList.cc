@@ -1,5 +1,7 @@
 #include "quarvel/datafiles/FileCheckList.h"
 
+#include <algorithm>
+
 #include "quarvel/common/Log.h"
 #include "quarvel/datafiles/DataFileFormat.h"
 
@@ -71,26 +73,23 @@ bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPat
            lines[i].c_str());
     }
   }
-  const int first = m_pCheckList.getStartPosition() + 1;
-  const int end = m_pCheckList.getEndPosition();
-  m_pDicProperty.reserve(m_pDicProperty.size() + static_cast<std::size_t>(end - first));
-  m_pDicFileName.reserve(m_pDicFileName.size() + static_cast<std::size_t>(end - first));
-  for (int i = first; i < end; ++i) {
-    const std::int64_t row = m_pCheckList.insertRecord(lines[i], datafile::kSeparator);
-    if (row == -1) {
-      logf("%s (%d) // CHECKLIST INSERT FAIL : %s", kOpenMethod, kLineInsertFail,
-           lines[i].c_str());
-      continue;
-    }
-    RecordPtr record = m_pCheckList.getAt(row);
-    if (!record) continue;
-    m_pDicProperty.set(propertyKey(fieldAt(*record, datafile::kCompanyIndex),
-                                   fieldAt(*record, datafile::kProductIndex),
-                                   fieldAt(*record, datafile::kVersionIndex),
-                                   fieldAt(*record, datafile::kOriginalFileIndex)),
-                       row);
-    m_pDicFileName.set(lowerKey(fieldAt(*record, datafile::kExeFileIndex)), row);
-  }
+  const auto expected = static_cast<std::size_t>(
+      std::max(0, m_pCheckList.getEndPosition() - m_pCheckList.getStartPosition() - 1));
+  m_pDicProperty.reserve(m_pDicProperty.size() + expected);
+  m_pDicFileName.reserve(m_pDicFileName.size() + expected);
+  loadRecords(
+      m_pCheckList, lines,
+      [this](std::int64_t row, const Record& record) {
+        m_pDicProperty.set(propertyKey(fieldAt(record, datafile::kCompanyIndex),
+                                       fieldAt(record, datafile::kProductIndex),
+                                       fieldAt(record, datafile::kVersionIndex),
+                                       fieldAt(record, datafile::kOriginalFileIndex)),
+                           row);
+        m_pDicFileName.set(lowerKey(fieldAt(record, datafile::kExeFileIndex)), row);
+      },
+      [](const std::string& line) {
+        logf("%s (%d) // CHECKLIST INSERT FAIL : %s", kOpenMethod, kLineInsertFail, line.c_str());
+      });
   setM_strFileName(path);
   return true;
 }

@@ -37,14 +37,13 @@ bool FileFilter::openWithFileName(const std::string& fileName, bool isFullPath) 
   for (int i = m_pHeader.getStartPosition() + 1; i < m_pHeader.getEndPosition(); ++i) {
     m_pHeader.insertRecord(lines[i], datafile::kSeparator);
   }
-  for (int i = m_pSWList.getStartPosition() + 1; i < m_pSWList.getEndPosition(); ++i) {
-    const std::int64_t row = m_pSWList.insertRecord(lines[i], datafile::kSeparator);
-    if (row == -1) continue;
-    RecordPtr record = m_pSWList.getAt(row);
-    if (!record || record->size() < datafile::kSwListFieldCount) continue;
-    const Record& r = *record;
-    m_pDicFilter.set(filterKey(r[0], r[1], r[2], r[3]), row);
-  }
+  loadRecords(
+      m_pSWList, lines,
+      [this](std::int64_t row, const Record& r) {
+        if (r.size() >= datafile::kSwListFieldCount)
+          m_pDicFilter.set(filterKey(r[0], r[1], r[2], r[3]), row);
+      },
+      [](const std::string&) {});
   setM_strFileName(path);
   return true;
 }

@@ -28,13 +28,13 @@ bool FileFontList::openWithFileName(const std::string& fileName, bool isFullPath
   for (int i = m_pHeader.getStartPosition() + 1; i < m_pHeader.getEndPosition(); ++i) {
     m_pHeader.insertRecord(lines[i], datafile::kSeparator);
   }
-  for (int i = m_pFontList.getStartPosition() + 1; i < m_pFontList.getEndPosition(); ++i) {
-    const std::int64_t row = m_pFontList.insertRecord(lines[i], datafile::kSeparator);
-    if (row == -1) continue;
-    RecordPtr record = m_pFontList.getAt(row);
-    if (!record || record->size() <= datafile::kExeFileIndex) continue;
-    m_pDicFileName.set(lowerKey((*record)[datafile::kExeFileIndex]), row);
-  }
+  loadRecords(
+      m_pFontList, lines,
+      [this](std::int64_t row, const Record& r) {
+        if (r.size() > datafile::kExeFileIndex)
+          m_pDicFileName.set(lowerKey(r[datafile::kExeFileIndex]), row);
+      },
+      [](const std::string&) {});
   setM_strFileName(path);
   return true;
 }

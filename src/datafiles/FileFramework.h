@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "quarvel/tables/Table.h"
+#include "quarvel/tables/TableMulti.h"
 
 namespace quarvel {
 
@@ -91,6 +92,43 @@ class FileFramework {
   // logged at debug priority as it is examined.
   static ReadResult readSections(const std::string& path, std::span<Table* const> tables,
                                  bool traceLines);
+
+  // Appends the lines strictly inside `table`'s section as its records,
+  // exactly as insertRecord(line, "\t") would: a line whose field count
+  // differs from the table's is refused. Records are built at their exact
+  // size and appended in one step. `accepted(row, record)` is called for
+  // each record kept (before it is in the table), `refused(line)` for each
+  // line refused, in line order.
+  template <typename Accepted, typename Refused>
+  static void loadRecords(TableMulti& table, const std::vector<std::string>& lines,
+                          Accepted&& accepted, Refused&& refused) {
+    const std::size_t fieldCount = table.getFields()->size();
+    const int first = table.getStartPosition() + 1;
+    const int end = table.getEndPosition();
+    std::vector<RecordPtr> batch;
+    if (end > first) batch.reserve(static_cast<std::size_t>(end - first));
+    auto row = static_cast<std::int64_t>(table.getCount());
+    for (int i = first; i < end; ++i) {
+      const std::string& line = lines[static_cast<std::size_t>(i)];
+      std::size_t separators = 0;
+      for (char c : line) separators += c == '\t';
+      if (separators + 1 != fieldCount) {
+        refused(line);
+        continue;
+      }
+      auto record = std::make_shared<Record>();
+      record->reserve(fieldCount);
+      std::size_t from = 0;
+      for (std::size_t to = line.find('\t'); to != std::string::npos; to = line.find('\t', from)) {
+        record->emplace_back(line, from, to - from);
+        from = to + 1;
+      }
+      record->emplace_back(line, from);
+      accepted(row++, *record);
+      batch.push_back(std::move(record));
+    }
+    table.addArrayItems(batch);
+  }
 
   // The folded, Mac Korean text of `tables` in section order as a buffer of
   // size + 1 bytes (zero-terminated) that the caller owns; null with size 0

@@ -29,12 +29,13 @@ bool FilePackage::openWithFileName(const std::string& fileName, bool isFullPath)
   Table* const tables[] = {&m_pHeader, &m_pPackage, &m_pSub};
   ReadResult read = readSections(path, tables, false);
   if (read.status != ReadStatus::kOk) return false;
-  // No index is built here: getPackageIndex builds its own on first use.
-  for (Table* table : tables) {
-    for (int i = table->getStartPosition() + 1; i < table->getEndPosition(); ++i) {
-      table->insertRecord(read.lines[i], datafile::kSeparator);
-    }
+  for (int i = m_pHeader.getStartPosition() + 1; i < m_pHeader.getEndPosition(); ++i) {
+    m_pHeader.insertRecord(read.lines[i], datafile::kSeparator);
   }
+  // No index is built here: getPackageIndex builds its own on first use.
+  const auto ignore = [](auto&&...) {};
+  loadRecords(m_pPackage, read.lines, ignore, ignore);
+  loadRecords(m_pSub, read.lines, ignore, ignore);
   setM_strFileName(path);
   return true;
 }

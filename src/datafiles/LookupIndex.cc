@@ -1,32 +1,132 @@
 #include "quarvel/datafiles/LookupIndex.h"
 
-#include <functional>
+#include <climits>
+#include <cstdint>
+#include <cstring>
 
 #include "quarvel/common/StringUtil.h"
 
 namespace quarvel {
 
+namespace {
+
+// Characters without case mappings that keys often hold (Hangul, CJK
+// ideographs and punctuation): lower-casing leaves them and their
+// neighbours alone, so a key made only of these and ASCII needs no ICU.
+bool caseless(char32_t c) {
+  return (c >= 0xAC00 && c <= 0xD7A3) || (c >= 0x1100 && c <= 0x11FF) ||
+         (c >= 0x3130 && c <= 0x318F) || (c >= 0x4E00 && c <= 0x9FFF) ||
+         (c >= 0x3000 && c <= 0x303F);
+}
+
+}  // namespace
+
 std::string lowerKey(std::string_view text) {
   std::string out(text);
-  for (char& c : out) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x80) return lowercase(text);
-    if (byte >= 'A' && byte <= 'Z') c = static_cast<char>(byte + ('a' - 'A'));
+  for (std::size_t i = 0; i < out.size();) {
+    const auto byte = static_cast<unsigned char>(out[i]);
+    if (byte < 0x80) {
+      if (byte >= 'A' && byte <= 'Z') out[i] = static_cast<char>(byte + ('a' - 'A'));
+      ++i;
+      continue;
+    }
+    if ((byte & 0xF0) == 0xE0 && i + 2 < out.size()) {
+      const auto b1 = static_cast<unsigned char>(out[i + 1]);
+      const auto b2 = static_cast<unsigned char>(out[i + 2]);
+      if ((b1 & 0xC0) == 0x80 && (b2 & 0xC0) == 0x80) {
+        const char32_t c = ((byte & 0x0Fu) << 12) | ((b1 & 0x3Fu) << 6) | (b2 & 0x3Fu);
+        if (caseless(c)) {
+          i += 3;
+          continue;
+        }
+      }
+    }
+    return lowercase(text);
   }
   return out;
 }
 
-std::size_t LookupIndex::Hash::operator()(std::string_view text) const noexcept {
-  return std::hash<std::string_view>{}(text);
+namespace {
+
+std::uint64_t hashOf(std::string_view key) {
+  // Eight bytes a step, each step mixed; the last mix spreads the low bits
+  // that choose the slot.
+  constexpr std::uint64_t kMul = 0xbf58476d1ce4e5b9ull;
+  std::uint64_t h = 0x9e3779b97f4a7c15ull ^ key.size();
+  const char* p = key.data();
+  std::size_t n = key.size();
+  for (; n >= 8; p += 8, n -= 8) {
+    std::uint64_t word;
+    std::memcpy(&word, p, 8);
+    h = (h ^ word) * kMul;
+    h ^= h >> 29;
+  }
+  if (n > 0) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, p, n);
+    h = (h ^ word) * kMul;
+  }
+  h ^= h >> 32;
+  h *= 0x94d049bb133111ebull;
+  h ^= h >> 29;
+  return h;
 }
 
-void LookupIndex::set(std::string key, std::int64_t index) {
-  map_.insert_or_assign(std::move(key), index);
+}  // namespace
+
+std::size_t LookupIndex::slotOf(std::string_view key, std::uint64_t hash) const {
+  const std::size_t mask = slots_.size() - 1;
+  for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
+    const Slot& slot = slots_[at];
+    if (slot.value < 0) return at;
+    if (slot.hash == hash && slot.length == key.size() &&
+        std::string_view(keys_).substr(slot.offset, slot.length) == key)
+      return at;
+  }
+}
+
+void LookupIndex::rehash(std::size_t slotCount) {
+  std::vector<Slot> old = std::move(slots_);
+  slots_.assign(slotCount, Slot{});
+  const std::size_t mask = slotCount - 1;
+  for (const Slot& slot : old) {
+    if (slot.value < 0) continue;
+    std::size_t at = slot.hash & mask;
+    while (slots_[at].value >= 0) at = (at + 1) & mask;
+    slots_[at] = slot;
+  }
+}
+
+void LookupIndex::reserve(std::size_t count) {
+  std::size_t wanted = 16;
+  while (wanted < 2 * count) wanted *= 2;
+  if (wanted > slots_.size()) rehash(wanted);
+}
+
+void LookupIndex::clear() {
+  keys_.clear();
+  slots_.clear();
+  size_ = 0;
+}
+
+void LookupIndex::set(std::string_view key, std::int64_t index) {
+  if (index < 0 || index > INT32_MAX || key.size() > UINT32_MAX) return;
+  if (2 * (size_ + 1) > slots_.size()) reserve(size_ + 1);
+  const std::uint64_t hash = hashOf(key);
+  Slot& slot = slots_[slotOf(key, hash)];
+  if (slot.value < 0) {
+    slot.hash = hash;
+    slot.offset = keys_.size();
+    slot.length = static_cast<std::uint32_t>(key.size());
+    keys_.append(key);
+    ++size_;
+  }
+  slot.value = static_cast<std::int32_t>(index);
 }
 
 std::int64_t LookupIndex::find(std::string_view key) const {
-  auto it = map_.find(key);
-  return it == map_.end() ? -1 : it->second;
+  if (slots_.empty()) return -1;
+  return slots_[slotOf(key, hashOf(key))].value;
 }
 
 }  // namespace quarvel

@@ -2,35 +2,48 @@
 // The look-up indexes of the data-file classes: key text -> record index.
 // Keys are held as given; callers lower-case both sides where the look-up is
 // case-blind (lowerKey). On a repeated key the last record entered wins.
+//
+// An open-addressing table over one buffer of key bytes: a record costs a
+// 24-byte slot (at most half of the slots are used) plus its key's bytes,
+// and a look-up allocates nothing.
 
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <vector>
 
 namespace quarvel {
 
 // Full Unicode lower-casing (the same answer as quarvel::lowercase), with a
-// fast path for plain ASCII keys.
+// fast path for keys of ASCII, Hangul and CJK characters.
 std::string lowerKey(std::string_view text);
 
 class LookupIndex {
  public:
-  // Enters `key` -> `index`, replacing an earlier entry of the same key.
-  void set(std::string key, std::int64_t index);
+  // Enters `key` -> `index` (0 <= index <= INT32_MAX), replacing an earlier
+  // entry of the same key.
+  void set(std::string_view key, std::int64_t index);
   // The index entered under `key`, or -1.
   std::int64_t find(std::string_view key) const;
-  bool empty() const { return map_.empty(); }
-  std::size_t size() const { return map_.size(); }
-  void reserve(std::size_t count) { map_.reserve(count); }
-  void clear() { map_.clear(); }
+  bool empty() const { return size_ == 0; }
+  std::size_t size() const { return size_; }
+  // Makes room for `count` keys without regrowing.
+  void reserve(std::size_t count);
+  void clear();
 
  private:
-  struct Hash {
-    using is_transparent = void;
-    std::size_t operator()(std::string_view text) const noexcept;
+  struct Slot {
+    std::uint64_t hash = 0;
+    std::uint64_t offset = 0;  // of the key in keys_
+    std::uint32_t length = 0;
+    std::int32_t value = -1;   // -1: the slot is free
   };
-  std::unordered_map<std::string, std::int64_t, Hash, std::equal_to<>> map_;
+  std::size_t slotOf(std::string_view key, std::uint64_t hash) const;
+  void rehash(std::size_t slotCount);
+
+  std::string keys_;
+  std::vector<Slot> slots_;  // a power of two in size, or empty
+  std::size_t size_ = 0;
 };
 
 }  // namespace quarvel

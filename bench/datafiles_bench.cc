@@ -1,0 +1,143 @@
+// Data-file throughput on a generated 200,000-record check list (~40 MB):
+// open against its deciphering, splitting and decoding alone; save against
+// its folding, encoding and enciphering alone; the loaded list's memory;
+// and the three look-ups.
+
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ListGenerator.h"
+#include "quarvel/common/CommonLib.h"
+#include "quarvel/datafiles/FileCheckList.h"
+#include "quarvel/datafiles/MacKorean.h"
+
+namespace {
+
+constexpr std::size_t kRecords = 200000;
+
+const std::string& listPath() {
+  static const std::string path = [] {
+    std::string p = (std::filesystem::temp_directory_path() /
+                     ("quarvel-bench-" + std::to_string(::getpid()) + ".dat"))
+                        .string();
+    if (!quarvel::bench::writeCheckListFile(p, kRecords)) std::abort();
+    return p;
+  }();
+  return path;
+}
+
+quarvel::FileCheckList& loadedList() {
+  static quarvel::FileCheckList* list = [] {
+    auto* l = new quarvel::FileCheckList();
+    if (!l->openWithFileName(listPath(), true)) std::abort();
+    return l;
+  }();
+  return *list;
+}
+
+void DecipherSplitDecode(benchmark::State& state) {
+  for (auto _ : state) {
+    std::vector<std::string> lines;
+    quarvel::CommonLib::Decrypt(lines, listPath());
+    benchmark::DoNotOptimize(lines.data());
+  }
+  state.SetBytesProcessed(state.iterations() * std::filesystem::file_size(listPath()));
+}
+BENCHMARK(DecipherSplitDecode)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void Open(benchmark::State& state) {
+  for (auto _ : state) {
+    quarvel::FileCheckList list;
+    if (!list.openWithFileName(listPath(), true)) state.SkipWithError("open failed");
+    benchmark::DoNotOptimize(&list);
+  }
+  state.SetBytesProcessed(state.iterations() * std::filesystem::file_size(listPath()));
+}
+BENCHMARK(Open)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void FoldEncodeEncipher(benchmark::State& state) {
+  const std::string text = quarvel::bench::generateCheckListText(kRecords);
+  for (auto _ : state) {
+    const std::string folded = quarvel::CommonLib::encodingForSpecialCharacter(text);
+    std::optional<std::string> bytes = quarvel::MacKorean::encode(folded);
+    auto buffer = std::make_unique<unsigned char[]>(bytes->size() + 1);
+    std::memcpy(buffer.get(), bytes->data(), bytes->size());
+    quarvel::CommonLib::Encrypt(buffer.get(), static_cast<std::uint32_t>(bytes->size()));
+    benchmark::DoNotOptimize(buffer.get());
+  }
+}
+BENCHMARK(FoldEncodeEncipher)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void Save(benchmark::State& state) {
+  quarvel::FileCheckList& list = loadedList();
+  const std::string out = listPath() + ".saved";
+  for (auto _ : state) {
+    if (!list.saveAsFileName(out, true)) state.SkipWithError("save failed");
+  }
+  std::filesystem::remove(out);
+}
+BENCHMARK(Save)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Heap held by a loaded list, per byte of the file.
+void LoadedMemory(benchmark::State& state) {
+  const double fileSize = static_cast<double>(std::filesystem::file_size(listPath()));
+  double used = 0;
+  for (auto _ : state) {
+    ::malloc_trim(0);
+    const std::size_t before = ::mallinfo2().uordblks;
+    auto list = std::make_unique<quarvel::FileCheckList>();
+    list->openWithFileName(listPath(), true);
+    used = static_cast<double>(::mallinfo2().uordblks - before);
+    benchmark::DoNotOptimize(list.get());
+  }
+  state.counters["file_MB"] = fileSize / 1e6;
+  state.counters["heap_MB"] = used / 1e6;
+  state.counters["heap_per_file_byte"] = used / fileSize;
+}
+BENCHMARK(LoadedMemory)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+enum class Key { FileName, Property, Identifier };
+
+void Lookup(benchmark::State& state, Key kind) {
+  quarvel::FileCheckList& list = loadedList();
+  quarvel::Table* table = list.getTableByTag("#CHECKLIST");
+  std::vector<std::string> keys;
+  for (int i = 0; i < 4096; ++i) {
+    const int row = static_cast<int>((static_cast<std::uint64_t>(i) * 7919) % kRecords);
+    quarvel::RecordPtr r = table->select(row);
+    switch (kind) {
+      case Key::FileName: keys.push_back((*r)[5]); break;
+      case Key::Property: keys.push_back((*r)[1] + "\t" + (*r)[2] + "\t" + (*r)[3] + "\t" + (*r)[4]); break;
+      case Key::Identifier: keys.push_back((*r)[0]); break;
+    }
+  }
+  std::size_t i = 0;
+  for (auto _ : state) {
+    const std::string& key = keys[i++ & 4095];
+    int found = kind == Key::FileName   ? list.getIdByFileName(key)
+                : kind == Key::Property ? list.getIdByProperty(key)
+                                        : list.getIndex(key);
+    benchmark::DoNotOptimize(found);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK_CAPTURE(Lookup, FileName, Key::FileName);
+BENCHMARK_CAPTURE(Lookup, Property, Key::Property);
+BENCHMARK_CAPTURE(Lookup, Identifier, Key::Identifier);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  std::filesystem::remove(listPath());
+  return 0;
+}
