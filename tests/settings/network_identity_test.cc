@@ -118,19 +118,5 @@ TEST(NetworkIdentity, TextFollowsServiceOrderFiltersAndPieces) {
   }
 }
 
-TEST(NetworkIdentity, RecordsKeepEmptyIPv4AndAbsentLinkAddress) {
-  FakeServices services({{"en0", "Wi-Fi"}, {"en1", "Ethernet"}});
-  FakeInterfaces interfaces({{{"en0", "2", "10.0.0.1"}, {"en1", "18", "00:00:00:00:00:02"}}});
-  NetworkIdentityRun run = buildNetworkIdentity(services, interfaces, "x");
-  ASSERT_EQ(run.addressArray.size(), 2u);
-  EXPECT_EQ(run.addressArray[0].mac, std::nullopt);
-  EXPECT_EQ(run.addressArray[1].ipv4, "");
-  EXPECT_EQ(run.addressArray[1].adapter, "Ethernet");
-  EXPECT_EQ(run.addressArray[1].device, "en1");
-
-  FakeInterfaces unreadable(std::nullopt);
-  EXPECT_EQ(buildNetworkIdentity(services, unreadable, "x").ipStr, "");
-}
-
 }  // namespace
 }  // namespace quarvel
