@@ -3,6 +3,7 @@
 
 #include "CipherCommand.h"
 #include "Commands.h"
+#include "DataFileTool.h"
 
 namespace quarvel::cli {
 namespace {
@@ -25,8 +26,23 @@ void addEncryptCommand(CLI::App& app) {
       "Write a UTF-8 text (LF or CR LF line ends) as an enciphered Mac Korean data file");
   encrypt->add_option("TEXTFILE", options->textPath, "The UTF-8 text")->required();
   encrypt->add_option("OUTFILE", options->outPath, "The data file to write")->required();
-  encrypt->callback([options] {
-    if (int status = runEncrypt(*options, std::cerr); status != 0) throw CLI::RuntimeError(status);
+  // With --kind, TEXTFILE is a TSV file named after its section
+  // ("CHECKLIST.tsv") or a folder of them, each starting with its field names.
+  auto kind = std::make_shared<std::string>();
+  encrypt
+      ->add_option("--kind", *kind,
+                   "Build a checklist, package, filter or font file from TEXTFILE as plain TSV, "
+                   "one file per section (TEXTFILE may be their folder)")
+      ->check(CLI::IsMember({"checklist", "package", "filter", "font"}));
+  encrypt->callback([options, kind] {
+    int status = 0;
+    if (!kind->empty()) {
+      status = buildDataFileFromTsv(*parseDataFileKind(*kind), {options->textPath},
+                                    options->outPath, std::cerr);
+    } else {
+      status = runEncrypt(*options, std::cerr);
+    }
+    if (status != 0) throw CLI::RuntimeError(status);
   });
 }
 
