@@ -55,27 +55,26 @@ std::uint32_t makeStep(char16_t c) {
 }
 
 struct DecodeSteps {
-  std::uint32_t ascii[0x80] = {};
-  // Indexed by (lead & 0x7F) << 8 | trail for every byte from 0x80 up.
-  std::vector<std::uint32_t> lead = std::vector<std::uint32_t>(0x80 * 0x100, 0);
+  // Indexed by byte << 8 | next byte, the next byte taken as 0 after an
+  // ASCII byte (see stepAt).
+  std::vector<std::uint32_t> step = std::vector<std::uint32_t>(0x100 * 0x100, 0);
 
   DecodeSteps() {
     for (unsigned b = 0; b < 0x80; ++b)
-      if (kMacKoreanAscii[b]) ascii[b] = makeStep(static_cast<char16_t>(b));
+      if (kMacKoreanAscii[b]) step[b << 8] = makeStep(static_cast<char16_t>(b));
     for (unsigned b = kMacKoreanFirstLead; b <= kMacKoreanLastLead; ++b)
       for (unsigned trail = 0; trail < 0x100; ++trail) {
         const char16_t c = kMacKoreanDouble[(b - kMacKoreanFirstLead) * 256 + trail];
-        if (c != 0 && (c < kMultiBase || c >= kMultiEnd))
-          lead[(b & 0x7F) << 8 | trail] = makeStep(c);
+        if (c != 0 && (c < kMultiBase || c >= kMultiEnd)) step[b << 8 | trail] = makeStep(c);
       }
   }
 };
 
 // Where the codes of an eight-byte window start, given the window's high
-// bits (bit i for byte i): up to eight 4-bit offsets, their count, and the
-// bytes the window's codes take (9 when the last one runs past it).
+// bits (bit i for byte i): up to eight offsets, their count, and the bytes
+// the window's codes take (9 when the last one runs past it).
 struct Window {
-  std::uint32_t starts;
+  std::uint8_t starts[8];
   std::uint8_t count;
   std::uint8_t consumed;
 };
@@ -83,11 +82,10 @@ struct Window {
 constexpr std::array<Window, 256> makeWindows() {
   std::array<Window, 256> windows{};
   for (unsigned highBits = 0; highBits < 256; ++highBits) {
-    Window w{0, 0, 0};
+    Window w{};
     unsigned at = 0;
     while (at < 8) {
-      w.starts |= at << (4 * w.count);
-      ++w.count;
+      w.starts[w.count++] = static_cast<std::uint8_t>(at);
       at += (highBits >> at & 1) ? 2 : 1;
     }
     w.consumed = static_cast<std::uint8_t>(at);
@@ -103,14 +101,12 @@ const DecodeSteps& decodeSteps() {
 }
 
 // The step of the code at `p` (p[1] must be readable), whether it is ASCII
-// or a two-byte code: both entries are read and one chosen by a mask, as
-// text mixing ASCII and Korean defeats branch prediction.
-inline std::uint32_t stepAt(const DecodeSteps& steps, const unsigned char* p) {
+// or a two-byte code. The next byte is masked out after an ASCII byte rather
+// than branched on, as text mixing ASCII and Korean defeats branch
+// prediction.
+inline std::uint32_t stepAt(const std::uint32_t* steps, const unsigned char* p) {
   const unsigned b = p[0];
-  const std::uint32_t asciiStep = steps.ascii[b & 0x7F];
-  const std::uint32_t leadStep = steps.lead[(b & 0x7F) << 8 | p[1]];
-  const std::uint32_t isAscii = 0u - static_cast<std::uint32_t>(b < 0x80);
-  return leadStep ^ ((asciiStep ^ leadStep) & isAscii);
+  return steps[b << 8 | (p[1] & (0u - (b >> 7)))];
 }
 
 // The encoder's index, built once from the decoding tables: every BMP
@@ -210,7 +206,7 @@ char32_t nextUtf8(std::string_view s, std::size_t& pos) {
 }  // namespace
 
 std::optional<std::string> MacKorean::decode(std::string_view bytes) {
-  const DecodeSteps& steps = decodeSteps();
+  const std::uint32_t* const steps = decodeSteps().step.data();
   const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
   const auto* const inEnd = in + bytes.size();
   // The text is decoded a slice at a time into a chunk on the stack, then
@@ -234,16 +230,16 @@ std::optional<std::string> MacKorean::decode(std::string_view bytes) {
         std::memcpy(&word, in, 8);
         const unsigned highBits =
             (((word >> 7) & 0x0101010101010101ULL) * 0x0102040810204080ULL) >> 56;
-        const Window window = kWindows[highBits];
+        const Window& window = kWindows[highBits];
         char* const windowOut = out;
-        std::uint32_t bad = 0;
-        for (unsigned j = 0; j < window.count; ++j) {
-          const std::uint32_t step = stepAt(steps, in + ((window.starts >> (4 * j)) & 0xF));
-          bad |= static_cast<std::uint32_t>(step == 0);
+        unsigned j = 0;
+        for (; j < window.count; ++j) {
+          const std::uint32_t step = stepAt(steps, in + window.starts[j]);
+          if (step == 0) break;
           std::memcpy(out, &step, 4);
           out += outputLength(step);
         }
-        if (!bad) {
+        if (j == window.count) {
           in += window.consumed;
           continue;
         }
