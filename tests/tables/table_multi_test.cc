@@ -46,14 +46,7 @@ TEST(TableMulti, SelectAnswersTheErrorTextForUnknownFieldsAndRows) {
   EXPECT_EQ(table.select(1, "A"), Table::kOutOfBounds);
   EXPECT_EQ(table.select(-1, "A"), Table::kOutOfBounds);
   EXPECT_EQ(table.select(0, "B"), "2");
-}
-
-TEST(TableMulti, SelectToStrJoinsWithTabs) {
-  TableMulti table;
-  fill(table, "A\tB\tC", {"a\t\tc"});
-  EXPECT_EQ(table.selectToStr(0), "a\t\tc");
   EXPECT_EQ(table.selectToStr(1), "");
-  EXPECT_EQ(table.selectToStr(-1), "");
 }
 
 TEST(TableMulti, BoundTestsWrapOnAnEmptyTable) {

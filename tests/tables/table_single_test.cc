@@ -59,15 +59,6 @@ TEST(TableSingle, DeleteRecordRemovesOneValue) {
   EXPECT_EQ(table.getDataCount(), 0u);
 }
 
-TEST(TableSingle, EditingOperationsOfTheBaseRefuse) {
-  TableSingle table;
-  table.setFieldWithRecord("A", "\t");
-  table.insertRecord("1", "\t");
-  EXPECT_FALSE(table.setValue(0, "A", "2"));
-  EXPECT_FALSE(table.replaceAtIndex(0, "2"));
-  EXPECT_EQ(table.select(0, "A"), "1");
-}
-
 TEST(TableSingle, CopyIsEmptyAndCloseEmpties) {
   TableSingle table;
   table.setTag("#HEADER");
