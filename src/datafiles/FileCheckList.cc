@@ -116,11 +116,11 @@ bool FileCheckList::save() {
 }
 
 int FileCheckList::getIdByFileName(std::string_view fileName) const {
-  return static_cast<int>(m_pDicFileName.find(lowerKey(fileName)));
+  return static_cast<int>(m_pDicFileName.findLowered(fileName));
 }
 
 int FileCheckList::getIdByProperty(std::string_view property) const {
-  return static_cast<int>(m_pDicProperty.find(lowerKey(property)));
+  return static_cast<int>(m_pDicProperty.findLowered(property));
 }
 
 int FileCheckList::getIndex(std::string_view dbId) {

@@ -67,7 +67,7 @@ bool FileFilter::save() {
 }
 
 int FileFilter::getIdByFilter(std::string_view filter) const {
-  return static_cast<int>(m_pDicFilter.find(lowerKey(filter)));
+  return static_cast<int>(m_pDicFilter.findLowered(filter));
 }
 
 }  // namespace quarvel

@@ -58,7 +58,7 @@ bool FileFontList::save() {
 }
 
 int FileFontList::getIdByFileName(std::string_view fileName) const {
-  return static_cast<int>(m_pDicFileName.find(lowerKey(fileName)));
+  return static_cast<int>(m_pDicFileName.findLowered(fileName));
 }
 
 int FileFontList::getIndex(std::string_view dbId) {

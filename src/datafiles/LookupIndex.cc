@@ -21,8 +21,8 @@ bool caseless(char32_t c) {
 
 }  // namespace
 
-std::string lowerKey(std::string_view text) {
-  std::string out(text);
+void lowerKeyInto(std::string& out, std::string_view text) {
+  out.assign(text);
   for (std::size_t i = 0; i < out.size();) {
     const auto byte = static_cast<unsigned char>(out[i]);
     if (byte < 0x80) {
@@ -41,9 +41,21 @@ std::string lowerKey(std::string_view text) {
         }
       }
     }
-    return lowercase(text);
+    out = lowercase(text);
+    return;
   }
+}
+
+std::string lowerKey(std::string_view text) {
+  std::string out;
+  lowerKeyInto(out, text);
   return out;
+}
+
+std::int64_t LookupIndex::findLowered(std::string_view key) const {
+  thread_local std::string scratch;
+  lowerKeyInto(scratch, key);
+  return find(scratch);
 }
 
 namespace {

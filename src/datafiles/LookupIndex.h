@@ -17,6 +17,8 @@ namespace quarvel {
 // Full Unicode lower-casing (the same answer as quarvel::lowercase), with a
 // fast path for keys of ASCII, Hangul and CJK characters.
 std::string lowerKey(std::string_view text);
+// The same into `out`, reusing its storage.
+void lowerKeyInto(std::string& out, std::string_view text);
 
 class LookupIndex {
  public:
@@ -25,6 +27,8 @@ class LookupIndex {
   void set(std::string_view key, std::int64_t index);
   // The index entered under `key`, or -1.
   std::int64_t find(std::string_view key) const;
+  // find(lowerKey(key)) without allocating.
+  std::int64_t findLowered(std::string_view key) const;
   bool empty() const { return size_ == 0; }
   std::size_t size() const { return size_; }
   // Makes room for `count` keys without regrowing.
