@@ -31,13 +31,6 @@ TEST(Money, ReadsListPrices) {
   EXPECT_EQ(Money{100000}.toString(), "1000");
 }
 
-TEST(DisplayWidth, WideLettersTakeTwoCells) {
-  EXPECT_EQ(displayWidth("Acme"), 4u);
-  EXPECT_EQ(displayWidth("한글"), 4u);
-  EXPECT_EQ(displayWidth("ＡＢ"), 4u);  // full-width forms
-  EXPECT_EQ(displayWidth("e\u0301"), 1u);  // combining accent
-}
-
 // A result with a wide maker, text that needs quoting, a price that is no
 // number and a finding seen in two places.
 AuditResult sampleResult() {

@@ -192,28 +192,19 @@ TEST(Auditor, WithoutListsOfAKindThatKindIsNotScanned) {
 }
 
 TEST(ScanPlanTest, SystemPlanFromTheEnvironment) {
-  ScanEnvironment env{.path = "/usr/bin:relative:/usr/bin/:/bin:",
-                      .home = "/home/kim",
-                      .xdgDataHome = "",
-                      .xdgDataDirs = ""};
-  ScanPlan plan = systemScanPlan(env);
+  ScanPlan plan = systemScanPlan(
+      {.path = "/usr/bin:relative:/usr/bin/::", .home = "/home/kim", .xdgDataHome = "", .xdgDataDirs = ""});
   // Relative and empty entries are left out, and a folder counts once.
-  EXPECT_EQ(plan.pathFolders.front(), "/usr/bin");
-  EXPECT_EQ(std::count(plan.pathFolders.begin(), plan.pathFolders.end(), "/usr/bin/"), 0);
-  EXPECT_EQ(plan.softwareTrees, (std::vector<std::string>{"/opt", "/usr/local"}));
+  EXPECT_EQ(plan.pathFolders, std::vector<std::string>{"/usr/bin"});
   auto has = [](const std::vector<std::string>& v, const std::string& s) {
     return std::find(v.begin(), v.end(), s) != v.end();
   };
-  EXPECT_TRUE(has(plan.desktopFolders, "/home/kim/.local/share/applications"));
-  EXPECT_TRUE(has(plan.desktopFolders, "/usr/share/applications"));
-  EXPECT_TRUE(has(plan.desktopFolders, "/var/lib/flatpak/exports/share/applications"));
-  EXPECT_TRUE(has(plan.desktopFolders, "/home/kim/.local/share/flatpak/exports/share/applications"));
-  EXPECT_TRUE(has(plan.desktopFolders, "/var/lib/snapd/desktop/applications"));
-  EXPECT_EQ(plan.appImageFolders, std::vector<std::string>{"/home/kim"});
-  EXPECT_TRUE(has(plan.fontFolders, "/usr/share/fonts"));
+  // Unset XDG folders take their documented defaults.
+  for (const char* folder : {"/home/kim/.local/share/applications", "/usr/share/applications",
+                             "/home/kim/.local/share/flatpak/exports/share/applications"})
+    EXPECT_TRUE(has(plan.desktopFolders, folder)) << folder;
   EXPECT_TRUE(has(plan.fontFolders, "/home/kim/.local/share/fonts"));
-  EXPECT_TRUE(has(plan.fontFolders, "/home/kim/.fonts"));
-  EXPECT_EQ(plan.excluded, (std::vector<std::string>{"/proc", "/sys", "/dev"}));
+  EXPECT_TRUE(has(plan.fontFolders, "/usr/local/share/fonts"));
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <climits>
 #include <cstdlib>
-#include <map>
 #include <set>
 #include <unordered_map>
 #include <unordered_set>
