@@ -25,7 +25,8 @@ struct Answer {
 
 NetIdResult gatherNetId(const NetIdOptions& options, NetworkSources sources) {
   sources = withSystemDefaults(std::move(sources));
-  std::string host = options.echoHost.empty() ? CVUserDefaults::echoServiceHost() : options.echoHost;
+  std::string host =
+      options.echoHost.empty() ? CVUserDefaults::echoServiceHost() : options.echoHost;
   auto answer = std::make_shared<Answer>();
   sendHttpRequest("http://" + host + "/ip", "", [answer](std::optional<std::string> text) {
     std::lock_guard<std::mutex> lock(answer->mutex);

@@ -14,7 +14,7 @@ namespace quarvel::cli {
 
 struct NetIdOptions {
   bool json = false;
-  std::string echoHost;  // "host[:port]"; empty: the settings object's echo service
+  std::string echoHost;                  // "host[:port]"; empty: the settings object's echo service
   std::chrono::milliseconds wait{2000};  // longest wait for the external address
 };
 

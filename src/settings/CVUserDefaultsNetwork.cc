@@ -16,8 +16,8 @@ namespace quarvel {
 // Shared by an instance, its external-address lookup and its background job.
 struct NetworkIdentityState {
   std::mutex mutex;
-  std::optional<std::string> ipAddress;     // the finished text; guarded by mutex
-  std::optional<std::string> outIpAddress;  // the echo service's answer; guarded by mutex
+  std::optional<std::string> ipAddress;       // the finished text; guarded by mutex
+  std::optional<std::string> outIpAddress;    // the echo service's answer; guarded by mutex
   std::optional<NetworkIdentityRun> lastRun;  // guarded by mutex
 };
 
@@ -79,8 +79,8 @@ class BackgroundJobs {
   BackgroundJobs() = default;
   std::mutex mutex_;
   std::condition_variable wake_;
-  bool stopping_ = false;              // guarded by mutex_
-  std::vector<std::thread> threads_;   // guarded by mutex_
+  bool stopping_ = false;             // guarded by mutex_
+  std::vector<std::thread> threads_;  // guarded by mutex_
 };
 
 // One complete run with its own working state; only its records (and, for

@@ -177,9 +177,9 @@ class HttpDispatcher {
   CURLM* multi_ = nullptr;
   std::thread thread_;
   std::mutex mutex_;
-  bool stopping_ = false;                             // guarded by mutex_
-  std::vector<std::unique_ptr<Transfer>> incoming_;   // guarded by mutex_
-  std::vector<std::unique_ptr<Transfer>> active_;     // network thread only
+  bool stopping_ = false;                            // guarded by mutex_
+  std::vector<std::unique_ptr<Transfer>> incoming_;  // guarded by mutex_
+  std::vector<std::unique_ptr<Transfer>> active_;    // network thread only
 };
 
 }  // namespace
@@ -188,7 +188,9 @@ void setHttpIdleTimeoutForTesting(std::chrono::milliseconds timeout) {
   idleTimeoutMs = timeout.count();
 }
 
-std::chrono::milliseconds httpIdleTimeout() { return std::chrono::milliseconds(idleTimeoutMs.load()); }
+std::chrono::milliseconds httpIdleTimeout() {
+  return std::chrono::milliseconds(idleTimeoutMs.load());
+}
 
 void sendHttpRequest(const std::string& url, const std::string& body,
                      std::function<void(std::optional<std::string>)> done) {
@@ -229,10 +231,10 @@ void CVUserDefaults::sendRequest(const std::string& url, const std::string& body
   // The body goes out cut to as many bytes as it has UTF-16 units: all of an
   // ASCII body, and less of one with other characters, as hosts expect.
   std::string bytes = body.substr(0, utf16Length(body));
-  sendHttpRequest(url, bytes, [completetion = std::move(completetion)](
-                                  std::optional<std::string> text) {
-    completetion(text ? *text : std::string());
-  });
+  sendHttpRequest(url, bytes,
+                  [completetion = std::move(completetion)](std::optional<std::string> text) {
+                    completetion(text ? *text : std::string());
+                  });
 }
 
 }  // namespace quarvel

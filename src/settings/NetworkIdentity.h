@@ -31,8 +31,8 @@ using InterfaceTable = std::map<std::string, std::map<std::string, std::string>>
 
 // The working state of one run.
 struct NetworkIdentityRun {
-  ServiceList deviceName;                     // the service list
-  std::vector<std::string> adapterName;       // interfaces in order of first appearance
+  ServiceList deviceName;                       // the service list
+  std::vector<std::string> adapterName;         // interfaces in order of first appearance
   std::optional<InterfaceTable> allInterfaces;  // absent when the list could not be read
   std::vector<AdapterRecord> addressArray;
   std::string ipStr;

@@ -68,7 +68,8 @@ std::shared_ptr<ServiceSource> systemServiceSource() {
 NetworkSources withSystemDefaults(NetworkSources sources) {
   if (!sources.interfaces) sources.interfaces = systemInterfaceSource();
   if (!sources.services) sources.services = systemServiceSource();
-  if (!sources.sleep) sources.sleep = [](std::chrono::milliseconds d) { std::this_thread::sleep_for(d); };
+  if (!sources.sleep)
+    sources.sleep = [](std::chrono::milliseconds d) { std::this_thread::sleep_for(d); };
   return sources;
 }
 

@@ -196,8 +196,8 @@ ServiceList SysfsServiceSource::services() {
     devices.push_back(readDeviceFacts(it->path()));
   }
   auto routes = readText(routeTable_);
-  return orderServices(devices, routes ? parseDefaultRouteMetrics(*routes)
-                                       : std::map<std::string, std::uint32_t>{});
+  return orderServices(
+      devices, routes ? parseDefaultRouteMetrics(*routes) : std::map<std::string, std::uint32_t>{});
 }
 
 }  // namespace quarvel

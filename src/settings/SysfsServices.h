@@ -38,17 +38,17 @@ struct DeviceFacts {
   std::string name;
   int ifindex = 0;
   int iflink = 0;
-  int type = 0;            // ARPHRD_* link type
+  int type = 0;             // ARPHRD_* link type
   std::uint32_t flags = 0;  // IFF_* flags
-  std::string devtype;     // DEVTYPE= of uevent
-  bool wireless = false;   // wireless/ or phy80211
-  bool bridge = false;     // bridge/
-  bool bond = false;       // bonding/
+  std::string devtype;      // DEVTYPE= of uevent
+  bool wireless = false;    // wireless/ or phy80211
+  bool bridge = false;      // bridge/
+  bool bond = false;        // bonding/
   bool bridgePort = false;  // brport/: enslaved to a bridge
-  bool tun = false;        // tun_flags
-  bool hasDevice = false;  // device link: backed by hardware
-  std::string bus;         // subsystem of the device: "pci", "usb", "virtio", ...
-  std::string product;     // product text of the USB device, trimmed
+  bool tun = false;         // tun_flags
+  bool hasDevice = false;   // device link: backed by hardware
+  std::string bus;          // subsystem of the device: "pci", "usb", "virtio", ...
+  std::string product;      // product text of the USB device, trimmed
 };
 
 // KEY=VALUE lines; the value runs from the first '=' to the line end.

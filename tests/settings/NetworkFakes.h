@@ -13,7 +13,8 @@ namespace quarvel::testing {
 
 class FakeInterfaces final : public InterfaceSource {
  public:
-  explicit FakeInterfaces(std::optional<std::vector<InterfaceAddress>> list) : list_(std::move(list)) {}
+  explicit FakeInterfaces(std::optional<std::vector<InterfaceAddress>> list)
+      : list_(std::move(list)) {}
   std::optional<std::vector<InterfaceAddress>> addresses() override { return list_; }
 
  private:

@@ -162,9 +162,8 @@ TEST(HttpRequestDeathTest, InFlightRequestDoesNotHoldUpExit) {
       {
         static LoopbackHttpServer* server =
             new LoopbackHttpServer([](const HttpReceived&) { return HttpReply::silence(); });
-        sendHttpRequest(server->url("/hang"), "", [](std::optional<std::string>) {
-          std::fputs("completion ran\n", stderr);
-        });
+        sendHttpRequest(server->url("/hang"), "",
+                        [](std::optional<std::string>) { std::fputs("completion ran\n", stderr); });
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         std::exit(7);
       },

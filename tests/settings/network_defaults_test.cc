@@ -31,8 +31,8 @@ const std::vector<InterfaceAddress> kMachine = {
 class NetworkDefaultsTest : public ::testing::Test {
  protected:
   NetworkDefaultsTest()
-      : services_(std::make_shared<FakeServices>(
-            ServiceList{{"eth0", "Ethernet"}, {"wlan0", "Wi-Fi"}})) {
+      : services_(
+            std::make_shared<FakeServices>(ServiceList{{"eth0", "Ethernet"}, {"wlan0", "Wi-Fi"}})) {
     CVUserDefaults::setNetworkSourcesForTesting(
         {std::make_shared<FakeInterfaces>(kMachine), services_, sleeps_.function()});
   }
@@ -54,8 +54,9 @@ class NetworkDefaultsTest : public ::testing::Test {
 
 TEST_F(NetworkDefaultsTest, WaitsTwoSecondsOnlyWhileTheExternalAddressIsMissing) {
   CVUserDefaults* defaults = bare();
-  EXPECT_EQ(defaults->getIpAddress(),
-            "내부 IP : 10.0.2.15<br>외부 IP : (null)<br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>");
+  EXPECT_EQ(
+      defaults->getIpAddress(),
+      "내부 IP : 10.0.2.15<br>외부 IP : (null)<br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>");
   EXPECT_EQ(sleeps_.waits(), std::vector<std::chrono::milliseconds>{2000ms});
 
   LoopbackHttpServer echo([](const HttpReceived&) { return HttpReply::text("198.51.100.7\r\n"); });
@@ -98,8 +99,9 @@ TEST_F(NetworkDefaultsTest, StartUpJobKeepsTheText) {
        !defaults->lastNetworkIdentityRun() && std::chrono::steady_clock::now() < until;) {
     std::this_thread::sleep_for(10ms);
   }
-  EXPECT_EQ(defaults->IPAddress(),
-            "내부 IP : 10.0.2.15<br>외부 IP : (null)<br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>");
+  EXPECT_EQ(
+      defaults->IPAddress(),
+      "내부 IP : 10.0.2.15<br>외부 IP : (null)<br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>");
   EXPECT_EQ(services_->calls, 1);  // the job's run: IPAddress did not compute again
 }
 
@@ -110,8 +112,9 @@ TEST_F(NetworkDefaultsTest, CallersRacingTheStartUpJobAgree) {
   std::string here = defaults->IPAddress();
   other.join();
   EXPECT_EQ(here, early);
-  EXPECT_EQ(here,
-            "내부 IP : 10.0.2.15<br>외부 IP : (null)<br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>");
+  EXPECT_EQ(
+      here,
+      "내부 IP : 10.0.2.15<br>외부 IP : (null)<br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>");
 }
 
 }  // namespace

@@ -1,9 +1,8 @@
-#include "quarvel/settings/NetworkIdentity.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
 
+#include "quarvel/settings/NetworkIdentity.h"
 #include "settings/NetworkFakes.h"
 
 namespace quarvel {
@@ -30,9 +29,11 @@ TEST(ServiceList, ParsesTheServiceOrderText) {
       {"(Hardware Port: Wi-Fi Device: en0)\n(5) Port Scanner\n(Hardware Port: X, Device: en2)",
        {{"en2", "X"}},
        "Port lines without a comma are skipped"},
-      {"(Hardware Port: iPhone (USB), Device: en9, extra)", {{"en9", "iPhone USB"}},
+      {"(Hardware Port: iPhone (USB), Device: en9, extra)",
+       {{"en9", "iPhone USB"}},
        "every parenthesis goes, parts after the second are ignored"},
-      {"(Hardware Port:Wi-Fi,Device:en1)", {{"Device:en1", "Hardware Port:Wi-Fi"}},
+      {"(Hardware Port:Wi-Fi,Device:en1)",
+       {{"Device:en1", "Hardware Port:Wi-Fi"}},
        "labels are removed only when spelled exactly"},
       {"", {}, "empty text"},
   };
@@ -71,11 +72,10 @@ TEST(NetworkIdentity, RefreshKeepsFirstAppearanceOrderAndTheLastAddress) {
 TEST(NetworkIdentity, TextFollowsServiceOrderFiltersAndPieces) {
   const std::vector<InterfaceAddress> machine = {
       {"en0", "18", "00:00:00:00:00:01"}, {"en0", "2", "192.168.0.10"},
-      {"en1", "18", "00:00:00:00:00:02"},
-      {"en2", "18", "00:00:00:00:00:03"}, {"en2", "2", "172.16.0.3"},
-      {"bridge0", "18", "00:00:00:00:00:04"}, {"bridge0", "2", "10.1.0.1"},
-      {"en7", "18", "00:00:00:00:00:07"}, {"en7", "2", "10.7.0.1"},
-      {"en8", "2", "10.8.0.1"},
+      {"en1", "18", "00:00:00:00:00:02"}, {"en2", "18", "00:00:00:00:00:03"},
+      {"en2", "2", "172.16.0.3"},         {"bridge0", "18", "00:00:00:00:00:04"},
+      {"bridge0", "2", "10.1.0.1"},       {"en7", "18", "00:00:00:00:00:07"},
+      {"en7", "2", "10.7.0.1"},           {"en8", "2", "10.8.0.1"},
   };
   struct Case {
     ServiceList services;
@@ -83,7 +83,8 @@ TEST(NetworkIdentity, TextFollowsServiceOrderFiltersAndPieces) {
     std::string expected;
     const char* why;
   } cases[] = {
-      {{{"en0", "Wi-Fi"}, {"en1", "Ethernet"}}, "203.0.113.1\n",
+      {{{"en0", "Wi-Fi"}, {"en1", "Ethernet"}},
+       "203.0.113.1\n",
        "내부 IP : 192.168.0.10<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:01<br>"
        "00:00:00:00:00:02<br>",
        "Wi-Fi with addresses, then an Ethernet without IPv4; answer trimmed"},
@@ -91,21 +92,29 @@ TEST(NetworkIdentity, TextFollowsServiceOrderFiltersAndPieces) {
        "203.0.113.1",
        "내부 IP : 192.168.0.10<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:01<br>",
        "USB and bridge ports are left out"},
-      {{{"en1", "Ethernet"}, {"en2", "Thunderbolt 1"}}, " 203.0.113.2\r\n",
+      {{{"en1", "Ethernet"}, {"en2", "Thunderbolt 1"}},
+       " 203.0.113.2\r\n",
        "내부 IP : 172.16.0.3<br>외부 IP : 203.0.113.2<br>00:00:00:00:00:02<br>"
        "00:00:00:00:00:03<br>",
        "internal address of the second adapter when the first has none"},
-      {{{"en2", "Thunderbolt 1"}, {"en0", "Wi-Fi"}}, "x",
+      {{{"en2", "Thunderbolt 1"}, {"en0", "Wi-Fi"}},
+       "x",
        "내부 IP : 172.16.0.3<br>외부 IP : x<br>00:00:00:00:00:03<br>00:00:00:00:00:01<br>",
        "service order, not interface order"},
-      {{{"en0", "Wi-Fi"}}, std::nullopt,
+      {{{"en0", "Wi-Fi"}},
+       std::nullopt,
        "내부 IP : 192.168.0.10<br>외부 IP : (null)<br>00:00:00:00:00:01<br>",
        "no external answer"},
-      {{{"en1", "Ethernet"}}, "203.0.113.1", "00:00:00:00:00:02<br>",
+      {{{"en1", "Ethernet"}},
+       "203.0.113.1",
+       "00:00:00:00:00:02<br>",
        "no internal address: the external one is not shown either"},
-      {{{"en8", "Ethernet"}}, "203.0.113.1", "내부 IP : 10.8.0.1<br>외부 IP : 203.0.113.1<br>",
+      {{{"en8", "Ethernet"}},
+       "203.0.113.1",
+       "내부 IP : 10.8.0.1<br>외부 IP : 203.0.113.1<br>",
        "adapter without a link-level address"},
-      {{{"en5", "Ethernet"}, {"en0", ""}, {"bridge0", "bridge"}}, "203.0.113.1",
+      {{{"en5", "Ethernet"}, {"en0", ""}, {"bridge0", "bridge"}},
+       "203.0.113.1",
        "내부 IP : 10.1.0.1<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:04<br>",
        "unknown device and empty port skipped; the filter is case-sensitive"},
   };

@@ -1,5 +1,3 @@
-#include "quarvel/settings/SysfsServices.h"
-
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -9,6 +7,7 @@
 #include <string>
 
 #include "quarvel/settings/NetworkIdentity.h"
+#include "quarvel/settings/SysfsServices.h"
 #include "settings/NetworkFakes.h"
 
 namespace quarvel {
@@ -65,7 +64,9 @@ class SysfsFixture {
     fs::create_directories(path.parent_path());
     std::ofstream(path) << text;
   }
-  void writeRoot(const std::string& relative, const std::string& text) { write(root_ / relative, text); }
+  void writeRoot(const std::string& relative, const std::string& text) {
+    write(root_ / relative, text);
+  }
 
  private:
   fs::path root_;
@@ -79,26 +80,42 @@ constexpr const char* kRouteHeader =
 // VPN, a bond and an ifb queue device.
 void buildLaptop(SysfsFixture& f) {
   f.add({.name = "lo", .ifindex = 1, .type = 772, .flags = "0x9"});
-  f.add({.name = "enp0s31f6", .ifindex = 2, .device = "devices/pci0000:00/0000:00:1f.6",
+  f.add({.name = "enp0s31f6",
+         .ifindex = 2,
+         .device = "devices/pci0000:00/0000:00:1f.6",
          .bus = "pci"});
-  f.add({.name = "wlp2s0", .ifindex = 3, .devtype = "wlan", .markers = {"wireless", "phy80211"},
-         .device = "devices/pci0000:00/0000:02:00.0", .bus = "pci"});
-  f.add({.name = "enx00e04c680001", .ifindex = 4,
-         .device = "devices/pci0000:00/usb2/2-1/2-1:1.0", .bus = "usb"});
+  f.add({.name = "wlp2s0",
+         .ifindex = 3,
+         .devtype = "wlan",
+         .markers = {"wireless", "phy80211"},
+         .device = "devices/pci0000:00/0000:02:00.0",
+         .bus = "pci"});
+  f.add({.name = "enx00e04c680001",
+         .ifindex = 4,
+         .device = "devices/pci0000:00/usb2/2-1/2-1:1.0",
+         .bus = "usb"});
   f.writeRoot("devices/pci0000:00/usb2/2-1/product", "AX88179 Gigabit Ethernet\n");
-  f.add({.name = "enx00e04c680002", .ifindex = 5,
-         .device = "devices/pci0000:00/usb2/2-2/2-2:1.0", .bus = "usb"});
+  f.add({.name = "enx00e04c680002",
+         .ifindex = 5,
+         .device = "devices/pci0000:00/usb2/2-2/2-2:1.0",
+         .bus = "usb"});
   f.writeRoot("devices/pci0000:00/usb2/2-2/product", "USB 10/100/1000 LAN\n");
-  f.add({.name = "enx00e04c680003", .ifindex = 6,
-         .device = "devices/pci0000:00/usb2/2-3/2-3:1.0", .bus = "usb"});
+  f.add({.name = "enx00e04c680003",
+         .ifindex = 6,
+         .device = "devices/pci0000:00/usb2/2-3/2-3:1.0",
+         .bus = "usb"});
   f.add({.name = "docker0", .ifindex = 7, .devtype = "bridge", .markers = {"bridge"}});
   f.add({.name = "veth1a2b", .ifindex = 8, .iflink = 12, .markers = {"brport"}});
   f.add({.name = "eth1", .ifindex = 9, .iflink = 13});
   f.add({.name = "tun0", .ifindex = 10, .type = 65534, .markers = {"tun_flags"}});
   f.add({.name = "bond0", .ifindex = 11, .devtype = "bond", .markers = {"bonding"}});
   f.add({.name = "ifb0", .ifindex = 14, .flags = "0x82"});
-  f.add({.name = "wwan0", .ifindex = 15, .type = 519, .devtype = "wwan",
-         .device = "devices/pci0000:00/0000:05:00.0", .bus = "pci"});
+  f.add({.name = "wwan0",
+         .ifindex = 15,
+         .type = 519,
+         .devtype = "wwan",
+         .device = "devices/pci0000:00/0000:05:00.0",
+         .bus = "pci"});
 }
 
 TEST(SysfsServices, NamesPortsAndOrdersByDefaultRouteThenIndex) {
@@ -143,16 +160,19 @@ TEST(SysfsServices, DefaultRouteMetrics) {
   } cases[] = {
       {"eth0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n"
        "eth0\t000200C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n",
-       {{"eth0", 0}}, "one default route, one subnet route"},
+       {{"eth0", 0}},
+       "one default route, one subnet route"},
       {"a\t00000000\t0\t0003\t0\t0\t300\t00000000\n"
        "a\t00000000\t0\t0003\t0\t0\t200\t00000000\n",
-       {{"a", 200}}, "lowest metric wins"},
+       {{"a", 200}},
+       "lowest metric wins"},
       {"a\t00000000\t0\t0002\t0\t0\t1\t00000000\n", {}, "route not up"},
       {"a\t00000000\t0\t0003\t0\t0\tx\t00000000\n"
        "b\t00000000\t0\t0003\n"
        "c 00000000 0 0003 0 0 4294967296 00000000\n"
        "d 00000000 0 0003 0 0 4294967295 00000000\n",
-       {{"d", 4294967295u}}, "malformed rows skipped"},
+       {{"d", 4294967295u}},
+       "malformed rows skipped"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.why);

@@ -1,10 +1,9 @@
-#include "NetIdCommand.h"
-
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <nlohmann/json.hpp>
 
+#include "NetIdCommand.h"
 #include "settings/NetworkFakes.h"
 #include "support/LoopbackHttpServer.h"
 
@@ -28,8 +27,8 @@ NetworkSources fakeMachine() {
 TEST(NetIdCommand, JsonHoldsTheRecordsBehindTheText) {
   testing::LoopbackHttpServer echo(
       [](const testing::HttpReceived&) { return testing::HttpReply::text("198.51.100.4\n"); });
-  NetIdResult result = gatherNetId({.json = true, .echoHost = echo.hostAndPort(), .wait = 10s},
-                                   fakeMachine());
+  NetIdResult result =
+      gatherNetId({.json = true, .echoHost = echo.hostAndPort(), .wait = 10s}, fakeMachine());
   EXPECT_EQ(renderNetId(result, false),
             "내부 IP : 192.168.1.9<br>외부 IP : 198.51.100.4<br>52:54:00:12:34:56<br>");
 
