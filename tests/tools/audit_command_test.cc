@@ -255,6 +255,26 @@ TEST(AuditSamples, BundledListsFindTheirProducts) {
       "group,,,,559000,,사무용,,3\r\n"
       "total,,,,1317000,,,,6\r\n");
   EXPECT_NE(err.str().find("2 filtered"), std::string::npos) << err.str();
+
+  // The other formats carry the same six findings and totals.
+  std::ostringstream json, table, ignored;
+  o.format = ReportFormat::Json;
+  ASSERT_EQ(runAudit(o, json, ignored, nullptr), 0);
+  auto doc = nlohmann::json::parse(json.str());
+  std::vector<std::string> ids;
+  for (const auto& f : doc["findings"]) ids.push_back(f["id"]);
+  EXPECT_EQ(ids, (std::vector<std::string>{"SW100102", "FT300302", "US000003", "SW100201",
+                                           "FT300101", "SW100301"}));
+  EXPECT_EQ(doc["totals"]["price"], 1317000);
+  o.format = ReportFormat::Table;
+  o.htmlFile = tree.path("report.html");
+  ASSERT_EQ(runAudit(o, table, ignored, nullptr), 0);
+  EXPECT_NE(table.str().find("\nTotal       6  1,317,000\n"), std::string::npos) << table.str();
+  std::ifstream in(*o.htmlFile);
+  std::string page((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_NE(page.find("<td>누리명조 Regular</td>"), std::string::npos);
+  EXPECT_NE(page.find("<td class=\"num\">6</td><td class=\"num\">1,317,000</td>"),
+            std::string::npos);
 }
 
 }  // namespace
