@@ -110,8 +110,10 @@ ListServer::~ListServer() {
 int ListServer::start(const std::string& address, int port) {
   if (thread_.joinable()) return -1;
   int bound = -1;
-  if (port == 0) bound = server_->bind_to_any_port(address);
-  else if (server_->bind_to_port(address, port)) bound = port;
+  if (port == 0)
+    bound = server_->bind_to_any_port(address);
+  else if (server_->bind_to_port(address, port))
+    bound = port;
   if (bound < 0) return -1;
   thread_ = std::thread([this] { server_->listen_after_bind(); });
   // The socket already accepts connections; waiting until the loop runs

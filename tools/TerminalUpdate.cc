@@ -124,10 +124,14 @@ std::string hostOfServer(const std::string& server) {
 
 int exitStatusForOutcome(std::int64_t outcome) {
   switch (outcome) {
-    case UpdateStatusDone: return kUpdateExitDone;
-    case UpdateStatusCancelled: return kUpdateExitCancelled;
-    case UpdateStatusPending: return kUpdateExitNoNetwork;
-    default: return kUpdateExitFailed;
+    case UpdateStatusDone:
+      return kUpdateExitDone;
+    case UpdateStatusCancelled:
+      return kUpdateExitCancelled;
+    case UpdateStatusPending:
+      return kUpdateExitNoNetwork;
+    default:
+      return kUpdateExitFailed;
   }
 }
 

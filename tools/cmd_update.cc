@@ -111,8 +111,8 @@ void addServe(CLI::App& app) {
       std::cerr << "quarvel serve: cannot listen on " << args->bind << ":" << args->port << "\n";
       throw CLI::RuntimeError(1);
     }
-    std::cout << "Serving " << args->folder << " on http://" << args->bind << ":" << port
-              << "/" << std::endl;
+    std::cout << "Serving " << args->folder << " on http://" << args->bind << ":" << port << "/"
+              << std::endl;
     int received = 0;
     sigwait(&stopSignals, &received);
     server.stop();

@@ -131,8 +131,10 @@ bool writeFileReplacing(const std::string& path, const std::string& body) {
   size_t written = 0;
   while (ok && written < body.size()) {
     ssize_t n = ::write(fd, body.data() + written, body.size() - written);
-    if (n < 0) ok = false;
-    else written += static_cast<size_t>(n);
+    if (n < 0)
+      ok = false;
+    else
+      written += static_cast<size_t>(n);
   }
   ok = ok && ::fsync(fd) == 0;
   ok = (::close(fd) == 0) && ok;
@@ -154,7 +156,8 @@ UpdateOptions UpdateOptions::defaults() {
 
 std::optional<std::string> UpdateRun::alertInformativeText(const std::string& code) {
   if (code == "DOWNLOAD_FAIL") return "DB 업데이트 도중 오류가 발생하였습니다.";
-  if (code == "DB_LATEST_VERSION") return "이미 최신버전을 사용중입니다.\n업데이트 할 항목이 없습니다.";
+  if (code == "DB_LATEST_VERSION")
+    return "이미 최신버전을 사용중입니다.\n업데이트 할 항목이 없습니다.";
   if (code == "DOWNLOAD_DONE") return std::string(kDoneText);
   return std::nullopt;
 }
@@ -268,8 +271,10 @@ std::optional<DownloadError> UpdateRun::downloadKeyFile(std::int64_t index) {
 
   view_->setStatusText(row ? row->statusText : "");
   if (row && row->logFormat) {
-    if (!_isWebQuarvel) logf(row->logFormat, url.c_str());
-    else if (index == 1) logf("WebQuarvel : %s", url.c_str());
+    if (!_isWebQuarvel)
+      logf(row->logFormat, url.c_str());
+    else if (index == 1)
+      logf("WebQuarvel : %s", url.c_str());
   }
   if (url.empty()) url = options_.fileServer + kFileServerQuery + lastPathComponent(localPath);
 

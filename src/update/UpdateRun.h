@@ -65,7 +65,8 @@ class UpdateRun : public std::enable_shared_from_this<UpdateRun> {
   static constexpr const char* kCheckingNetworkText = "인터넷 연결상태를 확인 중입니다.";
   static constexpr const char* kNoNetworkMessage = "인터넷 연결 오류";
   static constexpr const char* kNoNetworkInformative =
-      "인터넷 연결 상태를 확인해 주세요.\n※체크리스트를 다운로드 하시려면 인터넷 환경을 확인하세요.";
+      "인터넷 연결 상태를 확인해 주세요.\n※체크리스트를 다운로드 하시려면 인터넷 환경을 "
+      "확인하세요.";
   static constexpr const char* kDoneText = "업데이트가 완료되었습니다.";
   static constexpr const char* kAlertTitle = "Quarvel";
   static constexpr const char* kAlertButton = "확인";

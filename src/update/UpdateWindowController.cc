@@ -6,7 +6,6 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QTimer>
-
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -94,7 +93,7 @@ namespace {
 constexpr int kProgressScale = 1000;
 // How often the window picks up the worker's updates.
 constexpr std::chrono::milliseconds kBridgeInterval{15};
-}
+}  // namespace
 
 UpdateWindowController::UpdateWindowController() : UpdateWindowController(false) {
   // The plain constructor belongs to the default settings object.

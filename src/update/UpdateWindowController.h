@@ -11,7 +11,6 @@
 // reports to nothing once the window is destroyed.
 
 #include <QDialog>
-
 #include <cstdint>
 #include <memory>
 #include <optional>

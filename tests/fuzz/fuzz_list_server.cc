@@ -19,9 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   auto name = quarvel::cli::listFileForRequest(path, params);
   if (name) {
-    if (name->empty() || *name == "." || *name == ".." ||
-        name->find('/') != std::string::npos || name->find('\0') != std::string::npos ||
-        !quarvel::cli::isPlainFileName(*name)) {
+    if (name->empty() || *name == "." || *name == ".." || name->find('/') != std::string::npos ||
+        name->find('\0') != std::string::npos || !quarvel::cli::isPlainFileName(*name)) {
       __builtin_trap();
     }
   }

@@ -104,9 +104,8 @@ class ScriptedHttpServer {
     }
     if (rule.failuresLeft > 0) {
       --rule.failuresLeft;
-      response.set_content_provider(
-          100, "application/octet-stream",
-          [](size_t, size_t, httplib::DataSink&) { return false; });
+      response.set_content_provider(100, "application/octet-stream",
+                                    [](size_t, size_t, httplib::DataSink&) { return false; });
       return;
     }
     if (!rule.known) {

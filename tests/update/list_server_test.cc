@@ -41,7 +41,9 @@ TEST(ListFileForRequest, NamesTheFileOfEachEndpoint) {
       {"/quarvel/download/list/filter/mac/", {}, "macfilterlist.dat"},
       {"/quarvel/download/list/user/mac/", {}, "userchecklist.dat"},
       {"/quarvel/download/list/font/mac/", {{"x", "1"}}, "fontchecklist.dat"},
-      {"/cmmn/download.nis", {{"type", "keyfile"}, {"filename", "macchecklist.dat"}}, "macchecklist.dat"},
+      {"/cmmn/download.nis",
+       {{"type", "keyfile"}, {"filename", "macchecklist.dat"}},
+       "macchecklist.dat"},
       {"/cmmn/download.nis", {{"type", "file"}, {"filename", "ver.dat"}}, "ver.dat"},
       {"/cmmn/download.nis", {{"type", "file"}, {"filename", "한글 이름.dat"}}, "한글 이름.dat"},
       {"/file/keyfile60/package.dat", {}, "package.dat"},
@@ -137,11 +139,11 @@ TEST_F(ServedFolderTest, ServesPlainFilesOnlyAndLogsEachRequest) {
   EXPECT_EQ(encoded->status, 200);
 
   for (const char* target : {
-           "/",                                                     // no listing
-           "/quarvel/download/list/font/mac/",                      // not there
-           "/cmmn/download.nis?type=file&filename=..%2Fsecret.txt", // traversal
-           "/cmmn/download.nis?type=file&filename=link.dat",        // a link
-           "/cmmn/download.nis?type=file&filename=sub",             // a folder
+           "/",                                                      // no listing
+           "/quarvel/download/list/font/mac/",                       // not there
+           "/cmmn/download.nis?type=file&filename=..%2Fsecret.txt",  // traversal
+           "/cmmn/download.nis?type=file&filename=link.dat",         // a link
+           "/cmmn/download.nis?type=file&filename=sub",              // a folder
            "/file/keyfile60/sub%2Finner.dat",
            "/file/keyfile60/../secret.txt",
        }) {

@@ -15,10 +15,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const char* kTargets[] = {
-    "/quarvel/download/list/check/mac/", "/quarvel/download/list/package/mac/",
-    "/quarvel/download/list/filter/mac/", "/quarvel/download/list/user/mac/",
-    "/quarvel/download/list/font/mac/"};
+const char* kTargets[] = {"/quarvel/download/list/check/mac/",
+                          "/quarvel/download/list/package/mac/",
+                          "/quarvel/download/list/filter/mac/", "/quarvel/download/list/user/mac/",
+                          "/quarvel/download/list/font/mac/"};
 
 class TerminalUpdateTest : public ::testing::Test {
  protected:
@@ -40,8 +40,9 @@ TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
   // The reachability check asks about the mirror itself: loopback.
   EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitDone);
   EXPECT_NE(out.str().find("인터넷 연결상태를 확인 중입니다."), std::string::npos);
-  EXPECT_NE(out.str().find("[##########--------------------]  33%  체크리스트 DB를 업데이트 중입니다."),
-            std::string::npos);
+  EXPECT_NE(
+      out.str().find("[##########--------------------]  33%  체크리스트 DB를 업데이트 중입니다."),
+      std::string::npos);
   EXPECT_NE(out.str().find("Quarvel: 업데이트가 완료되었습니다."), std::string::npos);
   EXPECT_TRUE(CVUserDefaults::standardUserDefaults()->lastUpdateDate());
 

@@ -40,10 +40,22 @@ class RecordingView : public UpdateView {
     std::lock_guard lock(mutex_);
     ++closes_;
   }
-  std::vector<std::string> statuses() const { std::lock_guard l(mutex_); return statuses_; }
-  std::vector<double> progress() const { std::lock_guard l(mutex_); return progress_; }
-  std::vector<std::string> alerts() const { std::lock_guard l(mutex_); return alerts_; }
-  int closes() const { std::lock_guard l(mutex_); return closes_; }
+  std::vector<std::string> statuses() const {
+    std::lock_guard l(mutex_);
+    return statuses_;
+  }
+  std::vector<double> progress() const {
+    std::lock_guard l(mutex_);
+    return progress_;
+  }
+  std::vector<std::string> alerts() const {
+    std::lock_guard l(mutex_);
+    return alerts_;
+  }
+  int closes() const {
+    std::lock_guard l(mutex_);
+    return closes_;
+  }
 
  private:
   mutable std::mutex mutex_;
@@ -143,8 +155,8 @@ TEST_F(UpdateRunTest, SuccessfulRunReplacesTheFiveFilesInOrderAndRecordsTheDay) 
   EXPECT_EQ(*settings->lastUpdateDate(), PlistValue::string("07"));
 
   const std::string origin = server.origin();
-  for (const std::string line : {"체크리스트 : ", "패키지 : ", "필터 : ", "유저 체크리스트 : ",
-                                 "폰트리스트 : "}) {
+  for (const std::string line :
+       {"체크리스트 : ", "패키지 : ", "필터 : ", "유저 체크리스트 : ", "폰트리스트 : "}) {
     SCOPED_TRACE(line);
     EXPECT_TRUE(log.contains(line + origin + "/quarvel/download/list/"));
   }
@@ -209,8 +221,10 @@ TEST_F(UpdateRunTest, CancellingDuringATransferStopsAfterIt) {
 
 TEST_F(UpdateRunTest, InHouseVariantAsksTheConfiguredAddressAsItStands) {
   const std::string query = "/cmmn/download.nis?type=keyfile&filename=";
-  for (const DataFile& file : kFiles) server.serve(query + file.name, std::string("web ") + file.name);
-  settings->setWebQuarvelIPAddress(PlistValue::string("127.0.0.1:" + std::to_string(server.port())));
+  for (const DataFile& file : kFiles)
+    server.serve(query + file.name, std::string("web ") + file.name);
+  settings->setWebQuarvelIPAddress(
+      PlistValue::string("127.0.0.1:" + std::to_string(server.port())));
 
   LogCapture log;
   auto run = makeRun();
@@ -233,7 +247,8 @@ TEST_F(UpdateRunTest, InHouseVariantWithoutAnAddressFailsEveryAttempt) {
   auto run = makeRun();
   run->setIsWebQuarvel(true);
   EXPECT_EQ(runToEnd(run), UpdateStatusFailed);
-  EXPECT_TRUE(log.contains("WebQuarvel : http:///cmmn/download.nis?type=keyfile&filename=macchecklist.dat"));
+  EXPECT_TRUE(log.contains(
+      "WebQuarvel : http:///cmmn/download.nis?type=keyfile&filename=macchecklist.dat"));
   EXPECT_TRUE(server.targets().empty());
   EXPECT_EQ(readFile(path("macchecklist.dat")), "old macchecklist.dat");
 }
@@ -271,7 +286,8 @@ TEST_F(UpdateRunTest, VersionFileAndOutOfRangeIndexesGoToTheFileServer) {
 TEST_F(UpdateRunTest, AnHttpErrorPageIsWrittenLikeAFile) {
   auto run = makeRun();
   run->setIsWebQuarvel(true);
-  settings->setWebQuarvelIPAddress(PlistValue::string("127.0.0.1:" + std::to_string(server.port())));
+  settings->setWebQuarvelIPAddress(
+      PlistValue::string("127.0.0.1:" + std::to_string(server.port())));
   EXPECT_FALSE(run->downloadKeyFile(2));
   EXPECT_EQ(readFile(path("macpcklist.dat")), "Not Found");
 }
@@ -289,7 +305,8 @@ TEST_F(UpdateRunTest, WindowsPackageFileComesFromItsOwnServerWithAShortTimeout) 
   auto run = makeRun();
   EXPECT_FALSE(run->downloadWindowsKeyFiles());
   EXPECT_EQ(readFile(*settings->windowPackageFilePath()), "windows packages");
-  EXPECT_EQ(view->statuses(), std::vector<std::string>{"윈도우즈용 패키지 파일을 다운로드중입니다."});
+  EXPECT_EQ(view->statuses(),
+            std::vector<std::string>{"윈도우즈용 패키지 파일을 다운로드중입니다."});
   EXPECT_TRUE(view->progress().empty());
 
   writeFile(*settings->windowPackageFilePath(), "old packages");

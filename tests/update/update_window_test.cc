@@ -9,7 +9,6 @@
 #include <QMessageBox>
 #include <QProgressBar>
 #include <QTimer>
-
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -34,10 +33,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const char* kTargets[] = {
-    "/quarvel/download/list/check/mac/", "/quarvel/download/list/package/mac/",
-    "/quarvel/download/list/filter/mac/", "/quarvel/download/list/user/mac/",
-    "/quarvel/download/list/font/mac/"};
+const char* kTargets[] = {"/quarvel/download/list/check/mac/",
+                          "/quarvel/download/list/package/mac/",
+                          "/quarvel/download/list/filter/mac/", "/quarvel/download/list/user/mac/",
+                          "/quarvel/download/list/font/mac/"};
 
 struct SeenAlert {
   QString title, text, informative;
@@ -192,7 +191,8 @@ TEST_F(UpdateWindowTest, WithoutNetworkAlertsAndReturnsPending) {
                               "인터넷 환경을 확인하세요."));
   EXPECT_EQ(dismisser.alerts[0].icon, QMessageBox::Warning);
   EXPECT_EQ(dismisser.alerts[0].buttons, QStringList{QString::fromUtf8("확인")});
-  EXPECT_EQ(window->statusTextField()->text(), QString::fromUtf8("인터넷 연결상태를 확인 중입니다."));
+  EXPECT_EQ(window->statusTextField()->text(),
+            QString::fromUtf8("인터넷 연결상태를 확인 중입니다."));
   EXPECT_FALSE(window->bRun());
   EXPECT_TRUE(server.targets().empty());
   EXPECT_FALSE(CVUserDefaults::standardUserDefaults()->lastUpdateDate());
@@ -203,7 +203,8 @@ TEST_F(UpdateWindowTest, AlertCodesWithoutTextShowTitleAndButtonOnly) {
   window.errorAlert("DB_LATEST_VERSION");
   window.errorAlert("SOMETHING_ELSE");
   ASSERT_EQ(dismisser.alerts.size(), 2u);
-  expectOutcomeAlert(dismisser.alerts[0], "이미 최신버전을 사용중입니다.\n업데이트 할 항목이 없습니다.");
+  expectOutcomeAlert(dismisser.alerts[0],
+                     "이미 최신버전을 사용중입니다.\n업데이트 할 항목이 없습니다.");
   expectOutcomeAlert(dismisser.alerts[1], "");
 }
 
