@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 
 #include "quarvel/common/StringUtil.h"
 
@@ -61,27 +62,7 @@ std::int64_t LookupIndex::findLowered(std::string_view key) const {
 namespace {
 
 std::uint64_t hashOf(std::string_view key) {
-  // Eight bytes a step, each step mixed; the last mix spreads the low bits
-  // that choose the slot.
-  constexpr std::uint64_t kMul = 0xbf58476d1ce4e5b9ull;
-  std::uint64_t h = 0x9e3779b97f4a7c15ull ^ key.size();
-  const char* p = key.data();
-  std::size_t n = key.size();
-  for (; n >= 8; p += 8, n -= 8) {
-    std::uint64_t word;
-    std::memcpy(&word, p, 8);
-    h = (h ^ word) * kMul;
-    h ^= h >> 29;
-  }
-  if (n > 0) {
-    std::uint64_t word = 0;
-    std::memcpy(&word, p, n);
-    h = (h ^ word) * kMul;
-  }
-  h ^= h >> 32;
-  h *= 0x94d049bb133111ebull;
-  h ^= h >> 29;
-  return h;
+  return std::hash<std::string_view>{}(key);
 }
 
 }  // namespace
