@@ -14,6 +14,8 @@
 #include "quarvel/datafiles/FileFontList.h"
 #include "quarvel/datafiles/FilePackage.h"
 #include "quarvel/datafiles/MacKorean.h"
+#include "quarvel/settings/CVUserDefaults.h"
+#include "support/SettingsSandbox.h"
 
 namespace quarvel {
 namespace {
@@ -169,6 +171,28 @@ TEST(DataFileSave, OnlyThePackageFileCreatesItsMissingFolder) {
   ASSERT_TRUE(package.saveAsFileName(nested, true));
   FilePackage reread;
   EXPECT_TRUE(reread.openWithFileName(nested, true));
+}
+
+}  // namespace
+}  // namespace quarvel
+
+namespace quarvel {
+namespace {
+
+TEST(DataFileSave, BareNamesResolveInTheLibraryFolder) {
+  testing::SettingsSandbox sandbox;
+  const std::optional<std::string> library = CVUserDefaults::standardUserDefaults()->libraryPath();
+  ASSERT_TRUE(library.has_value());
+  EXPECT_EQ(FileFramework::resolvePath("macfilterlist.dat", false), *library + "/macfilterlist.dat");
+  EXPECT_EQ(FileFramework::resolvePath("/x/y.dat", true), "/x/y.dat");
+
+  FileFilter filter;
+  ASSERT_GE(filter.getTableByTag("#HEADER")->insertRecord("9", "\t"), 0);
+  ASSERT_TRUE(filter.saveAsFileName("macfilterlist.dat", false));
+  FileFilter reread;
+  ASSERT_TRUE(reread.openWithFileName("macfilterlist.dat", false));
+  EXPECT_EQ(reread.m_strFileName(), *library + "/macfilterlist.dat");
+  EXPECT_EQ(reread.getTableByTag("#HEADER")->select(0, "Version"), "9");
 }
 
 }  // namespace
