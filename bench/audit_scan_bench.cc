@@ -36,7 +36,8 @@ struct Fixture {
   std::string fontList;
 
   Fixture() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "quarvel-bench-XXXXXX").string();
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "quarvel-bench-XXXXXX").string();
     if (!::mkdtemp(pattern.data())) std::abort();
     root = pattern + "/tree";
     for (int t = 0; t < kTop; ++t) {
@@ -45,7 +46,7 @@ struct Fixture {
         std::filesystem::create_directories(folder);
         for (int f = 0; f < kFiles; ++f) {
           int n = (t * kSub + s) * kFiles + f;
-          std::string name = n % 997 == 0 ? "tool" + std::to_string(n % 500)
+          std::string name = n % 997 == 0    ? "tool" + std::to_string(n % 500)
                              : n % 1009 == 0 ? "Font" + std::to_string(n % 500) + ".ttf"
                                              : "file-" + std::to_string(n) + ".dat";
           int fd = ::open((folder + "/" + name).c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
@@ -99,7 +100,8 @@ void BM_TreeWalk(benchmark::State& state) {
     ScanStats stats;
     TreeWalker walker(stats);
     std::uint64_t names = 0;
-    walker.walk(fixture().root, {.maxDepth = 40}, [&](const FoundFile& f) { names += f.name().size(); });
+    walker.walk(fixture().root, {.maxDepth = 40},
+                [&](const FoundFile& f) { names += f.name().size(); });
     benchmark::DoNotOptimize(names);
   }
   state.SetItemsProcessed(state.iterations() * kTop * kSub * kFiles);

@@ -22,7 +22,8 @@ namespace quarvel::testing {
 class TempTree {
  public:
   TempTree() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "quarvel-audit-XXXXXX").string();
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "quarvel-audit-XXXXXX").string();
     if (!::mkdtemp(pattern.data())) std::abort();
     root_ = pattern;
   }
@@ -32,8 +33,7 @@ class TempTree {
     for (auto it = std::filesystem::recursive_directory_iterator(
              root_, std::filesystem::directory_options::skip_permission_denied, ignored);
          it != std::filesystem::recursive_directory_iterator(); it.increment(ignored))
-      if (it->is_directory(ignored) && !it->is_symlink(ignored))
-        ::chmod(it->path().c_str(), 0755);
+      if (it->is_directory(ignored) && !it->is_symlink(ignored)) ::chmod(it->path().c_str(), 0755);
     ::chmod(root_.c_str(), 0755);
     std::filesystem::remove_all(root_, ignored);
   }

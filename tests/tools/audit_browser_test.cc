@@ -32,8 +32,10 @@ std::uint32_t bigEndian(const unsigned char* p) {
 // Enough of PNG for a browser's screenshot: 8-bit RGB or RGBA, not interlaced.
 std::optional<Image> readPng(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::vector<unsigned char> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (file.size() < 33 || std::memcmp(file.data(), "\x89PNG\r\n\x1a\n", 8) != 0) return std::nullopt;
+  std::vector<unsigned char> file((std::istreambuf_iterator<char>(in)),
+                                  std::istreambuf_iterator<char>());
+  if (file.size() < 33 || std::memcmp(file.data(), "\x89PNG\r\n\x1a\n", 8) != 0)
+    return std::nullopt;
   Image image;
   int channels = 0;
   std::vector<unsigned char> packed;
@@ -56,7 +58,8 @@ std::optional<Image> readPng(const std::string& path) {
   const std::size_t stride = static_cast<std::size_t>(image.width) * channels;
   std::vector<unsigned char> raw((stride + 1) * static_cast<std::size_t>(image.height));
   uLongf rawSize = raw.size();
-  if (uncompress(raw.data(), &rawSize, packed.data(), packed.size()) != Z_OK || rawSize != raw.size())
+  if (uncompress(raw.data(), &rawSize, packed.data(), packed.size()) != Z_OK ||
+      rawSize != raw.size())
     return std::nullopt;
 
   std::vector<unsigned char> previous(stride, 0), line(stride);
@@ -70,9 +73,15 @@ std::optional<Image> readPng(const std::string& path) {
       const int c = i >= static_cast<std::size_t>(channels) ? previous[i - channels] : 0;
       int predictor = 0;
       switch (filter) {
-        case 1: predictor = a; break;
-        case 2: predictor = b; break;
-        case 3: predictor = (a + b) / 2; break;
+        case 1:
+          predictor = a;
+          break;
+        case 2:
+          predictor = b;
+          break;
+        case 3:
+          predictor = (a + b) / 2;
+          break;
         case 4: {
           const int p = a + b - c, pa = std::abs(p - a), pb = std::abs(p - b), pc = std::abs(p - c);
           predictor = (pa <= pb && pa <= pc) ? a : pb <= pc ? b : c;
@@ -106,11 +115,12 @@ TEST(AuditReportInBrowser, ChartBarsAreDrawnInProportion) {
   finishResult(result);
   const std::string page = tree.file("report.html", formatHtml(result));
   const std::string shot = tree.path("shot.png");
-  const std::string command = std::string("timeout 120 ") + kChromium +
-                              " --headless --no-sandbox --disable-gpu --disable-background-networking"
-                              " --hide-scrollbars --force-device-scale-factor=1"
-                              " --window-size=900,700 --user-data-dir=" + tree.path("profile") +
-                              " --screenshot=" + shot + " file://" + page + " >/dev/null 2>&1";
+  const std::string command =
+      std::string("timeout 120 ") + kChromium +
+      " --headless --no-sandbox --disable-gpu --disable-background-networking"
+      " --hide-scrollbars --force-device-scale-factor=1"
+      " --window-size=900,700 --user-data-dir=" +
+      tree.path("profile") + " --screenshot=" + shot + " file://" + page + " >/dev/null 2>&1";
   ASSERT_EQ(std::system(command.c_str()), 0) << command;
 
   std::optional<Image> image = readPng(shot);

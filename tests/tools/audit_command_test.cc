@@ -1,13 +1,12 @@
 // The audit end to end: enciphered lists written with the library's own
 // save, a generated tree, every report format.
 
-#include "audit/AuditCommand.h"
-
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "audit/AuditCommand.h"
 #include "quarvel/common/StringUtil.h"
 #include "quarvel/datafiles/FileCheckList.h"
 #include "quarvel/datafiles/FileFilter.h"
@@ -37,25 +36,24 @@ std::vector<std::string> software(std::string id, std::string company, std::stri
                                   std::string version, std::string original, std::string exe,
                                   std::string dispCompany, std::string dispProduct,
                                   std::string price, std::string type, std::string group) {
-  return {id,    company, product, version, original, exe, dispCompany, dispProduct,
-          price, type,    "G",     group,   "1",     "",       "",  "",          ""};
+  return {id,   company, product, version, original, exe, dispCompany, dispProduct, price,
+          type, "G",     group,   "1",     "",       "",  "",          ""};
 }
 
 // Writes the four lists into `folder` and a machine tree into `tree` that
 // holds five of the listed products (one of them filtered) among other files.
 void buildListsAndTree(const std::string& folder, const TempTree& tree) {
-  writeList<FileCheckList>(
-      folder + "/macchecklist.dat", "#CHECKLIST",
-      {software("DB1", "Hancom", "Hoffice", "2022", "hwp", "hwp", "한글과컴퓨터", "한컴오피스 한글",
-                "250000", "상용", "오피스"),
-       software("DB2", "Acme", "Editor", "2.0", "acmeedit", "acmeedit", "Acme", "Editor",
-                "1200000", "Commercial", "Office"),
-       software("DB3", "Zeta", "CAD", "7", "zcad", "zcad", "Zeta", "CAD", "3000000", "Commercial",
-                "Design"),
-       software("DB4", "Ahnlab", "V3", "9.0", "v3", "v3scan", "안랩", "V3 백신", "0", "Free",
-                "Security"),
-       software("DB5", "Absent", "Thing", "1", "absent", "absent", "Absent", "Thing", "1", "X",
-                "Office")});
+  writeList<FileCheckList>(folder + "/macchecklist.dat", "#CHECKLIST",
+                           {software("DB1", "Hancom", "Hoffice", "2022", "hwp", "hwp",
+                                     "한글과컴퓨터", "한컴오피스 한글", "250000", "상용", "오피스"),
+                            software("DB2", "Acme", "Editor", "2.0", "acmeedit", "acmeedit", "Acme",
+                                     "Editor", "1200000", "Commercial", "Office"),
+                            software("DB3", "Zeta", "CAD", "7", "zcad", "zcad", "Zeta", "CAD",
+                                     "3000000", "Commercial", "Design"),
+                            software("DB4", "Ahnlab", "V3", "9.0", "v3", "v3scan", "안랩",
+                                     "V3 백신", "0", "Free", "Security"),
+                            software("DB5", "Absent", "Thing", "1", "absent", "absent", "Absent",
+                                     "Thing", "1", "X", "Office")});
   writeList<FileCheckList>(folder + "/userchecklist.dat", "#CHECKLIST",
                            {software("U1", "Local", "Tool", "1", "ltool", "ltool", "Local Co",
                                      "In-house Tool", "500", "Commercial", "Office")});
@@ -114,22 +112,28 @@ class AuditCommand : public ::testing::Test {
 TEST_F(AuditCommand, TableReportOverEncipheredLists) {
   // The rule under "Where" is as long as the longest place, the font's.
   const std::string whereRule(machine.root().size() + 34, '-');
-  EXPECT_EQ(run(options(ReportFormat::Table)),
-            "Maker         Product          Version      Price  Type        Group   Where\n"
-            "------------  ---------------  -------  ---------  ----------  ------  " + whereRule + "\n"
-            "Acme          Editor           2.0      1,200,000  Commercial  Office  <T>/opt/acme/2.0/bin/acmeedit\n"
-            "Local Co      In-house Tool    1              500  Commercial  Office  <T>/bin/ltool\n"
-            "Zeta          CAD              7        3,000,000  Commercial  Design  <T>/share/applications/zeta.desktop\n"
-            "산돌          고딕 네오        1           33,000  Font        Fonts   <T>/share/fonts/truetype/SDGothic.ttf\n"
-            "한글과컴퓨터  한컴오피스 한글  2022       250,000  상용        오피스  <T>/bin/hwp\n"
-            "\n"
-            "Group   Count      Price\n"
-            "------  -----  ---------\n"
-            "Design      1  3,000,000\n"
-            "Fonts       1     33,000\n"
-            "Office      2  1,200,500\n"
-            "오피스      1    250,000\n"
-            "Total       5  4,483,500\n");
+  EXPECT_EQ(
+      run(options(ReportFormat::Table)),
+      "Maker         Product          Version      Price  Type        Group   Where\n"
+      "------------  ---------------  -------  ---------  ----------  ------  " +
+          whereRule +
+          "\n"
+          "Acme          Editor           2.0      1,200,000  Commercial  Office  "
+          "<T>/opt/acme/2.0/bin/acmeedit\n"
+          "Local Co      In-house Tool    1              500  Commercial  Office  <T>/bin/ltool\n"
+          "Zeta          CAD              7        3,000,000  Commercial  Design  "
+          "<T>/share/applications/zeta.desktop\n"
+          "산돌          고딕 네오        1           33,000  Font        Fonts   "
+          "<T>/share/fonts/truetype/SDGothic.ttf\n"
+          "한글과컴퓨터  한컴오피스 한글  2022       250,000  상용        오피스  <T>/bin/hwp\n"
+          "\n"
+          "Group   Count      Price\n"
+          "------  -----  ---------\n"
+          "Design      1  3,000,000\n"
+          "Fonts       1     33,000\n"
+          "Office      2  1,200,500\n"
+          "오피스      1    250,000\n"
+          "Total       5  4,483,500\n");
   EXPECT_NE(errors.find("files in"), std::string::npos);
   EXPECT_NE(errors.find("1 filtered"), std::string::npos);
 }
@@ -234,26 +238,26 @@ TEST(AuditSamples, BundledListsFindTheirProducts) {
   o.progress = false;
   std::ostringstream out, err;
   ASSERT_EQ(runAudit(o, out, err, nullptr), 0) << err.str();
-  EXPECT_EQ(
-      withoutRoot(out.str(), tree.root()),
-      "Row,Maker,Product,Version,Price,Type,Group,Where,Count\r\n"
-      "finding,Brightpath Labs,PhotoLoom 6,6.0,550000,1,그래픽,<T>/usr/bin/photoloom6,\r\n"
-      "finding,Kestrel Type,Kestrel Sans Bold,1.3,120000,1,고딕,<T>/home/kim/.fonts/KestrelSans-Bold.otf,\r\n"
-      "finding,Quillmark,Quillmark Notes,4.2,59000,2,사무용,"
-      "<T>/var/lib/flatpak/exports/share/applications/com.quillmark.Notes.desktop,\r\n"
-      "finding,Tidewell Software,Tidewell Office 2023,2023,320000,1,사무용,"
-      "<T>/opt/tidewell/bin/tidewell-calc; <T>/opt/tidewell/bin/tidewell-writer,\r\n"
-      // Both weights are one product; the first record names it.
-      "finding,누리글꼴,누리명조 Regular,2.0,88000,1,명조,"
-      "<T>/usr/share/fonts/truetype/nuri/NuriMyeongjo-Bold.ttf; "
-      "<T>/usr/share/fonts/truetype/nuri/NuriMyeongjo-Regular.ttf,\r\n"
-      "finding,한결소프트,한결 문서편집기 3.1,3.1,180000,1,사무용,"
-      "<T>/usr/share/applications/hangyeol-docs.desktop,\r\n"
-      "group,,,,120000,,고딕,,1\r\n"
-      "group,,,,550000,,그래픽,,1\r\n"
-      "group,,,,88000,,명조,,1\r\n"
-      "group,,,,559000,,사무용,,3\r\n"
-      "total,,,,1317000,,,,6\r\n");
+  EXPECT_EQ(withoutRoot(out.str(), tree.root()),
+            "Row,Maker,Product,Version,Price,Type,Group,Where,Count\r\n"
+            "finding,Brightpath Labs,PhotoLoom 6,6.0,550000,1,그래픽,<T>/usr/bin/photoloom6,\r\n"
+            "finding,Kestrel Type,Kestrel Sans "
+            "Bold,1.3,120000,1,고딕,<T>/home/kim/.fonts/KestrelSans-Bold.otf,\r\n"
+            "finding,Quillmark,Quillmark Notes,4.2,59000,2,사무용,"
+            "<T>/var/lib/flatpak/exports/share/applications/com.quillmark.Notes.desktop,\r\n"
+            "finding,Tidewell Software,Tidewell Office 2023,2023,320000,1,사무용,"
+            "<T>/opt/tidewell/bin/tidewell-calc; <T>/opt/tidewell/bin/tidewell-writer,\r\n"
+            // Both weights are one product; the first record names it.
+            "finding,누리글꼴,누리명조 Regular,2.0,88000,1,명조,"
+            "<T>/usr/share/fonts/truetype/nuri/NuriMyeongjo-Bold.ttf; "
+            "<T>/usr/share/fonts/truetype/nuri/NuriMyeongjo-Regular.ttf,\r\n"
+            "finding,한결소프트,한결 문서편집기 3.1,3.1,180000,1,사무용,"
+            "<T>/usr/share/applications/hangyeol-docs.desktop,\r\n"
+            "group,,,,120000,,고딕,,1\r\n"
+            "group,,,,550000,,그래픽,,1\r\n"
+            "group,,,,88000,,명조,,1\r\n"
+            "group,,,,559000,,사무용,,3\r\n"
+            "total,,,,1317000,,,,6\r\n");
   EXPECT_NE(err.str().find("2 filtered"), std::string::npos) << err.str();
 
   // The other formats carry the same six findings and totals.

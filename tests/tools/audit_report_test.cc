@@ -1,9 +1,9 @@
-#include "audit/AuditReport.h"
-
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 #include <regex>
+
+#include "audit/AuditReport.h"
 
 namespace quarvel::audit {
 namespace {
@@ -13,7 +13,8 @@ TEST(Money, ReadsListPrices) {
     const char* text;
     std::optional<std::int64_t> hundredths;
   } good[] = {
-      {"1200000", 120000000}, {"1,200,000", 120000000}, {" 12.5 ", 1250}, {"0.07", 7},
+      {"1200000", 120000000}, {"1,200,000", 120000000},
+      {" 12.5 ", 1250},       {"0.07", 7},
       {"-3", -300},           {"0", 0},
   };
   for (const Case& c : good) {
@@ -22,7 +23,8 @@ TEST(Money, ReadsListPrices) {
     ASSERT_TRUE(money);
     EXPECT_EQ(money->hundredths, *c.hundredths);
   }
-  for (const char* bad : {"", "free", "12.345", "1.", ",100", "12a", "--1", "99999999999999999999"}) {
+  for (const char* bad :
+       {"", "free", "12.345", "1.", ",100", "12a", "--1", "99999999999999999999"}) {
     SCOPED_TRACE(bad);
     EXPECT_FALSE(Money::parse(bad));
   }
@@ -61,8 +63,10 @@ AuditResult sampleResult() {
 TEST(AuditReport, TableAlignsColumnsAndTotals) {
   const std::string expected =
       "Maker     Product        Version         Price  Type        Group   Where\n"
-      "--------  -------------  -------  ------------  ----------  ------  ----------------------------\n"
-      "Acme      Editor, \"Pro\"  2.0      1,200,000.50  Commercial  Office  /usr/bin/a; /usr/local/bin/a\n"
+      "--------  -------------  -------  ------------  ----------  ------  "
+      "----------------------------\n"
+      "Acme      Editor, \"Pro\"  2.0      1,200,000.50  Commercial  Office  /usr/bin/a; "
+      "/usr/local/bin/a\n"
       "Zeta <&>  CAD            7                 ask  Commercial          /opt/zcad\n"
       "한컴      오피스         2024          250,000  Commercial  Office  /opt/hoffice/bin/hword\n"
       "\n"
@@ -103,8 +107,8 @@ TEST(AuditReport, JsonCarriesAmountsAndPlaces) {
   EXPECT_EQ(doc["findings"][2]["price"], 250000);  // whole amounts are integers
   EXPECT_EQ(doc["totals"]["count"], 3);
   EXPECT_DOUBLE_EQ(doc["totals"]["price"].get<double>(), 1450000.5);
-  EXPECT_EQ(doc["totals"]["groups"][1], (nlohmann::json{{"group", "Office"}, {"count", 2},
-                                                         {"price", 1450000.5}}));
+  EXPECT_EQ(doc["totals"]["groups"][1],
+            (nlohmann::json{{"group", "Office"}, {"count", 2}, {"price", 1450000.5}}));
   EXPECT_EQ(doc["scan"]["files"], 42);
 
   // File names need not be UTF-8; the report must still come out.
@@ -114,8 +118,8 @@ TEST(AuditReport, JsonCarriesAmountsAndPlaces) {
 }
 
 TEST(AuditReport, HtmlIsSelfContainedWithAChartPerMaker) {
-  std::string page = formatHtml(sampleResult(), {.title = "Audit", .generatedAt = "2026-11-23 12:00",
-                                                 .host = "pc-7"});
+  std::string page = formatHtml(
+      sampleResult(), {.title = "Audit", .generatedAt = "2026-11-23 12:00", .host = "pc-7"});
   EXPECT_NE(page.find("<meta charset=\"utf-8\">"), std::string::npos);
   EXPECT_NE(page.find("pc-7 \u00b7 2026-11-23 12:00"), std::string::npos);
   // Text is escaped; no scripts, links or remote addresses.

@@ -13,10 +13,10 @@ using quarvel::testing::TempTree;
 
 MemoryList::Row product(std::string exe, std::string company, std::string product,
                         std::string version, std::string price, std::string group) {
-  return {{"DB_ID", "ID-" + exe},     {"COMPANY", company},     {"PRODUCT", product},
-          {"VERSION", version},       {"ORIGINAL_FILE", exe},   {"EXE_FILE", exe},
-          {"DISP_COMPANY", company},  {"DISP_PRODUCT", product}, {"PRICE", price},
-          {"SW_TYPE", "Commercial"},  {"GRP_ID", group},        {"GRP_NAME", group}};
+  return {{"DB_ID", "ID-" + exe},    {"COMPANY", company},      {"PRODUCT", product},
+          {"VERSION", version},      {"ORIGINAL_FILE", exe},    {"EXE_FILE", exe},
+          {"DISP_COMPANY", company}, {"DISP_PRODUCT", product}, {"PRICE", price},
+          {"SW_TYPE", "Commercial"}, {"GRP_ID", group},         {"GRP_NAME", group}};
 }
 
 // The record names the same product (company, product, version, original
@@ -65,8 +65,7 @@ class AuditorMachine : public ::testing::Test {
             product("zcad", "Zeta", "CAD", "7", "3000000", "Design"),
             product("toodeep", "Far", "Away", "1", "10", "Design"),
             product("filtered-tool", "Filt", "Ered", "1", "999", "Office"),
-            product("Painter-1.2-x86_64.AppImage", "brush co", "Painter", "1.2", "80000",
-                    "Design"),
+            product("Painter-1.2-x86_64.AppImage", "brush co", "Painter", "1.2", "80000", "Design"),
             product("Hidden.AppImage", "Hid", "Den", "1", "10", "Design"),
         }),
         userList({
@@ -82,13 +81,12 @@ class AuditorMachine : public ::testing::Test {
         filter({"FILT\tered\t1\tfiltered-tool"}) {
     tree.executable("path1/acmeedit");
     tree.executable("path1/ACMEVIEW");
-    tree.file("path1/notexec-tool");  // on the list but not executable
+    tree.file("path1/notexec-tool");         // on the list but not executable
     tree.executable("path1/sub/deep-tool");  // PATH folders are not searched below
     tree.executable("path2/acme-editor-user");
     tree.executable("opt/vendor/app/bin/zcad");
     tree.executable("opt/a/b/c/d/e/f/toodeep");  // one level too deep
-    tree.file("apps/post-mailer.desktop",
-              "[Desktop Entry]\nExec=env X=1 /snap/bin/mailer %U\n");
+    tree.file("apps/post-mailer.desktop", "[Desktop Entry]\nExec=env X=1 /snap/bin/mailer %U\n");
     tree.file("apps/filt.desktop", "[Desktop Entry]\nExec=filtered-tool\n");
     tree.file("apps/not-an-entry.txt", "Exec=toodeep\n");
     tree.file("home/Apps/Painter-1.2-x86_64.AppImage");  // AppImages need no x bit
@@ -105,7 +103,9 @@ class AuditorMachine : public ::testing::Test {
   }
 
   AuditSources sources() {
-    return {.checkList = &checkList, .userCheckList = &userList, .fontList = &fontList,
+    return {.checkList = &checkList,
+            .userCheckList = &userList,
+            .fontList = &fontList,
             .filter = &filter};
   }
 
@@ -122,7 +122,10 @@ TEST_F(AuditorMachine, FindsExactlyTheListedProductsWhereTheyAre) {
 
   std::vector<Row> expected = {
       // One finding for Acme Editor, from the check list, with both places.
-      {"Acme", "Editor", "checklist", {tree.path("path1/acmeedit"), tree.path("path2/acme-editor-user")}},
+      {"Acme",
+       "Editor",
+       "checklist",
+       {tree.path("path1/acmeedit"), tree.path("path2/acme-editor-user")}},
       {"Acme", "Viewer", "checklist", {tree.path("path1/ACMEVIEW")}},
       {"brush co", "Painter", "checklist", {tree.path("home/Apps/Painter-1.2-x86_64.AppImage")}},
       {"Fancy", "Sans", "fontlist", {"/elsewhere/fonts/FancySans.otf"}},
@@ -161,8 +164,8 @@ TEST_F(AuditorMachine, TreesGivenByTheUserTakeEveryKindOfFile) {
   for (const Finding& f : result.findings) products.push_back(f.product);
   // Everything below the root counts, the deep tool and the hidden AppImage
   // included; the desktop entries are in an excluded folder.
-  EXPECT_EQ(products, (std::vector<std::string>{"Editor", "Viewer", "Painter", "Tool", "Away", "Den",
-                                                "CAD", "명조"}));
+  EXPECT_EQ(products, (std::vector<std::string>{"Editor", "Viewer", "Painter", "Tool", "Away",
+                                                "Den", "CAD", "명조"}));
   EXPECT_EQ(result.filteredHits, 0u);
   EXPECT_EQ(result.stats.excludedFolders, 1u);
 }
@@ -192,8 +195,10 @@ TEST(Auditor, WithoutListsOfAKindThatKindIsNotScanned) {
 }
 
 TEST(ScanPlanTest, SystemPlanFromTheEnvironment) {
-  ScanPlan plan = systemScanPlan(
-      {.path = "/usr/bin:relative:/usr/bin/::", .home = "/home/kim", .xdgDataHome = "", .xdgDataDirs = ""});
+  ScanPlan plan = systemScanPlan({.path = "/usr/bin:relative:/usr/bin/::",
+                                  .home = "/home/kim",
+                                  .xdgDataHome = "",
+                                  .xdgDataDirs = ""});
   // Relative and empty entries are left out, and a folder counts once.
   EXPECT_EQ(plan.pathFolders, std::vector<std::string>{"/usr/bin"});
   auto has = [](const std::vector<std::string>& v, const std::string& s) {

@@ -1,6 +1,6 @@
-#include "audit/DesktopEntry.h"
-
 #include <gtest/gtest.h>
+
+#include "audit/DesktopEntry.h"
 
 namespace quarvel::audit {
 namespace {

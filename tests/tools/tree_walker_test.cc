@@ -1,11 +1,10 @@
-#include "audit/TreeWalker.h"
-
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <set>
 
+#include "audit/TreeWalker.h"
 #include "support/AuditFixtures.h"
 
 namespace quarvel::audit {

@@ -1,6 +1,5 @@
 #include "audit/AuditLists.h"
 
-
 #include "quarvel/datafiles/FileCheckList.h"
 #include "quarvel/datafiles/FileFilter.h"
 #include "quarvel/datafiles/FileFontList.h"

@@ -36,7 +36,8 @@ std::string alignedRows(const std::vector<Column>& columns,
   std::vector<std::size_t> widths;
   for (const Column& column : columns) widths.push_back(displayWidth(column.title));
   for (const auto& row : rows)
-    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], displayWidth(row[i]));
+    for (std::size_t i = 0; i < row.size(); ++i)
+      widths[i] = std::max(widths[i], displayWidth(row[i]));
 
   auto emit = [&](std::string& out, const std::vector<std::string>& cells) {
     std::string line;
@@ -91,12 +92,23 @@ std::string escapeHtml(std::string_view text) {
   out.reserve(text.size());
   for (char c : text) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&#39;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&#39;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -113,7 +125,8 @@ std::string shorten(const std::string& text, std::size_t cells) {
     std::int32_t start = i;
     UChar32 c;
     U8_NEXT(text.data(), i, length, c);
-    std::string piece = text.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(i - start));
+    std::string piece =
+        text.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(i - start));
     std::size_t width = displayWidth(piece);
     if (used + width + 1 > cells) break;
     out += piece;
@@ -140,7 +153,8 @@ std::vector<MakerSum> sumsByMaker(const AuditResult& result) {
   return out;
 }
 
-constexpr const char* kPageStyle = R"(body{font-family:"Noto Sans CJK KR","NanumGothic","DejaVu Sans",sans-serif;margin:24px;color:#1d2733;background:#fff}
+constexpr const char* kPageStyle =
+    R"(body{font-family:"Noto Sans CJK KR","NanumGothic","DejaVu Sans",sans-serif;margin:24px;color:#1d2733;background:#fff}
 h1{font-size:22px;margin:0 0 4px}h2{font-size:17px;margin:28px 0 8px}
 .meta{color:#5b6773;font-size:13px;margin:0}
 table{border-collapse:collapse;font-size:13px}
@@ -176,9 +190,9 @@ std::string chartSvg(const AuditResult& result) {
     const std::string maker = s.maker.empty() ? "(none)" : s.maker;
     const int middle = y + kChartRowHeight / 2;
     svg += "<g><title>" + escapeHtml(maker) + ": " + value + "</title>";
-    svg += "<text x=\"" + std::to_string(kChartLabelWidth - 8) + "\" y=\"" + std::to_string(middle) +
-           "\" text-anchor=\"end\" dominant-baseline=\"middle\">" + escapeHtml(shorten(maker, 30)) +
-           "</text>";
+    svg += "<text x=\"" + std::to_string(kChartLabelWidth - 8) + "\" y=\"" +
+           std::to_string(middle) + "\" text-anchor=\"end\" dominant-baseline=\"middle\">" +
+           escapeHtml(shorten(maker, 30)) + "</text>";
     svg += "<rect class=\"bar\" x=\"" + std::to_string(kChartLabelWidth) + "\" y=\"" +
            std::to_string(y + 4) + "\" width=\"" + std::to_string(barWidth) + "\" height=\"" +
            std::to_string(kChartRowHeight - 8) + "\"/>";
@@ -204,8 +218,8 @@ std::size_t displayWidth(std::string_view text) {
       continue;
     }
     const auto category = u_charType(c);
-    if (category == U_NON_SPACING_MARK || category == U_ENCLOSING_MARK || category == U_CONTROL_CHAR ||
-        category == U_FORMAT_CHAR)
+    if (category == U_NON_SPACING_MARK || category == U_ENCLOSING_MARK ||
+        category == U_CONTROL_CHAR || category == U_FORMAT_CHAR)
       continue;
     const auto width = u_getIntPropertyValue(c, UCHAR_EAST_ASIAN_WIDTH);
     cells += (width == U_EA_WIDE || width == U_EA_FULLWIDTH) ? 2 : 1;
@@ -220,17 +234,18 @@ std::string formatTable(const AuditResult& result) {
   } else {
     std::vector<std::vector<std::string>> rows;
     for (const Finding& f : result.findings)
-      rows.push_back({f.maker, f.product, f.version, priceCell(f, true), f.softwareType,
-                      f.group, placesText(f)});
-    out += alignedRows({{"Maker"}, {"Product"}, {"Version"}, {"Price", true}, {"Type"}, {"Group"},
-                        {"Where"}},
-                       rows);
+      rows.push_back({f.maker, f.product, f.version, priceCell(f, true), f.softwareType, f.group,
+                      placesText(f)});
+    out += alignedRows(
+        {{"Maker"}, {"Product"}, {"Version"}, {"Price", true}, {"Type"}, {"Group"}, {"Where"}},
+        rows);
   }
   out += "\n";
   std::vector<std::vector<std::string>> totals;
   for (const GroupTotal& g : result.totals.groups)
     totals.push_back({groupLabel(g.group), std::to_string(g.count), g.price.toString(true)});
-  totals.push_back({"Total", std::to_string(result.totals.count), result.totals.price.toString(true)});
+  totals.push_back(
+      {"Total", std::to_string(result.totals.count), result.totals.price.toString(true)});
   out += alignedRows({{"Group"}, {"Count", true}, {"Price", true}}, totals);
   return out;
 }
@@ -259,20 +274,19 @@ std::string formatJson(const AuditResult& result) {
   Json groups = Json::array();
   for (const GroupTotal& g : result.totals.groups)
     groups.push_back({{"group", g.group}, {"count", g.count}, {"price", amount(g.price)}});
-  Json doc = {
-      {"findings", std::move(findings)},
-      {"totals",
-       {{"groups", std::move(groups)},
-        {"count", result.totals.count},
-        {"price", amount(result.totals.price)}}},
-      {"scan",
-       {{"files", result.stats.files},
-        {"folders", result.stats.folders},
-        {"fontFilesListed", result.fontFilesListed},
-        {"unreadableFolders", result.stats.unreadableFolders},
-        {"unreadable", result.stats.unreadablePaths},
-        {"loopsAvoided", result.stats.loopsAvoided},
-        {"filteredHits", result.filteredHits}}}};
+  Json doc = {{"findings", std::move(findings)},
+              {"totals",
+               {{"groups", std::move(groups)},
+                {"count", result.totals.count},
+                {"price", amount(result.totals.price)}}},
+              {"scan",
+               {{"files", result.stats.files},
+                {"folders", result.stats.folders},
+                {"fontFilesListed", result.fontFilesListed},
+                {"unreadableFolders", result.stats.unreadableFolders},
+                {"unreadable", result.stats.unreadablePaths},
+                {"loopsAvoided", result.stats.loopsAvoided},
+                {"filteredHits", result.filteredHits}}}};
   // File names need not be UTF-8; bad bytes become U+FFFD rather than throw.
   return doc.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
@@ -284,16 +298,18 @@ std::string formatCsv(const AuditResult& result) {
     out += csvRow({"finding", f.maker, f.product, f.version, priceCell(f, false), f.softwareType,
                    f.group, placesText(f), ""});
   for (const GroupTotal& g : result.totals.groups)
-    out += csvRow({"group", "", "", "", g.price.toString(), "", g.group, "", std::to_string(g.count)});
+    out +=
+        csvRow({"group", "", "", "", g.price.toString(), "", g.group, "", std::to_string(g.count)});
   out += csvRow({"total", "", "", "", result.totals.price.toString(), "", "", "",
                  std::to_string(result.totals.count)});
   return out;
 }
 
 std::string formatHtml(const AuditResult& result, const ReportOptions& options) {
-  std::string out = "<!DOCTYPE html>\n<html lang=\"ko\">\n<head>\n<meta charset=\"utf-8\">\n<title>" +
-                    escapeHtml(options.title) + "</title>\n<style>\n" + kPageStyle +
-                    "</style>\n</head>\n<body>\n<h1>" + escapeHtml(options.title) + "</h1>\n";
+  std::string out =
+      "<!DOCTYPE html>\n<html lang=\"ko\">\n<head>\n<meta charset=\"utf-8\">\n<title>" +
+      escapeHtml(options.title) + "</title>\n<style>\n" + kPageStyle +
+      "</style>\n</head>\n<body>\n<h1>" + escapeHtml(options.title) + "</h1>\n";
   std::vector<std::string> meta;
   if (!options.host.empty()) meta.push_back(options.host);
   if (!options.generatedAt.empty()) meta.push_back(options.generatedAt);
@@ -303,8 +319,9 @@ std::string formatHtml(const AuditResult& result, const ReportOptions& options) 
   out += "<p class=\"meta\">" + escapeHtml(join(meta, " \u00b7 ")) + "</p>\n";
 
   if (!result.findings.empty()) out += "<h2>Price by maker</h2>\n" + chartSvg(result);
-  out += "<h2>Totals</h2>\n<table class=\"totals\">\n<thead><tr><th>Group</th>"
-         "<th class=\"num\">Count</th><th class=\"num\">Price</th></tr></thead>\n<tbody>\n";
+  out +=
+      "<h2>Totals</h2>\n<table class=\"totals\">\n<thead><tr><th>Group</th>"
+      "<th class=\"num\">Count</th><th class=\"num\">Price</th></tr></thead>\n<tbody>\n";
   for (const GroupTotal& g : result.totals.groups)
     out += "<tr><td>" + escapeHtml(groupLabel(g.group)) + "</td><td class=\"num\">" +
            std::to_string(g.count) + "</td><td class=\"num\">" + g.price.toString(true) +
@@ -317,9 +334,10 @@ std::string formatHtml(const AuditResult& result, const ReportOptions& options) 
   if (result.findings.empty()) {
     out += "<p>No findings.</p>\n";
   } else {
-    out += "<table class=\"findings\">\n<thead><tr><th>Maker</th><th>Product</th><th>Version</th>"
-           "<th class=\"num\">Price</th><th>Type</th><th>Group</th><th>Where</th></tr></thead>\n"
-           "<tbody>\n";
+    out +=
+        "<table class=\"findings\">\n<thead><tr><th>Maker</th><th>Product</th><th>Version</th>"
+        "<th class=\"num\">Price</th><th>Type</th><th>Group</th><th>Where</th></tr></thead>\n"
+        "<tbody>\n";
     for (const Finding& f : result.findings) {
       out += "<tr><td>" + escapeHtml(f.maker) + "</td><td>" + escapeHtml(f.product) + "</td><td>" +
              escapeHtml(f.version) + "</td><td class=\"num\">" + escapeHtml(priceCell(f, true)) +
@@ -335,10 +353,14 @@ std::string formatHtml(const AuditResult& result, const ReportOptions& options) 
 std::string formatReport(const AuditResult& result, ReportFormat format,
                          const ReportOptions& options) {
   switch (format) {
-    case ReportFormat::Json: return formatJson(result);
-    case ReportFormat::Csv: return formatCsv(result);
-    case ReportFormat::Html: return formatHtml(result, options);
-    case ReportFormat::Table: break;
+    case ReportFormat::Json:
+      return formatJson(result);
+    case ReportFormat::Csv:
+      return formatCsv(result);
+    case ReportFormat::Html:
+      return formatHtml(result, options);
+    case ReportFormat::Table:
+      break;
   }
   return formatTable(result);
 }

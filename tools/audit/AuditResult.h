@@ -26,16 +26,16 @@ enum class FindingKind { Software, Font };
 
 struct Finding {
   FindingKind kind = FindingKind::Software;
-  std::string list;  // "checklist", "userchecklist" or "fontlist"
-  int record = -1;   // record index in that list
-  std::string id;    // "DB_ID"
-  std::string maker;    // "DISP_COMPANY"
-  std::string product;  // "DISP_PRODUCT"
-  std::string version;  // "VERSION"
-  std::string priceText;      // "PRICE" as written
-  std::optional<Money> price;  // its amount; nothing when it is not a number
-  std::string softwareType;  // "SW_TYPE"
-  std::string group;         // "GRP_NAME"
+  std::string list;                 // "checklist", "userchecklist" or "fontlist"
+  int record = -1;                  // record index in that list
+  std::string id;                   // "DB_ID"
+  std::string maker;                // "DISP_COMPANY"
+  std::string product;              // "DISP_PRODUCT"
+  std::string version;              // "VERSION"
+  std::string priceText;            // "PRICE" as written
+  std::optional<Money> price;       // its amount; nothing when it is not a number
+  std::string softwareType;         // "SW_TYPE"
+  std::string group;                // "GRP_NAME"
   std::vector<std::string> places;  // where it was found, sorted
 };
 

@@ -110,7 +110,8 @@ struct Auditor::State {
     for (KnownList& list : softwareLists) {
       if (!list.keys.count(key)) continue;
       int row = list.source->idByFileName(name);
-      if (row >= 0) addHit(FindingKind::Software, list.name, list.priority, *list.source, row, place);
+      if (row >= 0)
+        addHit(FindingKind::Software, list.name, list.priority, *list.source, row, place);
     }
   }
 
@@ -145,7 +146,8 @@ struct Auditor::State {
 Auditor::Auditor(const AuditSources& sources) : state_(std::make_unique<State>()) {
   state_->sources = sources;
   if (sources.checkList)
-    state_->softwareLists.push_back({sources.checkList, "checklist", 0, fileNameKeys(*sources.checkList)});
+    state_->softwareLists.push_back(
+        {sources.checkList, "checklist", 0, fileNameKeys(*sources.checkList)});
   if (sources.userCheckList)
     state_->softwareLists.push_back(
         {sources.userCheckList, "userchecklist", 1, fileNameKeys(*sources.userCheckList)});
@@ -194,7 +196,8 @@ AuditResult Auditor::run(const ScanPlan& plan) {
             });
   }
   if (wantFonts) {
-    walkAll(plan.fontFolders, {.maxDepth = plan.fontDepth}, [&](const FoundFile& f) { s.fontFile(f); });
+    walkAll(plan.fontFolders, {.maxDepth = plan.fontDepth},
+            [&](const FoundFile& f) { s.fontFile(f); });
     if (plan.fontCatalog) {
       for (const std::string& path : plan.fontCatalog->fontFiles()) {
         ++s.fontFilesListed;
@@ -269,13 +272,13 @@ ScanPlan systemScanPlan(const ScanEnvironment& e) {
                                                       : "";
   std::vector<std::string> dataDirs;
   if (!dataHome.empty()) dataDirs.push_back(dataHome);
-  for (const std::string& dir : split(e.xdgDataDirs.empty() ? "/usr/local/share:/usr/share"
-                                                            : e.xdgDataDirs,
-                                      ":"))
+  for (const std::string& dir :
+       split(e.xdgDataDirs.empty() ? "/usr/local/share:/usr/share" : e.xdgDataDirs, ":"))
     dataDirs.push_back(dir);
 
   seen.clear();
-  for (const std::string& dir : dataDirs) addFolder(plan.desktopFolders, seen, dir + "/applications");
+  for (const std::string& dir : dataDirs)
+    addFolder(plan.desktopFolders, seen, dir + "/applications");
   addFolder(plan.desktopFolders, seen, "/var/lib/flatpak/exports/share/applications");
   if (!dataHome.empty())
     addFolder(plan.desktopFolders, seen, dataHome + "/flatpak/exports/share/applications");

@@ -57,10 +57,10 @@ struct ScanPlan {
 
 // The environment a system scan plan is made from.
 struct ScanEnvironment {
-  std::string path;          // $PATH
-  std::string home;          // $HOME
-  std::string xdgDataHome;   // $XDG_DATA_HOME, "" when unset
-  std::string xdgDataDirs;   // $XDG_DATA_DIRS, "" when unset
+  std::string path;         // $PATH
+  std::string home;         // $HOME
+  std::string xdgDataHome;  // $XDG_DATA_HOME, "" when unset
+  std::string xdgDataDirs;  // $XDG_DATA_DIRS, "" when unset
   static ScanEnvironment current();
 };
 

@@ -20,11 +20,21 @@ std::string unescapeValue(std::string_view value) {
     if (c == '\\' && i + 1 < value.size()) {
       char next = value[++i];
       switch (next) {
-        case 's': out.push_back(' '); break;
-        case 'n': out.push_back('\n'); break;
-        case 't': out.push_back('\t'); break;
-        case 'r': out.push_back('\r'); break;
-        case '\\': out.push_back('\\'); break;
+        case 's':
+          out.push_back(' ');
+          break;
+        case 'n':
+          out.push_back('\n');
+          break;
+        case 't':
+          out.push_back('\t');
+          break;
+        case 'r':
+          out.push_back('\r');
+          break;
+        case '\\':
+          out.push_back('\\');
+          break;
         default:
           out.push_back('\\');
           out.push_back(next);
@@ -83,8 +93,8 @@ std::optional<std::string> programOfExec(std::string_view value) {
     ++i;
     while (i < args.size() && (args[i].starts_with('-') || isAssignment(args[i]))) {
       // The options that take the next argument as their value.
-      bool takesValue = args[i] == "-u" || args[i] == "--unset" || args[i] == "-C" ||
-                        args[i] == "--chdir";
+      bool takesValue =
+          args[i] == "-u" || args[i] == "--unset" || args[i] == "-C" || args[i] == "--chdir";
       i += takesValue ? 2 : 1;
     }
   }

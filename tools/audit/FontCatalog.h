@@ -19,7 +19,8 @@ class FontCatalog {
 // holds only the fonts of `extraFolders`, which tests use.
 class FontconfigCatalog : public FontCatalog {
  public:
-  explicit FontconfigCatalog(bool useSystemConfig = true, std::vector<std::string> extraFolders = {});
+  explicit FontconfigCatalog(bool useSystemConfig = true,
+                             std::vector<std::string> extraFolders = {});
   std::vector<std::string> fontFiles() override;
 
  private:

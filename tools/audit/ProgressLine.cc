@@ -4,7 +4,8 @@
 
 namespace quarvel::audit {
 
-ProgressLine::ProgressLine(std::FILE* stream) : ProgressLine(stream, ::isatty(::fileno(stream)) == 1) {}
+ProgressLine::ProgressLine(std::FILE* stream)
+    : ProgressLine(stream, ::isatty(::fileno(stream)) == 1) {}
 
 ProgressLine::ProgressLine(std::FILE* stream, bool enabled) : stream_(stream), enabled_(enabled) {}
 

@@ -144,8 +144,8 @@ void TreeWalker::walkFolder(int fd, int depth) {
     }
     if (type == DT_REG) {
       ++stats_.files;
-      (*onFile_)(FoundFile(fd, path_, std::string_view(path_).substr(path_.size() - std::strlen(name)),
-                           known));
+      (*onFile_)(FoundFile(
+          fd, path_, std::string_view(path_).substr(path_.size() - std::strlen(name)), known));
     } else if (type == DT_DIR && depth < options_->maxDepth) {
       enter(fd, name, depth + 1);
     }

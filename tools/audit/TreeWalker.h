@@ -31,11 +31,11 @@ namespace quarvel::audit {
 
 // Running counts of one scan, shared by all the walks that make it up.
 struct ScanStats {
-  std::uint64_t files = 0;             // plain files reported
-  std::uint64_t folders = 0;           // folders listed
+  std::uint64_t files = 0;              // plain files reported
+  std::uint64_t folders = 0;            // folders listed
   std::uint64_t unreadableFolders = 0;  // folders that could not be opened or read
-  std::uint64_t loopsAvoided = 0;      // folders not entered again through a link
-  std::uint64_t excludedFolders = 0;   // folders not entered because they are excluded
+  std::uint64_t loopsAvoided = 0;       // folders not entered again through a link
+  std::uint64_t excludedFolders = 0;    // folders not entered because they are excluded
   // The first unreadable folders, for the report (at most kMaxUnreadableListed).
   std::vector<std::string> unreadablePaths;
   static constexpr std::size_t kMaxUnreadableListed = 50;
@@ -109,8 +109,8 @@ class TreeWalker {
   // State of the walk in progress.
   const WalkOptions* options_ = nullptr;
   const FileCallback* onFile_ = nullptr;
-  std::string path_;                 // full path of the folder being listed
-  std::vector<FileId> ancestors_;    // folders on the way down, for loop checks
+  std::string path_;               // full path of the folder being listed
+  std::vector<FileId> ancestors_;  // folders on the way down, for loop checks
   std::uint32_t sinceProgress_ = 0;
 };
 
