@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
-#include <regex>
 
 #include "audit/AuditReport.h"
 
@@ -129,11 +128,14 @@ TEST(AuditReport, HtmlIsSelfContainedWithAChartPerMaker) {
     EXPECT_EQ(page.find(outside), std::string::npos) << outside;
 
   // One bar per maker, longest first, widths in proportion to the sums.
-  std::regex bar("<title>([^<]*)</title>.*?<rect class=\"bar\"[^>]* width=\"(\\d+)\"");
-  std::vector<std::pair<std::string, int>> bars;
-  for (auto it = std::sregex_iterator(page.begin(), page.end(), bar); it != std::sregex_iterator();
-       ++it)
-    bars.emplace_back((*it)[1], std::stoi((*it)[2]));
+  std::vector<std::pair<std::string, int>> bars;  // (title, bar width)
+  for (std::size_t at = page.find("<g><title>"); at != std::string::npos;
+       at = page.find("<g><title>", at + 1)) {
+    const std::size_t titleStart = at + 10;
+    const std::string title = page.substr(titleStart, page.find("</title>", at) - titleStart);
+    const std::size_t width = page.find("width=\"", page.find("<rect class=\"bar\"", at)) + 7;
+    bars.emplace_back(title, std::stoi(page.substr(width, page.find('"', width) - width)));
+  }
   ASSERT_EQ(bars.size(), 3u);
   EXPECT_EQ(bars[0].first, "Acme: 1,200,000.50");
   EXPECT_EQ(bars[1].first, "한컴: 250,000");
