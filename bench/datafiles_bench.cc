@@ -113,9 +113,15 @@ void Lookup(benchmark::State& state, Key kind) {
     const int row = static_cast<int>((static_cast<std::uint64_t>(i) * 7919) % kRecords);
     quarvel::RecordPtr r = table->select(row);
     switch (kind) {
-      case Key::FileName: keys.push_back((*r)[5]); break;
-      case Key::Property: keys.push_back((*r)[1] + "\t" + (*r)[2] + "\t" + (*r)[3] + "\t" + (*r)[4]); break;
-      case Key::Identifier: keys.push_back((*r)[0]); break;
+      case Key::FileName:
+        keys.push_back((*r)[5]);
+        break;
+      case Key::Property:
+        keys.push_back((*r)[1] + "\t" + (*r)[2] + "\t" + (*r)[3] + "\t" + (*r)[4]);
+        break;
+      case Key::Identifier:
+        keys.push_back((*r)[0]);
+        break;
     }
   }
   std::size_t i = 0;

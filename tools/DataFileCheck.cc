@@ -30,9 +30,9 @@ namespace df = quarvel::datafile;
 namespace {
 
 struct RawLine {
-  std::size_t number = 0;            // 1-based
-  std::string bytes;                 // as stored, Mac Korean
-  std::optional<std::string> text;   // decoded; absent when the reader drops it
+  std::size_t number = 0;           // 1-based
+  std::string bytes;                // as stored, Mac Korean
+  std::optional<std::string> text;  // decoded; absent when the reader drops it
 };
 
 // Findings are gathered and printed in line order once the file is read.
@@ -97,15 +97,14 @@ std::vector<RawLine> splitLines(const std::string& plain, Findings& findings) {
         ++i;
       }
     } else if (c == '\0') {
-      findings.warning(number, "the text ends at a zero byte (offset " + std::to_string(i) +
-                                   "); " + std::to_string(plain.size() - i) + " bytes ignored");
+      findings.warning(number, "the text ends at a zero byte (offset " + std::to_string(i) + "); " +
+                                   std::to_string(plain.size() - i) + " bytes ignored");
       break;
     } else {
       current += c;
     }
   }
-  if (!current.empty())
-    findings.warning(number, "the last line has no line end and is ignored");
+  if (!current.empty()) findings.warning(number, "the last line has no line end and is ignored");
   return lines;
 }
 
@@ -113,8 +112,10 @@ std::vector<RawLine> splitLines(const std::string& plain, Findings& findings) {
 std::string inQuotes(std::string_view text) {
   std::string out = "\"";
   for (char c : text) {
-    if (c == '\t') out += "\\t";
-    else out += c;
+    if (c == '\t')
+      out += "\\t";
+    else
+      out += c;
   }
   return out + "\"";
 }
@@ -150,8 +151,9 @@ void checkCharacters(const RawLine& line, const FieldList& fields, Findings& fin
     for (std::size_t f = 0; f < values.size(); ++f) {
       const std::string foldedValue = CommonLib::encodingForSpecialCharacter(values[f]);
       if (foldedValue != values[f]) {
-        findings.warning(line.number, (f < fields.size() ? fields[f] : "value") + ": folding on save turns " +
-                                          inQuotes(values[f]) + " into " + inQuotes(foldedValue));
+        findings.warning(line.number, (f < fields.size() ? fields[f] : "value") +
+                                          ": folding on save turns " + inQuotes(values[f]) +
+                                          " into " + inQuotes(foldedValue));
       }
     }
   }

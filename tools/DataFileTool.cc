@@ -31,10 +31,14 @@ std::optional<DataFileKind> parseDataFileKind(std::string_view name) {
 
 std::string_view dataFileKindName(DataFileKind kind) {
   switch (kind) {
-    case DataFileKind::CheckList: return "checklist";
-    case DataFileKind::Package: return "package";
-    case DataFileKind::Filter: return "filter";
-    case DataFileKind::Font: return "font";
+    case DataFileKind::CheckList:
+      return "checklist";
+    case DataFileKind::Package:
+      return "package";
+    case DataFileKind::Filter:
+      return "filter";
+    case DataFileKind::Font:
+      return "font";
   }
   return "checklist";
 }
@@ -54,10 +58,14 @@ std::vector<std::string> sectionTags(DataFileKind kind) {
 
 std::unique_ptr<FileFramework> makeDataFile(DataFileKind kind) {
   switch (kind) {
-    case DataFileKind::CheckList: return std::make_unique<FileCheckList>();
-    case DataFileKind::Package: return std::make_unique<FilePackage>();
-    case DataFileKind::Filter: return std::make_unique<FileFilter>();
-    case DataFileKind::Font: return std::make_unique<FileFontList>();
+    case DataFileKind::CheckList:
+      return std::make_unique<FileCheckList>();
+    case DataFileKind::Package:
+      return std::make_unique<FilePackage>();
+    case DataFileKind::Filter:
+      return std::make_unique<FileFilter>();
+    case DataFileKind::Font:
+      return std::make_unique<FileFontList>();
   }
   return nullptr;
 }
@@ -234,7 +242,9 @@ int showDataFile(const std::string& path, std::optional<DataFileKind> kind, Outp
   for (std::size_t s = 1; s < tags.size(); ++s) {
     Table* table = file->getTableByTag(tags[s]);
     const std::vector<RecordPtr> records = recordsOf(table);
-    out << '\n' << tags[s] << " (" << records.size() << (records.size() == 1 ? " record)\n" : " records)\n");
+    out << '\n'
+        << tags[s] << " (" << records.size()
+        << (records.size() == 1 ? " record)\n" : " records)\n");
     printAligned(*table->getFields(), records, out);
   }
   return 0;
@@ -255,26 +265,36 @@ int lookupDataFile(const std::string& path, std::optional<DataFileKind> kind,
     case DataFileKind::CheckList: {
       auto& list = static_cast<FileCheckList&>(*file);
       tag = df::kCheckListTag;
-      if (query.exe) index = list.getIdByFileName(*query.exe);
-      else if (query.property) index = list.getIdByProperty(unescapeTabs(*query.property));
-      else if (query.id) index = list.getIndex(*query.id);
-      else return unsupported(query.filter ? "--filter" : "--package");
+      if (query.exe)
+        index = list.getIdByFileName(*query.exe);
+      else if (query.property)
+        index = list.getIdByProperty(unescapeTabs(*query.property));
+      else if (query.id)
+        index = list.getIndex(*query.id);
+      else
+        return unsupported(query.filter ? "--filter" : "--package");
       break;
     }
     case DataFileKind::Font: {
       auto& fonts = static_cast<FileFontList&>(*file);
       tag = df::kCheckListTag;
-      if (query.exe) index = fonts.getIdByFileName(*query.exe);
-      else if (query.id) index = fonts.getIndex(*query.id);
-      else return unsupported(query.property ? "--property" : query.filter ? "--filter" : "--package");
+      if (query.exe)
+        index = fonts.getIdByFileName(*query.exe);
+      else if (query.id)
+        index = fonts.getIndex(*query.id);
+      else
+        return unsupported(query.property ? "--property" : query.filter ? "--filter" : "--package");
       break;
     }
     case DataFileKind::Filter: {
       auto& filter = static_cast<FileFilter&>(*file);
       tag = df::kSwListTag;
-      if (query.filter) index = filter.getIdByFilter(unescapeTabs(*query.filter));
-      else if (query.property) index = filter.getIdByFilter(unescapeTabs(*query.property));
-      else return unsupported(query.exe ? "--exe" : "--id");
+      if (query.filter)
+        index = filter.getIdByFilter(unescapeTabs(*query.filter));
+      else if (query.property)
+        index = filter.getIdByFilter(unescapeTabs(*query.property));
+      else
+        return unsupported(query.exe ? "--exe" : "--id");
       break;
     }
     case DataFileKind::Package: {
@@ -379,15 +399,14 @@ int buildDataFileFromTsv(DataFileKind kind, const std::vector<std::string>& inpu
       if (!line.empty() && line.back() == '\r') line.pop_back();
       if (i == 0) {
         if (line != fieldLine) {
-          err << path.string() << ":1: the first row must name the fields: "
-              << fieldLine << '\n';
+          err << path.string() << ":1: the first row must name the fields: " << fieldLine << '\n';
           return 1;
         }
         continue;
       }
       if (table->insertRecord(line, df::kSeparator) == -1) {
-        err << path.string() << ':' << i + 1 << ": " << split(line, "\t").size()
-            << " fields, " << tag << " has " << table->getFields()->size() << '\n';
+        err << path.string() << ':' << i + 1 << ": " << split(line, "\t").size() << " fields, "
+            << tag << " has " << table->getFields()->size() << '\n';
         return 1;
       }
     }

@@ -34,7 +34,9 @@ struct CheckOptions {
 };
 
 void addKindOption(CLI::App* command, std::optional<DataFileKind>& kind) {
-  command->add_option("--kind", kind, "checklist, package, filter or font (default: from the sections)")
+  command
+      ->add_option("--kind", kind,
+                   "checklist, package, filter or font (default: from the sections)")
       ->transform(CLI::CheckedTransformer(kKinds, CLI::ignore_case));
 }
 
@@ -52,8 +54,9 @@ void addDataFileCommands(CLI::App& app) {
   auto* json = showCommand->add_flag("--json", show->json, "as JSON");
   showCommand->add_flag("--tsv", show->tsv, "as TSV, one block per section")->excludes(json);
   showCommand->callback([show] {
-    const OutputFormat format =
-        show->json ? OutputFormat::Json : show->tsv ? OutputFormat::Tsv : OutputFormat::Table;
+    const OutputFormat format = show->json  ? OutputFormat::Json
+                                : show->tsv ? OutputFormat::Tsv
+                                            : OutputFormat::Table;
     fail(showDataFile(show->file, show->kind, format, std::cout, std::cerr));
   });
 
@@ -63,8 +66,8 @@ void addDataFileCommands(CLI::App& app) {
   lookupCommand->add_option("FILE", lookup->file, "the data file")->required();
   addKindOption(lookupCommand, lookup->kind);
   auto* exe = lookupCommand->add_option("--exe", lookup->query.exe, "executable or font file name");
-  auto* property = lookupCommand->add_option(
-      "--property", lookup->query.property, "COMPANY\\tPRODUCT\\tVERSION\\tORIGINAL_FILE");
+  auto* property = lookupCommand->add_option("--property", lookup->query.property,
+                                             "COMPANY\\tPRODUCT\\tVERSION\\tORIGINAL_FILE");
   auto* id = lookupCommand->add_option("--id", lookup->query.id, "DB_ID");
   auto* filter = lookupCommand->add_option("--filter", lookup->query.filter,
                                            "COMPANY\\tPRODUCT\\tVERSION\\tORIGINAL_FILE");
@@ -79,8 +82,11 @@ void addDataFileCommands(CLI::App& app) {
   lookupCommand->callback([lookup, keys] {
     bool any = false;
     for (CLI::Option* key : keys) any = any || key->count() > 0;
-    if (!any) throw CLI::ValidationError("lookup", "give one of --exe, --property, --id, --filter, --package");
-    fail(lookupDataFile(lookup->file, lookup->kind, lookup->query, lookup->json, std::cout, std::cerr));
+    if (!any)
+      throw CLI::ValidationError("lookup",
+                                 "give one of --exe, --property, --id, --filter, --package");
+    fail(lookupDataFile(lookup->file, lookup->kind, lookup->query, lookup->json, std::cout,
+                        std::cerr));
   });
 
   auto check = std::make_shared<CheckOptions>();

@@ -61,9 +61,7 @@ std::int64_t LookupIndex::findLowered(std::string_view key) const {
 
 namespace {
 
-std::uint64_t hashOf(std::string_view key) {
-  return std::hash<std::string_view>{}(key);
-}
+std::uint64_t hashOf(std::string_view key) { return std::hash<std::string_view>{}(key); }
 
 }  // namespace
 

@@ -40,7 +40,7 @@ class LookupIndex {
     std::uint64_t hash = 0;
     std::uint64_t offset = 0;  // of the key in keys_
     std::uint32_t length = 0;
-    std::int32_t value = -1;   // -1: the slot is free
+    std::int32_t value = -1;  // -1: the slot is free
   };
   std::size_t slotOf(std::string_view key, std::uint64_t hash) const;
   void rehash(std::size_t slotCount);

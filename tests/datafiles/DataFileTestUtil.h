@@ -24,14 +24,16 @@ inline constexpr char kCipherKey[] = "Lumbergan3_Vxok!";
 // Plain bytes -> file bytes: XOR byte i with key[i % 16], then reverse.
 inline std::string encipher(std::string_view plain) {
   std::string out(plain);
-  for (std::size_t i = 0; i < out.size(); ++i) out[i] = static_cast<char>(out[i] ^ kCipherKey[i & 15]);
+  for (std::size_t i = 0; i < out.size(); ++i)
+    out[i] = static_cast<char>(out[i] ^ kCipherKey[i & 15]);
   return std::string(out.rbegin(), out.rend());
 }
 
 // File bytes -> plain bytes.
 inline std::string decipher(std::string_view file) {
   std::string out(file.rbegin(), file.rend());
-  for (std::size_t i = 0; i < out.size(); ++i) out[i] = static_cast<char>(out[i] ^ kCipherKey[i & 15]);
+  for (std::size_t i = 0; i < out.size(); ++i)
+    out[i] = static_cast<char>(out[i] ^ kCipherKey[i & 15]);
   return out;
 }
 
@@ -106,9 +108,20 @@ inline std::string checkLine(const std::string& id, const std::string& company,
                              const std::string& product, const std::string& version,
                              const std::string& original, const std::string& exe,
                              bool font = false) {
-  std::vector<std::string> v = {id, company, product, version, original, exe,
-                                company + " Inc.", product + " Pro", "120000", "1",
-                                "G1", "Graphics", "1", "/Applications/" + product + ".app"};
+  std::vector<std::string> v = {id,
+                                company,
+                                product,
+                                version,
+                                original,
+                                exe,
+                                company + " Inc.",
+                                product + " Pro",
+                                "120000",
+                                "1",
+                                "G1",
+                                "Graphics",
+                                "1",
+                                "/Applications/" + product + ".app"};
   if (!font) v.insert(v.end(), {"Y", "https://example.com", "Commercial"});
   return rec(v);
 }

@@ -66,15 +66,14 @@ TEST(DataFileFormat, DamagedLayoutsAreRefusedBeforeAnyRecordIsLoaded) {
   const Case cases[] = {
       {"no end line", header + "#CHECKLIST_START\r\n" + record},
       {"end before start", header + "#CHECKLIST_END\r\n" + record + "#CHECKLIST_START\r\n"},
-      {"header end before start", "#HEADER_END\r\n7\r\n#HEADER_START\r\n#CHECKLIST_START\r\n" +
-                                      record + "#CHECKLIST_END\r\n"},
+      {"header end before start",
+       "#HEADER_END\r\n7\r\n#HEADER_START\r\n#CHECKLIST_START\r\n" + record + "#CHECKLIST_END\r\n"},
       {"no header", "#CHECKLIST_START\r\n" + record + "#CHECKLIST_END\r\n"},
       {"start repeated after end",
        header + "#CHECKLIST_START\r\n" + record + "#CHECKLIST_END\r\n#CHECKLIST_START\r\n"},
       {"tag in other case", header + "#checklist_START\r\n" + record + "#CHECKLIST_END\r\n"},
       {"tag with trailing blank", header + "#CHECKLIST_START \r\n" + record + "#CHECKLIST_END\r\n"},
-      {"last line without its end",
-       header + "#CHECKLIST_START\r\n" + record + "#CHECKLIST_END"},
+      {"last line without its end", header + "#CHECKLIST_START\r\n" + record + "#CHECKLIST_END"},
       {"font list tag", header + "#SWLIST_START\r\n" + record + "#SWLIST_END\r\n"},
   };
   TempDir dir;
@@ -100,7 +99,8 @@ TEST(DataFileFormat, EachClassNeedsAllItsSections) {
       dir.writeDataFile("p1", header + "#PACKAGE_START\r\n#PACKAGE_END\r\n"), true));
   FilePackage subBackwards;
   EXPECT_FALSE(subBackwards.openWithFileName(
-      dir.writeDataFile("p2", header + "#PACKAGE_START\r\n#PACKAGE_END\r\n#SUB_END\r\n#SUB_START\r\n"),
+      dir.writeDataFile("p2",
+                        header + "#PACKAGE_START\r\n#PACKAGE_END\r\n#SUB_END\r\n#SUB_START\r\n"),
       true));
   // The font list's record section is "#CHECKLIST", not "#SWLIST".
   FileFontList font;
@@ -109,7 +109,8 @@ TEST(DataFileFormat, EachClassNeedsAllItsSections) {
   // Empty sections are sound.
   FilePackage empty;
   EXPECT_TRUE(empty.openWithFileName(
-      dir.writeDataFile("p3", header + "#SUB_START\r\n#SUB_END\r\n#PACKAGE_START\r\n#PACKAGE_END\r\n"),
+      dir.writeDataFile("p3",
+                        header + "#SUB_START\r\n#SUB_END\r\n#PACKAGE_START\r\n#PACKAGE_END\r\n"),
       true));
   EXPECT_EQ(empty.getPackageIndex("1"), -1);
 }
@@ -153,8 +154,8 @@ TEST(DataFileFormat, HeaderTakesItsLastLineEvenWhenBlank) {
 TEST(DataFileFormat, SecondOpenAppendsRecordsAndKeys) {
   TempDir dir;
   auto file = [&](const char* name, const char* version, const char* record) {
-    return dir.writeDataFile(name, crlf({"#HEADER_START", version, "#HEADER_END",
-                                         "#SWLIST_START", record, "#SWLIST_END"}));
+    return dir.writeDataFile(name, crlf({"#HEADER_START", version, "#HEADER_END", "#SWLIST_START",
+                                         record, "#SWLIST_END"}));
   };
   FileFilter filter;
   ASSERT_TRUE(filter.openWithFileName(file("a", "1", "A\tB\tC\tD"), true));
@@ -169,18 +170,19 @@ TEST(DataFileFormat, RecordLinesWithTheWrongFieldCountAreSkipped) {
   TempDir dir;
   const std::string fontLine = checkLine("F1", "Type", "Serif", "1", "Serif", "serif.ttf", true);
   const std::string softLine = checkLine("S1", "Acme", "Editor", "2", "Editor", "editor");
-  const std::string path = dir.writeDataFile(
-      "x.dat", crlf({"#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START", fontLine,
-                     softLine, "", "#CHECKLIST_END"}));
+  const std::string path =
+      dir.writeDataFile("x.dat", crlf({"#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START",
+                                       fontLine, softLine, "", "#CHECKLIST_END"}));
 
   FileCheckList list;
   LogCapture checkLog;
   ASSERT_TRUE(list.openWithFileName(path, true));
-  EXPECT_EQ(failureLines(checkLog),
-            (std::vector<std::string>{
-                "-[FileCheckList openWithFileName:isFullPath:] (151) // CHECKLIST INSERT FAIL : " +
-                    fontLine,
-                "-[FileCheckList openWithFileName:isFullPath:] (151) // CHECKLIST INSERT FAIL : "}));
+  EXPECT_EQ(
+      failureLines(checkLog),
+      (std::vector<std::string>{
+          "-[FileCheckList openWithFileName:isFullPath:] (151) // CHECKLIST INSERT FAIL : " +
+              fontLine,
+          "-[FileCheckList openWithFileName:isFullPath:] (151) // CHECKLIST INSERT FAIL : "}));
   EXPECT_EQ(column(list.getTableByTag("#CHECKLIST"), "DB_ID"), std::vector<std::string>{"S1"});
 
   FileFontList fonts;
@@ -200,7 +202,8 @@ TEST(DataFileFormat, FilesThatCannotBeReadAreRefusedWithTheirLogLine) {
   };
   const Case cases[] = {
       {dir.file("missing.dat"),
-       "-[FileCheckList openWithFileName:isFullPath:](85) // CHECKLIST FILE OPEN FAIL. error code? 0"},
+       "-[FileCheckList openWithFileName:isFullPath:](85) // CHECKLIST FILE OPEN FAIL. error code? "
+       "0"},
       {dir.file("empty.dat"),
        "-[FileCheckList openWithFileName:isFullPath:](93) // CHECKLIST DECRYPT FAIL."},
   };
@@ -233,9 +236,8 @@ class DamagedFile : public ::testing::Test {
     for (int i = 0; i < 6; ++i) {
       const std::string n = std::to_string(i);
       list.getTableByTag("#CHECKLIST")
-          ->insertRecord(checkLine("ID" + n, "Maker" + n, "Tool" + n, "1." + n, "Tool" + n,
-                                   "tool" + n),
-                         "\t");
+          ->insertRecord(
+              checkLine("ID" + n, "Maker" + n, "Tool" + n, "1." + n, "Tool" + n, "tool" + n), "\t");
     }
     path_ = dir_.file("c.dat");
     ASSERT_TRUE(list.saveAsFileName(path_, true));

@@ -28,18 +28,19 @@ TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {
   TempDir dir;
   FileCheckList list;
   ASSERT_TRUE(list.openWithFileName(
-      dir.writeDataFile("c.dat",
-                        checkListText({
-                            checkLine("A-1", "Acme", "editor", "2.0", "Editor.app", "Editor"),
-                            checkLine("a-1", "Acme", "Viewer", "1.0", "Viewer", "VIEWER"),
-                            checkLine("B-2", "Acme", "Viewer", "1.0", "viewer", "viewer2"),
-                            checkLine("C-3", "\xCE\xA3\xCE\x9F\xCE\xA6\xCE\x99\xCE\x91 Soft",
-                                      "\xCE\x91\xCE\x92\xCE\x93", "1", "x",
-                                      "\xEF\xBC\xA5\xEF\xBC\xA4\xEF\xBC\xA9\xEF\xBC\xB4"),
-                            checkLine("D-4", "\xED\x95\x9C\xEA\xB8\x80\xEC\x86\x8C\xED\x94\x84\xED\x8A\xB8",
-                                      "Hangul", "9", "x", ""),
-                            checkLine("E-5", "Blank", "Exe", "1", "x", ""),
-                        })),
+      dir.writeDataFile(
+          "c.dat",
+          checkListText({
+              checkLine("A-1", "Acme", "editor", "2.0", "Editor.app", "Editor"),
+              checkLine("a-1", "Acme", "Viewer", "1.0", "Viewer", "VIEWER"),
+              checkLine("B-2", "Acme", "Viewer", "1.0", "viewer", "viewer2"),
+              checkLine("C-3", "\xCE\xA3\xCE\x9F\xCE\xA6\xCE\x99\xCE\x91 Soft",
+                        "\xCE\x91\xCE\x92\xCE\x93", "1", "x",
+                        "\xEF\xBC\xA5\xEF\xBC\xA4\xEF\xBC\xA9\xEF\xBC\xB4"),
+              checkLine("D-4", "\xED\x95\x9C\xEA\xB8\x80\xEC\x86\x8C\xED\x94\x84\xED\x8A\xB8",
+                        "Hangul", "9", "x", ""),
+              checkLine("E-5", "Blank", "Exe", "1", "x", ""),
+          })),
       true));
   struct Case {
     const char* what;
@@ -51,9 +52,12 @@ TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {
       {"property, last of a repeated key", list.getIdByProperty("acme\tviewer\t1.0\tVIEWER"), 2},
       {"property with a part missing", list.getIdByProperty("Acme\teditor\t2.0"), -1},
       {"property, Greek capitals",
-       list.getIdByProperty("\xCF\x83\xCE\xBF\xCF\x86\xCE\xB9\xCE\xB1 SOFT\t\xCE\xB1\xCE\xB2\xCE\xB3\t1\tX"), 3},
+       list.getIdByProperty(
+           "\xCF\x83\xCE\xBF\xCF\x86\xCE\xB9\xCE\xB1 SOFT\t\xCE\xB1\xCE\xB2\xCE\xB3\t1\tX"),
+       3},
       {"file name ignores case", list.getIdByFileName("eDiToR"), 0},
-      {"file name, full-width capitals", list.getIdByFileName("\xEF\xBD\x85\xEF\xBD\x84\xEF\xBD\x89\xEF\xBD\x94"), 3},
+      {"file name, full-width capitals",
+       list.getIdByFileName("\xEF\xBD\x85\xEF\xBD\x84\xEF\xBD\x89\xEF\xBD\x94"), 3},
       {"file name, last of the empty names", list.getIdByFileName(""), 5},
       {"file name unknown", list.getIdByFileName("editor.app"), -1},
       {"identifier is exact", list.getIndex("a-1"), 1},
@@ -83,9 +87,8 @@ TEST(FileCheckList, TracesTheNameAndEveryLineItReads) {
   FileCheckList list;
   LogCapture log;
   ASSERT_TRUE(list.openWithFileName(path, true));
-  const std::vector<std::string> expected = {path + "\n",          "#HEADER_START\n",
-                                             "2024.05\n",          "#HEADER_END\n",
-                                             "#CHECKLIST_START\n", record + "\n",
+  const std::vector<std::string> expected = {path + "\n",       "#HEADER_START\n",    "2024.05\n",
+                                             "#HEADER_END\n",   "#CHECKLIST_START\n", record + "\n",
                                              "#CHECKLIST_END\n"};
   std::vector<std::string> traced;
   for (const std::string& line : log.lines())
@@ -134,8 +137,8 @@ TEST(FileFilter, MatchesTheJoinedValuesRegardlessOfCase) {
 
   FileFilter empty;
   ASSERT_TRUE(empty.openWithFileName(
-      dir.writeDataFile("e.dat", crlf({"#HEADER_START", "1", "#HEADER_END", "#SWLIST_START",
-                                       "#SWLIST_END"})),
+      dir.writeDataFile(
+          "e.dat", crlf({"#HEADER_START", "1", "#HEADER_END", "#SWLIST_START", "#SWLIST_END"})),
       true));
   EXPECT_EQ(empty.getIdByFilter(""), -1);
   EXPECT_EQ(empty.getIdByFilter("\t\t\t"), -1);
@@ -168,7 +171,7 @@ TEST(FilePackage, DisplayNameShowsOnlyThePlaceholderSubItem) {
     std::string expected;
   };
   const Case cases[] = {
-      {0, 0, "Office(-)"}, {0, 1, "Office"}, {0, 2, "Office"},
+      {0, 0, "Office(-)"}, {0, 1, "Office"},  {0, 2, "Office"},
       {0, 3, "Office"},    {0, -1, "Office"}, {1, 1, Table::kOutOfBounds},
   };
   for (const Case& c : cases) {

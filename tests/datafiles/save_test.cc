@@ -25,7 +25,8 @@ using testing::TempDir;
 
 const std::string kHangul = "\xED\x95\x9C\xEA\xB8\x80";  // 한글
 
-std::vector<std::vector<std::string>> dump(FileFramework& file, std::initializer_list<const char*> tags) {
+std::vector<std::vector<std::string>> dump(FileFramework& file,
+                                           std::initializer_list<const char*> tags) {
   std::vector<std::vector<std::string>> out;
   for (const char* tag : tags) {
     Table* table = file.getTableByTag(tag);
@@ -37,7 +38,8 @@ std::vector<std::vector<std::string>> dump(FileFramework& file, std::initializer
 
 // Fills `file` with a header and the given lines per tag.
 void fill(FileFramework& file, const std::vector<std::pair<const char*, std::string>>& lines) {
-  for (const auto& [tag, line] : lines) ASSERT_GE(file.getTableByTag(tag)->insertRecord(line, "\t"), 0) << line;
+  for (const auto& [tag, line] : lines)
+    ASSERT_GE(file.getTableByTag(tag)->insertRecord(line, "\t"), 0) << line;
 }
 
 template <typename File>
@@ -61,26 +63,30 @@ void expectRoundTrip(const std::vector<std::pair<const char*, std::string>>& lin
   // The file holds exactly the enciphered contents.
   std::uint64_t size = 0;
   auto contents = reread.getContents(size);
-  EXPECT_EQ(testing::decipher(firstBytes), std::string(reinterpret_cast<char*>(contents.get()), size));
+  EXPECT_EQ(testing::decipher(firstBytes),
+            std::string(reinterpret_cast<char*>(contents.get()), size));
 }
 
 TEST(DataFileSave, AllFourKindsRoundTripWithIdenticalRecords) {
   expectRoundTrip<FileCheckList>(
       {{"#HEADER", "2024.06.01"},
-       {"#CHECKLIST", checkLine("1001", kHangul + "\xEC\x86\x8C\xED\x94\x84\xED\x8A\xB8", "Writer", "3",
-                                "Writer", "writer")},
+       {"#CHECKLIST", checkLine("1001", kHangul + "\xEC\x86\x8C\xED\x94\x84\xED\x8A\xB8", "Writer",
+                                "3", "Writer", "writer")},
        {"#CHECKLIST", checkLine("1002", "Northwind", "Sketch", "", "", "")},
        {"#CHECKLIST", checkLine("1001", "Northwind", "Sketch", "2", "Sketch", "sketch")}},
       {"#HEADER", "#CHECKLIST"});
-  expectRoundTrip<FilePackage>({{"#HEADER", "7"},
-                                {"#PACKAGE", "P1\tNorthwind\tOffice " + kHangul + "\t1\tG1\tSuite\t1\tY"},
-                                {"#SUB", "P1\t-\t120000\tY"},
-                                {"#SUB", "P1\tStandard\t99000\tN"}},
-                               {"#HEADER", "#PACKAGE", "#SUB"});
-  expectRoundTrip<FileFilter>({{"#HEADER", "1"}, {"#SWLIST", "A\t\t\t"}, {"#SWLIST", kHangul + "\tB\tC\tD"}},
-                              {"#HEADER", "#SWLIST"});
+  expectRoundTrip<FilePackage>(
+      {{"#HEADER", "7"},
+       {"#PACKAGE", "P1\tNorthwind\tOffice " + kHangul + "\t1\tG1\tSuite\t1\tY"},
+       {"#SUB", "P1\t-\t120000\tY"},
+       {"#SUB", "P1\tStandard\t99000\tN"}},
+      {"#HEADER", "#PACKAGE", "#SUB"});
+  expectRoundTrip<FileFilter>(
+      {{"#HEADER", "1"}, {"#SWLIST", "A\t\t\t"}, {"#SWLIST", kHangul + "\tB\tC\tD"}},
+      {"#HEADER", "#SWLIST"});
   expectRoundTrip<FileFontList>(
-      {{"#HEADER", "3"}, {"#CHECKLIST", checkLine("F1", kHangul, "Myungjo", "1", "M", "myungjo.ttf", true)}},
+      {{"#HEADER", "3"},
+       {"#CHECKLIST", checkLine("F1", kHangul, "Myungjo", "1", "M", "myungjo.ttf", true)}},
       {"#HEADER", "#CHECKLIST"});
 }
 
@@ -102,10 +108,9 @@ TEST(DataFileSave, TextIsFoldedThenStoredAsMacKorean) {
   const std::string bytes(reinterpret_cast<char*>(contents.get()), size);
   // Folding replaces accented letters case-blindly, in its fixed order: the
   // "é" of "Café" meets the row for "É" first.
-  EXPECT_EQ(MacKorean::decode(bytes),
-            "#HEADER_START\r\n1\r\n#HEADER_END\r\n#SWLIST_START\r\n" +
-                CommonLib::encodingForSpecialCharacter("Caf\xC3\xA9") + "\t" + kHangul +
-                "\tx\ty\r\n#SWLIST_END\r\n");
+  EXPECT_EQ(MacKorean::decode(bytes), "#HEADER_START\r\n1\r\n#HEADER_END\r\n#SWLIST_START\r\n" +
+                                          CommonLib::encodingForSpecialCharacter("Caf\xC3\xA9") +
+                                          "\t" + kHangul + "\tx\ty\r\n#SWLIST_END\r\n");
   EXPECT_EQ(bytes.find("\xC3\xA9"), std::string::npos);
   EXPECT_NE(bytes.find("\xC7\xD1\xB1\xDB"), std::string::npos);  // 한글 in EUC-KR
 }
@@ -183,7 +188,8 @@ TEST(DataFileSave, BareNamesResolveInTheLibraryFolder) {
   testing::SettingsSandbox sandbox;
   const std::optional<std::string> library = CVUserDefaults::standardUserDefaults()->libraryPath();
   ASSERT_TRUE(library.has_value());
-  EXPECT_EQ(FileFramework::resolvePath("macfilterlist.dat", false), *library + "/macfilterlist.dat");
+  EXPECT_EQ(FileFramework::resolvePath("macfilterlist.dat", false),
+            *library + "/macfilterlist.dat");
   EXPECT_EQ(FileFramework::resolvePath("/x/y.dat", true), "/x/y.dat");
 
   FileFilter filter;

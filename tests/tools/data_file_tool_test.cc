@@ -2,10 +2,10 @@
 // the sample files and on files damaged on purpose.
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "DataFileTool.h"
@@ -44,7 +44,8 @@ TEST(DataFileTool, ShowDetectsTheKindAndAlignsWideText) {
   std::size_t header = 0, korean = 0;
   for (const std::string& row : rows) {
     if (row.starts_with("DB_ID")) header = displayWidth(row.substr(0, row.find("SW_TYPE")));
-    if (row.starts_with("PK2002") && korean == 0) korean = displayWidth(row.substr(0, row.find("1 ")));
+    if (row.starts_with("PK2002") && korean == 0)
+      korean = displayWidth(row.substr(0, row.find("1 ")));
   }
   EXPECT_GT(header, 0u);
   EXPECT_EQ(header, korean);
@@ -80,7 +81,8 @@ TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
       inputs.push_back(file);
     }
     const std::string rebuilt = dir.file("rebuilt.dat");
-    const Outcome built = run([&](auto&, auto& err) { return buildDataFileFromTsv(kind, inputs, rebuilt, err); });
+    const Outcome built =
+        run([&](auto&, auto& err) { return buildDataFileFromTsv(kind, inputs, rebuilt, err); });
     ASSERT_EQ(built.status, 0) << built.err;
     EXPECT_EQ(quarvel::testing::readBytes(rebuilt), quarvel::testing::readBytes(sample(name)));
   }
@@ -96,11 +98,15 @@ TEST(DataFileTool, LookupAnswersEachKindsKeys) {
   const Case cases[] = {
       {"macchecklist.dat", {.exe = "PhotoLoom6"}, 0, "DB_ID          SW100102"},
       {"macchecklist.dat",
-       {.property = "brightpath labs\\tPHOTOLOOM\\t5.2\\tPhotoLoom"}, 0, "#CHECKLIST record 0"},
+       {.property = "brightpath labs\\tPHOTOLOOM\\t5.2\\tPhotoLoom"},
+       0,
+       "#CHECKLIST record 0"},
       {"macchecklist.dat", {.id = "sw100101"}, 1, ""},
       {"macchecklist.dat", {.filter = "a\\tb\\tc\\td"}, 2, ""},
       {"fontchecklist.dat", {.exe = "kestrelsans-bold.OTF"}, 0, "DB_ID          FT300302"},
-      {"macfilterlist.dat", {.filter = "KESTREL AUDIO\\twavesmith demo\\t3.0\\tWaveSmithDemo"}, 0,
+      {"macfilterlist.dat",
+       {.filter = "KESTREL AUDIO\\twavesmith demo\\t3.0\\tWaveSmithDemo"},
+       0,
        "#SWLIST record 4"},
       {"macpcklist.dat", {.package = "PK2001", .sub = 1}, 0, "display name: Tidewell Office"},
       {"macpcklist.dat", {.package = "PK2001", .sub = 0}, 0, "display name: Tidewell Office(-)"},
@@ -123,32 +129,40 @@ TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
   TempDir dir;
   const std::string good = quarvel::testing::checkLine("1", "Acme", "Draw", "1", "Draw", "draw");
   const std::string twin = quarvel::testing::checkLine("2", "Acme", "Paint", "1", "Paint", "DRAW");
-  const std::string font = quarvel::testing::checkLine("3", "Acme", "Font", "1", "F", "f.ttf", true);
-  const std::string folded = quarvel::testing::checkLine("4", "\xC3\x98resund Soft", "Menu", "1", "M", "menu");
-  std::string plain = *MacKorean::encode(quarvel::testing::crlf(
-      {"stray", "#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START", good, twin, font, folded}));
+  const std::string font =
+      quarvel::testing::checkLine("3", "Acme", "Font", "1", "F", "f.ttf", true);
+  const std::string folded =
+      quarvel::testing::checkLine("4", "\xC3\x98resund Soft", "Menu", "1", "M", "menu");
+  std::string plain =
+      *MacKorean::encode(quarvel::testing::crlf({"stray", "#HEADER_START", "1", "#HEADER_END",
+                                                 "#CHECKLIST_START", good, twin, font, folded}));
   plain += "\xA1\x20\r\n";                   // no Mac Korean text
   plain += std::string(2100, 'x') + "\r\n";  // too long a line
   plain += "#CHECKLIST_END\r\n";
   const std::string path = dir.writeRawDataFile("c.dat", plain);
-  const Outcome checked = run([&](auto& out, auto& err) { return checkDataFile(path, std::nullopt, out, err); });
+  const Outcome checked =
+      run([&](auto& out, auto& err) { return checkDataFile(path, std::nullopt, out, err); });
   EXPECT_EQ(checked.status, 1);
   for (const char* expected : {
            "line 1: warning: outside every section; ignored",
            "line 7: warning: EXE_FILE \"DRAW\" repeats line 6; look-ups answer this record, line 6 "
            "is unreachable",
            "line 8: error: #CHECKLIST record with 14 fields, 17 expected; the reader refuses it",
-           "line 9: warning: COMPANY: folding on save turns \"\xC3\x98resund Soft\" into \"Oresund Soft\"",
+           "line 9: warning: COMPANY: folding on save turns \"\xC3\x98resund Soft\" into \"Oresund "
+           "Soft\"",
            "line 10: error: not Mac Korean text; the reader drops this line",
-           "line 11: error: 2100 bytes, longer than the 2047 a line may hold; the reader drops this line",
+           "line 11: error: 2100 bytes, longer than the 2047 a line may hold; the reader drops "
+           "this line",
            "c.dat: 3 errors, 4 warnings",
        }) {
-    EXPECT_NE(checked.out.find(std::string(expected) + "\n"), std::string::npos) << expected << "\n" << checked.out;
+    EXPECT_NE(checked.out.find(std::string(expected) + "\n"), std::string::npos) << expected << "\n"
+                                                                                 << checked.out;
   }
 
   const std::string damaged = dir.writeDataFile(
       "d.dat", quarvel::testing::crlf({"#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START"}));
-  const Outcome refused = run([&](auto& out, auto& err) { return checkDataFile(damaged, std::nullopt, out, err); });
+  const Outcome refused =
+      run([&](auto& out, auto& err) { return checkDataFile(damaged, std::nullopt, out, err); });
   EXPECT_EQ(refused.status, 1);
   EXPECT_NE(refused.out.find("error: section #CHECKLIST has no end line"), std::string::npos);
   EXPECT_NE(refused.out.find("the reader refuses this file as damaged"), std::string::npos);
@@ -167,7 +181,8 @@ TEST(DataFileTool, BuildingFromTsvNamesTheFaultyRow) {
   const Case cases[] = {
       {{dir.file("SWLIST.tsv")}, dir.file("SWLIST.tsv") + ":3: 3 fields, #SWLIST has 4\n"},
       {{dir.file("BOGUS.tsv")}, "has no section #BOGUS"},
-      {{dir.file("HEADER.tsv")}, dir.file("HEADER.tsv") + ":1: the first row must name the fields: Version\n"},
+      {{dir.file("HEADER.tsv")},
+       dir.file("HEADER.tsv") + ":1: the first row must name the fields: Version\n"},
   };
   for (const Case& c : cases) {
     const Outcome built = run([&](auto&, auto& err) {
