@@ -37,8 +37,8 @@ std::string slug(std::string_view text, std::size_t n) {
 
 }  // namespace
 
-std::string generateCheckListText(std::size_t records, std::uint32_t seed) {
-  std::mt19937 random(seed);
+std::string generateCheckListText(std::size_t records, std::uint32_t variant) {
+  std::mt19937 random(variant);
   auto pick = [&](const auto& list) { return list[random() % list.size()]; };
   std::string text = "#HEADER_START\r\n2024.06.14\r\n#HEADER_END\r\n#CHECKLIST_START\r\n";
   text.reserve(records * 230 + 128);
@@ -80,9 +80,9 @@ std::string generateCheckListText(std::size_t records, std::uint32_t seed) {
   return text;
 }
 
-bool writeCheckListFile(const std::string& path, std::size_t records, std::uint32_t seed) {
+bool writeCheckListFile(const std::string& path, std::size_t records, std::uint32_t variant) {
   FileCheckList list;
-  const std::string text = generateCheckListText(records, seed);
+  const std::string text = generateCheckListText(records, variant);
   std::size_t at = text.find("#CHECKLIST_START\r\n") + 18;
   list.getTableByTag("#HEADER")->insertRecord("2024.06.14", "\t");
   Table* table = list.getTableByTag("#CHECKLIST");

@@ -1,4 +1,4 @@
-// gen_checklist RECORDS OUTFILE [SEED]: writes a generated check list of
+// gen_checklist RECORDS OUTFILE [VARIANT]: writes a generated check list of
 // RECORDS records as an enciphered data file (200,000 records make about
 // 40 MB).
 
@@ -10,12 +10,12 @@
 
 int main(int argc, char** argv) {
   if (argc < 3) {
-    std::fprintf(stderr, "usage: %s RECORDS OUTFILE [SEED]\n", argv[0]);
+    std::fprintf(stderr, "usage: %s RECORDS OUTFILE [VARIANT]\n", argv[0]);
     return 2;
   }
   const std::size_t records = std::strtoull(argv[1], nullptr, 10);
-  const auto seed = static_cast<std::uint32_t>(argc > 3 ? std::strtoul(argv[3], nullptr, 10) : 1);
-  if (!quarvel::bench::writeCheckListFile(argv[2], records, seed)) {
+  const auto variant = static_cast<std::uint32_t>(argc > 3 ? std::strtoul(argv[3], nullptr, 10) : 1);
+  if (!quarvel::bench::writeCheckListFile(argv[2], records, variant)) {
     std::fprintf(stderr, "%s: not written\n", argv[2]);
     return 1;
   }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # fuzz.sh [SECONDS]: builds the libFuzzer targets with clang under
 # AddressSanitizer and UndefinedBehaviorSanitizer and runs each for SECONDS
-# (default 30) from its seed corpus. A finding fails the script.
+# (default 30) from its starting corpus. A finding fails the script.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-30}
