@@ -40,11 +40,7 @@ Table* FileCheckList::getTableByTag(std::string_view tag) {
 
 std::string FileCheckList::propertyKey(std::string_view company, std::string_view product,
                                        std::string_view version, std::string_view originalFile) {
-  std::string key;
-  key.reserve(company.size() + product.size() + version.size() + originalFile.size() + 3);
-  key.append(company).append("\t").append(product).append("\t");
-  key.append(version).append("\t").append(originalFile);
-  return lowerKey(key);
+  return lowerRecordKey(company, product, version, originalFile);
 }
 
 bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPath) {

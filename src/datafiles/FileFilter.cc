@@ -21,11 +21,7 @@ Table* FileFilter::getTableByTag(std::string_view tag) {
 
 std::string FileFilter::filterKey(std::string_view company, std::string_view product,
                                   std::string_view version, std::string_view originalFile) {
-  std::string key;
-  key.reserve(company.size() + product.size() + version.size() + originalFile.size() + 3);
-  key.append(company).append("\t").append(product).append("\t");
-  key.append(version).append("\t").append(originalFile);
-  return lowerKey(key);
+  return lowerRecordKey(company, product, version, originalFile);
 }
 
 bool FileFilter::openWithFileName(const std::string& fileName, bool isFullPath) {
@@ -58,12 +54,6 @@ bool FileFilter::saveAsFileName(const std::string& fileName, bool isFullPath) {
   std::uint64_t size = 0;
   std::unique_ptr<unsigned char[]> contents = getContents(size);
   return writeContents(path, contents.get(), size);
-}
-
-bool FileFilter::save() {
-  const std::optional<std::string> fileName = m_strFileName();
-  if (!fileName || fileName->empty()) return false;
-  return saveAsFileName(*fileName, true);
 }
 
 int FileFilter::getIdByFilter(std::string_view filter) const {

@@ -51,12 +51,6 @@ bool FileFontList::saveAsFileName(const std::string& fileName, bool isFullPath) 
   return writeContents(path, contents.get(), size);
 }
 
-bool FileFontList::save() {
-  const std::optional<std::string> fileName = m_strFileName();
-  if (!fileName || fileName->empty()) return false;
-  return saveAsFileName(*fileName, true);
-}
-
 int FileFontList::getIdByFileName(std::string_view fileName) const {
   return static_cast<int>(m_pDicFileName.findLowered(fileName));
 }

@@ -29,7 +29,6 @@ class FileFontList : public FileFramework {
   // "#HEADER" or "#CHECKLIST" (exact); null otherwise.
   Table* getTableByTag(std::string_view tag) override;
   bool openWithFileName(const std::string& fileName, bool isFullPath) override;
-  bool save() override;
   bool saveAsFileName(const std::string& fileName, bool isFullPath) override;
   // As FileCheckList::getContents.
   std::unique_ptr<unsigned char[]> getContents(std::uint64_t& size);

@@ -47,7 +47,11 @@ void FileFramework::addToByteArray(std::vector<unsigned char>&, std::string_view
 Table* FileFramework::newTableWithTag(std::string_view, bool) { return nullptr; }
 Table* FileFramework::getTableByTag(std::string_view) { return nullptr; }
 bool FileFramework::openWithFileName(const std::string&, bool) { return false; }
-bool FileFramework::save() { return false; }
+bool FileFramework::save() {
+  const std::optional<std::string> fileName = m_strFileName();
+  if (!fileName || fileName->empty()) return false;
+  return saveAsFileName(*fileName, true);
+}
 bool FileFramework::saveAsFileName(const std::string&, bool) { return false; }
 
 std::string FileFramework::resolvePath(const std::string& fileName, bool isFullPath) {

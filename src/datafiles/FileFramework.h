@@ -67,7 +67,8 @@ class FileFramework {
   // the look-up indexes. False when the file cannot be opened, deciphered or
   // is damaged; the tables are then unchanged. The base answers false.
   virtual bool openWithFileName(const std::string& fileName, bool isFullPath);
-  // saveAsFileName(m_strFileName, true); false when nothing was opened.
+  // saveAsFileName(m_strFileName, true); false when nothing was opened
+  // (and always in the base, whose saveAsFileName answers false).
   virtual bool save();
   // Writes the tables to the file. False when the text cannot be encoded,
   // the file cannot be written or (all classes but FilePackage) its folder

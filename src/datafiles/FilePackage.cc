@@ -56,12 +56,6 @@ bool FilePackage::saveAsFileName(const std::string& fileName, bool isFullPath) {
   return writeContents(path, contents.get(), size);
 }
 
-bool FilePackage::save() {
-  const std::optional<std::string> fileName = m_strFileName();
-  if (!fileName || fileName->empty()) return false;
-  return saveAsFileName(*fileName, true);
-}
-
 int FilePackage::getPackageIndex(std::string_view packageId) {
   if (m_pDicPackageId2Idx.empty()) {
     const std::uint64_t count = m_pPackage.getDataCount();

@@ -47,6 +47,15 @@ void lowerKeyInto(std::string& out, std::string_view text) {
   }
 }
 
+std::string lowerRecordKey(std::string_view company, std::string_view product,
+                           std::string_view version, std::string_view originalFile) {
+  std::string key;
+  key.reserve(company.size() + product.size() + version.size() + originalFile.size() + 3);
+  key.append(company).append("\t").append(product).append("\t");
+  key.append(version).append("\t").append(originalFile);
+  return lowerKey(key);
+}
+
 std::string lowerKey(std::string_view text) {
   std::string out;
   lowerKeyInto(out, text);

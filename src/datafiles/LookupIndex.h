@@ -19,6 +19,10 @@ namespace quarvel {
 std::string lowerKey(std::string_view text);
 // The same into `out`, reusing its storage.
 void lowerKeyInto(std::string& out, std::string_view text);
+// The lower-cased key "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE" of a record:
+// the check list's property key and the filter list's filter key.
+std::string lowerRecordKey(std::string_view company, std::string_view product,
+                           std::string_view version, std::string_view originalFile);
 
 class LookupIndex {
  public:
