@@ -37,6 +37,10 @@ std::string deletingLastPathComponent(std::string_view path);
 // True when `text` is well-formed UTF-8.
 bool isValidUtf8(std::string_view text);
 
+// Appends the UTF-8 form of `c`. Any value below 0x110000 is written,
+// surrogates included (as their three-byte form); larger values add nothing.
+void appendUtf8(std::string& out, char32_t c);
+
 // Number of UTF-16 code units the text occupies (surrogate pairs count 2).
 std::size_t utf16Length(std::string_view utf8);
 
