@@ -4,7 +4,8 @@
 // Every setting lives in one in-memory dictionary, `defaultsDic`, mirroring
 // the private persistent domain "com.Corvane.Defaults" (a property-list file,
 // $XDG_CONFIG_HOME/com.Corvane.Defaults.plist). Each write stores the whole
-// dictionary back. The object also answers the work-folder layout, the
+// dictionary back, merged under a file lock with what other processes wrote
+// since this one last read the file. The object also answers the work-folder layout, the
 // machine's network identity, and runs shell commands and HTTP requests.
 //
 // Threads: the first class call must come from one thread before any other
