@@ -82,19 +82,24 @@ std::optional<std::string> listFileForRequest(std::string_view path, const Query
   return std::nullopt;
 }
 
+void answerListRequest(const std::string& folder, const httplib::Request& request,
+                       httplib::Response& response) {
+  std::optional<std::string> body;
+  if (auto name = listFileForRequest(request.path, request.params)) {
+    body = readPlainFile(folder, *name);
+  }
+  if (body) {
+    response.set_content(std::move(*body), "application/octet-stream");
+  } else {
+    response.status = 404;
+    response.set_content("Not Found\n", "text/plain");
+  }
+}
+
 ListServer::ListServer(std::string folder)
     : folder_(std::move(folder)), server_(std::make_unique<httplib::Server>()) {
   server_->Get(".*", [this](const httplib::Request& request, httplib::Response& response) {
-    std::optional<std::string> body;
-    if (auto name = listFileForRequest(request.path, request.params)) {
-      body = readPlainFile(folder_, *name);
-    }
-    if (body) {
-      response.set_content(std::move(*body), "application/octet-stream");
-    } else {
-      response.status = 404;
-      response.set_content("Not Found\n", "text/plain");
-    }
+    answerListRequest(folder_, request, response);
   });
   server_->set_logger([](const httplib::Request& request, const httplib::Response& response) {
     logf("serve: %s \"%s %s\" %d %zu", request.remote_addr.c_str(), request.method.c_str(),

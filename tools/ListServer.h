@@ -13,7 +13,9 @@
 
 namespace httplib {
 class Server;
-}
+struct Request;
+struct Response;
+}  // namespace httplib
 
 namespace quarvel::cli {
 
@@ -32,6 +34,11 @@ std::optional<std::string> listFileForRequest(std::string_view path, const Query
 // A non-empty name without '/', NUL or control characters that is not "."
 // or "..": something that can only name an entry directly in a folder.
 bool isPlainFileName(std::string_view name);
+
+// Answers one request: the bytes of the file listFileForRequest names when
+// it is a regular file directly in `folder` (not a link), else 404.
+void answerListRequest(const std::string& folder, const httplib::Request& request,
+                       httplib::Response& response);
 
 class ListServer {
  public:
