@@ -27,6 +27,9 @@ TEST(DesktopEntry, ProgramOfExecSeesThroughQuotingAndWrappers) {
        "--file-forwarding com.acme.Editor @@u %U @@",
        "acme-bin"},
       {"flatpak run --branch=stable com.acme.Editor %U", "com.acme.Editor"},
+      // An empty command or app id is passed over, never answered.
+      {"flatpak run --command= com.acme.Editor", "com.acme.Editor"},
+      {"flatpak run \"\" com.acme.Editor", "com.acme.Editor"},
       {"  spaced   ", "spaced"},
       {"", std::nullopt},
       {"env FOO=1", std::nullopt},

@@ -101,9 +101,14 @@ std::optional<std::string> programOfExec(std::string_view value) {
   if (i >= args.size()) return std::nullopt;
   if (lastPathComponent(args[i]) == "flatpak" && i + 1 < args.size() && args[i + 1] == "run") {
     std::optional<std::string> appId;
+    // An empty command or app id names nothing; the search goes on.
     for (std::size_t j = i + 2; j < args.size(); ++j) {
-      if (args[j].starts_with("--command=")) return lastPathComponent(args[j].substr(10));
-      if (!appId && !args[j].starts_with('-') && !args[j].starts_with('@') &&
+      if (args[j].starts_with("--command=")) {
+        if (std::string command = lastPathComponent(args[j].substr(10)); !command.empty())
+          return command;
+        continue;
+      }
+      if (!appId && !args[j].empty() && !args[j].starts_with('-') && !args[j].starts_with('@') &&
           !args[j].starts_with('%'))
         appId = args[j];
     }
