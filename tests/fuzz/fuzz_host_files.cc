@@ -1,11 +1,12 @@
-// The files the host readers take from sysfs, /proc and the user's config,
-// laid out under a scratch root from arbitrary bytes: the parts of the input,
-// split at zero bytes, are in turn a network interface's ifindex, iflink,
-// type, flags and uevent, the bus of its device, the USB product name, a
-// disk's removable flag, the bus of its controller, the mount table and
-// user-dirs.dirs. A missing part leaves its file out; a bus that is no plain
-// name leaves its link out. The readers run over the tree as they would over
-// the machine's and must agree with one another.
+// The files the host readers take from sysfs, /proc, /etc and the user's
+// config, from arbitrary bytes: the parts of the input, split at zero bytes,
+// are in turn a network interface's ifindex, iflink, type, flags and uevent,
+// the bus of its device, the USB product name, a disk's removable flag, the
+// bus of its controller, the mount table, user-dirs.dirs and os-release. All
+// but the last are laid out under a scratch root; a missing part leaves its
+// file out, a bus that is no plain name leaves its link out. The readers run
+// over the tree as they would over the machine's and must agree with one
+// another.
 
 #include <unistd.h>
 
@@ -21,6 +22,7 @@
 #include <string_view>
 
 #include "quarvel/common/StringUtil.h"
+#include "quarvel/common/detail/CommonLibDetail.h"
 #include "quarvel/settings/HostEnvironment.h"
 #include "quarvel/settings/MountTable.h"
 #include "quarvel/settings/SysfsServices.h"
@@ -43,6 +45,7 @@ enum Part {
   kDiskBus,
   kMountInfo,
   kUserDirs,
+  kOsRelease,
   kPartCount
 };
 
@@ -61,7 +64,7 @@ struct Tree {
   fs::path controller = sys / "devices/pci0";
   fs::path disk = controller / "host0/block/sdb";
   fs::path config = root / "config";
-  std::array<fs::path, kPartCount> files;
+  std::array<fs::path, kOsRelease> files;  // where the parts that are files go
 
   Tree() {
     fs::remove_all(root);
@@ -99,7 +102,7 @@ std::array<std::optional<std::string>, kPartCount> layOut(std::string_view input
     parts[i] = std::string(input.substr(0, end));
     input = end == std::string_view::npos ? std::string_view() : input.substr(end + 1);
   }
-  for (std::size_t i = 0; i < kPartCount; ++i) {
+  for (std::size_t i = 0; i < tree.files.size(); ++i) {
     std::error_code ec;
     fs::remove(tree.files[i], ec);
     if (!parts[i]) continue;
@@ -169,5 +172,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string documents = xdgDocumentsDirectory("/home/fuzz", tree.config.string());
   if (documents.empty() || documents[0] != '/') fail("documents folder not absolute");
   if (documents.size() > 1 && documents.back() == '/') fail("documents folder ends in '/'");
+
+  // The system's name and version, one line ending in the kernel's release.
+  const std::string version = detail::systemVersionText(parts[kOsRelease].value_or(""), "6.1.0");
+  if (!version.ends_with(" (Kernel 6.1.0)") || version.size() == 15 ||
+      version.find('\n') != std::string::npos)
+    fail("system version text malformed");
   return 0;
 }
