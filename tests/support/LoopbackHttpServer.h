@@ -1,14 +1,19 @@
 #pragma once
 // A minimal HTTP/1.1 server on 127.0.0.1 (a free port) for tests of HTTP
 // clients. Unlike a general-purpose server it keeps the body of any method,
-// GET included, and can misbehave on purpose: close without answering, or
-// hold the connection open in silence.
+// GET included, and can misbehave on purpose: close without answering, hold
+// the connection open in silence, break an answer off part-way (a reset or a
+// silent stall), or let the body trickle out piece by piece.
 //
 //   quarvel::testing::LoopbackHttpServer server([](const auto& request) {
 //     return quarvel::testing::HttpReply::text("203.0.113.5\n");
 //   });
 //   client.get(server.url("/ip"));
 //   server.requests();  // what arrived, in order
+//
+// Connections are served one after another on one thread; a trickling
+// answer keeps the next client waiting. Silent connections are closed once
+// their client has gone.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -16,6 +21,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <chrono>
@@ -38,15 +44,31 @@ struct HttpReceived {
 
 struct HttpReply {
   enum class Kind { Answer, Close, Silence };
+  // Where an answer stops: after the whole body, or after `cutAt` bytes of
+  // it with a reset (RST) or with the connection left open in silence.
+  enum class Cut { None, Reset, Stall };
   Kind kind = Kind::Answer;
   int status = 200;
-  std::string body;
+  std::string body;  // the head always announces all of it
+  Cut cut = Cut::None;
+  std::size_t cutAt = 0;
+  std::size_t piece = 0;               // when set, the body goes out in pieces
+  std::chrono::milliseconds pause{0};  // of this size, each after this pause
 
   static HttpReply text(std::string body, int status = 200) {
     return {Kind::Answer, status, std::move(body)};
   }
   static HttpReply closeWithoutAnswer() { return {Kind::Close, 0, ""}; }
   static HttpReply silence() { return {Kind::Silence, 0, ""}; }
+  static HttpReply resetAfter(std::string body, std::size_t bytes) {
+    return {Kind::Answer, 200, std::move(body), Cut::Reset, bytes};
+  }
+  static HttpReply stallAfter(std::string body, std::size_t bytes) {
+    return {Kind::Answer, 200, std::move(body), Cut::Stall, bytes};
+  }
+  static HttpReply trickle(std::string body, std::size_t piece, std::chrono::milliseconds pause) {
+    return {Kind::Answer, 200, std::move(body), Cut::None, 0, piece, pause};
+  }
 };
 
 class LoopbackHttpServer {
@@ -92,12 +114,34 @@ class LoopbackHttpServer {
 
   void serve() {
     while (!stop_) {
+      closeAbandoned();
       pollfd p{listener_, POLLIN, 0};
       if (::poll(&p, 1, 20) <= 0) continue;
       int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
       if (fd < 0) continue;
       handle(fd);
     }
+  }
+
+  // Closes the silent connections whose client has hung up.
+  void closeAbandoned() {
+    std::erase_if(held_, [](int fd) {
+      pollfd p{fd, POLLIN, 0};
+      char byte;
+      if (::poll(&p, 1, 0) <= 0 || ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0) return false;
+      ::close(fd);
+      return true;
+    });
+  }
+
+  static bool sendAll(int fd, const char* data, std::size_t size) {
+    while (size > 0) {
+      ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
+      if (n <= 0) return false;
+      data += n;
+      size -= static_cast<std::size_t>(n);
+    }
+    return true;
   }
 
   bool readMore(int fd, std::string& buffer) {
@@ -163,15 +207,32 @@ class LoopbackHttpServer {
       case HttpReply::Kind::Answer:
         break;
     }
-    std::string response = "HTTP/1.1 " + std::to_string(reply.status) + " Answer\r\n" +
-                           "Content-Type: text/plain; charset=utf-8\r\n" +
-                           "Content-Length: " + std::to_string(reply.body.size()) +
-                           "\r\nConnection: close\r\n\r\n" + reply.body;
-    std::size_t sent = 0;
-    while (sent < response.size()) {
-      ssize_t n = ::send(fd, response.data() + sent, response.size() - sent, MSG_NOSIGNAL);
-      if (n <= 0) break;
-      sent += static_cast<std::size_t>(n);
+    answer(fd, reply);
+  }
+
+  // Sends the head and the body as far as the reply lets it go, then ends
+  // the connection as the reply says.
+  void answer(int fd, const HttpReply& reply) {
+    const std::string head = "HTTP/1.1 " + std::to_string(reply.status) + " Answer\r\n" +
+                             "Content-Type: text/plain; charset=utf-8\r\n" +
+                             "Content-Length: " + std::to_string(reply.body.size()) +
+                             "\r\nConnection: close\r\n\r\n";
+    const std::size_t end = reply.cut == HttpReply::Cut::None
+                                ? reply.body.size()
+                                : std::min(reply.cutAt, reply.body.size());
+    const std::size_t piece = reply.piece ? reply.piece : std::max<std::size_t>(end, 1);
+    bool ok = sendAll(fd, head.data(), head.size());
+    for (std::size_t at = 0; ok && at < end && !stop_; at += piece) {
+      std::this_thread::sleep_for(reply.pause);
+      ok = sendAll(fd, reply.body.data() + at, std::min(piece, end - at));
+    }
+    if (reply.cut == HttpReply::Cut::Stall) {
+      held_.push_back(fd);
+      return;
+    }
+    if (reply.cut == HttpReply::Cut::Reset) {
+      linger abort{1, 0};  // close with a reset instead of an orderly end
+      ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
     }
     ::close(fd);
   }
