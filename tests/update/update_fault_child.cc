@@ -1,0 +1,104 @@
+// A second process for the disk-fault tests of the update run. It takes on
+// the fault while it still has one thread, runs one update against the list
+// server HOST:PORT in the settings environment it inherits, and prints the
+// outcome as lines of NAME=VALUE.
+//
+//   update_fault_child fsize BYTES HOST:PORT   writes beyond BYTES fail (EFBIG)
+//   update_fault_child readonly HOST:PORT      file permissions bind, even as root
+//
+// Exit status 0 after a run, 77 when permissions do not bind this process,
+// 2 on bad arguments or a run that does not end.
+#include <linux/capability.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+#include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/update/UpdateRun.h"
+
+namespace {
+
+class PrintingView : public quarvel::UpdateView {
+ public:
+  void setStatusText(const std::string& text) override {
+    std::lock_guard lock(mutex_);
+    status_ = text;
+  }
+  void setProgress(double) override {}
+  void errorAlert(const std::string& code) override {
+    std::lock_guard lock(mutex_);
+    alerts_ += alerts_.empty() ? code : "," + code;
+  }
+  void close() override {}
+  void print() const {
+    std::lock_guard lock(mutex_);
+    std::printf("alerts=%s\nstatus=%s\n", alerts_.c_str(), status_.c_str());
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::string status_;
+  std::string alerts_;
+};
+
+// Drops the capabilities that let root write past file permissions. Raw
+// system calls: the process has one thread here, and later threads inherit.
+bool dropPermissionOverrides() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[2] = {};
+  if (::syscall(SYS_capget, &header, data) != 0) return false;
+  const unsigned mask = (1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH) | (1u << CAP_FOWNER);
+  data[0].effective &= ~mask;
+  data[0].permitted &= ~mask;
+  data[0].inheritable &= ~mask;
+  return ::syscall(SYS_capset, &header, data) == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace std::chrono_literals;
+  std::string server;
+  bool readOnly = false;
+  if (argc == 4 && std::strcmp(argv[1], "fsize") == 0) {
+    std::signal(SIGXFSZ, SIG_IGN);  // a write past the limit fails instead
+    rlimit limit{};
+    ::getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = std::strtoull(argv[2], nullptr, 10);
+    if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
+    server = argv[3];
+  } else if (argc == 3 && std::strcmp(argv[1], "readonly") == 0) {
+    if (!dropPermissionOverrides()) return 77;
+    readOnly = true;
+    server = argv[2];
+  } else {
+    return 2;
+  }
+
+  auto* settings = quarvel::CVUserDefaults::standardUserDefaults();
+  const std::string library = settings->libraryPath().value_or("");
+  if (readOnly && ::access(library.c_str(), W_OK) == 0) return 77;
+
+  quarvel::UpdateOptions options;
+  options.listServer = "http://" + server;
+  options.fileServer = options.listServer;
+  options.dataFileTimeout = 5s;
+  options.pacing = 5ms;
+  options.networkCheck = [] { return true; };
+  options.dayOfMonth = [] { return std::string("07"); };
+  auto view = std::make_shared<PrintingView>();
+  auto run = quarvel::UpdateRun::create(view, options);
+  run->start();
+  if (!run->waitUntilFinished(60s)) return 2;
+  std::printf("outcome=%lld\n", static_cast<long long>(run->updateStatus()));
+  view->print();
+  return 0;
+}

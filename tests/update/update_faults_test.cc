@@ -1,0 +1,367 @@
+// The download run against a misbehaving server and a disk that refuses
+// writes. Whatever goes wrong, the run must end within a time set by its
+// time-outs, answer the outcome the fault calls for, and leave every data
+// file whole: the old content or the complete new one, no temporary file.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <cstdio>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <vector>
+
+#include "quarvel/common/Log.h"
+#include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/update/UpdateRun.h"
+#include "support/DataFileTargets.h"
+#include "support/LoopbackHttpServer.h"
+#include "support/SettingsSandbox.h"
+
+namespace quarvel {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+using testing::HttpReceived;
+using testing::HttpReply;
+using testing::kDataFileTargets;
+
+constexpr const char* kFailText = "DB 업데이트 도중 오류가 발생하였습니다.";
+constexpr const char* kDoneText = "업데이트가 완료되었습니다.";
+// Room for start-up, loopback transfers and a loaded machine under the
+// sanitizers, on top of the time-outs a run may spend.
+constexpr auto kSlack = 5s;
+
+class RecordingView : public UpdateView {
+ public:
+  void setStatusText(const std::string& text) override {
+    std::lock_guard lock(mutex_);
+    status_ = text;
+  }
+  void setProgress(double value) override {
+    std::lock_guard lock(mutex_);
+    progress_.push_back(value);
+  }
+  void errorAlert(const std::string& code) override {
+    std::lock_guard lock(mutex_);
+    alerts_.push_back(code);
+  }
+  void close() override {
+    std::lock_guard lock(mutex_);
+    ++closes_;
+  }
+  std::string status() const {
+    std::lock_guard lock(mutex_);
+    return status_;
+  }
+  std::vector<double> progress() const {
+    std::lock_guard lock(mutex_);
+    return progress_;
+  }
+  std::vector<std::string> alerts() const {
+    std::lock_guard lock(mutex_);
+    return alerts_;
+  }
+  int closes() const {
+    std::lock_guard lock(mutex_);
+    return closes_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::string status_;
+  std::vector<double> progress_;
+  std::vector<std::string> alerts_;
+  int closes_ = 0;
+};
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return "<missing>";
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// A file's content in a failure message: its first line and its size.
+std::string summary(const std::string& content) {
+  return "\"" + content.substr(0, content.find('\n')) + "\" (" + std::to_string(content.size()) +
+         " bytes)";
+}
+#define EXPECT_CONTENT(actual, expected)                               \
+  do {                                                                 \
+    const std::string a = (actual), e = (expected);                    \
+    EXPECT_TRUE(a == e) << summary(a) << " instead of " << summary(e); \
+  } while (0)
+
+std::string oldContent(int file) { return std::string("old ") + kDataFileTargets[file].name; }
+// Long enough to be cut part-way and to outgrow the write limit below.
+std::string newContent(int file, std::size_t size = 8192) {
+  std::string body = std::string("new ") + kDataFileTargets[file].name + "\n";
+  body.resize(size, 'x');
+  return body;
+}
+
+class UpdateFaultsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    settings = CVUserDefaults::standardUserDefaults();
+    library = *settings->libraryPath();
+    for (int file = 0; file < 5; ++file) {
+      std::ofstream(path(file), std::ios::binary) << oldContent(file);
+      bodies[kDataFileTargets[file].target] = newContent(file);
+    }
+  }
+
+  // The next answers for `file`, one per request; after them it answers its
+  // new content.
+  void script(int file, std::vector<HttpReply> replies) {
+    std::lock_guard lock(mutex);
+    auto& queue = scripted[kDataFileTargets[file].target];
+    queue.insert(queue.end(), replies.begin(), replies.end());
+  }
+  HttpReply answer(const HttpReceived& request) {
+    std::lock_guard lock(mutex);
+    auto& queue = scripted[request.target];
+    if (queue.empty()) return HttpReply::text(bodies[request.target]);
+    HttpReply reply = std::move(queue.front());
+    queue.pop_front();
+    return reply;
+  }
+
+  UpdateOptions options(std::chrono::milliseconds timeout) {
+    UpdateOptions o;
+    o.listServer = "http://" + server.hostAndPort();
+    o.fileServer = o.listServer;
+    o.dataFileTimeout = timeout;
+    o.pacing = 5ms;
+    o.networkCheck = [] { return true; };
+    o.dayOfMonth = [] { return std::string("07"); };
+    return o;
+  }
+
+  // Runs to the end, which must come before `timedOut` time-outs of the run
+  // have passed plus the pauses and some slack; answers the time it took.
+  std::chrono::milliseconds runWithin(const std::shared_ptr<UpdateRun>& run, int timedOut) {
+    const auto& o = run->options();
+    const auto bound = timedOut * o.dataFileTimeout + 6 * o.pacing + kSlack;
+    const auto started = std::chrono::steady_clock::now();
+    run->start();
+    EXPECT_TRUE(
+        run->waitUntilFinished(std::chrono::duration_cast<std::chrono::milliseconds>(bound)))
+        << "the run did not end within " << bound.count() << " ms";
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 started);
+  }
+
+  std::string path(int file) const { return library + "/" + kDataFileTargets[file].name; }
+  int requests(int file) const {
+    int n = 0;
+    for (const HttpReceived& r : server.requests()) n += r.target == kDataFileTargets[file].target;
+    return n;
+  }
+
+  // Files [0, replaced) hold their new content, the rest their old one, and
+  // the folder holds nothing else.
+  void expectWholeFiles(int replaced) {
+    for (int file = 0; file < 5; ++file) {
+      SCOPED_TRACE(kDataFileTargets[file].name);
+      EXPECT_CONTENT(readFile(path(file)), file < replaced ? newContent(file) : oldContent(file));
+    }
+    expectNoStrayFiles();
+  }
+  void expectNoStrayFiles() {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(library))
+      names.push_back(entry.path().filename());
+    EXPECT_EQ(names.size(), 5u) << ::testing::PrintToString(names);
+  }
+
+  void expectFailsAtTheThirdFile(const HttpReply& reply, int timedOut);
+  void expectFailedAt(int file) {
+    EXPECT_EQ(view->alerts(), std::vector<std::string>{"DOWNLOAD_FAIL"});
+    EXPECT_EQ(UpdateRun::alertInformativeText(view->alerts().empty() ? "" : view->alerts()[0]),
+              kFailText);
+    EXPECT_EQ(view->closes(), 1);
+    EXPECT_EQ(view->progress().size(), static_cast<size_t>(file));
+    EXPECT_FALSE(settings->lastUpdateDate());
+    for (int later = file + 1; later < 5; ++later) EXPECT_EQ(requests(later), 0);
+  }
+  void expectDone() {
+    EXPECT_EQ(view->alerts(), std::vector<std::string>{"DOWNLOAD_DONE"});
+    EXPECT_EQ(UpdateRun::alertInformativeText(view->alerts().empty() ? "" : view->alerts()[0]),
+              kDoneText);
+    EXPECT_EQ(view->status(), kDoneText);
+    EXPECT_EQ(view->progress(),
+              (std::vector<double>{2 / 6.0, 3 / 6.0, 4 / 6.0, 5 / 6.0, 1.0, 1.0}));
+    EXPECT_EQ(view->closes(), 1);
+    ASSERT_TRUE(settings->lastUpdateDate());
+    EXPECT_EQ(*settings->lastUpdateDate(), PlistValue::string("07"));
+  }
+
+  testing::SettingsSandbox sandbox;
+  std::mutex mutex;
+  std::map<std::string, std::deque<HttpReply>> scripted;
+  std::map<std::string, std::string> bodies;
+  testing::LoopbackHttpServer server{[this](const HttpReceived& r) { return answer(r); }};
+  std::shared_ptr<RecordingView> view = std::make_shared<RecordingView>();
+  CVUserDefaults* settings = nullptr;
+  std::string library;
+};
+
+TEST_F(UpdateFaultsTest, AClosedPortFailsTheFirstFileAndTouchesNothing) {
+  int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  ASSERT_EQ(::bind(probe, reinterpret_cast<sockaddr*>(&addr), len), 0);
+  ASSERT_EQ(::getsockname(probe, reinterpret_cast<sockaddr*>(&addr), &len), 0);
+  ::close(probe);  // nobody listens there now
+
+  UpdateOptions o = options(400ms);
+  o.listServer = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
+  auto run = UpdateRun::create(view, o);
+  runWithin(run, 0);
+  EXPECT_EQ(run->updateStatus(), UpdateStatusFailed);
+  EXPECT_EQ(view->status(), "체크리스트 DB를 업데이트 중입니다.");
+  expectFailedAt(0);
+  expectWholeFiles(0);
+}
+
+// A file whose every attempt breaks off ends the run at that file (the
+// third); the ones before it stay replaced, it and the later ones keep their
+// old content. `timedOut` attempts of the five run into the time-out.
+void UpdateFaultsTest::expectFailsAtTheThirdFile(const HttpReply& reply, int timedOut) {
+  const auto timeout = 400ms;
+  script(2, std::vector<HttpReply>(5, reply));
+  auto run = UpdateRun::create(view, options(timeout));
+  EXPECT_GE(runWithin(run, timedOut), timedOut * timeout);
+  EXPECT_EQ(run->updateStatus(), UpdateStatusFailed);
+  EXPECT_EQ(requests(2), 5);
+  EXPECT_EQ(view->status(), "필터 DB를 업데이트 중입니다.");
+  EXPECT_EQ(view->progress(), (std::vector<double>{2 / 6.0, 3 / 6.0}));
+  expectFailedAt(2);
+  expectWholeFiles(2);
+}
+
+TEST_F(UpdateFaultsTest, AResetMidBodyFailsTheFile) {
+  expectFailsAtTheThirdFile(HttpReply::resetAfter(newContent(2), 4096), 0);
+}
+
+TEST_F(UpdateFaultsTest, ABodyStalledPastTheTimeoutFailsTheFile) {
+  expectFailsAtTheThirdFile(HttpReply::stallAfter(newContent(2), 4096), 5);
+}
+
+TEST_F(UpdateFaultsTest, ATrickleThatNeverEndsFailsTheFileAtTheTimeout) {
+  // About 64 bytes every 20 ms of a megabyte: still coming at the time-out.
+  expectFailsAtTheThirdFile(HttpReply::trickle(std::string(1 << 20, 'x'), 64, 20ms), 5);
+}
+
+TEST_F(UpdateFaultsTest, FaultsThatClearByTheFifthAttemptStillCompleteTheRun) {
+  const auto timeout = 1s;
+  const std::string body = newContent(0);
+  script(0, {HttpReply::resetAfter(body, 100), HttpReply::resetAfter(body, body.size() - 1),
+             HttpReply::stallAfter(body, 10),
+             HttpReply::trickle(std::string(1 << 20, 'x'), 64, 20ms)});
+  // 8 KiB in 1 KiB pieces 25 ms apart: slow, but well inside the time-out.
+  script(3, {HttpReply::trickle(newContent(3), 1024, 25ms)});
+  auto run = UpdateRun::create(view, options(timeout));
+  const auto took = runWithin(run, 2);
+  EXPECT_GE(took, 2 * timeout);
+  EXPECT_EQ(run->updateStatus(), UpdateStatusDone);
+  EXPECT_EQ(requests(0), 5);
+  EXPECT_EQ(requests(3), 1);
+  expectDone();
+  expectWholeFiles(5);
+}
+
+// An error page is an answer like any other: its body replaces the file,
+// an empty one included, and the run counts as a success.
+TEST_F(UpdateFaultsTest, ErrorPagesAreWrittenOverTheFiles) {
+  script(0, {HttpReply::text("<h1>404 Not Found</h1>", 404)});
+  script(2, {HttpReply::text("<h1>500 Internal Server Error</h1>", 500)});
+  script(4, {HttpReply::text("", 500)});
+  auto run = UpdateRun::create(view, options(1s));
+  runWithin(run, 0);
+  EXPECT_EQ(run->updateStatus(), UpdateStatusDone);
+  expectDone();
+  EXPECT_EQ(readFile(path(0)), "<h1>404 Not Found</h1>");
+  EXPECT_CONTENT(readFile(path(1)), newContent(1));
+  EXPECT_EQ(readFile(path(2)), "<h1>500 Internal Server Error</h1>");
+  EXPECT_CONTENT(readFile(path(3)), newContent(3));
+  EXPECT_EQ(readFile(path(4)), "");
+  expectNoStrayFiles();
+}
+
+// The disk faults run in a child process (update_fault_child): a write limit
+// and a dropped file-permission override belong to a process of their own.
+struct ChildOutcome {
+  int exitStatus = -1;
+  std::map<std::string, std::string> fields;  // "outcome", "alerts", ...
+};
+
+ChildOutcome runChild(const std::string& arguments) {
+  ChildOutcome outcome;
+  std::string command = std::string("'") + QUARVEL_UPDATE_FAULT_CHILD + "' " + arguments;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  if (!pipe) return outcome;
+  char line[512];
+  while (std::fgets(line, sizeof line, pipe)) {
+    std::string text(line);
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    auto eq = text.find('=');
+    if (eq != std::string::npos) outcome.fields[text.substr(0, eq)] = text.substr(eq + 1);
+  }
+  int status = ::pclose(pipe);
+  outcome.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return outcome;
+}
+
+// A write limit below the size of some files stands in for a full disk: the
+// files that fit are replaced, the others keep their old content, and the
+// failed writes go unnoticed, so the run ends as a success.
+TEST_F(UpdateFaultsTest, AFullDiskKeepsTheFilesThatDoNotFitWhole) {
+  constexpr std::size_t kLimit = 16 * 1024;
+  for (int file : {1, 3}) bodies[kDataFileTargets[file].target] = newContent(file, 4 * kLimit);
+  for (int file : {0, 2, 4}) bodies[kDataFileTargets[file].target] = newContent(file, 100);
+
+  ChildOutcome child = runChild("fsize " + std::to_string(kLimit) + " " + server.hostAndPort());
+  ASSERT_EQ(child.exitStatus, 0) << "the child was killed or failed";
+  EXPECT_EQ(child.fields["outcome"], "0");
+  EXPECT_EQ(child.fields["alerts"], "DOWNLOAD_DONE");
+  EXPECT_EQ(child.fields["status"], kDoneText);
+  for (int file = 0; file < 5; ++file) {
+    SCOPED_TRACE(kDataFileTargets[file].name);
+    EXPECT_CONTENT(readFile(path(file)), file % 2 ? oldContent(file) : newContent(file, 100));
+  }
+  expectNoStrayFiles();
+}
+
+// The files themselves stay writable, but a file is replaced by renaming a
+// new one over it, which needs the folder: every old file stays, and the
+// run, which does not notice failed writes, ends as a success. The child
+// drops root's permission override, so this holds when the suite runs as
+// root too.
+TEST_F(UpdateFaultsTest, AReadOnlyLibraryFolderKeepsEveryOldFile) {
+  ASSERT_EQ(::chmod(library.c_str(), 0555), 0);
+  ChildOutcome child = runChild("readonly " + server.hostAndPort());
+  ::chmod(library.c_str(), 0755);
+  if (child.exitStatus == 77) GTEST_SKIP() << "permissions do not bind this process";
+  ASSERT_EQ(child.exitStatus, 0);
+  EXPECT_EQ(child.fields["outcome"], "0");
+  EXPECT_EQ(child.fields["alerts"], "DOWNLOAD_DONE");
+  EXPECT_EQ(child.fields["status"], kDoneText);
+  EXPECT_EQ(requests(4), 1);
+  expectWholeFiles(0);
+}
+
+}  // namespace
+}  // namespace quarvel
