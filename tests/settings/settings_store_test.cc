@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
+#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
@@ -10,6 +13,7 @@
 #include <fstream>
 #include <functional>
 #include <sstream>
+#include <thread>
 
 #include "quarvel/common/Log.h"
 #include "quarvel/settings/CVUserDefaults.h"
@@ -122,7 +126,8 @@ TEST(CVUserDefaultsTest, NamedSettingsUseTheirKeys) {
        [&] { return d->selectedPathArrInPrecisionInspect(); }},
       {"filterArr", [&](PlistValue v) { d->setfilterPathArrInPrecisionInspect(v); },
        [&] { return d->filterPathArrInPrecisionInspect(); }},
-      {"lastUpdateDate", [&](PlistValue v) { d->setUpdated(v); }, [&] { return d->lastUpdateDate(); }},
+      {"lastUpdateDate", [&](PlistValue v) { d->setUpdated(v); },
+       [&] { return d->lastUpdateDate(); }},
       {"WebQuarvelIPAddress", [&](PlistValue v) { d->setWebQuarvelIPAddress(v); },
        [&] { return d->webQuarvelIPAddress(); }},
       {"WebQuarvelDepartmentNameTemp", [&](PlistValue v) { d->setWebQuarvelDepartmentNameTemp(v); },
@@ -146,7 +151,8 @@ TEST(CVUserDefaultsTest, NamedSettingsUseTheirKeys) {
     void (CVUserDefaults::*set)(bool);
     bool (CVUserDefaults::*get)() const;
   } bools[] = {
-      {"closeAfterInspect", &CVUserDefaults::setCloseAfterInspect, &CVUserDefaults::closeAgterInspect},
+      {"closeAfterInspect", &CVUserDefaults::setCloseAfterInspect,
+       &CVUserDefaults::closeAgterInspect},
       {"searchOnlyFont", &CVUserDefaults::setSearchOnlyFont, &CVUserDefaults::searchOnlyFont},
   };
   for (const BoolCase& c : bools) {
@@ -201,29 +207,93 @@ TEST(CVUserDefaultsTest, ResetKeepsTheValuesAndSkipsStartUp) {
   EXPECT_EQ(bare->integerForKey("regulator"), 3);
 }
 
-TEST(CVUserDefaultsTest, UnreadableDomainIsKeptAsideAndTheStoreStartsEmpty) {
+// {"area": "seoul"} as a binary property list.
+const std::string kBinaryDomain(
+    "bplist00\xd1\x01\x02\x54"
+    "area\x55"
+    "seoul\x08\x0b\x10\0\0\0\0\0\0\x01\x01"
+    "\0\0\0\0\0\0\0\x03\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x16",
+    57);
+
+TEST(CVUserDefaultsTest, BinaryDomainLoads) {
   testing::SettingsSandbox sandbox;
-  const std::string damaged = "<?xml version=\"1.0\"?><plist><dict><key>area</key><str";
-  { std::ofstream(domainFile(sandbox), std::ios::binary) << damaged; }
+  { std::ofstream(domainFile(sandbox), std::ios::binary) << kBinaryDomain; }
+  EXPECT_TRUE(CVUserDefaults::standardUserDefaults()->area() == PlistValue::string("seoul"));
+}
 
-  LogCapture log;
+TEST(CVUserDefaultsTest, UnreadableDomainIsKeptAsideAndTheStoreStartsEmpty) {
+  const struct {
+    const char* what;
+    std::string bytes;
+  } cases[] = {
+      {"garbage", std::string("\x89\0\xff garbage \x01\x02 <dict>", 20)},
+      {"truncated XML", "<?xml version=\"1.0\"?><plist><dict><key>area</key><str"},
+      {"truncated binary", kBinaryDomain.substr(0, 40)},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    testing::SettingsSandbox sandbox;
+    { std::ofstream(domainFile(sandbox), std::ios::binary) << c.bytes; }
+
+    LogCapture log;
+    CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
+    EXPECT_FALSE(d->area().has_value());
+    EXPECT_EQ(defaultsDic.size(), 1u) << "only DefaultPath";
+    EXPECT_TRUE(log.contains("could not be read; kept it as " + domainFile(sandbox) + ".corrupt-"));
+
+    std::vector<fs::path> aside;
+    for (const auto& entry : fs::directory_iterator(sandbox.root() + "/config"))
+      if (entry.path() != domainFile(sandbox)) aside.push_back(entry.path());
+    ASSERT_EQ(aside.size(), 1u);
+    const std::string name = aside[0].filename().string();
+    EXPECT_TRUE(name.starts_with("com.Corvane.Defaults.plist.corrupt-") && name.size() == 50 &&
+                name[43] == '_')
+        << name;
+    EXPECT_EQ(readBytes(aside[0].string()), c.bytes);
+
+    // Writing starts a fresh domain and leaves the damaged copy alone.
+    d->setArea(PlistValue::string("부산"));
+    d->setInteger(2, "count");
+    auto domain = d->persistentDomainForName(CVUserDefaults::kDomainName);
+    ASSERT_TRUE(domain.has_value());
+    EXPECT_TRUE(domain->at("area") == PlistValue::string("부산"));
+    EXPECT_EQ(domain->size(), 3u);
+    EXPECT_EQ(readBytes(aside[0].string()), c.bytes);
+  }
+}
+
+// Another process's write is simulated by replacing the domain behind the
+// store's back: the next write here must keep what it added and must not
+// bring back what it removed, while this process's own changes win.
+TEST(CVUserDefaultsTest, AWriteKeepsWhatAnotherProcessWroteMeanwhile) {
+  testing::SettingsSandbox sandbox;
   CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
-  EXPECT_FALSE(d->area().has_value());
-  EXPECT_EQ(defaultsDic.size(), 1u) << "only DefaultPath";
-  EXPECT_TRUE(log.contains("could not be read; kept it as " + domainFile(sandbox) + ".corrupt-"));
+  d->setArea(PlistValue::string("mine"));
+  d->setObject(PlistValue::string("x"), "removedByOther");
+  d->setObject(PlistValue::string("y"), "removedHere");
+  d->setURL({"https://a.test/"}, "link");
 
-  std::vector<fs::path> aside;
-  for (const auto& entry : fs::directory_iterator(sandbox.root() + "/config"))
-    if (entry.path().filename().string().find(".corrupt-") != std::string::npos)
-      aside.push_back(entry.path());
-  ASSERT_EQ(aside.size(), 1u);
-  EXPECT_EQ(readBytes(aside[0].string()), damaged);
+  PlistDictionary other = *d->persistentDomainForName(CVUserDefaults::kDomainName);
+  other.insert_or_assign("addedByOther", PlistValue::integer(7));
+  other.insert_or_assign("area", PlistValue::string("theirs"));
+  other.erase("removedByOther");
+  ASSERT_TRUE(d->setPersistentDomain(other, CVUserDefaults::kDomainName));
+  // Memory still holds what this process loaded until it writes.
+  EXPECT_FALSE(d->objectForKey("addedByOther").has_value());
 
-  // Writing starts a fresh domain and leaves the damaged copy alone.
-  d->setArea(PlistValue::string("부산"));
-  EXPECT_TRUE(d->persistentDomainForName(CVUserDefaults::kDomainName)->at("area") ==
-              PlistValue::string("부산"));
-  EXPECT_EQ(readBytes(aside[0].string()), damaged);
+  d->removeObjectForKey("removedHere");
+  EXPECT_TRUE(d->area() == PlistValue::string("theirs")) << "a write takes in the other's values";
+  d->setArea(PlistValue::string("mine again"));
+  for (const PlistDictionary& seen :
+       {*d->persistentDomainForName(CVUserDefaults::kDomainName), defaultsDic}) {
+    EXPECT_TRUE(seen.count("addedByOther") && seen.at("addedByOther") == PlistValue::integer(7));
+    EXPECT_TRUE(seen.count("area") && seen.at("area") == PlistValue::string("mine again"));
+    EXPECT_FALSE(seen.count("removedByOther"));
+    EXPECT_FALSE(seen.count("removedHere"));
+    EXPECT_TRUE(seen.count("DefaultPath"));
+  }
+  // Keys nobody else touched keep their in-memory kind.
+  EXPECT_EQ(d->objectForKey("link")->kind(), PlistValue::Kind::URL);
 }
 
 // A write that runs out of room (a file-size limit stands in for a full
@@ -247,7 +317,9 @@ TEST(CVUserDefaultsTest, AFailedWriteLeavesTheOldDomain) {
 
   EXPECT_TRUE(log.contains("not written"));
   EXPECT_EQ(readBytes(domainFile(sandbox)), before);
-  EXPECT_EQ(std::distance(fs::directory_iterator(sandbox.root() + "/config"), fs::directory_iterator()), 1);
+  EXPECT_EQ(
+      std::distance(fs::directory_iterator(sandbox.root() + "/config"), fs::directory_iterator()),
+      1);
   EXPECT_EQ(d->area()->asString()->size(), 4096u) << "memory keeps the new value";
 }
 
@@ -276,6 +348,85 @@ TEST(CVUserDefaultsTest, SettingsOutliveTheProcess) {
   d->setWebQuarvelIPAddress(PlistValue::string("10.0.0.5"));
   d->setFloat(1.5f, "scale");
   EXPECT_EQ(runChild("check"), 0);
+}
+
+// settings_child run with `args`, waited for at most `limit`: its exit
+// status, or -1 when it had to be killed.
+class Child {
+ public:
+  explicit Child(std::vector<std::string> args) {
+    args.insert(args.begin(), QUARVEL_SETTINGS_CHILD);
+    std::vector<char*> argv;
+    for (std::string& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    if (::posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid_ = -1;
+  }
+  ~Child() { wait(std::chrono::seconds(0)); }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  int wait(std::chrono::steady_clock::duration limit) {
+    if (pid_ <= 0) return -1;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    int status = 0;
+    while (::waitpid(pid_, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return -1;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+bool waitForFile(const std::string& path, std::chrono::seconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!fs::exists(path)) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+// Two processes write the domain over and over, each its own counter and a
+// shared key, while a third reads the file all along. The file is replaced
+// whole by each write, so without care one writer's copy of the dictionary
+// would wipe the other's counter; neither the reader nor the writers may
+// ever see a counter go back or vanish, nor a file that does not load.
+TEST(CVUserDefaultsTest, ProcessesWritingInTurnLoseNoWrite) {
+  testing::SettingsSandbox sandbox;
+  constexpr int kWrites = 150;
+  constexpr auto kLimit = std::chrono::seconds(120);
+  const std::string ready = sandbox.root() + "/reader-ready";
+  const std::string stop = sandbox.root() + "/reader-stop";
+
+  Child reader({"reader", ready, stop});
+  ASSERT_TRUE(waitForFile(ready, std::chrono::seconds(60)));
+  Child first({"writer", "first", std::to_string(kWrites)});
+  Child second({"writer", "second", std::to_string(kWrites)});
+  EXPECT_EQ(first.wait(kLimit), 0);
+  EXPECT_EQ(second.wait(kLimit), 0);
+  { std::ofstream(stop).put('\n'); }
+  EXPECT_EQ(reader.wait(kLimit), 0);
+
+  CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
+  EXPECT_EQ(d->integerForKey("first.count"), kWrites);
+  EXPECT_EQ(d->integerForKey("second.count"), kWrites);
+  const auto shared = d->stringForKey("shared");
+  const std::string last = "-" + std::to_string(kWrites);
+  EXPECT_TRUE(shared == "first" + last || shared == "second" + last) << shared.value_or("absent");
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(sandbox.root() + "/config"))
+    names.push_back(entry.path().filename().string());
+  EXPECT_EQ(names, std::vector<std::string>{"com.Corvane.Defaults.plist"})
+      << "nothing set aside, no temporary file left";
 }
 
 }  // namespace
