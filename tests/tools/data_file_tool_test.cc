@@ -174,6 +174,17 @@ TEST(DataFileTool, BuildingFromTsvNamesTheFaultyRow) {
                                "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE\nA\tB\tC\tD\nA\tB\tC\n");
   quarvel::testing::writeBytes(dir.path() / "BOGUS.tsv", "x\n");
   quarvel::testing::writeBytes(dir.path() / "HEADER.tsv", "Ver\n1\n");
+  // Rows that would lose records in the stored file, each in a folder of its own.
+  const std::string fields = "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE\n";
+  const std::pair<const char*, std::string> lossy[] = {
+      {"zero", std::string("A\tB\0C\tC\tD\n", 10)},
+      {"cr", "A\tB\rC\tC\tD\r\n"},
+      {"long", "A\tB\tC\t" + std::string(2042, 'x') + "\n"},
+  };
+  for (const auto& [folder, row] : lossy) {
+    std::filesystem::create_directory(dir.path() / folder);
+    quarvel::testing::writeBytes(dir.path() / folder / "SWLIST.tsv", fields + row);
+  }
   struct Case {
     std::vector<std::string> inputs;
     std::string message;
@@ -183,6 +194,9 @@ TEST(DataFileTool, BuildingFromTsvNamesTheFaultyRow) {
       {{dir.file("BOGUS.tsv")}, "has no section #BOGUS"},
       {{dir.file("HEADER.tsv")},
        dir.file("HEADER.tsv") + ":1: the first row must name the fields: Version\n"},
+      {{dir.file("zero")}, ":2: a zero byte\n"},
+      {{dir.file("cr")}, ":2: a CR that does not end the row\n"},
+      {{dir.file("long")}, ":2: the row takes 2048 bytes, more than the 2047"},
   };
   for (const Case& c : cases) {
     const Outcome built = run([&](auto&, auto& err) {
