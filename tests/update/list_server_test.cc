@@ -3,8 +3,11 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -181,14 +184,53 @@ TEST_F(ServedFolderTest, AnswersClientsConcurrently) {
   for (auto& client : clients) EXPECT_TRUE(client.get());
 }
 
-TEST_F(ServedFolderTest, StopsPromptlyAndFreesThePort) {
-  server->stop();
+TEST_F(ServedFolderTest, HoldsItsPortAloneAndFreesItOnStop) {
+  ListServer rival(folder);
+  EXPECT_EQ(rival.start("127.0.0.1", port), -1);
+  ASSERT_TRUE(get("/"));  // the server closes first: its side lingers in TIME_WAIT
   server.reset();
   httplib::Client client("127.0.0.1", port);
   client.set_connection_timeout(1, 0);
   EXPECT_FALSE(client.Get("/"));
   ListServer again(folder);
   EXPECT_EQ(again.start("127.0.0.1", port), port);
+}
+
+// Sends `request` to 127.0.0.1:port a byte every 100 ms, counting the bytes
+// in `sent`. Answers true when the server closed the connection before the
+// whole request had gone out.
+bool trickleUntilClosed(int port, const std::string& request, std::atomic<int>& sent) {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bool closed = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0;
+  for (size_t i = 0; i < request.size() && !closed; ++i) {
+    char byte;
+    closed =
+        ::send(fd, &request[i], 1, MSG_NOSIGNAL) != 1 || ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
+    ++sent;
+    std::this_thread::sleep_for(100ms);
+  }
+  ::close(fd);
+  return closed;
+}
+
+TEST_F(ServedFolderTest, StopCutsAClientStillSendingItsRequestAfterTheGrace) {
+  ListServer quick(folder, {.grace = 50ms});
+  const int quickPort = quick.start("127.0.0.1", 0);
+  ASSERT_GT(quickPort, 0);
+  // Each byte comes well within the read time-out, so the request would
+  // hold its worker, and the stop, for the 5 seconds it takes to arrive.
+  std::atomic<int> sent{0};
+  auto closedEarly = std::async(std::launch::async, [&] {
+    return trickleUntilClosed(quickPort, "GET /quarvel/download/list/check/mac/ HTTP/1.1\r\n\r\n",
+                              sent);
+  });
+  while (sent < 3) std::this_thread::sleep_for(10ms);
+  quick.stop();
+  EXPECT_TRUE(closedEarly.get());
 }
 
 class NullView : public UpdateView {
