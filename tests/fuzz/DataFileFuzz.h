@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,9 +20,14 @@
 
 namespace quarvel::fuzz {
 
+// The scratch file, removed when the fuzzer exits.
 inline const std::string& scratchPath() {
-  static const std::string path = "/tmp/quarvel-fuzz-" + std::to_string(::getpid()) + ".dat";
-  return path;
+  static const std::string* path = [] {
+    auto* made = new std::string("/tmp/quarvel-fuzz-" + std::to_string(::getpid()) + ".dat");
+    std::atexit([] { std::remove(scratchPath().c_str()); });
+    return made;
+  }();
+  return *path;
 }
 
 // Writes `data` enciphered to the scratch file; false when it cannot.

@@ -41,10 +41,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::unique_ptr<FileFramework> file = makeDataFile(kind);
   if (!file->openWithFileName(fuzz::scratchPath(), true))
     fail("a file the check passes does not open");
-  const std::string saved = fuzz::scratchPath() + ".saved";
-  if (!file->saveAsFileName(saved, true)) fail("a file the check passes is refused on save");
+  static const std::string* saved = [] {
+    auto* made = new std::string(fuzz::scratchPath() + ".saved");
+    std::atexit([] { std::remove(saved->c_str()); });
+    return made;
+  }();
+  if (!file->saveAsFileName(*saved, true)) fail("a file the check passes is refused on save");
   std::unique_ptr<FileFramework> again = makeDataFile(kind);
-  if (!again->openWithFileName(saved, true)) fail("a saved file does not open");
+  if (!again->openWithFileName(*saved, true)) fail("a saved file does not open");
   for (const std::string& tag : sectionTags(kind))
     if (again->getTableByTag(tag)->getDataCount() != file->getTableByTag(tag)->getDataCount())
       fail("a saved file holds other records");
