@@ -69,7 +69,7 @@ BENCHMARK(BM_StdSortBytes)->Unit(benchmark::kMillisecond);
 // The values alone, without records around them.
 void BM_StdSortValues(benchmark::State& state) {
   std::vector<std::string> unsorted;
-  for (const quarvel::RecordPtr& record : records()) unsorted.push_back((*record)[1]);
+  for (const quarvel::RecordPtr& record : records()) unsorted.emplace_back((*record)[1]);
   std::vector<std::string> data;
   for (auto _ : state) {
     state.PauseTiming();

@@ -179,13 +179,13 @@ void printAligned(const FieldList& fields, const std::vector<RecordPtr>& records
     out << line << '\n';
   };
   row(fields);
-  for (const RecordPtr& record : records) row(*record);
+  for (const RecordPtr& record : records) row(record->values());
 }
 
 nlohmann::ordered_json recordJson(const FieldList& fields, const Record& record) {
   nlohmann::ordered_json object = nlohmann::ordered_json::object();
   for (std::size_t f = 0; f < fields.size(); ++f)
-    object[fields[f]] = f < record.size() ? record[f] : std::string();
+    object[fields[f]] = f < record.size() ? std::string(record[f]) : std::string();
   return object;
 }
 
@@ -194,7 +194,7 @@ void printRecord(const FieldList& fields, const Record& record, std::ostream& ou
   for (const std::string& field : fields) width = std::max(width, field.size());
   for (std::size_t f = 0; f < fields.size(); ++f) {
     out << fields[f] << std::string(width - fields[f].size() + 2, ' ')
-        << (f < record.size() ? record[f] : std::string()) << '\n';
+        << (f < record.size() ? record[f] : std::string_view()) << '\n';
   }
 }
 
@@ -234,7 +234,7 @@ int showDataFile(const std::string& path, std::optional<DataFileKind> kind, Outp
     for (const std::string& tag : tags) {
       Table* table = file->getTableByTag(tag);
       out << tag << '\n' << join(*table->getFields(), "\t") << '\n';
-      for (const RecordPtr& record : recordsOf(table)) out << join(*record, "\t") << '\n';
+      for (const RecordPtr& record : recordsOf(table)) out << record->tabbedText() << '\n';
       out << '\n';
     }
     return 0;

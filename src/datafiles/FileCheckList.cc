@@ -17,10 +17,6 @@ constexpr int kLineHeaderInsertFail = 142;
 constexpr int kLineInsertFail = 151;
 constexpr int kLineSaveNotOpen = 174;
 
-std::string_view fieldAt(const Record& record, std::size_t index) {
-  return index < record.size() ? std::string_view(record[index]) : std::string_view();
-}
-
 }  // namespace
 
 FileCheckList::FileCheckList() {
@@ -69,23 +65,19 @@ bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPat
            lines[i].c_str());
     }
   }
-  const auto expected = static_cast<std::size_t>(
-      std::max(0, m_pCheckList.getEndPosition() - m_pCheckList.getStartPosition() - 1));
-  m_pDicProperty.reserve(m_pDicProperty.size() + expected);
-  m_pDicFileName.reserve(m_pDicFileName.size() + expected);
-  loadRecords(
-      m_pCheckList, lines,
-      [this](std::int64_t row, const Record& record) {
-        m_pDicProperty.set(propertyKey(fieldAt(record, datafile::kCompanyIndex),
-                                       fieldAt(record, datafile::kProductIndex),
-                                       fieldAt(record, datafile::kVersionIndex),
-                                       fieldAt(record, datafile::kOriginalFileIndex)),
-                           row);
-        m_pDicFileName.set(lowerKey(fieldAt(record, datafile::kExeFileIndex)), row);
-      },
-      [](const std::string& line) {
-        logf("%s (%d) // CHECKLIST INSERT FAIL : %s", kOpenMethod, kLineInsertFail, line.c_str());
-      });
+  const std::int64_t first = loadRecords(m_pCheckList, lines, [](const std::string& line) {
+    logf("%s (%d) // CHECKLIST INSERT FAIL : %s", kOpenMethod, kLineInsertFail, line.c_str());
+  });
+  // The property key's four values are consecutive in a record, so the key
+  // is a view of the record's own text.
+  static_assert(datafile::kProductIndex == datafile::kCompanyIndex + 1 &&
+                datafile::kVersionIndex == datafile::kCompanyIndex + 2 &&
+                datafile::kOriginalFileIndex == datafile::kCompanyIndex + 3);
+  indexLowered(m_pDicProperty, m_pCheckList, first, [](const Record& record) {
+    return record.joined(datafile::kCompanyIndex, datafile::kOriginalFileIndex);
+  });
+  indexLowered(m_pDicFileName, m_pCheckList, first,
+               [](const Record& record) { return record[datafile::kExeFileIndex]; });
   setM_strFileName(path);
   return true;
 }
@@ -120,14 +112,7 @@ int FileCheckList::getIdByProperty(std::string_view property) const {
 }
 
 int FileCheckList::getIndex(std::string_view dbId) {
-  if (m_pDicDbToIdx.empty()) {
-    const std::uint64_t count = m_pCheckList.getDataCount();
-    m_pDicDbToIdx.reserve(count);
-    for (std::uint64_t row = 0; row < count; ++row) {
-      const auto r = static_cast<std::int64_t>(row);
-      m_pDicDbToIdx.set(m_pCheckList.select(r, datafile::kFieldDbId), r);
-    }
-  }
+  if (m_pDicDbToIdx.empty()) indexField(m_pDicDbToIdx, m_pCheckList, datafile::kFieldDbId);
   return static_cast<int>(m_pDicDbToIdx.find(dbId));
 }
 

@@ -33,13 +33,10 @@ bool FileFilter::openWithFileName(const std::string& fileName, bool isFullPath) 
   for (int i = m_pHeader.getStartPosition() + 1; i < m_pHeader.getEndPosition(); ++i) {
     m_pHeader.insertRecord(lines[i], datafile::kSeparator);
   }
-  loadRecords(
-      m_pSWList, lines,
-      [this](std::int64_t row, const Record& r) {
-        if (r.size() >= datafile::kSwListFieldCount)
-          m_pDicFilter.set(filterKey(r[0], r[1], r[2], r[3]), row);
-      },
-      [](const std::string&) {});
+  const std::int64_t first = loadRecords(m_pSWList, lines, [](const std::string&) {});
+  // A loaded record holds exactly the four key values, in key order.
+  indexLowered(m_pDicFilter, m_pSWList, first,
+               [](const Record& record) { return record.tabbedText(); });
   setM_strFileName(path);
   return true;
 }

@@ -28,13 +28,9 @@ bool FileFontList::openWithFileName(const std::string& fileName, bool isFullPath
   for (int i = m_pHeader.getStartPosition() + 1; i < m_pHeader.getEndPosition(); ++i) {
     m_pHeader.insertRecord(lines[i], datafile::kSeparator);
   }
-  loadRecords(
-      m_pFontList, lines,
-      [this](std::int64_t row, const Record& r) {
-        if (r.size() > datafile::kExeFileIndex)
-          m_pDicFileName.set(lowerKey(r[datafile::kExeFileIndex]), row);
-      },
-      [](const std::string&) {});
+  const std::int64_t first = loadRecords(m_pFontList, lines, [](const std::string&) {});
+  indexLowered(m_pDicFileName, m_pFontList, first,
+               [](const Record& record) { return record[datafile::kExeFileIndex]; });
   setM_strFileName(path);
   return true;
 }
@@ -56,14 +52,7 @@ int FileFontList::getIdByFileName(std::string_view fileName) const {
 }
 
 int FileFontList::getIndex(std::string_view dbId) {
-  if (m_pDicDbToIdx.empty()) {
-    const std::uint64_t count = m_pFontList.getDataCount();
-    m_pDicDbToIdx.reserve(count);
-    for (std::uint64_t row = 0; row < count; ++row) {
-      const auto r = static_cast<std::int64_t>(row);
-      m_pDicDbToIdx.set(m_pFontList.select(r, datafile::kFieldDbId), r);
-    }
-  }
+  if (m_pDicDbToIdx.empty()) indexField(m_pDicDbToIdx, m_pFontList, datafile::kFieldDbId);
   return static_cast<int>(m_pDicDbToIdx.find(dbId));
 }
 

@@ -139,14 +139,22 @@ FileFramework::ReadResult FileFramework::readSections(const std::string& path,
   return result;
 }
 
+void FileFramework::indexField(LookupIndex& index, TableMulti& table, std::string_view field) {
+  const std::uint64_t fieldIndex = table.getFieldIndex(field);
+  const std::vector<RecordPtr>& records = table.m_arrData();
+  index.setRows(0, records.size(), [&](std::int64_t row, std::string&) {
+    const RecordPtr& record = records[static_cast<std::size_t>(row)];
+    if (fieldIndex == Table::kNotFound || !record || fieldIndex >= record->size())
+      return std::string_view(Table::kOutOfBounds);
+    return (*record)[fieldIndex];
+  });
+}
+
 namespace {
 
+// A record's line is its values joined by tabs: the record's own text.
 void appendRecord(std::string& text, const RecordPtr& record) {
-  if (!record || record->empty()) return;
-  for (std::size_t i = 0; i < record->size(); ++i) {
-    if (i != 0) text += datafile::kSeparator;
-    text += (*record)[i];
-  }
+  if (record) text += record->tabbedText();
 }
 
 // The character as text for a log line; nothing for a surrogate.
@@ -171,8 +179,7 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
     for (std::uint64_t i = 0; i < count; ++i) {
       RecordPtr record = table->select(static_cast<int>(i));
       if (!record) continue;
-      for (const std::string& value : *record) reserve += value.size() + 1;
-      reserve += 2;
+      reserve += record->tabbedText().size() + 2;
     }
     reserve += 2 * table->getTag().size() + 16;
   }

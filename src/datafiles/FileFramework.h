@@ -32,6 +32,7 @@
 #include <string_view>
 #include <vector>
 
+#include "quarvel/datafiles/LookupIndex.h"
 #include "quarvel/tables/Table.h"
 #include "quarvel/tables/TableMulti.h"
 
@@ -96,40 +97,47 @@ class FileFramework {
 
   // Appends the lines strictly inside `table`'s section as its records,
   // exactly as insertRecord(line, "\t") would: a line whose field count
-  // differs from the table's is refused. Records are built at their exact
-  // size and appended in one step. `accepted(row, record)` is called for
-  // each record kept (before it is in the table), `refused(line)` for each
-  // line refused, in line order.
-  template <typename Accepted, typename Refused>
-  static void loadRecords(TableMulti& table, const std::vector<std::string>& lines,
-                          Accepted&& accepted, Refused&& refused) {
+  // differs from the table's is refused and passed to `refused(line)`, in
+  // line order. Records are appended in one step. Answers the row of the
+  // first record appended (the table's count before).
+  template <typename Refused>
+  static std::int64_t loadRecords(TableMulti& table, const std::vector<std::string>& lines,
+                                  Refused&& refused) {
     const std::size_t fieldCount = table.getFields()->size();
     const int first = table.getStartPosition() + 1;
     const int end = table.getEndPosition();
     std::vector<RecordPtr> batch;
     if (end > first) batch.reserve(static_cast<std::size_t>(end - first));
-    auto row = static_cast<std::int64_t>(table.getCount());
     for (int i = first; i < end; ++i) {
       const std::string& line = lines[static_cast<std::size_t>(i)];
-      std::size_t separators = 0;
-      for (char c : line) separators += c == '\t';
-      if (separators + 1 != fieldCount) {
+      std::optional<Record> record = Record::fromTabbedLine(line, fieldCount);
+      if (!record) {
         refused(line);
         continue;
       }
-      auto record = std::make_shared<Record>();
-      record->reserve(fieldCount);
-      std::size_t from = 0;
-      for (std::size_t to = line.find('\t'); to != std::string::npos; to = line.find('\t', from)) {
-        record->emplace_back(line, from, to - from);
-        from = to + 1;
-      }
-      record->emplace_back(line, from);
-      accepted(row++, *record);
-      batch.push_back(std::move(record));
+      batch.push_back(std::make_shared<Record>(std::move(*record)));
     }
-    table.addArrayItems(batch);
+    const auto row = static_cast<std::int64_t>(table.getCount());
+    table.addArrayItems(std::move(batch));
+    return row;
   }
+
+  // Enters into `index`, case-blind, the key of every record of `table`
+  // from row `first` on: keyOf(record) answers the key's text.
+  template <typename KeyOf>
+  static void indexLowered(LookupIndex& index, const TableMulti& table, std::int64_t first,
+                           KeyOf&& keyOf) {
+    const std::vector<RecordPtr>& records = table.m_arrData();
+    index.setRows(first, records.size() - static_cast<std::size_t>(first),
+                  [&](std::int64_t row, std::string& scratch) {
+                    lowerKeyInto(scratch, keyOf(*records[static_cast<std::size_t>(row)]));
+                    return std::string_view(scratch);
+                  });
+  }
+
+  // Enters into `index`, exactly, every record's value of `field` as
+  // select(row, field) answers it (kOutOfBounds for a record without one).
+  static void indexField(LookupIndex& index, TableMulti& table, std::string_view field);
 
   // The folded, Mac Korean text of `tables` in section order as a buffer of
   // size + 1 bytes (zero-terminated) that the caller owns; null with size 0

@@ -33,9 +33,9 @@ bool FilePackage::openWithFileName(const std::string& fileName, bool isFullPath)
     m_pHeader.insertRecord(read.lines[i], datafile::kSeparator);
   }
   // No index is built here: getPackageIndex builds its own on first use.
-  const auto ignore = [](auto&&...) {};
-  loadRecords(m_pPackage, read.lines, ignore, ignore);
-  loadRecords(m_pSub, read.lines, ignore, ignore);
+  const auto ignore = [](const std::string&) {};
+  loadRecords(m_pPackage, read.lines, ignore);
+  loadRecords(m_pSub, read.lines, ignore);
   setM_strFileName(path);
   return true;
 }
@@ -57,14 +57,8 @@ bool FilePackage::saveAsFileName(const std::string& fileName, bool isFullPath) {
 }
 
 int FilePackage::getPackageIndex(std::string_view packageId) {
-  if (m_pDicPackageId2Idx.empty()) {
-    const std::uint64_t count = m_pPackage.getDataCount();
-    m_pDicPackageId2Idx.reserve(count);
-    for (std::uint64_t row = 0; row < count; ++row) {
-      const auto r = static_cast<std::int64_t>(row);
-      m_pDicPackageId2Idx.set(m_pPackage.select(r, datafile::kFieldDbId), r);
-    }
-  }
+  if (m_pDicPackageId2Idx.empty())
+    indexField(m_pDicPackageId2Idx, m_pPackage, datafile::kFieldDbId);
   return static_cast<int>(m_pDicPackageId2Idx.find(packageId));
 }
 

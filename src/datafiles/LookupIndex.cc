@@ -68,13 +68,12 @@ std::int64_t LookupIndex::findLowered(std::string_view key) const {
   return find(scratch);
 }
 
-namespace {
+std::uint32_t LookupIndex::hashOf(std::string_view key) {
+  const std::uint64_t hash = std::hash<std::string_view>{}(key);
+  return static_cast<std::uint32_t>(hash ^ (hash >> 32));
+}
 
-std::uint64_t hashOf(std::string_view key) { return std::hash<std::string_view>{}(key); }
-
-}  // namespace
-
-std::size_t LookupIndex::slotOf(std::string_view key, std::uint64_t hash) const {
+std::size_t LookupIndex::slotOf(std::string_view key, std::uint32_t hash) const {
   const std::size_t mask = slots_.size() - 1;
   for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
     const Slot& slot = slots_[at];
@@ -110,13 +109,17 @@ void LookupIndex::clear() {
 }
 
 void LookupIndex::set(std::string_view key, std::int64_t index) {
-  if (index < 0 || index > INT32_MAX || key.size() > UINT32_MAX) return;
+  setHashed(key, hashOf(key), index);
+}
+
+void LookupIndex::setHashed(std::string_view key, std::uint32_t hash, std::int64_t index) {
+  if (index < 0 || index > INT32_MAX) return;
   if (2 * (size_ + 1) > slots_.size()) reserve(size_ + 1);
-  const std::uint64_t hash = hashOf(key);
   Slot& slot = slots_[slotOf(key, hash)];
+  if (slot.value < 0 && keys_.size() + key.size() > UINT32_MAX) return;
   if (slot.value < 0) {
     slot.hash = hash;
-    slot.offset = keys_.size();
+    slot.offset = static_cast<std::uint32_t>(keys_.size());
     slot.length = static_cast<std::uint32_t>(key.size());
     keys_.append(key);
     ++size_;

@@ -4,9 +4,11 @@
 // case-blind (lowerKey). On a repeated key the last record entered wins.
 //
 // An open-addressing table over one buffer of key bytes: a record costs a
-// 24-byte slot (at most half of the slots are used) plus its key's bytes,
-// and a look-up allocates nothing.
+// 16-byte slot (at most half of the slots are used) plus its key's bytes,
+// and a look-up allocates nothing. The key bytes are addressed in 32 bits:
+// keys beyond 4 GiB of key text in all are not entered.
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -31,6 +33,12 @@ class LookupIndex {
   void set(std::string_view key, std::int64_t index);
   // The index entered under `key`, or -1.
   std::int64_t find(std::string_view key) const;
+  // Enters the key of every row from `first` to `first + count - 1`, in row
+  // order, exactly as set() would. keyOf(row, scratch) answers the row's key:
+  // a view of `scratch` or of text that outlives the call. Slots are fetched
+  // a few keys ahead, which is what an index larger than the caches needs.
+  template <typename KeyOf>
+  void setRows(std::int64_t first, std::size_t count, KeyOf&& keyOf);
   // find(lowerKey(key)) without allocating.
   std::int64_t findLowered(std::string_view key) const;
   bool empty() const { return size_ == 0; }
@@ -41,17 +49,45 @@ class LookupIndex {
 
  private:
   struct Slot {
-    std::uint64_t hash = 0;
-    std::uint64_t offset = 0;  // of the key in keys_
+    std::uint32_t hash = 0;    // places the slot and screens comparisons
+    std::uint32_t offset = 0;  // of the key in keys_
     std::uint32_t length = 0;
     std::int32_t value = -1;  // -1: the slot is free
   };
-  std::size_t slotOf(std::string_view key, std::uint64_t hash) const;
+  static std::uint32_t hashOf(std::string_view key);
+  std::size_t slotOf(std::string_view key, std::uint32_t hash) const;
+  void setHashed(std::string_view key, std::uint32_t hash, std::int64_t index);
   void rehash(std::size_t slotCount);
 
   std::string keys_;
   std::vector<Slot> slots_;  // a power of two in size, or empty
   std::size_t size_ = 0;
 };
+
+template <typename KeyOf>
+void LookupIndex::setRows(std::int64_t first, std::size_t count, KeyOf&& keyOf) {
+  if (count == 0) return;
+  reserve(size_ + count);
+  constexpr std::size_t kAhead = 16;
+  struct Pending {
+    std::string scratch;
+    std::string_view key;
+    std::uint32_t hash = 0;
+  };
+  std::array<Pending, kAhead> ring;
+  const std::size_t mask = slots_.size() - 1;
+  auto prepare = [&](std::size_t i) {
+    Pending& pending = ring[i % kAhead];
+    pending.key = keyOf(first + static_cast<std::int64_t>(i), pending.scratch);
+    pending.hash = hashOf(pending.key);
+    __builtin_prefetch(&slots_[pending.hash & mask]);
+  };
+  for (std::size_t i = 0; i < count && i < kAhead; ++i) prepare(i);
+  for (std::size_t i = 0; i < count; ++i) {
+    const Pending& pending = ring[i % kAhead];
+    setHashed(pending.key, pending.hash, first + static_cast<std::int64_t>(i));
+    if (i + kAhead < count) prepare(i + kAhead);
+  }
+}
 
 }  // namespace quarvel

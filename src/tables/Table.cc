@@ -34,18 +34,12 @@ std::string Table::select(std::int64_t row, std::string_view field) {
   RecordPtr record = getAt(row);
   const std::uint64_t valueCount = record ? record->size() : 0;
   if (fieldIndex >= valueCount) return kOutOfBounds;
-  return (*record)[fieldIndex];
+  return std::string((*record)[fieldIndex]);
 }
 
 std::string Table::selectToStr(int row) {
-  std::string line;
   RecordPtr record = getAt(static_cast<std::int64_t>(row));
-  if (!record) return line;
-  for (std::size_t i = 0; i < record->size(); ++i) {
-    line += (*record)[i];
-    if (i + 1 < record->size()) line += '\t';
-  }
-  return line;
+  return record ? std::string(record->tabbedText()) : std::string();
 }
 
 bool Table::remove(std::int64_t) { return false; }

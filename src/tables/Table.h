@@ -2,9 +2,9 @@
 // Record tables: the in-memory form of one section of a data file.
 //
 // A record is one line of values split on a separator (every data file uses
-// "\t"); in memory it is a vector of strings, one per field, shared between
-// the tables that hold it (a shallow copy of a TableMulti shares its records,
-// so a value set through one table is seen through the other).
+// "\t"), held as a compact Record and shared between the tables that hold
+// it (a shallow copy of a TableMulti shares its records, so a value set
+// through one table is seen through the other).
 //
 // Tables are not thread-safe: use each from one thread at a time.
 
@@ -14,9 +14,10 @@
 #include <string_view>
 #include <vector>
 
+#include "quarvel/tables/Record.h"
+
 namespace quarvel {
 
-using Record = std::vector<std::string>;
 using RecordPtr = std::shared_ptr<Record>;
 using FieldList = std::vector<std::string>;
 
@@ -57,18 +58,18 @@ class Table {
   // The record's values joined by "\t"; "" for a missing or empty record.
   std::string selectToStr(int row);
 
-  virtual bool remove(std::int64_t index);                                     // false
+  virtual bool remove(std::int64_t index);                                         // false
   virtual bool setValue(int row, std::string_view field, std::string_view value);  // false
-  virtual std::uint64_t getFieldIndex(std::string_view field);                 // kNotFound
-  virtual void close();                                                        // nothing
+  virtual std::uint64_t getFieldIndex(std::string_view field);                     // kNotFound
+  virtual void close();                                                            // nothing
   virtual void initWithRecord(std::string_view line, std::string_view separator);  // nothing
-  virtual std::uint64_t getCount();                                            // 0
-  virtual std::int64_t add(std::string_view line, std::string_view separator);  // -1
-  virtual std::int64_t add(const std::vector<std::string>& values);            // -1
-  virtual RecordPtr getAt(std::int64_t index);                                 // null
+  virtual std::uint64_t getCount();                                                // 0
+  virtual std::int64_t add(std::string_view line, std::string_view separator);     // -1
+  virtual std::int64_t add(const std::vector<std::string>& values);                // -1
+  virtual RecordPtr getAt(std::int64_t index);                                     // null
   // The field list itself, owned by the table; null in the base.
   virtual FieldList* getFields();
-  virtual bool replaceAtIndex(int index, std::string_view line);               // false
+  virtual bool replaceAtIndex(int index, std::string_view line);  // false
 
   // A new table of the same class (what each class copies is its own rule).
   virtual std::unique_ptr<Table> copy() const = 0;

@@ -17,7 +17,7 @@ bool beyondEnd(std::uint64_t count, std::int64_t index) {
   return count - 1 < static_cast<std::uint64_t>(index);
 }
 
-const std::string& valueAt(const RecordPtr& record, std::uint64_t field) {
+std::string_view valueAt(const RecordPtr& record, std::uint64_t field) {
   if (!record || field >= record->size())
     throw std::out_of_range("record has no value for the sort field");
   return (*record)[field];
@@ -62,14 +62,31 @@ std::int64_t TableMulti::add(const std::vector<std::string>& values) {
 }
 
 std::int64_t TableMulti::add(std::string_view line, std::string_view separator) {
-  auto record = std::make_shared<Record>(split(line, separator));
-  if (record->size() != fields_.size()) return -1;
+  RecordPtr record;
+  if (separator == "\t") {
+    // Every data file's case, split in one pass.
+    std::optional<Record> values = Record::fromTabbedLine(line, fields_.size());
+    if (!values) return -1;
+    record = std::make_shared<Record>(std::move(*values));
+  } else {
+    record = std::make_shared<Record>(split(line, separator));
+    if (record->size() != fields_.size()) return -1;
+  }
   records_.push_back(std::move(record));
   return static_cast<std::int64_t>(records_.size()) - 1;
 }
 
 void TableMulti::addArrayItems(const std::vector<RecordPtr>& records) {
   records_.insert(records_.end(), records.begin(), records.end());
+}
+
+void TableMulti::addArrayItems(std::vector<RecordPtr>&& records) {
+  if (records_.empty()) {
+    records_ = std::move(records);
+    return;
+  }
+  records_.insert(records_.end(), std::make_move_iterator(records.begin()),
+                  std::make_move_iterator(records.end()));
 }
 
 bool TableMulti::remove(std::int64_t index) {
@@ -82,7 +99,7 @@ bool TableMulti::setValue(int row, std::string_view field, std::string_view valu
   if (beyondEnd(getCount(), row)) return false;
   const std::uint64_t fieldIndex = getFieldIndex(field);
   if (fieldIndex == kNotFound) return false;
-  records_.at(static_cast<std::size_t>(row))->at(fieldIndex) = value;
+  records_.at(static_cast<std::size_t>(row))->set(fieldIndex, value);
   return true;
 }
 
@@ -105,7 +122,8 @@ bool TableMulti::removeAll() {
 }
 
 bool TableMulti::replaceAtIndex(int index, std::string_view line) {
-  records_.at(static_cast<std::size_t>(index)) = std::make_shared<Record>(split(line, "\t"));
+  records_.at(static_cast<std::size_t>(index)) =
+      std::make_shared<Record>(Record::fromTabbedLine(line));
   return true;
 }
 

@@ -33,6 +33,7 @@ class TableMulti : public Table {
   std::int64_t add(std::string_view line, std::string_view separator) override;
   // Appends the records unchecked.
   void addArrayItems(const std::vector<RecordPtr>& records);
+  void addArrayItems(std::vector<RecordPtr>&& records);
   bool remove(std::int64_t index) override;
   bool setValue(int row, std::string_view field, std::string_view value) override;
   RecordPtr getAt(std::int64_t index) override;

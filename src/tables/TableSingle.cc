@@ -5,12 +5,7 @@
 namespace quarvel {
 namespace {
 
-// The header's one value needs room for one record of one field.
-RecordPtr newRecord() {
-  auto record = std::make_shared<Record>();
-  record->reserve(1);
-  return record;
-}
+RecordPtr newRecord() { return std::make_shared<Record>(); }
 
 }  // namespace
 
@@ -51,7 +46,7 @@ std::int64_t TableSingle::add(std::string_view line, std::string_view separator)
 
 bool TableSingle::remove(std::int64_t index) {
   if (index < 0 || static_cast<std::uint64_t>(index) >= m_arrData->size()) return false;
-  m_arrData->erase(m_arrData->begin() + index);
+  m_arrData->erase(static_cast<std::size_t>(index));
   return true;
 }
 

@@ -1,0 +1,140 @@
+#include "quarvel/tables/Record.h"
+
+#include <cstring>
+#include <limits>
+#include <ostream>
+#include <stdexcept>
+
+namespace quarvel {
+
+Record Record::withText(std::size_t count, std::string_view text, std::uint32_t** ends) {
+  Record record;
+  if (count == 0) return record;
+  if (count > std::numeric_limits<std::uint32_t>::max() - 1 ||
+      text.size() > std::numeric_limits<std::uint32_t>::max())
+    throw std::length_error("record too large");
+  const std::size_t words = 1 + count + (text.size() + sizeof(std::uint32_t) - 1) / 4;
+  record.block_.reset(new std::uint32_t[words]);
+  record.block_[0] = static_cast<std::uint32_t>(count);
+  if (!text.empty()) std::memcpy(record.block_.get() + 1 + count, text.data(), text.size());
+  *ends = record.block_.get() + 1;
+  return record;
+}
+
+Record Record::fromTabbedLine(std::string_view line) {
+  std::size_t tabs = 0;
+  for (char c : line) tabs += c == '\t';
+  return *fromTabbedLine(line, tabs + 1);
+}
+
+std::optional<Record> Record::fromTabbedLine(std::string_view line, std::size_t valueCount) {
+  if (valueCount == 0) return std::nullopt;
+  // One pass writes the offsets straight into the block; a line with the
+  // wrong count (rare: a damaged file) just costs the block.
+  std::uint32_t* ends = nullptr;
+  Record record = withText(valueCount, line, &ends);
+  const std::size_t last = valueCount - 1;
+  std::size_t found = 0;
+  for (std::size_t i = 0; i < line.size(); ++i) {
+    if (line[i] != '\t') continue;
+    if (found == last) return std::nullopt;
+    ends[found++] = static_cast<std::uint32_t>(i);
+  }
+  if (found != last) return std::nullopt;
+  ends[last] = static_cast<std::uint32_t>(line.size());
+  return record;
+}
+
+Record Record::fromValues(std::size_t count, const std::string_view* values) {
+  if (count == 0) return Record();
+  std::string text;
+  std::size_t size = count - 1;
+  for (std::size_t i = 0; i < count; ++i) size += values[i].size();
+  text.reserve(size);
+  for (std::size_t i = 0; i < count; ++i) {
+    if (i != 0) text += '\t';
+    text += values[i];
+  }
+  std::uint32_t* ends = nullptr;
+  Record record = withText(count, text, &ends);
+  std::size_t end = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    end += values[i].size();
+    ends[i] = static_cast<std::uint32_t>(end);
+    ++end;
+  }
+  return record;
+}
+
+Record::Record(std::initializer_list<std::string_view> values)
+    : Record(fromValues(values.size(), values.begin())) {}
+
+Record::Record(const std::vector<std::string>& values) {
+  std::vector<std::string_view> views(values.begin(), values.end());
+  *this = fromValues(views.size(), views.data());
+}
+
+Record::Record(const Record& other) {
+  if (!other.block_) return;
+  const std::size_t words = 1 + other.size() + (other.textSize() + 3) / 4;
+  block_.reset(new std::uint32_t[words]);
+  std::memcpy(block_.get(), other.block_.get(), words * sizeof(std::uint32_t));
+}
+
+Record& Record::operator=(const Record& other) {
+  if (this != &other) *this = Record(other);
+  return *this;
+}
+
+std::size_t Record::textSize() const { return block_ ? block_[block_[0]] : 0; }
+
+std::string_view Record::tabbedText() const {
+  return block_ ? std::string_view(text(), textSize()) : std::string_view();
+}
+
+std::string_view Record::at(std::size_t index) const {
+  if (index >= size()) throw std::out_of_range("record has no such value");
+  return (*this)[index];
+}
+
+std::vector<std::string> Record::values() const {
+  std::vector<std::string> out;
+  out.reserve(size());
+  for (std::string_view value : *this) out.emplace_back(value);
+  return out;
+}
+
+void Record::set(std::size_t index, std::string_view value) {
+  if (index >= size()) throw std::out_of_range("record has no such value");
+  std::vector<std::string_view> views(begin(), end());
+  views[index] = value;
+  *this = fromValues(views.size(), views.data());
+}
+
+void Record::resize(std::size_t count, std::string_view fill) {
+  std::vector<std::string_view> views(begin(), end());
+  views.resize(count, fill);
+  *this = fromValues(views.size(), views.data());
+}
+
+void Record::erase(std::size_t index) {
+  if (index >= size()) throw std::out_of_range("record has no such value");
+  std::vector<std::string_view> views(begin(), end());
+  views.erase(views.begin() + static_cast<std::ptrdiff_t>(index));
+  *this = fromValues(views.size(), views.data());
+}
+
+bool operator==(const Record& a, const Record& b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i)
+    if (a[i] != b[i]) return false;
+  return true;
+}
+
+std::ostream& operator<<(std::ostream& out, const Record& record) {
+  out << '{';
+  for (std::size_t i = 0; i < record.size(); ++i) out << (i ? ", \"" : "\"") << record[i] << '"';
+  return out << '}';
+}
+
+}  // namespace quarvel

@@ -1,0 +1,59 @@
+#include "quarvel/tables/Record.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+namespace quarvel {
+namespace {
+
+TEST(Record, SplitsATabbedLineIntoEveryValue) {
+  EXPECT_EQ(Record::fromTabbedLine(""), Record{""});
+  EXPECT_EQ(Record::fromTabbedLine("\t"), (Record{"", ""}));
+  EXPECT_EQ(Record::fromTabbedLine("a\t\t한글\t"), (Record{"a", "", "한글", ""}));
+  EXPECT_TRUE(Record().empty());
+  EXPECT_EQ(Record().tabbedText(), "");
+  EXPECT_NE(Record(), Record{""});  // no value is not one empty value
+
+  EXPECT_EQ(Record::fromTabbedLine("a\tb", 2), (Record{"a", "b"}));
+  EXPECT_EQ(Record::fromTabbedLine("", 1), Record{""});
+  EXPECT_FALSE(Record::fromTabbedLine("a\tb", 3));
+  EXPECT_FALSE(Record::fromTabbedLine("a\tb\tc", 2));
+  EXPECT_FALSE(Record::fromTabbedLine("", 0));
+}
+
+TEST(Record, AValueHoldingATabStaysOneValueAndJoinsBack) {
+  Record record = Record::fromTabbedLine("id\tAcme\tTool\t1.0\ttool.exe");
+  record.set(2, "Big\tTool");
+  EXPECT_EQ(record.size(), 5u);
+  EXPECT_EQ(record[2], "Big\tTool");
+  EXPECT_EQ(record[3], "1.0");
+  EXPECT_EQ(record.tabbedText(), "id\tAcme\tBig\tTool\t1.0\ttool.exe");
+  EXPECT_EQ(record.joined(1, 3), "Acme\tBig\tTool\t1.0");
+  EXPECT_EQ(record.joined(4, 4), "tool.exe");
+  EXPECT_EQ(record.values(),
+            (std::vector<std::string>{"id", "Acme", "Big\tTool", "1.0", "tool.exe"}));
+}
+
+TEST(Record, EditsChangeOnlyTheirOwnCopy) {
+  const Record original{"1", "2", "3"};
+  Record copy = original;
+  copy.set(0, copy[1]);  // a value of the record itself
+  copy.erase(2);
+  EXPECT_EQ(copy, (Record{"2", "2"}));
+  EXPECT_EQ(original, (Record{"1", "2", "3"}));
+  copy.resize(4, "-");
+  EXPECT_EQ(copy, (Record{"2", "2", "-", "-"}));
+  copy.resize(1, "-");
+  EXPECT_EQ(copy, Record{"2"});
+  copy = original;
+  EXPECT_EQ(copy, original);
+  EXPECT_THROW(copy.set(3, "x"), std::out_of_range);
+  EXPECT_THROW(copy.at(3), std::out_of_range);
+  EXPECT_THROW(copy.erase(3), std::out_of_range);
+  copy.clear();
+  EXPECT_EQ(copy.size(), 0u);
+}
+
+}  // namespace
+}  // namespace quarvel
