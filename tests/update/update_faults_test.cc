@@ -116,8 +116,14 @@ class UpdateFaultsTest : public ::testing::Test {
     library = *settings->libraryPath();
     for (int file = 0; file < 5; ++file) {
       std::ofstream(path(file), std::ios::binary) << oldContent(file);
-      bodies[kDataFileTargets[file].target] = newContent(file);
+      setBody(file, newContent(file));
     }
+  }
+
+  // What `file` answers once its scripted answers are used up.
+  void setBody(int file, std::string body) {
+    std::lock_guard lock(mutex);
+    bodies[kDataFileTargets[file].target] = std::move(body);
   }
 
   // The next answers for `file`, one per request; after them it answers its
@@ -207,7 +213,7 @@ class UpdateFaultsTest : public ::testing::Test {
   }
 
   testing::SettingsSandbox sandbox;
-  std::mutex mutex;
+  std::mutex mutex;  // the answers, shared with the server's thread
   std::map<std::string, std::deque<HttpReply>> scripted;
   std::map<std::string, std::string> bodies;
   testing::LoopbackHttpServer server{[this](const HttpReceived& r) { return answer(r); }};
@@ -330,8 +336,8 @@ ChildOutcome runChild(const std::string& arguments) {
 // failed writes go unnoticed, so the run ends as a success.
 TEST_F(UpdateFaultsTest, AFullDiskKeepsTheFilesThatDoNotFitWhole) {
   constexpr std::size_t kLimit = 16 * 1024;
-  for (int file : {1, 3}) bodies[kDataFileTargets[file].target] = newContent(file, 4 * kLimit);
-  for (int file : {0, 2, 4}) bodies[kDataFileTargets[file].target] = newContent(file, 100);
+  for (int file : {1, 3}) setBody(file, newContent(file, 4 * kLimit));
+  for (int file : {0, 2, 4}) setBody(file, newContent(file, 100));
 
   ChildOutcome child = runChild("fsize " + std::to_string(kLimit) + " " + server.hostAndPort());
   ASSERT_EQ(child.exitStatus, 0) << "the child was killed or failed";
