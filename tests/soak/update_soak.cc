@@ -7,8 +7,14 @@
 //   update_soak [RUNS]   RUNS defaults to $QUARVEL_SOAK_RUNS, else 40
 //
 // The server runs in a child process (this program with --serve) so that
-// its own memory and sockets stay out of the figures. Exit status 0 when
-// every run ended as expected and the figures stayed flat.
+// its own memory and sockets stay out of the figures. Samples are taken
+// every RUNS/50 runs (at least every run) once a warm-up of RUNS/8 runs, and
+// at least one turn of the mix, is over. Flat means: the open descriptors
+// are the same at every sample, and the highest resident memory of the last
+// quarter of the samples is at most kRssMarginKiB above the highest of the
+// first quarter (shown but not judged under the sanitizers, whose
+// allocators keep freed memory). Exit status 0 when every run ended as
+// expected and the figures stayed flat.
 
 #include <spawn.h>
 #include <sys/socket.h>
@@ -52,9 +58,10 @@ constexpr auto kSlack = 10s;  // beyond the time-outs a run may spend
 // dozen runs.
 constexpr long kRssMarginKiB = 512;
 
-// One kind of run. The faulty file misbehaves on every attempt (Retry: on
-// the first two of every file); `replaced` files from the first on end with
-// their new content.
+// One kind of run. The faulty file misbehaves on every attempt ("retry":
+// every file breaks off twice, then arrives; "cancel": the run is cancelled
+// while the first file trickles in); `replaced` files from the first on end
+// with their new content, the others keep what they held.
 struct Fault {
   const char* name;
   int faultyFile;
