@@ -81,16 +81,31 @@ std::string localDayOfMonth() {
   return day;
 }
 
+struct Transfer {
+  std::string* body;
+  std::chrono::milliseconds idleTimeout;
+  std::chrono::steady_clock::time_point lastByte = std::chrono::steady_clock::now();
+};
+
 size_t appendBody(char* data, size_t size, size_t count, void* target) {
-  static_cast<std::string*>(target)->append(data, size * count);
+  auto* transfer = static_cast<Transfer*>(target);
+  transfer->body->append(data, size * count);
+  transfer->lastByte = std::chrono::steady_clock::now();
   return size * count;
+}
+
+// Ends the transfer once no byte has arrived for the idle time-out.
+int checkIdle(void* target, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  const auto* transfer = static_cast<const Transfer*>(target);
+  return std::chrono::steady_clock::now() - transfer->lastByte > transfer->idleTimeout ? 1 : 0;
 }
 
 // One synchronous GET. Nothing is cached on this side; the request also asks
 // caches on the way not to answer from theirs. The HTTP status is not looked
-// at: any body that arrives is the answer.
+// at: any body that arrives is the answer. `timeout` is an idle time-out;
+// `limit` bounds the whole transfer.
 std::optional<DownloadError> httpGet(const std::string& url, std::chrono::milliseconds timeout,
-                                     std::string& body) {
+                                     std::chrono::milliseconds limit, std::string& body) {
   static std::once_flag curlReady;
   std::call_once(curlReady, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 
@@ -104,10 +119,16 @@ std::optional<DownloadError> httpGet(const std::string& url, std::chrono::millis
   curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
   curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
+  curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 10L);
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout.count()));
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(limit.count()));
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
+  Transfer transfer{&body, timeout};
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, appendBody);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &transfer);
+  curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, checkIdle);
+  curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &transfer);
+  curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
   CURLcode code = curl_easy_perform(curl);
   curl_easy_cleanup(curl);
   curl_slist_free_all(headers);
@@ -279,7 +300,8 @@ std::optional<DownloadError> UpdateRun::downloadKeyFile(std::int64_t index) {
   if (url.empty()) url = options_.fileServer + kFileServerQuery + lastPathComponent(localPath);
 
   std::string body;
-  if (auto error = httpGet(url, options_.dataFileTimeout, body)) return error;
+  if (auto error = httpGet(url, options_.dataFileTimeout, options_.transferLimit, body))
+    return error;
   // A failed write goes unnoticed, as the run has always done; the old file
   // then stays whole.
   (void)writeFileReplacing(localPath, body);
@@ -293,7 +315,8 @@ std::optional<DownloadError> UpdateRun::downloadWindowsKeyFiles() {
   view_->setStatusText("윈도우즈용 패키지 파일을 다운로드중입니다.");
   const std::string url = options_.windowsPackageServer + "/" + lastPathComponent(localPath);
   std::string body;
-  if (auto error = httpGet(url, options_.windowsFileTimeout, body)) return error;
+  if (auto error = httpGet(url, options_.windowsFileTimeout, options_.transferLimit, body))
+    return error;
   (void)writeFileReplacing(localPath, body);
   return std::nullopt;
 }

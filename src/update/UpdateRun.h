@@ -46,8 +46,13 @@ struct UpdateOptions {
   std::string listServer;            // public list server, "http://host[:port]"
   std::string fileServer;            // fixed file server, "http://host:8080"
   std::string windowsPackageServer;  // "http://host[:port]/file/keyfile60"
+  // A transfer fails when no byte has arrived for its time-out (connecting
+  // included), as the platform's request time-out does.
   std::chrono::milliseconds dataFileTimeout{60000};
   std::chrono::milliseconds windowsFileTimeout{2000};
+  // The longest any one transfer may take however steadily bytes arrive:
+  // ends a trickle that would never finish.
+  std::chrono::milliseconds transferLimit{30 * 60 * 1000};
   // The pause after each file and before the run closes the window.
   std::chrono::milliseconds pacing{1000};
   // Whether the network can be reached. Empty: the internet-connection

@@ -247,6 +247,7 @@ std::string runOnce(int run, const Fault& fault, const std::string& library,
                            : origin + "/r" + std::to_string(run) + "/" + fault.name;
   options.fileServer = options.listServer;
   options.dataFileTimeout = kTimeout;
+  options.transferLimit = kTimeout;
   options.pacing = kPacing;
   options.networkCheck = [] { return true; };
   options.dayOfMonth = [] { return std::string("07"); };

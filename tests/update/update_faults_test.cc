@@ -147,6 +147,7 @@ class UpdateFaultsTest : public ::testing::Test {
     o.listServer = "http://" + server.hostAndPort();
     o.fileServer = o.listServer;
     o.dataFileTimeout = timeout;
+    o.transferLimit = timeout;  // an endless trickle ends at the time-out too
     o.pacing = 5ms;
     o.networkCheck = [] { return true; };
     o.dayOfMonth = [] { return std::string("07"); };
@@ -287,6 +288,20 @@ TEST_F(UpdateFaultsTest, FaultsThatClearByTheFifthAttemptStillCompleteTheRun) {
   EXPECT_EQ(requests(3), 1);
   expectDone();
   expectWholeFiles(5);
+}
+
+// The time-out counts silence, not the whole transfer: a body that takes
+// five time-outs to arrive but never pauses for one completes.
+TEST_F(UpdateFaultsTest, ASteadyBodySlowerThanTheTimeoutStillCompletes) {
+  const auto timeout = 400ms;
+  script(3, {HttpReply::trickle(std::string(40 * 256, 'y'), 256, 50ms)});
+  UpdateOptions o = options(timeout);
+  o.transferLimit = 20s;
+  auto run = UpdateRun::create(view, o);
+  EXPECT_GE(runWithin(run, 4), 4 * timeout);
+  EXPECT_EQ(run->updateStatus(), UpdateStatusDone);
+  EXPECT_EQ(requests(3), 1);
+  EXPECT_EQ(readFile(path(3)), std::string(40 * 256, 'y'));
 }
 
 // An error page is an answer like any other: its body replaces the file,
