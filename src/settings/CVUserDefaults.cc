@@ -3,19 +3,16 @@
 #include "quarvel/settings/CVUserDefaults.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <system_error>
-#include <thread>
 
 #include "quarvel/common/Log.h"
 #include "quarvel/common/StringUtil.h"
@@ -29,20 +26,6 @@ CVUserDefaults* userdefaultsInstance = nullptr;
 PlistDictionary defaultsDic;
 
 namespace {
-
-// The domain as this process last read or wrote it, twice: as it stood in
-// defaultsDic and as the file holds it (where a URL is a string and dates
-// keep whole seconds). A write compares defaultsDic with the first to find
-// this process's own changes, and the file with the second to find another
-// process's.
-struct LastSeenDomain {
-  PlistDictionary inMemory;
-  PlistDictionary onDisk;
-};
-LastSeenDomain& lastSeen() {
-  static auto* seen = new LastSeenDomain();
-  return *seen;
-}
 
 // Guards the creation and replacement of the shared instance. Recursive so
 // that a start-up step may itself ask for the shared instance.
@@ -147,74 +130,6 @@ bool replaceFileAtomically(const std::string& path, const std::string& bytes) {
   return true;
 }
 
-// Holds an exclusive flock on the folder of the domain files while one
-// process re-reads and replaces a domain, so that two processes writing in
-// turn never lose each other's keys. The folder is locked rather than the
-// file because the file is replaced by a rename. The wait is bounded: after
-// kWait the write goes ahead unlocked (it stays atomic; only a key written by
-// the other process at that moment may be lost) and that is logged.
-class DomainFolderLock {
- public:
-  static constexpr std::chrono::seconds kWait{5};
-
-  explicit DomainFolderLock(const std::string& domainPath) {
-    std::string folder = deletingLastPathComponent(domainPath);
-    if (folder.empty()) folder = ".";
-    std::error_code ec;
-    std::filesystem::create_directories(folder, ec);
-    fd_ = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd_ < 0) return;
-    const auto deadline = std::chrono::steady_clock::now() + kWait;
-    while (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
-      const int error = errno;
-      if ((error != EWOULDBLOCK && error != EINTR) || std::chrono::steady_clock::now() > deadline) {
-        logf("Settings domain %s: folder not locked (%s); writing without the lock",
-             domainPath.c_str(), std::strerror(error == EWOULDBLOCK ? ETIMEDOUT : error));
-        ::close(fd_);
-        fd_ = -1;
-        return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-  }
-  ~DomainFolderLock() {
-    if (fd_ >= 0) ::close(fd_);  // closing releases the lock
-  }
-  DomainFolderLock(const DomainFolderLock&) = delete;
-  DomainFolderLock& operator=(const DomainFolderLock&) = delete;
-
- private:
-  int fd_ = -1;
-};
-
-const PlistValue* find(const PlistDictionary& dictionary, const std::string& key) {
-  auto found = dictionary.find(key);
-  return found == dictionary.end() ? nullptr : &found->second;
-}
-
-bool same(const PlistValue* a, const PlistValue* b) { return a && b ? *a == *b : a == b; }
-
-// defaultsDic, except for the keys that another process changed on disk
-// since this one last saw the file: those take the disk's value (or go),
-// unless this process changed them as well, in which case its own value wins
-// as the later write.
-PlistDictionary mergeChanges(const PlistDictionary& mine, const PlistDictionary& disk,
-                             const LastSeenDomain& seen) {
-  PlistDictionary merged = mine;
-  auto takeFromDisk = [&](const std::string& key) {
-    if (same(find(disk, key), find(seen.onDisk, key))) return;     // nobody else touched it
-    if (!same(find(mine, key), find(seen.inMemory, key))) return;  // ours is newer
-    if (const PlistValue* value = find(disk, key))
-      merged.insert_or_assign(key, *value);
-    else
-      merged.erase(key);
-  };
-  for (const auto& entry : disk) takeFromDisk(entry.first);
-  for (const auto& entry : seen.onDisk)
-    if (!disk.count(entry.first)) takeFromDisk(entry.first);
-  return merged;
-}
-
 }  // namespace
 
 // --- The shared instance -------------------------------------------------------
@@ -237,7 +152,6 @@ CVUserDefaults* CVUserDefaults::createShared(std::optional<bool> isLiteVer) {
   self->startExternalAddressLookup();
 
   defaultsDic = self->persistentDomainForName(kDomainName).value_or(PlistDictionary{});
-  lastSeen() = {defaultsDic, defaultsDic};
 
   auto environment = HostEnvironment::current();
   if (isLiteVer) self->_isLite = *isLiteVer;
@@ -265,7 +179,6 @@ void CVUserDefaults::discardSharedInstanceForTesting() {
   if (userdefaultsInstance) retiredInstances().push_back(userdefaultsInstance);
   userdefaultsInstance = nullptr;
   defaultsDic.clear();
-  lastSeen() = {};
 }
 
 // --- Generic key access ----------------------------------------------------------
@@ -417,24 +330,10 @@ bool CVUserDefaults::setPersistentDomain(const PlistDictionary& domain,
 
 bool CVUserDefaults::synchronize() { return true; }
 
-// Another process may have written the domain since this one loaded it, so
-// the file is read again under the folder lock and merged (mergeChanges):
-// writing one key never drops a key another process wrote meanwhile, and
-// defaultsDic takes that process's values. Without a readable file the whole
-// of defaultsDic is written, as on the first write. A failed write leaves
-// defaultsDic and the last-seen copies alone.
-void CVUserDefaults::persist() {
-  CVUserDefaults* shared = sharedOr(this);
-  auto path = persistentDomainPath(kDomainName);
-  std::optional<DomainFolderLock> lock;
-  if (path) lock.emplace(*path);
-  auto disk = path ? shared->persistentDomainForName(kDomainName) : std::nullopt;
-  PlistDictionary merged = disk ? mergeChanges(defaultsDic, *disk, lastSeen()) : defaultsDic;
-  if (!shared->setPersistentDomain(merged, kDomainName)) return;
-  auto written = readPropertyList(writeXmlPropertyList(PlistValue::dictionary(merged)));
-  lastSeen() = {merged, written && written->asDictionary() ? *written->asDictionary() : merged};
-  defaultsDic = std::move(merged);
-}
+// The file becomes this process's whole dictionary, replaced in one rename:
+// whatever another process wrote since start-up is replaced too (last writer
+// wins), and a reader sees either the old or the new file, never a mix.
+void CVUserDefaults::persist() { sharedOr(this)->setPersistentDomain(defaultsDic, kDomainName); }
 
 // --- Named settings ---------------------------------------------------------------
 

@@ -3,10 +3,10 @@
 //
 // Every setting lives in one in-memory dictionary, `defaultsDic`, mirroring
 // the private persistent domain "com.Corvane.Defaults" (a property-list file,
-// $XDG_CONFIG_HOME/com.Corvane.Defaults.plist). Each write stores the whole
-// dictionary back, merged under a file lock with what other processes wrote
-// since this one last read the file. The object also answers the work-folder layout, the
-// machine's network identity, and runs shell commands and HTTP requests.
+// $XDG_CONFIG_HOME/com.Corvane.Defaults.plist), loaded once at start-up. Each
+// write replaces the file with the whole dictionary. The object also answers
+// the work-folder layout, the machine's network identity, and runs shell
+// commands and HTTP requests.
 //
 // Threads: the first class call must come from one thread before any other
 // touches the store; the store itself takes no locks (callers must not write

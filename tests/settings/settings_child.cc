@@ -1,11 +1,17 @@
 // A second process for the persistence tests. Runs in the environment (HOME,
 // XDG folders) it inherits from the test.
-//   write                    stores a known set of settings
-//   check                    verifies the set that the test process wrote
-//   writer NAME COUNT        COUNT times: NAME.count = i, then shared = "NAME-i"
-//   reader READY STOP        reads the domain file over and over, from creating
-//                            READY until STOP exists (at most 120 s)
-// Exit status 0 when every check held.
+//   write                      stores a known set of settings
+//   check                      verifies the set that the test process wrote
+//   writer DIR NAME ROUNDS     loads the domain, creates DIR/NAME.ready, waits
+//                              for DIR/go, then ROUNDS times: NAME.count = i,
+//                              then NAME.stamp = "NAME-i"; last, writes its
+//                              whole dictionary to DIR/NAME.final
+//   reader DIR ROUNDS A B      loads the domain, creates DIR/reader.ready and
+//                              reads the domain file over and over until
+//                              DIR/stop exists, checking every state it sees
+//                              against what writers A and B can write
+// Waits are bounded (60 s for go, 120 s for stop). Exit status 0 when every
+// check held.
 #include <sys/stat.h>
 
 #include <chrono>
@@ -14,10 +20,15 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <set>
 #include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "quarvel/common/Log.h"
 #include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/settings/PropertyList.h"
 
 using quarvel::CVUserDefaults;
 using quarvel::PlistDictionary;
@@ -34,77 +45,151 @@ void expect(bool ok, const std::string& what) {
   }
 }
 
-bool exists(const char* path) {
+bool exists(const std::string& path) {
   struct stat info;
-  return ::stat(path, &info) == 0;
+  return ::stat(path.c_str(), &info) == 0;
 }
 
-// The "*.count" values of a domain.
-std::map<std::string, std::int64_t> counts(const PlistDictionary& domain) {
-  std::map<std::string, std::int64_t> found;
-  for (const auto& [key, value] : domain)
-    if (key.ends_with(".count")) found[key] = value.integerValue();
-  return found;
-}
+void touch(const std::string& path) { std::ofstream(path).put('\n'); }
 
-// Every counter of `now` is at least what it was in `before`, and none has
-// gone missing: a lower or lost counter is a write that was undone.
-void expectNoCounterWentBack(const std::map<std::string, std::int64_t>& before,
-                             const std::map<std::string, std::int64_t>& now, const char* where) {
-  for (const auto& [key, value] : before) {
-    auto found = now.find(key);
-    expect(found != now.end() && found->second >= value,
-           std::string(where) + ": " + key + " went from " + std::to_string(value) + " to " +
-               (found == now.end() ? std::string("absent") : std::to_string(found->second)));
+bool waitFor(const std::string& path, std::chrono::seconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!exists(path)) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
+  return true;
 }
 
-int writer(CVUserDefaults* defaults, const std::string& name, int count) {
-  const std::string key = name + ".count";
-  auto before = counts(quarvel::defaultsDic);
-  for (int i = 1; i <= count && failures == 0; ++i) {
-    defaults->setInteger(i, key);
-    defaults->setObject(PlistValue::string(name + "-" + std::to_string(i)), "shared");
-    auto domain = defaults->persistentDomainForName(CVUserDefaults::kDomainName);
-    expect(domain && domain->count(key) && domain->at(key).integerValue() == i,
-           "the file lost " + key + " = " + std::to_string(i));
-    // defaultsDic takes in the other writer's counters as this one writes.
-    auto now = counts(quarvel::defaultsDic);
-    expectNoCounterWentBack(before, now, "writer's store");
-    before = now;
+std::string stamp(const std::string& name, long round) {
+  return name + "-" + std::to_string(round);
+}
+
+int writer(CVUserDefaults* defaults, const std::string& dir, const std::string& name, int rounds) {
+  touch(dir + "/" + name + ".ready");
+  if (!waitFor(dir + "/go", std::chrono::seconds(60))) {
+    expect(false, name + " was never told to go");
+    return 1;
   }
-  return failures == 0 ? 0 : 1;
+  for (int i = 1; i <= rounds; ++i) {
+    defaults->setInteger(i, name + ".count");
+    defaults->setObject(PlistValue::string(stamp(name, i)), name + ".stamp");
+  }
+  std::ofstream(dir + "/" + name + ".final", std::ios::binary)
+      << quarvel::writeXmlPropertyList(PlistValue::dictionary(quarvel::defaultsDic));
+  return 0;
 }
 
-int reader(CVUserDefaults* defaults, const char* ready, const char* stop) {
+// What the reader knows about the file states writers may leave. Every
+// writer loaded the same domain before any of them wrote (`loaded`, with the
+// DefaultPath of its start-up), and each write stores the writer's whole
+// dictionary, so a state written by NAME is exactly `loaded` plus NAME.count
+// and (after its first round) NAME.stamp, the stamp naming this round or,
+// between the two writes of a round, the one before. Anything else (a key of
+// the other writer, a key of `loaded` lost or changed, a stamp out of step)
+// is a torn or mixed file.
+struct StateCheck {
+  PlistDictionary initial;  // the file before any writer wrote
+  PlistDictionary loaded;
+  std::vector<std::string> names;
+
+  // The writer of `state` and its progress (2 per round, the count write
+  // first), or the reason the state cannot be one writer's dictionary.
+  // Progress 0 is the initial file.
+  std::pair<std::string, long> judge(const PlistDictionary& state, std::string& why) const {
+    if (state == initial) return {"", 0};
+    std::string owner;
+    for (const std::string& name : names)
+      if (state.count(name + ".count")) {
+        if (!owner.empty()) {
+          why = "holds the counters of " + owner + " and " + name;
+          return {"", -1};
+        }
+        owner = name;
+      }
+    if (owner.empty()) {
+      why = "holds no writer's counter";
+      return {"", -1};
+    }
+    const long count = state.at(owner + ".count").integerValue();
+    PlistDictionary expected = loaded;
+    expected.insert_or_assign(owner + ".count", PlistValue::integer(count));
+    long progress = 2 * count - 1;
+    auto found = state.find(owner + ".stamp");
+    if (found != state.end()) {
+      const std::string* text = found->second.asString();
+      if (text && *text == stamp(owner, count))
+        progress = 2 * count;
+      else if (!(text && count > 1 && *text == stamp(owner, count - 1))) {
+        why = owner + ".stamp is out of step with " + owner + ".count " + std::to_string(count);
+        return {"", -1};
+      }
+      expected.insert_or_assign(owner + ".stamp", found->second);
+    }
+    if (count < 1 || state != expected) {
+      why = "is not " + owner + "'s whole dictionary at count " + std::to_string(count);
+      return {"", -1};
+    }
+    return {owner, progress};
+  }
+};
+
+int reader(CVUserDefaults* defaults, const std::string& dir, int rounds,
+           std::vector<std::string> names) {
   quarvel::LogCapture log;
+  StateCheck check;
+  check.initial =
+      defaults->persistentDomainForName(CVUserDefaults::kDomainName).value_or(PlistDictionary{});
+  check.loaded = quarvel::defaultsDic;
+  check.names = std::move(names);
+  touch(dir + "/reader.ready");
+
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-  std::map<std::string, std::int64_t> last;
-  bool appeared = false;
+  std::map<std::string, long> progress;  // by writer, the latest seen
+  std::set<std::pair<std::string, long>> states;
+  std::string lastOwner;
   long reads = 0;
-  long changes = 0;
-  std::ofstream(ready).put('\n');
-  while (!exists(stop) && failures == 0) {
+  long turns = 0;  // times the file passed from one writer to the other
+  for (bool last = false; !last && failures == 0;) {
+    // One more read after the writers are done: the file they leave.
+    last = exists(dir + "/stop");
     if (std::chrono::steady_clock::now() > deadline) {
-      expect(false, "never told to stop");
+      expect(false, "the reader was never told to stop");
       break;
     }
     auto domain = defaults->persistentDomainForName(CVUserDefaults::kDomainName);
+    ++reads;
     if (!domain) {
-      expect(!appeared, "the domain could not be loaded after it appeared");
+      expect(false, "read " + std::to_string(reads) + " did not load");
+      break;
+    }
+    std::string why;
+    auto [owner, step] = check.judge(*domain, why);
+    if (step < 0) {
+      expect(false, "read " + std::to_string(reads) + ": the file " + why);
+      break;
+    }
+    if (step == 0) {
+      expect(progress.empty(), "the initial file came back after a writer wrote");
       continue;
     }
-    appeared = true;
-    ++reads;
-    auto now = counts(*domain);
-    expectNoCounterWentBack(last, now, "reader");
-    if (now != last) ++changes;
-    last = std::move(now);
+    expect(step >= progress[owner], owner + " went back from step " +
+                                        std::to_string(progress[owner]) + " to " +
+                                        std::to_string(step));
+    progress[owner] = step;
+    states.emplace(owner, step);
+    if (!lastOwner.empty() && owner != lastOwner) ++turns;
+    lastOwner = owner;
+    if (last)
+      expect(step == 2 * rounds, "the final file is not " + owner + "'s last write but its step " +
+                                     std::to_string(step));
   }
   expect(!log.contains("could not be read"), "the reader set the domain aside");
-  // Fewer than two states seen means the reader did not overlap the writers.
-  expect(changes >= 2, "the reader saw " + std::to_string(changes) + " states");
-  std::fprintf(stderr, "settings_child: reader: %ld reads, %ld states\n", reads, changes);
+  // Without states of both writers the reader did not overlap their writing.
+  for (const std::string& name : check.names)
+    expect(progress.count(name), "the reader saw no state written by " + name);
+  std::fprintf(stderr, "settings_child: reader: %ld reads, %zu distinct states, %ld turns\n", reads,
+               states.size(), turns);
   return failures == 0 ? 0 : 1;
 }
 
@@ -137,7 +222,8 @@ int main(int argc, char** argv) {
     expect(defaults->precisionInspect(), "precisionInspect from the first process is lost");
     return failures == 0 ? 0 : 1;
   }
-  if (mode == "writer" && argc == 4) return writer(defaults, argv[2], std::atoi(argv[3]));
-  if (mode == "reader" && argc == 4) return reader(defaults, argv[2], argv[3]);
+  if (mode == "writer" && argc == 5) return writer(defaults, argv[2], argv[3], std::atoi(argv[4]));
+  if (mode == "reader" && argc >= 5)
+    return reader(defaults, argv[2], std::atoi(argv[3]), {argv + 4, argv + argc});
   return 2;
 }
