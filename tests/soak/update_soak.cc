@@ -38,6 +38,7 @@
 #include "quarvel/settings/CVUserDefaults.h"
 #include "quarvel/update/UpdateRun.h"
 #include "support/DataFileTargets.h"
+#include "support/FileText.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/SettingsSandbox.h"
 
@@ -49,6 +50,7 @@ using namespace std::chrono_literals;
 using quarvel::testing::HttpReceived;
 using quarvel::testing::HttpReply;
 using quarvel::testing::kDataFileTargets;
+using quarvel::testing::readFile;
 
 constexpr auto kTimeout = 400ms;  // the data-file time-out of every run
 constexpr auto kPacing = 1ms;
@@ -217,14 +219,6 @@ int openDescriptors() {
   for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
     ++n;
   return n - 1;  // the iterator's own
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return "<missing>";
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
 }
 
 struct Sample {

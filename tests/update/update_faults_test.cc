@@ -21,7 +21,9 @@
 #include "quarvel/settings/CVUserDefaults.h"
 #include "quarvel/update/UpdateRun.h"
 #include "support/DataFileTargets.h"
+#include "support/FileText.h"
 #include "support/LoopbackHttpServer.h"
+#include "support/RecordingUpdateView.h"
 #include "support/SettingsSandbox.h"
 
 namespace quarvel {
@@ -32,63 +34,14 @@ namespace fs = std::filesystem;
 using testing::HttpReceived;
 using testing::HttpReply;
 using testing::kDataFileTargets;
+using testing::readFile;
+using testing::RecordingView;
 
 constexpr const char* kFailText = "DB 업데이트 도중 오류가 발생하였습니다.";
 constexpr const char* kDoneText = "업데이트가 완료되었습니다.";
 // Room for start-up, loopback transfers and a loaded machine under the
 // sanitizers, on top of the time-outs a run may spend.
 constexpr auto kSlack = 5s;
-
-class RecordingView : public UpdateView {
- public:
-  void setStatusText(const std::string& text) override {
-    std::lock_guard lock(mutex_);
-    status_ = text;
-  }
-  void setProgress(double value) override {
-    std::lock_guard lock(mutex_);
-    progress_.push_back(value);
-  }
-  void errorAlert(const std::string& code) override {
-    std::lock_guard lock(mutex_);
-    alerts_.push_back(code);
-  }
-  void close() override {
-    std::lock_guard lock(mutex_);
-    ++closes_;
-  }
-  std::string status() const {
-    std::lock_guard lock(mutex_);
-    return status_;
-  }
-  std::vector<double> progress() const {
-    std::lock_guard lock(mutex_);
-    return progress_;
-  }
-  std::vector<std::string> alerts() const {
-    std::lock_guard lock(mutex_);
-    return alerts_;
-  }
-  int closes() const {
-    std::lock_guard lock(mutex_);
-    return closes_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::string status_;
-  std::vector<double> progress_;
-  std::vector<std::string> alerts_;
-  int closes_ = 0;
-};
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return "<missing>";
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 // A file's content in a failure message: its first line and its size.
 std::string summary(const std::string& content) {

@@ -13,6 +13,9 @@
 #include "quarvel/common/Log.h"
 #include "quarvel/settings/CVUserDefaults.h"
 #include "quarvel/update/UpdateRun.h"
+#include "support/DataFileTargets.h"
+#include "support/FileText.h"
+#include "support/RecordingUpdateView.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/SettingsSandbox.h"
 
@@ -21,69 +24,9 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-
-class RecordingView : public UpdateView {
- public:
-  void setStatusText(const std::string& text) override {
-    std::lock_guard lock(mutex_);
-    statuses_.push_back(text);
-  }
-  void setProgress(double value) override {
-    std::lock_guard lock(mutex_);
-    progress_.push_back(value);
-  }
-  void errorAlert(const std::string& code) override {
-    std::lock_guard lock(mutex_);
-    alerts_.push_back(code);
-  }
-  void close() override {
-    std::lock_guard lock(mutex_);
-    ++closes_;
-  }
-  std::vector<std::string> statuses() const {
-    std::lock_guard l(mutex_);
-    return statuses_;
-  }
-  std::vector<double> progress() const {
-    std::lock_guard l(mutex_);
-    return progress_;
-  }
-  std::vector<std::string> alerts() const {
-    std::lock_guard l(mutex_);
-    return alerts_;
-  }
-  int closes() const {
-    std::lock_guard l(mutex_);
-    return closes_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> statuses_;
-  std::vector<double> progress_;
-  std::vector<std::string> alerts_;
-  int closes_ = 0;
-};
-
-struct DataFile {
-  const char* target;  // path on the public list server
-  const char* name;    // local file name
-};
-const DataFile kFiles[] = {
-    {"/quarvel/download/list/check/mac/", "macchecklist.dat"},
-    {"/quarvel/download/list/package/mac/", "macpcklist.dat"},
-    {"/quarvel/download/list/filter/mac/", "macfilterlist.dat"},
-    {"/quarvel/download/list/user/mac/", "userchecklist.dat"},
-    {"/quarvel/download/list/font/mac/", "fontchecklist.dat"},
-};
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return "<missing>";
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+using testing::kDataFileTargets;
+using testing::readFile;
+using testing::RecordingView;
 
 void writeFile(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
@@ -94,7 +37,7 @@ class UpdateRunTest : public ::testing::Test {
   void SetUp() override {
     settings = CVUserDefaults::standardUserDefaults();
     library = *settings->libraryPath();
-    for (const DataFile& file : kFiles) {
+    for (const testing::DataFileTarget& file : kDataFileTargets) {
       server.serve(file.target, std::string("new ") + file.name);
       writeFile(path(file.name), std::string("old ") + file.name);
     }
@@ -135,7 +78,7 @@ TEST_F(UpdateRunTest, SuccessfulRunReplacesTheFiveFilesInOrderAndRecordsTheDay) 
   EXPECT_EQ(runToEnd(run), UpdateStatusDone);
 
   std::vector<std::string> expectedTargets;
-  for (const DataFile& file : kFiles) {
+  for (const testing::DataFileTarget& file : kDataFileTargets) {
     expectedTargets.push_back(file.target);
     EXPECT_EQ(readFile(path(file.name)), std::string("new ") + file.name);
   }
@@ -167,28 +110,29 @@ TEST_F(UpdateRunTest, SuccessfulRunReplacesTheFiveFilesInOrderAndRecordsTheDay) 
 }
 
 TEST_F(UpdateRunTest, AFileMaySucceedOnItsFifthAttempt) {
-  server.failTimes(kFiles[2].target, 4);
+  server.failTimes(kDataFileTargets[2].target, 4);
   auto run = makeRun();
   EXPECT_EQ(runToEnd(run), UpdateStatusDone);
-  EXPECT_EQ(server.count(kFiles[2].target), 5);
-  EXPECT_EQ(readFile(path(kFiles[2].name)), "new macfilterlist.dat");
+  EXPECT_EQ(server.count(kDataFileTargets[2].target), 5);
+  EXPECT_EQ(readFile(path(kDataFileTargets[2].name)), "new macfilterlist.dat");
   EXPECT_EQ(view->alerts(), std::vector<std::string>{"DOWNLOAD_DONE"});
 }
 
 TEST_F(UpdateRunTest, AFileFailingFiveTimesEndsTheRun) {
-  server.failTimes(kFiles[2].target, 5);
+  server.failTimes(kDataFileTargets[2].target, 5);
   auto run = makeRun();
   EXPECT_EQ(runToEnd(run), UpdateStatusFailed);
-  EXPECT_EQ(server.count(kFiles[2].target), 5);
+  EXPECT_EQ(server.count(kDataFileTargets[2].target), 5);
   // The files before the failing one stay replaced; it and the ones after
   // it keep their old content, and the later ones are not asked for.
-  EXPECT_EQ(readFile(path(kFiles[0].name)), "new macchecklist.dat");
-  EXPECT_EQ(readFile(path(kFiles[1].name)), "new macpcklist.dat");
+  EXPECT_EQ(readFile(path(kDataFileTargets[0].name)), "new macchecklist.dat");
+  EXPECT_EQ(readFile(path(kDataFileTargets[1].name)), "new macpcklist.dat");
   for (int i = 2; i < 5; ++i) {
-    EXPECT_EQ(readFile(path(kFiles[i].name)), std::string("old ") + kFiles[i].name);
+    EXPECT_EQ(readFile(path(kDataFileTargets[i].name)),
+              std::string("old ") + kDataFileTargets[i].name);
   }
-  EXPECT_EQ(server.count(kFiles[3].target), 0);
-  EXPECT_EQ(server.count(kFiles[4].target), 0);
+  EXPECT_EQ(server.count(kDataFileTargets[3].target), 0);
+  EXPECT_EQ(server.count(kDataFileTargets[4].target), 0);
   EXPECT_EQ(view->alerts(), std::vector<std::string>{"DOWNLOAD_FAIL"});
   EXPECT_EQ(view->closes(), 1);
   EXPECT_EQ(view->progress(), (std::vector<double>{2 / 6.0, 3 / 6.0}));
@@ -197,11 +141,11 @@ TEST_F(UpdateRunTest, AFileFailingFiveTimesEndsTheRun) {
 }
 
 TEST_F(UpdateRunTest, CancellingDuringATransferStopsAfterIt) {
-  server.hold(kFiles[1].target);
+  server.hold(kDataFileTargets[1].target);
   auto run = makeRun();
   EXPECT_FALSE(run->cancel());  // nothing to cancel yet
   run->start();
-  ASSERT_TRUE(server.waitForRequest(kFiles[1].target, 10s));
+  ASSERT_TRUE(server.waitForRequest(kDataFileTargets[1].target, 10s));
   EXPECT_TRUE(run->cancel());
   EXPECT_EQ(run->updateStatus(), UpdateStatusCancelled);
   EXPECT_FALSE(run->bRun());
@@ -211,8 +155,8 @@ TEST_F(UpdateRunTest, CancellingDuringATransferStopsAfterIt) {
   ASSERT_TRUE(run->waitUntilFinished(10s));
   EXPECT_EQ(run->updateStatus(), UpdateStatusCancelled);
   // The transfer under way still lands; nothing after it is fetched.
-  EXPECT_EQ(readFile(path(kFiles[1].name)), "new macpcklist.dat");
-  EXPECT_EQ(server.count(kFiles[2].target), 0);
+  EXPECT_EQ(readFile(path(kDataFileTargets[1].name)), "new macpcklist.dat");
+  EXPECT_EQ(server.count(kDataFileTargets[2].target), 0);
   EXPECT_EQ(view->progress().back(), 3 / 6.0);
   EXPECT_TRUE(view->alerts().empty());
   EXPECT_EQ(view->closes(), 0);
@@ -221,7 +165,7 @@ TEST_F(UpdateRunTest, CancellingDuringATransferStopsAfterIt) {
 
 TEST_F(UpdateRunTest, InHouseVariantAsksTheConfiguredAddressAsItStands) {
   const std::string query = "/cmmn/download.nis?type=keyfile&filename=";
-  for (const DataFile& file : kFiles)
+  for (const testing::DataFileTarget& file : kDataFileTargets)
     server.serve(query + file.name, std::string("web ") + file.name);
   settings->setWebQuarvelIPAddress(
       PlistValue::string("127.0.0.1:" + std::to_string(server.port())));
@@ -230,7 +174,7 @@ TEST_F(UpdateRunTest, InHouseVariantAsksTheConfiguredAddressAsItStands) {
   auto run = makeRun();
   run->setIsWebQuarvel(true);
   EXPECT_EQ(runToEnd(run), UpdateStatusDone);
-  for (const DataFile& file : kFiles) {
+  for (const testing::DataFileTarget& file : kDataFileTargets) {
     SCOPED_TRACE(file.name);
     EXPECT_EQ(server.count(query + file.name), 1);
     EXPECT_EQ(readFile(path(file.name)), std::string("web ") + file.name);
