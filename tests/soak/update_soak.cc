@@ -39,6 +39,7 @@
 #include "quarvel/update/UpdateRun.h"
 #include "support/DataFileTargets.h"
 #include "support/FileText.h"
+#include "support/FreePort.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/SettingsSandbox.h"
 
@@ -185,19 +186,6 @@ void stopServer(Server& server) {
   if (server.pid > 0) ::waitpid(server.pid, nullptr, 0);
 }
 
-// A loopback port with nothing listening on it.
-int closedPort() {
-  int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof addr;
-  ::bind(probe, reinterpret_cast<sockaddr*>(&addr), len);
-  ::getsockname(probe, reinterpret_cast<sockaddr*>(&addr), &len);
-  ::close(probe);
-  return ntohs(addr.sin_port);
-}
-
 class QuietView : public quarvel::UpdateView {
  public:
   void setStatusText(const std::string&) override {}
@@ -291,7 +279,8 @@ int soak(int runs) {
   for (int file = 0; file < 5; ++file)
     std::ofstream(library + "/" + kDataFileTargets[file].name) << "initial";
   const std::string origin = "http://" + server.hostAndPort;
-  const std::string refusedOrigin = "http://127.0.0.1:" + std::to_string(closedPort());
+  const std::string refusedOrigin =
+      "http://127.0.0.1:" + std::to_string(quarvel::testing::freeLoopbackPort());
 
   // One full turn of the mix, at least, before the figures count.
   const int warmUp = std::max(runs / 8, kMixSize);

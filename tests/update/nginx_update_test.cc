@@ -18,6 +18,7 @@
 
 #include "quarvel/settings/CVUserDefaults.h"
 #include "quarvel/update/UpdateRun.h"
+#include "support/FreePort.h"
 #include "support/SettingsSandbox.h"
 
 namespace quarvel {
@@ -42,21 +43,6 @@ std::string findNginx() {
     if (::access(candidate, X_OK) == 0) return candidate;
   }
   return "";
-}
-
-int freePort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  int port = -1;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-    port = ntohs(address.sin_port);
-  }
-  ::close(fd);
-  return port;
 }
 
 bool accepts(int port) {
@@ -84,7 +70,7 @@ class NginxServer {
     fs::create_directories(work + "/logs");
     std::string block = readFile(std::string(QUARVEL_SOURCE_DIR) + "/docs/nginx-quarvel.conf");
     for (int attempt = 0; attempt < 3 && pid_ < 0; ++attempt) {
-      port_ = freePort();
+      port_ = testing::freeLoopbackPort();
       std::string server = block;
       replace(server, "listen 8080;", "listen 127.0.0.1:" + std::to_string(port_) + ";");
       replace(server, "root /srv/quarvel/lists;", "root " + root + ";");

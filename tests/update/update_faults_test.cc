@@ -22,6 +22,7 @@
 #include "quarvel/update/UpdateRun.h"
 #include "support/DataFileTargets.h"
 #include "support/FileText.h"
+#include "support/FreePort.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/RecordingUpdateView.h"
 #include "support/SettingsSandbox.h"
@@ -177,17 +178,11 @@ class UpdateFaultsTest : public ::testing::Test {
 };
 
 TEST_F(UpdateFaultsTest, AClosedPortFailsTheFirstFileAndTouchesNothing) {
-  int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof addr;
-  ASSERT_EQ(::bind(probe, reinterpret_cast<sockaddr*>(&addr), len), 0);
-  ASSERT_EQ(::getsockname(probe, reinterpret_cast<sockaddr*>(&addr), &len), 0);
-  ::close(probe);  // nobody listens there now
+  const int port = testing::freeLoopbackPort();
+  ASSERT_GT(port, 0);
 
   UpdateOptions o = options(400ms);
-  o.listServer = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
+  o.listServer = "http://127.0.0.1:" + std::to_string(port);
   auto run = UpdateRun::create(view, o);
   runWithin(run, 0);
   EXPECT_EQ(run->updateStatus(), UpdateStatusFailed);
