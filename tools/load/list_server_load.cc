@@ -523,10 +523,16 @@ int run(const Options& options) {
 
   const bool portFree = portReleased(options, shared->port, broken);
   long logLines = 0;
+  std::vector<std::string> otherLines;  // what the server said besides its request lines
   {
     std::ifstream log(logPath);
     std::string line;
-    while (std::getline(log, line)) logLines += line.starts_with("serve: 127.0.0.1 \"");
+    while (std::getline(log, line)) {
+      if (line.starts_with("serve: 127.0.0.1 \""))
+        ++logLines;
+      else
+        otherLines.push_back(std::move(line));
+    }
   }
   ::unlink(logPath);
 
@@ -547,7 +553,14 @@ int run(const Options& options) {
   std::printf("; port %d %s\n", shared->port, portFree ? "released" : "NOT RELEASED");
   if (!cleanStop) broken.push_back("no clean stop");
   if (!portFree) broken.push_back("port not released");
-  std::printf("server log: %ld request lines\n", logLines);
+  std::printf("server log: %ld request lines, %zu other lines\n", logLines, otherLines.size());
+  // A server that died says why on its standard error (a sanitizer report,
+  // say); show the start of it.
+  if (!cleanStop) {
+    constexpr size_t kShown = 60;
+    for (size_t i = 0; i < otherLines.size() && i < kShown; ++i)
+      std::printf("  server: %s\n", otherLines[i].c_str());
+  }
 
   if (broken.empty()) {
     std::printf("result: PASS\n");
