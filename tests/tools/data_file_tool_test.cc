@@ -61,10 +61,14 @@ TEST(DataFileTool, ShowDetectsTheKindAndAlignsWideText) {
 }
 
 TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
-  for (const auto& [name, kind] : {std::pair{"macchecklist.dat", DataFileKind::CheckList},
-                                   std::pair{"macpcklist.dat", DataFileKind::Package},
-                                   std::pair{"macfilterlist.dat", DataFileKind::Filter},
-                                   std::pair{"fontchecklist.dat", DataFileKind::Font}}) {
+  for (const auto& file : {std::pair{"macchecklist.dat", DataFileKind::CheckList},
+                           std::pair{"macpcklist.dat", DataFileKind::Package},
+                           std::pair{"macfilterlist.dat", DataFileKind::Filter},
+                           std::pair{"fontchecklist.dat", DataFileKind::Font}}) {
+    // Plain names, not a structured binding: clang before 16 cannot capture
+    // one in a lambda.
+    const char* const name = file.first;
+    const DataFileKind kind = file.second;
     SCOPED_TRACE(name);
     const Outcome shown = run([&](auto& out, auto& err) {
       return showDataFile(sample(name), kind, OutputFormat::Tsv, out, err);
