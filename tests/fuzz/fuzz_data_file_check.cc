@@ -13,13 +13,11 @@
 
 #include "DataFileFuzz.h"
 #include "DataFileTool.h"
+#include "FuzzFail.h"
 
 namespace {
 
-[[noreturn]] void fail(const char* what) {
-  std::fprintf(stderr, "data file check: %s\n", what);
-  std::abort();
-}
+using quarvel::fuzz::fail;
 
 }  // namespace
 

@@ -10,14 +10,12 @@
 #include <string>
 #include <string_view>
 
+#include "FuzzFail.h"
 #include "audit/DesktopEntry.h"
 
 namespace {
 
-[[noreturn]] void fail(const char* what) {
-  std::fprintf(stderr, "desktop entry: %s\n", what);
-  std::abort();
-}
+using quarvel::fuzz::fail;
 
 }  // namespace
 

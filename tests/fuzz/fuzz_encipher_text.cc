@@ -12,15 +12,13 @@
 #include <vector>
 
 #include "CipherCommand.h"
+#include "FuzzFail.h"
 #include "quarvel/common/CommonLib.h"
 #include "quarvel/common/Log.h"
 
 namespace {
 
-[[noreturn]] void fail(const char* what) {
-  std::fprintf(stderr, "encipher text: %s\n", what);
-  std::abort();
-}
+using quarvel::fuzz::fail;
 
 }  // namespace
 

@@ -21,6 +21,7 @@
 #include <string>
 #include <string_view>
 
+#include "FuzzFail.h"
 #include "quarvel/common/StringUtil.h"
 #include "quarvel/common/detail/CommonLibDetail.h"
 #include "quarvel/settings/HostEnvironment.h"
@@ -49,10 +50,7 @@ enum Part {
   kPartCount
 };
 
-[[noreturn]] void fail(const char* what) {
-  std::fprintf(stderr, "host files: %s\n", what);
-  std::abort();
-}
+using quarvel::fuzz::fail;
 
 // The scratch root and the places the parts go, made once.
 struct Tree {

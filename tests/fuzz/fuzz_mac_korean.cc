@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 
+#include "FuzzFail.h"
 #include "quarvel/common/StringUtil.h"
 #include "quarvel/datafiles/MacKorean.h"
 
@@ -22,10 +23,7 @@ namespace {
 
 using quarvel::MacKorean;
 
-[[noreturn]] void fail(const char* what) {
-  std::fprintf(stderr, "mac korean: %s\n", what);
-  std::abort();
-}
+using quarvel::fuzz::fail;
 
 // The bytes decoded code by code: a byte from 0xA1 to 0xFD leads a two-byte
 // code, any other byte is a code of its own.

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "DataFileTool.h"
+#include "FuzzFail.h"
 #include "quarvel/common/Log.h"
 #include "quarvel/common/StringUtil.h"
 #include "quarvel/datafiles/DataFileFormat.h"
@@ -28,10 +29,7 @@ namespace fs = std::filesystem;
 using namespace quarvel;
 using namespace quarvel::cli;
 
-[[noreturn]] void fail(const char* what) {
-  std::fprintf(stderr, "tsv import: %s\n", what);
-  std::abort();
-}
+using quarvel::fuzz::fail;
 
 const fs::path& scratch() {
   static const fs::path* path = [] {
