@@ -169,12 +169,14 @@ CVUserDefaults* CVUserDefaults::createShared(std::optional<bool> isLiteVer) {
 }
 
 void CVUserDefaults::resetStandardUserDefaults() {
+  stopBackgroundJobs();
   std::lock_guard<std::recursive_mutex> lock(sharedMutex());
   if (userdefaultsInstance) retiredInstances().push_back(userdefaultsInstance);
   userdefaultsInstance = new CVUserDefaults();
 }
 
 void CVUserDefaults::discardSharedInstanceForTesting() {
+  stopBackgroundJobs();
   std::lock_guard<std::recursive_mutex> lock(sharedMutex());
   if (userdefaultsInstance) retiredInstances().push_back(userdefaultsInstance);
   userdefaultsInstance = nullptr;

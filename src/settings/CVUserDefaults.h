@@ -43,6 +43,8 @@ class CVUserDefaults {
   static CVUserDefaults* standardUserDefaultsWithisLiteVer(bool isLiteVer);
   // Replaces the shared instance by a bare one (no start-up work, isLite
   // false); defaultsDic is kept. Pointers to the old instance stay valid.
+  // The old instance's start-up job is stopped and joined first, so it can
+  // take a moment when that job is still gathering the network identity.
   static void resetStandardUserDefaults();
 
   // Where the external-address lookup asks: "host[:port]", answered as plain
@@ -51,7 +53,8 @@ class CVUserDefaults {
   static std::string echoServiceHost();
 
   // For tests: forgets the shared instance and empties defaultsDic, so that
-  // the next class call runs the start-up sequence again.
+  // the next class call runs the start-up sequence again. Like a reset, it
+  // stops and joins the start-up job first.
   static void discardSharedInstanceForTesting();
 
   ~CVUserDefaults();
@@ -212,6 +215,8 @@ class CVUserDefaults {
   // Start-up steps owned by the network identity code.
   void startExternalAddressLookup();
   void startNetworkIdentityJob();
+  // Stops the start-up jobs that are running and waits for them to end.
+  static void stopBackgroundJobs();
 
   bool _isLite = false;
 

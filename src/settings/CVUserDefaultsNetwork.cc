@@ -43,8 +43,10 @@ NetworkSources configuredSources() {
 }
 
 // Runs the start-up identity jobs, each on a thread of its own, in place of
-// the platform's global queue. At exit (or unload) it cuts their 2-second
-// wait short and joins them, so no job outlives the library.
+// the platform's global queue. A job never outlives what it was handed:
+// retiring the shared instance or changing the network sources stops and
+// joins the running jobs first (stopAll), and so does the library's exit or
+// unload. Stopping cuts a job's 2-second wait short.
 class BackgroundJobs {
  public:
   static BackgroundJobs& shared() {
@@ -54,7 +56,7 @@ class BackgroundJobs {
 
   void submit(std::function<void()> job) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (stopping_) return;
+    if (stopping_) return;  // only while stopAll joins, or at exit
     threads_.emplace_back(std::move(job));
   }
 
@@ -64,7 +66,10 @@ class BackgroundJobs {
     wake_.wait_for(lock, duration, [this] { return stopping_; });
   }
 
-  ~BackgroundJobs() {
+  // Stops and joins every job submitted so far; later jobs run as usual.
+  // Called from a thread that is not one of the jobs.
+  void stopAll() {
+    std::lock_guard<std::mutex> serial(stopMutex_);
     std::vector<std::thread> threads;
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -73,10 +78,19 @@ class BackgroundJobs {
     }
     wake_.notify_all();
     for (auto& t : threads) t.join();
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = false;
+  }
+
+  ~BackgroundJobs() {
+    stopAll();
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;  // nothing starts during the rest of the exit
   }
 
  private:
   BackgroundJobs() = default;
+  std::mutex stopMutex_;  // one stopAll at a time
   std::mutex mutex_;
   std::condition_variable wake_;
   bool stopping_ = false;             // guarded by mutex_
@@ -118,7 +132,11 @@ std::string CVUserDefaults::echoServiceHost() {
   return echoHost();
 }
 
+void CVUserDefaults::stopBackgroundJobs() { BackgroundJobs::shared().stopAll(); }
+
 void CVUserDefaults::setNetworkSourcesForTesting(const NetworkSources& sources) {
+  // A running job still holds the sources it was handed.
+  stopBackgroundJobs();
   std::lock_guard<std::mutex> lock(sourcesMutex);
   configuredSourcesSlot() = sources;
 }

@@ -2,6 +2,7 @@
 // lookup, the one wait for it, the cached text and the start-up job.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -115,6 +116,28 @@ TEST_F(NetworkDefaultsTest, CallersRacingTheStartUpJobAgree) {
   EXPECT_EQ(
       here,
       "내부 IP : 10.0.2.15<br>외부 IP : (null)<br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>");
+}
+
+// The start-up job is handed the test's sources; retiring the instance must
+// wait for it, or it would call them after they are gone.
+TEST_F(NetworkDefaultsTest, RetiringTheInstanceJoinsItsStartUpJob) {
+  std::atomic<bool> jobEnded{false};
+  CVUserDefaults::setNetworkSourcesForTesting(
+      {std::make_shared<FakeInterfaces>(kMachine), services_,
+       [&jobEnded](std::chrono::milliseconds) {
+         std::this_thread::sleep_for(100ms);
+         jobEnded = true;
+       }});
+  CVUserDefaults::standardUserDefaults();
+  CVUserDefaults::discardSharedInstanceForTesting();
+  EXPECT_TRUE(jobEnded);
+  EXPECT_EQ(services_->calls, 1);  // the job ran to its end, not cut off
+
+  jobEnded = false;
+  CVUserDefaults::standardUserDefaults();
+  CVUserDefaults::resetStandardUserDefaults();
+  EXPECT_TRUE(jobEnded);
+  EXPECT_EQ(services_->calls, 2);
 }
 
 }  // namespace
