@@ -56,6 +56,7 @@ struct Options {
   int stopBoundMs = 5000;
   bool printSamples = false;
   bool rssCheck = true;
+  bool stallCheck = true;  // fail on an interval without a completed request
   double rssMarginPercent = 10;
   long rssMarginKiB = 2048;
 };
@@ -365,7 +366,12 @@ void reportServer(const Options& options, const ProcessSample& idle,
   if (fastest > 0)
     std::printf("completions per second: min %.0f, max %.0f\n", slowest * perSecond,
                 fastest * perSecond);
-  if (fastest > 0 && slowest == 0) broken.push_back("a stall (an interval with no completion)");
+  if (fastest > 0 && slowest == 0) {
+    if (options.stallCheck)
+      broken.push_back("a stall (an interval with no completion)");
+    else
+      std::printf("  an interval had no completion (stalls not judged in this run)\n");
+  }
   std::printf("server rss: idle %s, first %s, last %s, max %s; threads max %d\n",
               mib(idle.rssKiB).c_str(),
               mib(samples.empty() ? 0 : samples.front().process.rssKiB).c_str(),
@@ -620,6 +626,10 @@ int main(int argc, char** argv) {
   app.add_option("--rss-check", o.rssCheck,
                  "Fail when the server's memory grows (off under sanitizers, whose "
                  "quarantine grows by design)")
+      ->capture_default_str();
+  app.add_option("--stall-check", o.stallCheck,
+                 "Fail when a sample interval completes no request (a timing judgement, "
+                 "for the soak; the short run in the tests leaves it out)")
       ->capture_default_str();
   app.add_option("--rss-margin-percent", o.rssMarginPercent, "Allowed growth, percent")
       ->capture_default_str();
