@@ -45,8 +45,13 @@ bool isPortableRun(const HostEnvironment& environment) {
 std::optional<std::string> chooseBasePath(const HostEnvironment& environment, bool isLite) {
   const char* name = isLite ? "Quarvel" : ".Quarvel";
   if (isPortableRun(environment)) {
-    auto bundle = environment.bundlePath();
-    return deletingLastPathComponent(*bundle) + "/" + name;
+    // Beside the program, on its volume: in the folder that holds the
+    // program's folder, unless the program's folder is the volume's root,
+    // where going up would put the work folder on another disk.
+    const std::string bundle = *environment.bundlePath();
+    const auto facts = environment.volumeFacts(bundle);
+    const bool atRoot = facts && facts->isVolumeRoot;
+    return (atRoot ? bundle : deletingLastPathComponent(bundle)) + "/" + name;
   }
   return joined(environment.documentsDirectory(), name);
 }

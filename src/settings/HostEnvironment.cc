@@ -101,6 +101,7 @@ std::optional<VolumeFacts> SystemHostEnvironment::volumeFacts(const std::string&
   facts.unmountable = mount->mountPoint != "/";
   facts.removable = mount->major != 0 && isRemovableBlockDevice(systemRoot_, mount->major, mount->minor);
   facts.type = volumeTypeName(mount->fsType);
+  facts.isVolumeRoot = real.string() == mount->mountPoint;
   return facts;
 }
 

@@ -18,6 +18,9 @@ struct VolumeFacts {
   bool unmountable = false;  // anything but the root file system
   // The file-system type: "smbfs" for cifs and smb3, else the kernel's name.
   std::optional<std::string> type;
+  // The path asked about is the volume's mount point: its parent folder lies
+  // on another volume.
+  bool isVolumeRoot = false;
 };
 
 class HostEnvironment {

@@ -168,11 +168,19 @@ TEST_F(SysfsTree, SystemEnvironmentCombinesMountsAndSysfs) {
   EXPECT_TRUE(facts->unmountable);
   EXPECT_EQ(facts->type, "vfat");
 
+  EXPECT_TRUE(facts->isVolumeRoot);
+
   facts = environment.volumeFacts(share.string());
   ASSERT_TRUE(facts.has_value());
   EXPECT_FALSE(facts->removable);
   EXPECT_TRUE(facts->writable);
   EXPECT_EQ(facts->type, "smbfs");
+  // A folder inside the share is not the share's root.
+  fs::create_directories(share / "tools");
+  auto inside = environment.volumeFacts((share / "tools").string());
+  ASSERT_TRUE(inside.has_value());
+  EXPECT_EQ(inside->type, "smbfs");
+  EXPECT_FALSE(inside->isVolumeRoot);
 
   facts = environment.volumeFacts(cd.string());
   ASSERT_TRUE(facts.has_value());

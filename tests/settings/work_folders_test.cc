@@ -33,8 +33,9 @@ class FakeHostEnvironment : public HostEnvironment {
   std::optional<VolumeFacts> facts_;
 };
 
-VolumeFacts facts(bool removable, bool writable, bool unmountable, std::optional<std::string> type) {
-  return VolumeFacts{removable, writable, unmountable, std::move(type)};
+VolumeFacts facts(bool removable, bool writable, bool unmountable, std::optional<std::string> type,
+                  bool isVolumeRoot = false) {
+  return VolumeFacts{removable, writable, unmountable, std::move(type), isVolumeRoot};
 }
 
 TEST(WorkFoldersTest, PortableRule) {
@@ -74,6 +75,13 @@ TEST(WorkFoldersTest, StartUpPlacesFoldersByVolume) {
        "/volume/.Quarvel"},
       {"removable disk, visible name", facts(true, true, true, "exfat"), true, "/volume/Quarvel",
        "/volume/Quarvel"},
+      // The program's folder is the share itself: its parent is another disk.
+      {"program at the root of a share", facts(false, true, true, "smbfs", true), false,
+       "/volume/QuarvelApp/.Quarvel", "/volume/QuarvelApp/.Quarvel"},
+      {"program at the root of a removable disk", facts(true, true, true, "vfat", true), true,
+       "/volume/QuarvelApp/Quarvel", "/volume/QuarvelApp/Quarvel"},
+      {"start-up disk mounted at the program's folder", facts(false, true, false, "ext4", true),
+       false, "/home/Documents/.Quarvel", "/data/Quarvel"},
       {"removable read-only disk", facts(true, false, true, "vfat"), false,
        "/home/Documents/.Quarvel", "/data/Quarvel"},
       {"start-up disk, hidden name", facts(false, true, false, "ext4"), false,
