@@ -180,25 +180,30 @@ bool FileReplacement::State::openFor(const std::string& given, mode_t newFileMod
   path = given;
   if (given.empty()) return fail("no path", ENOENT);
   std::string resolved;
-  if (int error = resolveTarget(given, resolved, target, exists))
-    return fail("cannot reach the file", error);
+  // A file removed between the look and the open is looked for again: the
+  // write then creates it, as one through the path would.
+  for (int attempt = 0;; ++attempt) {
+    if (int error = resolveTarget(given, resolved, target, exists))
+      return fail("cannot reach the file", error);
+    if (!exists) break;
+    if (S_ISDIR(target.st_mode)) return fail("the path names a folder", EISDIR);
+    if (!S_ISREG(target.st_mode)) return fail("not a regular file", 0);
+    // Opening it is the exact test of whether a write through the path would
+    // be allowed. Non-blocking, in case it became a pipe since lstat.
+    targetFd = ::open(resolved.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC);
+    if (targetFd >= 0) break;
+    if (errno != ENOENT || attempt == 2) return fail("cannot open the file for writing", errno);
+  }
+  if (exists) {
+    if (::fstat(targetFd, &target) != 0) return fail("cannot read the file's status", errno);
+    if (!S_ISREG(target.st_mode)) return fail("not a regular file", 0);
+  }
   if (resolved.back() == '/') return fail("the path names a folder", EISDIR);
   const std::size_t slash = resolved.rfind('/');
   const std::string folder = slash == std::string::npos ? "."
                              : slash == 0               ? "/"
                                                         : resolved.substr(0, slash);
   name = slash == std::string::npos ? resolved : resolved.substr(slash + 1);
-
-  if (exists) {
-    if (S_ISDIR(target.st_mode)) return fail("the path names a folder", EISDIR);
-    if (!S_ISREG(target.st_mode)) return fail("not a regular file", 0);
-    // Opening it is the exact test of whether a write through the path would
-    // be allowed. Non-blocking, in case it became a pipe since lstat.
-    targetFd = ::open(resolved.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC);
-    if (targetFd < 0) return fail("cannot open the file for writing", errno);
-    if (::fstat(targetFd, &target) != 0) return fail("cannot read the file's status", errno);
-    if (!S_ISREG(target.st_mode)) return fail("not a regular file", 0);
-  }
 
   folderFd = ::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   if (folderFd < 0) return fail("cannot reach the folder", errno);
@@ -230,7 +235,9 @@ bool FileReplacement::State::openFor(const std::string& given, mode_t newFileMod
     // group.
     if (::fchown(tempFd, target.st_uid, target.st_gid) != 0 && errno == EPERM)
       (void)::fchown(tempFd, static_cast<uid_t>(-1), target.st_gid);
-    if (::fchmod(tempFd, target.st_mode & 07777) != 0)
+    // A file system without modes (or that refuses them) keeps the 0600 the
+    // temporary was created with, which leaks nothing.
+    if (::fchmod(tempFd, target.st_mode & 07777) != 0 && errno != EPERM && errno != EOPNOTSUPP)
       return fail("cannot set the file's mode", errno);
   }
   open = true;
@@ -324,17 +331,17 @@ int FileReplacement::State::copyInPlace() {
     } while (result != 0 && errno == EINTR);
     if (result != 0 && errno != EOPNOTSUPP && errno != ENOSYS) return errno;
   }
-  static thread_local char buffer[kCopyChunk];
+  const std::unique_ptr<char[]> buffer(new char[kCopyChunk]);
   for (off_t offset = 0; offset < size;) {
-    const ssize_t n = ::pread(tempFd, buffer, sizeof buffer, offset);
+    const ssize_t n = ::pread(tempFd, buffer.get(), kCopyChunk, offset);
     if (n < 0) {
       if (errno == EINTR) continue;
       return errno;
     }
     if (n == 0) return EIO;  // the staging file is shorter than written
     for (ssize_t done = 0; done < n;) {
-      const ssize_t w =
-          ::pwrite(targetFd, buffer + done, static_cast<std::size_t>(n - done), offset + done);
+      const ssize_t w = ::pwrite(targetFd, buffer.get() + done, static_cast<std::size_t>(n - done),
+                                 offset + done);
       if (w < 0) {
         if (errno == EINTR) continue;
         return errno;
