@@ -391,6 +391,10 @@ bool FileReplacement::commit() {
     s.close();
     return true;
   }
+  // A write by a process without CAP_FSETID clears the set-id bits that were
+  // set before it; they are set again once the contents are complete.
+  if (s.exists && (s.target.st_mode & (S_ISUID | S_ISGID)) != 0)
+    (void)::fchmod(s.tempFd, s.target.st_mode & 07777);
   if (::fsync(s.tempFd) != 0) return s.fail("cannot flush the new contents", errno);
   // The lock is held until the name is gone, so that no scan takes the file
   // for a stale one.
