@@ -266,8 +266,8 @@ void FileReplacement::State::removeStaleTemporaries(const std::string& prefix) {
     if (fd < 0 && errno == EACCES)
       fd = ::openat(folderFd, candidate, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) continue;
-    struct stat held {
-    }, now{};
+    struct stat held {};
+    struct stat now {};
     if (::fstat(fd, &held) == 0 && S_ISREG(held.st_mode) && sameFile(held, before) &&
         ::flock(fd, LOCK_EX | LOCK_NB) == 0 &&
         ::fstatat(folderFd, candidate, &now, AT_SYMLINK_NOFOLLOW) == 0 && sameFile(held, now))
@@ -290,8 +290,8 @@ int FileReplacement::State::createTemporary(const std::string& prefix, mode_t mo
       if (errno == EEXIST) continue;
       return errno;
     }
-    struct stat held {
-    }, named{};
+    struct stat held {};
+    struct stat named {};
     if (::flock(fd, LOCK_EX | LOCK_NB) == 0 && ::fstat(fd, &held) == 0 &&
         ::fstatat(folderFd, candidate.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
         sameFile(held, named)) {
