@@ -235,6 +235,7 @@ TEST(FileReplacement, PermissionsBindAnUnprivilegedWriter) {
       {"someone else's file", 0644, 0777, 0, false},
       {"someone else's file, read-only folder", 0644, 0555, 0, false},
       {"own set-group-id file", 02755, 0777, 65534, true},
+      {"writable file, sticky folder", 0666, 01777, 0, true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -257,7 +258,7 @@ TEST(FileReplacement, PermissionsBindAnUnprivilegedWriter) {
     if (c.fileMode) {
       EXPECT_EQ(statOf(path).st_mode & 07777, c.fileMode);
     }
-    if (!c.answer || c.folderMode == 0555) {
+    if (!c.answer || c.folderMode != 0777) {
       EXPECT_EQ(statOf(path).st_ino, inode) << "written in place or not at all";
     }
     EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()),
