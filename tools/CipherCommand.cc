@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "quarvel/common/CommonLib.h"
+#include "quarvel/common/FileReplacement.h"
 #include "quarvel/datafiles/LineReader.h"
 #include "quarvel/datafiles/MacKorean.h"
 
@@ -101,10 +102,8 @@ int runEncrypt(const EncryptOptions& options, std::ostream& err) {
         << problem.reason << "; nothing written\n";
     return 1;
   }
-  std::ofstream out(options.outPath, std::ios::binary | std::ios::trunc);
-  out.write(enciphered->data(), static_cast<std::streamsize>(enciphered->size()));
-  out.close();
-  if (!out) {
+  // Replaced whole: a write that fails part-way leaves OUT as it was.
+  if (!FileReplacement::replace(options.outPath, *enciphered)) {
     err << "quarvel: " << options.outPath << ": cannot be written\n";
     return 1;
   }

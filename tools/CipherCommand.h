@@ -33,9 +33,10 @@ struct EncryptOptions {
   std::string outPath;
 };
 
-// Reads options.textPath, enciphers it and writes options.outPath. On any
-// problem prints "FILE:LINE:COLUMN: reason" to `err`, writes nothing and
-// answers 1; 0 on success.
+// Reads options.textPath, enciphers it and replaces options.outPath with it
+// (FileReplacement). On any problem prints "FILE:LINE:COLUMN: reason", or
+// that OUT cannot be written, to `err`, leaves OUT as it was and answers 1;
+// 0 on success.
 int runEncrypt(const EncryptOptions& options, std::ostream& err);
 
 }  // namespace quarvel::cli

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -12,6 +11,7 @@
 #include <cstring>
 
 #include "quarvel/common/CommonLib.h"
+#include "quarvel/common/FileReplacement.h"
 #include "quarvel/common/Log.h"
 #include "quarvel/common/StringUtil.h"
 #include "quarvel/datafiles/DataFileFormat.h"
@@ -227,59 +227,13 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
   return buffer;
 }
 
-namespace {
-
-bool writeAll(int fd, const unsigned char* data, std::uint64_t size) {
-  while (size > 0) {
-    const std::size_t chunk = size > (1u << 30) ? (1u << 30) : static_cast<std::size_t>(size);
-    const ssize_t written = ::write(fd, data, chunk);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data += written;
-    size -= static_cast<std::uint64_t>(written);
-  }
-  return true;
-}
-
-}  // namespace
-
 bool FileFramework::writeContents(const std::string& path, unsigned char* buffer,
                                   std::uint64_t size) {
   if (buffer == nullptr || size == 0 || size > UINT32_MAX || path.empty()) return false;
-  // Replace what a symbolic link points at, not the link.
-  std::string target = path;
-  struct stat info {};
-  if (::lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
-    if (char* real = ::realpath(path.c_str(), nullptr)) {
-      target = real;
-      std::free(real);
-    }
-  }
-  struct stat existing {};
-  const bool exists = ::stat(target.c_str(), &existing) == 0;
-  if (exists && S_ISDIR(existing.st_mode)) return false;
-
   CommonLib::Encrypt(buffer, static_cast<std::uint32_t>(size));
-
-  static std::atomic<unsigned> counter{0};
-  std::string temporary;
-  int fd = -1;
-  for (int attempt = 0; attempt < 16 && fd < 0; ++attempt) {
-    temporary = target + ".tmp" + std::to_string(::getpid()) + "_" + std::to_string(counter++);
-    fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0 && errno != EEXIST) return false;
-  }
-  if (fd < 0) return false;
-  bool ok = writeAll(fd, buffer, size);
-  // Keep the permissions of the file being replaced (best effort).
-  if (ok && exists) (void)::fchmod(fd, existing.st_mode & 07777);
-  if (ok) ok = ::fsync(fd) == 0;
-  if (::close(fd) != 0) ok = false;
-  if (ok) ok = ::rename(temporary.c_str(), target.c_str()) == 0;
-  if (!ok) ::unlink(temporary.c_str());
-  return ok;
+  const std::string_view bytes(reinterpret_cast<const char*>(buffer),
+                               static_cast<std::size_t>(size));
+  return FileReplacement::replace(path, bytes);
 }
 
 }  // namespace quarvel

@@ -146,9 +146,10 @@ class FileFramework {
   static std::unique_ptr<unsigned char[]> buildContents(std::span<Table* const> tables,
                                                         const char* owner, std::uint64_t& size);
 
-  // Enciphers `size` bytes of `buffer` in place and writes them to `path`
-  // through a temporary file and a rename. False on an empty buffer or when
-  // the file cannot be written.
+  // Enciphers `size` bytes of `buffer` in place and replaces `path` with
+  // them (FileReplacement: through a link, keeping the file's mode and
+  // owner, by rename or else in place). False on an empty buffer or when
+  // the file cannot be written; the old file then stays as it was.
   static bool writeContents(const std::string& path, unsigned char* buffer, std::uint64_t size);
 
  private:

@@ -14,6 +14,7 @@
 #include <sstream>
 #include <system_error>
 
+#include "quarvel/common/FileReplacement.h"
 #include "quarvel/common/Log.h"
 #include "quarvel/common/StringUtil.h"
 #include "quarvel/settings/HostEnvironment.h"
@@ -84,50 +85,14 @@ void moveAside(const std::string& path) {
   }
 }
 
-bool writeAll(int fd, const std::string& bytes) {
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
-// Temporary file beside the target, flushed to disk, renamed over it, and the
-// folder flushed so the rename itself survives a crash.
+// The domain file replaced whole (FileReplacement), its folder created when
+// missing. A new domain file is the user's alone: created 0600.
 bool replaceFileAtomically(const std::string& path, const std::string& bytes) {
   std::string folder = deletingLastPathComponent(path);
   if (folder.empty()) folder = ".";
   std::error_code ec;
   std::filesystem::create_directories(folder, ec);
-  std::string temporary = path + ".XXXXXX";
-  int fd = ::mkstemp(temporary.data());
-  if (fd < 0) {
-    logf("Settings domain %s not written: cannot create a temporary file (%s)", path.c_str(),
-         std::strerror(errno));
-    return false;
-  }
-  ::fchmod(fd, 0600);
-  bool ok = writeAll(fd, bytes) && ::fsync(fd) == 0;
-  int savedErrno = errno;
-  if (::close(fd) != 0) ok = false;
-  if (ok && std::rename(temporary.c_str(), path.c_str()) != 0) {
-    savedErrno = errno;
-    ok = false;
-  }
-  if (!ok) {
-    ::unlink(temporary.c_str());
-    logf("Settings domain %s not written (%s)", path.c_str(), std::strerror(savedErrno));
-    return false;
-  }
-  int dirFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dirFd >= 0) {
-    ::fsync(dirFd);
-    ::close(dirFd);
-  }
-  return true;
+  return FileReplacement::replace(path, bytes, 0600);
 }
 
 }  // namespace

@@ -1,14 +1,12 @@
 #include "quarvel/update/UpdateRun.h"
 
 #include <curl/curl.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <ctime>
 #include <thread>
 
+#include "quarvel/common/FileReplacement.h"
 #include "quarvel/common/Log.h"
 #include "quarvel/common/StringUtil.h"
 #include "quarvel/settings/CVUserDefaults.h"
@@ -135,33 +133,6 @@ std::optional<DownloadError> httpGet(const std::string& url, std::chrono::millis
   if (code == CURLE_OK) return std::nullopt;
   body.clear();
   return DownloadError{code, errorText[0] ? errorText : curl_easy_strerror(code)};
-}
-
-// Replaces `path` with `body` in one step: the bytes go to a temporary file
-// beside it, which is then renamed over it, so that a reader never sees a
-// half-written data file. Answers false on any failure; the old file then
-// stays as it was.
-bool writeFileReplacing(const std::string& path, const std::string& body) {
-  if (path.empty()) return false;
-  std::string folder = deletingLastPathComponent(path);
-  if (folder.empty()) folder = ".";
-  std::string temp = folder + "/." + lastPathComponent(path) + ".XXXXXX";
-  int fd = mkstemp(temp.data());
-  if (fd < 0) return false;
-  bool ok = fchmod(fd, 0644) == 0;
-  size_t written = 0;
-  while (ok && written < body.size()) {
-    ssize_t n = ::write(fd, body.data() + written, body.size() - written);
-    if (n < 0)
-      ok = false;
-    else
-      written += static_cast<size_t>(n);
-  }
-  ok = ok && ::fsync(fd) == 0;
-  ok = (::close(fd) == 0) && ok;
-  if (ok && std::rename(temp.c_str(), path.c_str()) == 0) return true;
-  ::unlink(temp.c_str());
-  return false;
 }
 
 }  // namespace
@@ -304,7 +275,7 @@ std::optional<DownloadError> UpdateRun::downloadKeyFile(std::int64_t index) {
     return error;
   // A failed write goes unnoticed, as the run has always done; the old file
   // then stays whole.
-  (void)writeFileReplacing(localPath, body);
+  (void)FileReplacement::replace(localPath, body);
   view_->setProgress(static_cast<double>(index + 1) / 6.0);
   return std::nullopt;
 }
@@ -317,7 +288,7 @@ std::optional<DownloadError> UpdateRun::downloadWindowsKeyFiles() {
   std::string body;
   if (auto error = httpGet(url, options_.windowsFileTimeout, options_.transferLimit, body))
     return error;
-  (void)writeFileReplacing(localPath, body);
+  (void)FileReplacement::replace(localPath, body);
   return std::nullopt;
 }
 

@@ -1,5 +1,10 @@
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "CipherCommand.h"
@@ -75,6 +80,39 @@ TEST(CipherCommands, AnUnencodableCharacterWritesNothing) {
   EXPECT_EQ(err.str(),
             dir.file("in.txt") + ":2:4: U+00E9 has no Mac Korean form; nothing written\n");
   EXPECT_FALSE(std::filesystem::exists(dir.file("out.dat")));
+}
+
+// OUT is replaced whole or not at all: a write that runs out of room (a
+// file-size limit in a child process stands in for a full disk) leaves the
+// old file, which still deciphers.
+TEST(CipherCommands, AFailedWriteLeavesOutAsItWas) {
+  TempDir dir;
+  quarvel::testing::writeBytes(dir.path() / "old.txt", "old\n");
+  std::string longer;
+  for (int line = 0; line < 100; ++line) longer += std::string(40, 'x') + "\n";
+  quarvel::testing::writeBytes(dir.path() / "new.txt", longer);
+  std::ostringstream err;
+  ASSERT_EQ(runEncrypt({dir.file("old.txt"), dir.file("out.dat")}, err), 0) << err.str();
+  const std::string before = quarvel::testing::readBytes(dir.path() / "out.dat");
+
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    ::getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = 1024;
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    std::ostringstream childErr;
+    const int status = runEncrypt({dir.file("new.txt"), dir.file("out.dat")}, childErr);
+    ::_exit(status == 1 && childErr.str().find("cannot be written") != std::string::npos ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+  EXPECT_EQ(quarvel::testing::readBytes(dir.path() / "out.dat"), before);
+  std::vector<std::string> names = dir.entries();
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"new.txt", "old.txt", "out.dat"}));
 }
 
 TEST(CipherCommands, DecryptOfAMissingOrEmptyFileFails) {

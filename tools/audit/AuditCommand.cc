@@ -3,10 +3,10 @@
 #include <unistd.h>
 
 #include <ctime>
-#include <fstream>
 #include <memory>
 
 #include "audit/ProgressLine.h"
+#include "quarvel/common/FileReplacement.h"
 #include "quarvel/settings/CVUserDefaults.h"
 
 namespace quarvel::audit {
@@ -109,10 +109,7 @@ int runAudit(const AuditCommandOptions& options, std::ostream& out, std::ostream
     ReportOptions page;
     page.generatedAt = localTimeStamp();
     page.host = hostName();
-    std::ofstream file(*options.htmlFile, std::ios::binary | std::ios::trunc);
-    file << formatHtml(result, page);
-    file.close();
-    if (!file) {
+    if (!FileReplacement::replace(*options.htmlFile, formatHtml(result, page))) {
       err << "audit: cannot write " << *options.htmlFile << "\n";
       return 2;
     }

@@ -25,7 +25,7 @@ struct AuditCommandOptions {
   std::optional<std::string> fontList;
   bool fonts = true;  // look for fonts at all
   ReportFormat format = ReportFormat::Table;
-  std::optional<std::string> htmlFile;  // also write the page there
+  std::optional<std::string> htmlFile;  // also write the page there, replaced whole
   bool progress = true;                 // on standard error when it is a terminal
   // Where a system scan looks (tests set these); defaults to the process's.
   std::optional<ScanEnvironment> environment;

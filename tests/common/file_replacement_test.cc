@@ -1,0 +1,271 @@
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "quarvel/common/FileReplacement.h"
+#include "quarvel/common/Log.h"
+#include "support/FileText.h"
+
+namespace quarvel {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::readFile;
+
+class ScratchDir {
+ public:
+  ScratchDir() {
+    std::string pattern = ::testing::TempDir() + "quarvel-replace-XXXXXX";
+    path_ = ::mkdtemp(pattern.data());
+    ::chmod(path_.c_str(), 0755);  // reachable by the unprivileged child
+  }
+  ~ScratchDir() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+  std::set<std::string> names() const {
+    std::set<std::string> found;
+    for (const auto& entry : fs::directory_iterator(path_)) found.insert(entry.path().filename());
+    return found;
+  }
+
+ private:
+  std::string path_;
+};
+
+void put(const std::string& path, const std::string& bytes, mode_t mode = 0644) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+  ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+}
+
+struct stat statOf(const std::string& path) {
+  struct stat info {};
+  ::lstat(path.c_str(), &info);
+  return info;
+}
+
+// Runs `body` in a child process and answers its exit status; a child still
+// running after 3 seconds is ended by SIGALRM (128 + 14).
+int inChild(const std::function<int()>& body) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::alarm(3);
+    ::_exit(body());
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+TEST(FileReplacement, ReplacesWhatAWriteThroughThePathWouldReach) {
+  const std::string longName(255, 'n');
+  // Entries made first, in order: "" a file holding "old", "dir" a folder,
+  // "->x" a symbolic link to x, "=>x" one to x by its absolute path.
+  struct Case {
+    std::vector<std::pair<std::string, std::string>> entries;
+    std::string path;
+    bool answer;
+    std::string reaches;  // the file that then holds "new"
+  } cases[] = {
+      {{{"f", ""}}, "f", true, "f"},
+      {{}, "f", true, "f"},
+      {{{"f", ""}, {"l", "=>f"}}, "l", true, "f"},
+      {{{"f", ""}, {"sub", "dir"}, {"sub/b", "->../f"}, {"l", "->sub/b"}}, "l", true, "f"},
+      {{{"l", "->f"}}, "l", true, "f"},  // dangling
+      {{{"a", "->b"}, {"b", "->a"}}, "a", false, ""},
+      {{{"f", "dir"}}, "f", false, ""},
+      {{}, "no/f", false, ""},
+      {{{longName, ""}}, longName, true, longName},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path + " " + ::testing::PrintToString(c.entries).substr(0, 80));
+    ScratchDir dir;
+    std::set<std::string> names;
+    for (const auto& [name, what] : c.entries) {
+      if (what.empty()) put(dir / name, "old");
+      if (what == "dir") fs::create_directory(dir / name);
+      if (what.starts_with("->")) fs::create_symlink(what.substr(2), dir / name);
+      if (what.starts_with("=>")) fs::create_symlink(dir / what.substr(2), dir / name);
+      names.insert(name.substr(0, name.find('/')));
+    }
+    if (!c.reaches.empty()) names.insert(c.reaches);
+    LogCapture log;
+    EXPECT_EQ(FileReplacement::replace(dir / c.path, "new"), c.answer);
+    EXPECT_EQ(log.lines().size(), c.answer ? 0u : 1u);
+    if (!c.reaches.empty()) {
+      EXPECT_EQ(readFile(dir / c.reaches), "new");
+    }
+    EXPECT_EQ(dir.names(), names) << "no temporary left";
+    for (const auto& [name, what] : c.entries)
+      EXPECT_EQ(fs::is_symlink(dir / name), what.size() > 1 && what[1] == '>') << name;
+  }
+}
+
+TEST(FileReplacement, KeepsModeAndOwnerAndCreatesWithTheUmask) {
+  ScratchDir dir;
+  const bool root = ::geteuid() == 0;
+  for (mode_t mode : {0640, 0755, 0444, 0600, 02755, 04711}) {
+    SCOPED_TRACE(mode);
+    if (!root && !(mode & 0200)) continue;  // only root may write it
+    const std::string path = dir / "f";
+    put(path, "old", mode);
+    if (root) {
+      ASSERT_EQ(::chown(path.c_str(), 65534, 65534), 0);
+    }
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0);  // chown cleared the set-id bits
+    const struct stat before = statOf(path);
+    ASSERT_TRUE(FileReplacement::replace(path, "new"));
+    const struct stat after = statOf(path);
+    EXPECT_EQ(after.st_mode & 07777, before.st_mode & 07777);
+    EXPECT_EQ(after.st_uid, before.st_uid);
+    EXPECT_EQ(after.st_gid, before.st_gid);
+    EXPECT_NE(after.st_ino, before.st_ino) << "replaced by rename";
+  }
+  // A new file: `newFileMode` less the umask.
+  for (auto [mask, newFileMode, mode] : {std::tuple{022, 0666, 0644}, {077, 0666, 0600}}) {
+    SCOPED_TRACE(mask);
+    const std::string path = dir / ("n" + std::to_string(mask));
+    const mode_t saved = ::umask(mask);
+    EXPECT_TRUE(FileReplacement::replace(path, "new", newFileMode));
+    ::umask(saved);
+    EXPECT_EQ(statOf(path).st_mode & 07777, static_cast<mode_t>(mode));
+  }
+}
+
+TEST(FileReplacement, RefusesSpecialFilesWithoutBlocking) {
+  ScratchDir dir;
+  ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0666), 0);
+  const int sock = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", (dir / "sock").c_str());
+  ASSERT_EQ(::bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ::close(sock);
+  fs::create_symlink("/dev/null", dir / "null");
+  for (const char* name : {"pipe", "sock", "null"}) {
+    SCOPED_TRACE(name);
+    const std::string path = dir / name;
+    EXPECT_EQ(inChild([&] { return FileReplacement::replace(path, "new") ? 0 : 1; }), 1);
+  }
+  EXPECT_EQ(dir.names(), (std::set<std::string>{"pipe", "sock", "null"}));
+}
+
+TEST(FileReplacement, RemovesOnlyTemporariesWhoseWriterDied) {
+  ScratchDir dir;
+  put(dir / "f", "old");
+  put(dir / ".f.~qv-short", "");                     // not the name form
+  put(dir / ".g.~qv-dead0002", "");                  // another target's
+  fs::create_symlink("f", dir / ".f.~qv-link0003");  // not a regular file
+  fs::create_directory(dir / ".f.~qv-fold0004");
+  const std::set<std::string> kept = dir.names();
+
+  FileReplacement live(dir / "f");  // holds its own, locked
+  ASSERT_TRUE(live.write("first"));
+  put(dir / ".f.~qv-dead0001", "");  // its writer was killed
+  ASSERT_EQ(dir.names().size(), kept.size() + 2);
+  ASSERT_TRUE(FileReplacement::replace(dir / "f", "second"));
+  EXPECT_EQ(dir.names().size(), kept.size() + 1) << "the live one is kept";
+  EXPECT_FALSE(fs::exists(dir / ".f.~qv-dead0001"));
+  ASSERT_TRUE(live.commit());
+  EXPECT_EQ(readFile(dir / "f"), "first");
+  EXPECT_EQ(dir.names(), kept);
+}
+
+// Past the file-size limit (a full disk, as far as the writer can tell) or
+// before commit, nothing of the new contents reaches the file, whether it is
+// replaced by rename or (with a second link, which stays linked) in place.
+TEST(FileReplacement, AFailedReplacementLeavesTheOldFileAndHardLinksStayLinked) {
+  ScratchDir dir;
+  put(dir / "f", "old");
+  put(dir / "h", "old");
+  ASSERT_EQ(::link((dir / "h").c_str(), (dir / "h2").c_str()), 0);
+  for (const std::string& path : {dir / "f", dir / "h"}) {
+    SCOPED_TRACE(path);
+    EXPECT_EQ(inChild([&] {
+                ::signal(SIGXFSZ, SIG_IGN);
+                rlimit limit{};
+                ::getrlimit(RLIMIT_FSIZE, &limit);
+                limit.rlim_cur = 1000;
+                ::setrlimit(RLIMIT_FSIZE, &limit);
+                return FileReplacement::replace(path, std::string(4096, 'x')) ? 0 : 1;
+              }),
+              1);
+    EXPECT_EQ(readFile(path), "old");
+    FileReplacement replacement(path);
+    ASSERT_TRUE(replacement.write("n") && replacement.write("e"));
+    EXPECT_EQ(readFile(path), "old") << "untouched until commit";
+    if (path == dir / "f") continue;  // abandoned
+    ASSERT_TRUE(replacement.commit());
+    EXPECT_EQ(readFile(dir / "h2"), "ne") << "still linked, cut to the new size";
+  }
+  EXPECT_EQ(readFile(dir / "f"), "old");
+  EXPECT_EQ(dir.names().size(), 3u);
+}
+
+// What an unprivileged process may write, it writes; what it may not, it
+// answers false for and leaves alone.
+TEST(FileReplacement, PermissionsBindAnUnprivilegedWriter) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+  struct Case {
+    const char* name;
+    mode_t fileMode, folderMode;
+    uid_t owner;
+    bool answer;
+  } cases[] = {
+      {"read-only file", 0444, 0777, 65534, false},
+      {"writable file, read-only folder", 0666, 0555, 0, true},
+      {"new file, read-only folder", 0, 0555, 0, false},
+      {"someone else's file", 0644, 0777, 0, false},
+      {"someone else's file, read-only folder", 0644, 0555, 0, false},
+      {"own set-group-id file", 02755, 0777, 65534, true},
+      {"writable file, sticky folder", 0666, 01777, 0, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScratchDir dir;
+    const std::string folder = dir / "d", path = dir / "d/f";
+    fs::create_directory(folder);
+    if (c.fileMode) {
+      put(path, "old");
+      ASSERT_EQ(::chown(path.c_str(), c.owner, c.owner), 0);
+      ASSERT_EQ(::chmod(path.c_str(), c.fileMode), 0);
+    }
+    ASSERT_EQ(::chmod(folder.c_str(), c.folderMode), 0);
+    const ino_t inode = statOf(path).st_ino;
+    const int status = inChild([&] {
+      if (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0) return 2;
+      return FileReplacement::replace(path, "new") ? 0 : 1;
+    });
+    EXPECT_EQ(status, c.answer ? 0 : 1);
+    EXPECT_EQ(readFile(path), c.answer ? "new" : c.fileMode ? "old" : "<missing>");
+    if (c.fileMode) {
+      EXPECT_EQ(statOf(path).st_mode & 07777, c.fileMode);
+    }
+    if (!c.answer || c.folderMode != 0777) {
+      EXPECT_EQ(statOf(path).st_ino, inode) << "written in place or not at all";
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()),
+              c.fileMode ? 1 : 0)
+        << "no temporary left";
+  }
+}
+
+}  // namespace
+}  // namespace quarvel
