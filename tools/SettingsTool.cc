@@ -54,11 +54,8 @@ std::optional<PlistValue> fromJson(const nlohmann::json& j) {
       return PlistValue::boolean(j.get<bool>());
     case nlohmann::json::value_t::number_integer:
       return PlistValue::integer(j.get<std::int64_t>());
-    case nlohmann::json::value_t::number_unsigned: {
-      auto u = j.get<std::uint64_t>();
-      if (u > static_cast<std::uint64_t>(INT64_MAX)) return std::nullopt;
-      return PlistValue::integer(static_cast<std::int64_t>(u));
-    }
+    case nlohmann::json::value_t::number_unsigned:
+      return PlistValue::unsignedInteger(j.get<std::uint64_t>());
     case nlohmann::json::value_t::number_float:
       return PlistValue::real(j.get<double>());
     case nlohmann::json::value_t::string:
@@ -132,7 +129,8 @@ std::string describeValue(const PlistValue& value) {
     case PlistValue::Kind::Boolean:
       return value.boolValue() ? "YES" : "NO";
     case PlistValue::Kind::Integer:
-      return std::to_string(value.integerValue());
+      return value.isUnsignedInteger() ? std::to_string(value.unsignedIntegerValue())
+                                       : std::to_string(value.integerValue());
     case PlistValue::Kind::Real:
       return formatReal(value.doubleValue());
     case PlistValue::Kind::String:
