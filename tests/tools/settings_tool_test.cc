@@ -35,6 +35,7 @@ TEST(SettingsToolTest, TypedTextBecomesValues) {
       {"https://example.test/", "url", "<url:https://example.test/>"},
       {"[1, \"a\", {\"k\": true}, 2.5]", "json", "( 1, \"a\", { \"k\" = YES; }, 2.5 )"},
       {"[18446744073709551615]", "json", "( 18446744073709551615 )"},
+      {"[\"a\\u0000\\r\\n\\t\\u001f\"]", "json", "( \"a\\x00\\r\\n\\t\\x1f\" )"},
       {"{\"a\": null}", "json", nullptr},
       {"[", "json", nullptr},
       {"x", "list", nullptr},
