@@ -405,6 +405,7 @@ void writeXmlValue(std::string& out, const PlistValue& value, int indent) {
 }  // namespace
 
 std::optional<PlistValue> readXml(std::string_view bytes, DropLog& log) {
+  if (bytes.starts_with("\xEF\xBB\xBF")) bytes.remove_prefix(3);  // a UTF-8 byte order mark
   // XML reads every raw CR (alone or before LF) as LF; only "&#13;" is a CR.
   std::string normalized;
   if (std::memchr(bytes.data(), '\r', bytes.size())) {
