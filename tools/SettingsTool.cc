@@ -21,8 +21,21 @@ constexpr std::int64_t kReferenceDate = 978307200;
 std::string quoted(const std::string& text) {
   std::string out = "\"";
   for (char c : text) {
-    if (c == '"' || c == '\\') out.push_back('\\');
-    out.push_back(c);
+    // Control characters (a NUL too) are shown escaped, not sent raw to the terminal.
+    if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(c));
+      out += escaped;
+    } else {
+      if (c == '"' || c == '\\') out.push_back('\\');
+      out.push_back(c);
+    }
   }
   return out + "\"";
 }
@@ -54,11 +67,8 @@ std::optional<PlistValue> fromJson(const nlohmann::json& j) {
       return PlistValue::boolean(j.get<bool>());
     case nlohmann::json::value_t::number_integer:
       return PlistValue::integer(j.get<std::int64_t>());
-    case nlohmann::json::value_t::number_unsigned: {
-      auto u = j.get<std::uint64_t>();
-      if (u > static_cast<std::uint64_t>(INT64_MAX)) return std::nullopt;
-      return PlistValue::integer(static_cast<std::int64_t>(u));
-    }
+    case nlohmann::json::value_t::number_unsigned:
+      return PlistValue::unsignedInteger(j.get<std::uint64_t>());
     case nlohmann::json::value_t::number_float:
       return PlistValue::real(j.get<double>());
     case nlohmann::json::value_t::string:
@@ -132,7 +142,8 @@ std::string describeValue(const PlistValue& value) {
     case PlistValue::Kind::Boolean:
       return value.boolValue() ? "YES" : "NO";
     case PlistValue::Kind::Integer:
-      return std::to_string(value.integerValue());
+      return value.isUnsignedInteger() ? std::to_string(value.unsignedIntegerValue())
+                                       : std::to_string(value.integerValue());
     case PlistValue::Kind::Real:
       return formatReal(value.doubleValue());
     case PlistValue::Kind::String:

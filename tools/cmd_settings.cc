@@ -55,6 +55,8 @@ void addSettingsCommands(CLI::App& app) {
     auto value = parseValue(options->text, options->type);
     if (!value) fail("not a valid " + options->type + ": " + options->text, 2);
     CVUserDefaults::standardUserDefaults()->setObject(*value, options->key);
+    if (CVUserDefaults::lastWriteFailed())
+      fail("settings domain not written; " + options->key + " is not stored", 3);
   });
 
   auto* remove = settings->add_subcommand("delete", "Remove one setting");
@@ -63,6 +65,8 @@ void addSettingsCommands(CLI::App& app) {
     auto* defaults = CVUserDefaults::standardUserDefaults();
     if (!defaults->objectForKey(options->key)) fail("no setting " + options->key, 1);
     defaults->removeObjectForKey(options->key);
+    if (CVUserDefaults::lastWriteFailed())
+      fail("settings domain not written; " + options->key + " is still stored", 3);
   });
 
   settings->callback([settings] {

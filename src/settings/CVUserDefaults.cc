@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -57,6 +58,12 @@ std::optional<PlistValue> storedCopy(const std::string& key) {
   const PlistValue* value = storedValue(key);
   if (!value) return std::nullopt;
   return *value;
+}
+
+// Whether the latest write of the domain (by any instance) failed.
+std::atomic<bool>& lastWriteFailedFlag() {
+  static std::atomic<bool> failed{false};
+  return failed;
 }
 
 std::string localStamp() {
@@ -155,6 +162,15 @@ std::optional<PlistValue> CVUserDefaults::objectForKey(const std::string& key) c
 }
 
 void CVUserDefaults::setObject(PlistValue value, const std::string& forKey) {
+  // A value the domain file cannot hold (the reader refuses documents nested
+  // deeper than the limit) is refused here, store and file left as they were;
+  // kept in memory it would make every later write fail.
+  if (nestingDepth(value, kMaxPropertyListDepth) + 1 > kMaxPropertyListDepth) {
+    logf("Setting %s not stored: its value is nested deeper than %d levels", forKey.c_str(),
+         kMaxPropertyListDepth);
+    lastWriteFailedFlag().store(true);
+    return;
+  }
   // Storing nothing removes the key, as a nil object does on the platform.
   if (value.isNone())
     defaultsDic.erase(forKey);
@@ -272,6 +288,11 @@ std::optional<PlistDictionary> CVUserDefaults::persistentDomainForName(
   if (!path) return std::nullopt;
   struct stat info;
   if (::stat(path->c_str(), &info) != 0) return std::nullopt;  // no domain yet
+  if (static_cast<std::uintmax_t>(info.st_size) > kMaxPropertyListBytes) {
+    logf("Settings domain %s is larger than %zu bytes", path->c_str(), kMaxPropertyListBytes);
+    moveAside(*path);
+    return std::nullopt;
+  }
   std::ifstream in(*path, std::ios::binary);
   std::ostringstream bytes;
   if (in) bytes << in.rdbuf();
@@ -292,7 +313,14 @@ bool CVUserDefaults::setPersistentDomain(const PlistDictionary& domain,
     logf("Settings domain %s not written: no configuration folder", forName.c_str());
     return false;
   }
-  return replaceFileAtomically(*path, writeXmlPropertyList(PlistValue::dictionary(domain)));
+  std::optional<std::string> bytes = writePropertyList(PlistValue::dictionary(domain));
+  if (!bytes) {
+    // The next start would refuse such a file and set every setting aside.
+    logf("Settings domain %s not written: a value is nested deeper than %d levels", path->c_str(),
+         kMaxPropertyListDepth);
+    return false;
+  }
+  return replaceFileAtomically(*path, *bytes);
 }
 
 bool CVUserDefaults::synchronize() { return true; }
@@ -300,7 +328,11 @@ bool CVUserDefaults::synchronize() { return true; }
 // The file becomes this process's whole dictionary, replaced in one rename:
 // whatever another process wrote since start-up is replaced too (last writer
 // wins), and a reader sees either the old or the new file, never a mix.
-void CVUserDefaults::persist() { sharedOr(this)->setPersistentDomain(defaultsDic, kDomainName); }
+void CVUserDefaults::persist() {
+  lastWriteFailedFlag().store(!sharedOr(this)->setPersistentDomain(defaultsDic, kDomainName));
+}
+
+bool CVUserDefaults::lastWriteFailed() { return lastWriteFailedFlag().load(); }
 
 // --- Named settings ---------------------------------------------------------------
 

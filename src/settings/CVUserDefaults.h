@@ -85,16 +85,24 @@ class CVUserDefaults {
 
   // The platform store under the settings: the whole domain at once.
   // A domain lives in $XDG_CONFIG_HOME/<name>.plist (default ~/.config). It
-  // reads XML and binary property lists; a file that cannot be parsed is
-  // renamed aside (<file>.corrupt-YYYYMMDD_HHMMSS), logged, and reads as
-  // absent. Writing stores the whole dictionary as XML and replaces the file
-  // atomically (temporary file in the same folder, fsync, rename), so the
-  // file is never torn; it returns false, after logging, when it fails.
+  // reads XML and binary property lists; a file that cannot be parsed (or is
+  // larger than kMaxPropertyListBytes) is renamed aside
+  // (<file>.corrupt-YYYYMMDD_HHMMSS), logged, and reads as absent; a single
+  // unreadable value in it costs only that entry. Writing stores the whole
+  // dictionary (XML when XML holds every value exactly, binary otherwise) and
+  // replaces the file atomically (temporary file in the same folder, fsync,
+  // rename), so the file is never torn; it returns false, after logging,
+  // when it fails or when a value is nested too deep to be read back.
   // Every write reaches the disk at once, so synchronize has nothing left to
   // do and answers true.
   std::optional<PlistDictionary> persistentDomainForName(const std::string& name) const;
   bool setPersistentDomain(const PlistDictionary& domain, const std::string& forName);
   bool synchronize();
+  // Whether the latest write of the domain behind a setter (setObject,
+  // removeObjectForKey and every setter built on them) failed: the setters
+  // report nothing themselves. A value refused for its nesting counts as a
+  // failed write.
+  static bool lastWriteFailed();
   // Where the domain's file lies; absent when neither $XDG_CONFIG_HOME nor
   // $HOME is known.
   static std::optional<std::string> persistentDomainPath(const std::string& name);

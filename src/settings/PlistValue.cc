@@ -31,6 +31,13 @@ PlistValue PlistValue::integer(std::int64_t value) {
   return v;
 }
 
+PlistValue PlistValue::unsignedInteger(std::uint64_t value) {
+  PlistValue v;
+  v.value_ = static_cast<std::int64_t>(value);
+  v.unsigned_ = value > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+  return v;
+}
+
 PlistValue PlistValue::real(double value) {
   PlistValue v;
   v.value_ = value;
@@ -100,9 +107,15 @@ std::int64_t PlistValue::integerValue() const {
 
 double PlistValue::doubleValue() const {
   if (auto b = std::get_if<bool>(&value_)) return *b ? 1.0 : 0.0;
-  if (auto i = std::get_if<std::int64_t>(&value_)) return static_cast<double>(*i);
+  if (auto i = std::get_if<std::int64_t>(&value_))
+    return unsigned_ ? static_cast<double>(static_cast<std::uint64_t>(*i)) : static_cast<double>(*i);
   if (auto d = std::get_if<double>(&value_)) return *d;
   return 0.0;
+}
+
+std::uint64_t PlistValue::unsignedIntegerValue() const {
+  auto i = std::get_if<std::int64_t>(&value_);
+  return i ? static_cast<std::uint64_t>(*i) : 0;
 }
 
 const std::string* PlistValue::asString() const { return std::get_if<std::string>(&value_); }
@@ -121,7 +134,11 @@ const PlistDictionary* PlistValue::asDictionary() const {
 }
 
 bool PlistValue::operator==(const PlistValue& other) const {
-  if (value_.index() != other.value_.index()) return false;
+  if (value_.index() != other.value_.index() || unsigned_ != other.unsigned_) return false;
+  auto same = [](double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); };
+  if (auto d = std::get_if<double>(&value_)) return same(*d, std::get<double>(other.value_));
+  if (auto d = asDate())
+    return same(d->secondsSinceReferenceDate, other.asDate()->secondsSinceReferenceDate);
   if (auto a = asArray()) return *a == *other.asArray();
   if (auto d = asDictionary()) return *d == *other.asDictionary();
   return value_ == other.value_;

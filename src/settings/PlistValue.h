@@ -6,6 +6,11 @@
 // skips leading white space, takes Y/y/T/t as true, and otherwise true only
 // when an optional sign, any zeros and then a digit 1-9 follow ("YES",
 // " +0012" true; "NO", "0x1", "00y" false).
+//
+// An integer is a signed 64-bit number, or an unsigned one of 2^63 or more
+// (property lists hold both). Such a large unsigned integer is still of kind
+// Integer: its integerValue is the same 64 bits read as signed, its
+// doubleValue the unsigned number.
 
 #include <cstdint>
 #include <map>
@@ -39,6 +44,8 @@ class PlistValue {
   PlistValue() = default;  // Kind::None
   static PlistValue boolean(bool value);
   static PlistValue integer(std::int64_t value);
+  // An integer of kind Integer; below 2^63 the same as integer(value).
+  static PlistValue unsignedInteger(std::uint64_t value);
   static PlistValue real(double value);
   static PlistValue string(std::string value);
   static PlistValue data(PlistData value);
@@ -56,6 +63,10 @@ class PlistValue {
   bool boolValue() const;
   std::int64_t integerValue() const;  // numbers truncate toward zero
   double doubleValue() const;
+  // True for an integer of 2^63 or more, held as unsigned.
+  bool isUnsignedInteger() const { return unsigned_; }
+  // The integer's 64 bits as unsigned (0 for other kinds).
+  std::uint64_t unsignedIntegerValue() const;
 
   // The held value when it is of that kind, else null.
   const std::string* asString() const;
@@ -65,6 +76,8 @@ class PlistValue {
   const PlistArray* asArray() const;
   const PlistDictionary* asDictionary() const;
 
+  // Same kind and value; two NaN reals (or dates) are equal, as a value kept unchanged
+  // must compare equal to itself.
   bool operator==(const PlistValue& other) const;
 
  private:
@@ -72,6 +85,7 @@ class PlistValue {
                                Date, URL, std::shared_ptr<const PlistArray>,
                                std::shared_ptr<const PlistDictionary>>;
   Storage value_;
+  bool unsigned_ = false;  // an Integer of 2^63 or more
 };
 
 // The boolean reading of a string, on its own.

@@ -1,246 +1,319 @@
 #include "quarvel/settings/PropertyList.h"
 
-#include <plist/plist.h>
-
+#include <algorithm>
 #include <cmath>
-#include <cstdlib>
+#include <cstdio>
+#include <cstring>
 #include <limits>
-#include <memory>
+#include <utility>
+#include <vector>
+
+#include "quarvel/common/Log.h"
+#include "quarvel/settings/PropertyListCodec.h"
 
 namespace quarvel {
 
+namespace plist_codec {
+
 namespace {
 
-struct PlistFree {
-  void operator()(plist_t node) const { plist_free(node); }
-};
-using PlistPtr = std::unique_ptr<void, PlistFree>;
+constexpr std::size_t kLoggedDrops = 100;
 
-// Nesting deeper than this is treated as a damaged document; it keeps the
-// recursive conversion from exhausting the stack.
-constexpr int kMaxDepth = 256;
-
-std::optional<PlistValue> fromNode(plist_t node, int depth) {
-  if (depth > kMaxDepth) return std::nullopt;
-  switch (plist_get_node_type(node)) {
-    case PLIST_BOOLEAN: {
-      std::uint8_t b = 0;
-      plist_get_bool_val(node, &b);
-      return PlistValue::boolean(b != 0);
-    }
-    case PLIST_UINT: {
-      // libplist keeps every integer as 64 unsigned bits; the documents we
-      // read hold signed ones.
-      std::uint64_t u = 0;
-      plist_get_uint_val(node, &u);
-      return PlistValue::integer(static_cast<std::int64_t>(u));
-    }
-    case PLIST_UID: {
-      std::uint64_t u = 0;
-      plist_get_uid_val(node, &u);
-      return PlistValue::integer(static_cast<std::int64_t>(u));
-    }
-    case PLIST_REAL: {
-      double d = 0;
-      plist_get_real_val(node, &d);
-      return PlistValue::real(d);
-    }
-    case PLIST_STRING: {
-      std::uint64_t length = 0;
-      const char* s = plist_get_string_ptr(node, &length);
-      return PlistValue::string(s ? std::string(s, length) : std::string());
-    }
-    case PLIST_KEY: {
-      char* s = nullptr;
-      plist_get_key_val(node, &s);
-      std::string text = s ? s : "";
-      std::free(s);
-      return PlistValue::string(std::move(text));
-    }
-    case PLIST_DATA: {
-      char* bytes = nullptr;
-      std::uint64_t length = 0;
-      plist_get_data_val(node, &bytes, &length);
-      PlistData data(reinterpret_cast<std::uint8_t*>(bytes),
-                     reinterpret_cast<std::uint8_t*>(bytes) + (bytes ? length : 0));
-      std::free(bytes);
-      return PlistValue::data(std::move(data));
-    }
-    case PLIST_DATE: {
-      std::int32_t sec = 0, usec = 0;
-      plist_get_date_val(node, &sec, &usec);
-      // The fraction comes back without its sign.
-      double fraction = usec / 1e6;
-      return PlistValue::date({sec < 0 ? sec - fraction : sec + fraction});
-    }
-    case PLIST_ARRAY: {
-      PlistArray items;
-      std::uint32_t n = plist_array_get_size(node);
-      items.reserve(n);
-      for (std::uint32_t i = 0; i < n; ++i) {
-        plist_t item = plist_array_get_item(node, i);
-        if (!item) continue;
-        auto value = fromNode(item, depth + 1);
-        if (!value) return std::nullopt;
-        items.push_back(std::move(*value));
-      }
-      return PlistValue::array(std::move(items));
-    }
-    case PLIST_DICT: {
-      PlistDictionary entries;
-      plist_dict_iter it = nullptr;
-      plist_dict_new_iter(node, &it);
-      if (!it) return PlistValue::dictionary({});
-      for (;;) {
-        char* key = nullptr;
-        plist_t item = nullptr;
-        plist_dict_next_item(node, it, &key, &item);
-        if (!item) {
-          std::free(key);
-          break;
-        }
-        auto value = fromNode(item, depth + 1);
-        if (!value) {
-          std::free(key);
-          std::free(it);
-          return std::nullopt;
-        }
-        entries.insert_or_assign(key ? key : "", std::move(*value));
-        std::free(key);
-      }
-      std::free(it);
-      return PlistValue::dictionary(std::move(entries));
-    }
-    default:
-      return PlistValue();
-  }
+// Days between 1970-01-01 and the given civil date (proleptic Gregorian).
+std::int64_t daysFromCivil(std::int64_t y, unsigned m, unsigned d) {
+  y -= m <= 2;
+  const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
+  const unsigned yoe = static_cast<unsigned>(y - era * 400);
+  const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + static_cast<std::int64_t>(doe) - 719468;
 }
 
-plist_t toNode(const PlistValue& value) {
-  switch (value.kind()) {
-    case PlistValue::Kind::None:
-      return plist_new_string("");
-    case PlistValue::Kind::Boolean:
-      return plist_new_bool(value.boolValue() ? 1 : 0);
-    case PlistValue::Kind::Integer:
-      return plist_new_uint(static_cast<std::uint64_t>(value.integerValue()));
-    case PlistValue::Kind::Real:
-      return plist_new_real(value.doubleValue());
-    case PlistValue::Kind::String:
-      return plist_new_string(value.asString()->c_str());
-    case PlistValue::Kind::Data: {
-      const PlistData& d = *value.asData();
-      return plist_new_data(reinterpret_cast<const char*>(d.data()), d.size());
-    }
-    case PlistValue::Kind::Date: {
-      // libplist holds dates as 32-bit seconds around 2001; clamp outside.
-      double s = value.asDate()->secondsSinceReferenceDate;
-      if (std::isnan(s)) s = 0;
-      constexpr double kMax = std::numeric_limits<std::int32_t>::max();
-      constexpr double kMin = std::numeric_limits<std::int32_t>::min();
-      s = std::fmin(std::fmax(s, kMin), kMax);
-      double whole = std::trunc(s);
-      // libplist adds the microseconds to the seconds, so they carry the sign.
-      auto usec = static_cast<std::int32_t>(std::lround((s - whole) * 1e6));
-      if (usec > 999999) usec = 999999;
-      if (usec < -999999) usec = -999999;
-      return plist_new_date(static_cast<std::int32_t>(whole), usec);
-    }
-    case PlistValue::Kind::URL:
-      return plist_new_string(value.asURL()->text.c_str());
-    case PlistValue::Kind::Array: {
-      plist_t node = plist_new_array();
-      for (const PlistValue& item : *value.asArray()) plist_array_append_item(node, toNode(item));
-      return node;
-    }
-    case PlistValue::Kind::Dictionary: {
-      plist_t node = plist_new_dict();
-      for (const auto& [key, item] : *value.asDictionary()) {
-        if (item.isNone()) continue;
-        plist_dict_set_item(node, key.c_str(), toNode(item));
-      }
-      return node;
-    }
-  }
-  return plist_new_string("");
+void civilFromDays(std::int64_t z, std::int64_t& y, unsigned& m, unsigned& d) {
+  z += 719468;
+  const std::int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+  const unsigned doe = static_cast<unsigned>(z - era * 146097);
+  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  const unsigned mp = (5 * doy + 2) / 153;
+  d = doy - (153 * mp + 2) / 5 + 1;
+  m = mp < 10 ? mp + 3 : mp - 9;
+  y = static_cast<std::int64_t>(yoe) + era * 400 + (m <= 2);
 }
 
-// Reads a big-endian unsigned number of `width` bytes at `at`; false when it
-// does not fit in the document.
-bool readBigEndian(std::string_view bytes, std::uint64_t at, std::uint64_t width,
-                   std::uint64_t& value) {
-  if (width == 0 || width > 8 || at > bytes.size() || bytes.size() - at < width) return false;
-  value = 0;
-  for (std::uint64_t i = 0; i < width; ++i)
-    value = (value << 8) | static_cast<unsigned char>(bytes[at + i]);
-  return true;
+constexpr std::int64_t kReferenceDay = 11323;  // 2001-01-01 counted from 1970-01-01
+
+std::int64_t secondsOf(std::int64_t y, unsigned mo, unsigned d, unsigned h, unsigned mi,
+                       unsigned s) {
+  return (daysFromCivil(y, mo, d) - kReferenceDay) * 86400 + h * 3600 + mi * 60 + s;
 }
 
-// libplist aborts the process (an assertion) when it hands out a string or a
-// dictionary key holding a NUL character, which only a binary document can
-// carry. Such a document is refused before libplist builds its tree.
-bool binaryHasNulInStrings(std::string_view bytes) {
-  constexpr std::size_t kTrailer = 32;
-  if (bytes.size() < 8 + kTrailer) return false;
-  std::uint64_t offsetSize = 0, objectCount = 0, tableOffset = 0;
-  std::uint64_t trailer = bytes.size() - kTrailer;
-  if (!readBigEndian(bytes, trailer + 6, 1, offsetSize) ||
-      !readBigEndian(bytes, trailer + 8, 8, objectCount) ||
-      !readBigEndian(bytes, trailer + 24, 8, tableOffset))
-    return false;
-  if (offsetSize == 0 || offsetSize > 8 || tableOffset >= bytes.size() ||
-      objectCount > (bytes.size() - tableOffset) / offsetSize)
-    return false;  // libplist refuses these itself
-  for (std::uint64_t i = 0; i < objectCount; ++i) {
-    std::uint64_t at = 0;
-    if (!readBigEndian(bytes, tableOffset + i * offsetSize, offsetSize, at) || at >= bytes.size())
-      continue;
-    unsigned marker = static_cast<unsigned char>(bytes[at]);
-    unsigned kind = marker >> 4;
-    if (kind != 0x5 && kind != 0x6) continue;  // ASCII and UTF-16 strings
-    std::uint64_t length = marker & 0xF;
-    std::uint64_t start = at + 1;
-    if (length == 0xF) {
-      std::uint64_t sizeMarker = 0;
-      if (!readBigEndian(bytes, start, 1, sizeMarker) || (sizeMarker >> 4) != 0x1) continue;
-      std::uint64_t width = std::uint64_t{1} << (sizeMarker & 0xF);
-      if (!readBigEndian(bytes, start + 1, width, length)) continue;
-      start += 1 + width;
-    }
-    std::uint64_t unit = kind == 0x6 ? 2 : 1;
-    if (start > bytes.size() || length > (bytes.size() - start) / unit) continue;
-    for (std::uint64_t k = 0; k < length; ++k) {
-      bool nul = unit == 1 ? bytes[start + k] == '\0'
-                           : bytes[start + 2 * k] == '\0' && bytes[start + 2 * k + 1] == '\0';
-      if (nul) return true;
-    }
-  }
-  return false;
+const double kFirstXmlDate = static_cast<double>(secondsOf(1, 1, 1, 0, 0, 0));
+const double kLastXmlDate = static_cast<double>(secondsOf(9999, 12, 31, 23, 59, 59));
+
+bool isXmlChar(std::uint32_t c) {
+  if (c < 0x20) return c == 0x9 || c == 0xA || c == 0xD;
+  return c <= 0xD7FF || (c >= 0xE000 && c <= 0xFFFD) || c >= 0x10000;
+}
+
+bool stringFitsXml(std::string_view text) {
+  return forEachCodePoint(text, [](std::uint32_t c) { return isXmlChar(c); });
+}
+
+bool realFitsXml(double value) {
+  if (!std::isnan(value)) return true;
+  // The XML form writes NaN as "nan", which reads back as the plain quiet NaN.
+  double plain = std::numeric_limits<double>::quiet_NaN();
+  return std::memcmp(&value, &plain, sizeof value) == 0;
 }
 
 }  // namespace
 
-std::optional<PlistValue> readPropertyList(std::string_view bytes) {
-  if (bytes.empty() || bytes.size() > std::numeric_limits<std::uint32_t>::max())
-    return std::nullopt;
-  if (plist_is_binary(bytes.data(), static_cast<std::uint32_t>(bytes.size())) &&
-      binaryHasNulInStrings(bytes))
-    return std::nullopt;
-  plist_t root = nullptr;
-  plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &root);
-  if (!root) return std::nullopt;
-  PlistPtr owner(root);
-  return fromNode(root, 0);
+DropLog::~DropLog() {
+  if (count_ > kLoggedDrops)
+    logf("Property list: %zu more unreadable values left out", count_ - kLoggedDrops);
 }
 
-std::string writeXmlPropertyList(const PlistValue& value) {
-  PlistPtr root(toNode(value));
-  char* xml = nullptr;
-  std::uint32_t length = 0;
-  plist_to_xml(root.get(), &xml, &length);
-  std::string out = xml ? std::string(xml, length) : std::string();
-  plist_to_xml_free(xml);
+void DropLog::drop(const std::string& path, std::string_view why) {
+  if (++count_ <= kLoggedDrops)
+    logf("Property list: left out the value at %s (%.*s)", path.empty() ? "/" : path.c_str(),
+         static_cast<int>(why.size()), why.data());
+}
+
+std::optional<double> parseXmlDate(std::string_view text) {
+  // YYYY[-MM[-DD[THH[:MM[:SS]]]]]Z, as XML property lists write them.
+  std::size_t i = 0;
+  auto number = [&](std::size_t digits, unsigned& out) {
+    if (text.size() - i < digits) return false;
+    out = 0;
+    for (std::size_t k = 0; k < digits; ++k, ++i) {
+      if (text[i] < '0' || text[i] > '9') return false;
+      out = out * 10 + static_cast<unsigned>(text[i] - '0');
+    }
+    return true;
+  };
+  auto separator = [&](char c) {
+    if (i < text.size() && text[i] == c) {
+      ++i;
+      return true;
+    }
+    return false;
+  };
+  unsigned year = 0, month = 1, day = 1, hour = 0, minute = 0, second = 0;
+  if (!number(4, year)) return std::nullopt;
+  if (separator('-')) {
+    if (!number(2, month)) return std::nullopt;
+    if (separator('-')) {
+      if (!number(2, day)) return std::nullopt;
+      if (separator('T')) {
+        if (!number(2, hour)) return std::nullopt;
+        if (separator(':')) {
+          if (!number(2, minute)) return std::nullopt;
+          if (separator(':') && !number(2, second)) return std::nullopt;
+        }
+      }
+    }
+  }
+  if (!separator('Z') || i != text.size()) return std::nullopt;
+  if (month < 1 || month > 12 || day < 1 || hour > 23 || minute > 59 || second > 59)
+    return std::nullopt;
+  // The day must exist in that month: it survives the trip through days.
+  std::int64_t y2 = 0;
+  unsigned m2 = 0, d2 = 0;
+  civilFromDays(daysFromCivil(year, month, day), y2, m2, d2);
+  if (m2 != month || d2 != day) return std::nullopt;
+  return static_cast<double>(secondsOf(year, month, day, hour, minute, second));
+}
+
+bool dateFitsXml(double seconds) {
+  if (!std::isfinite(seconds) || std::trunc(seconds) != seconds) return false;
+  if (seconds == 0 && std::signbit(seconds)) return false;  // -0 would read back as +0
+  return seconds >= kFirstXmlDate && seconds <= kLastXmlDate;
+}
+
+std::string formatXmlDate(double seconds) {
+  // Outside what the XML form holds: the nearest date it does.
+  if (std::isnan(seconds)) seconds = 0;
+  seconds = std::floor(std::fmin(std::fmax(seconds, kFirstXmlDate), kLastXmlDate));
+  auto whole = static_cast<std::int64_t>(seconds);
+  std::int64_t days = (whole >= 0 ? whole : whole - 86399) / 86400;
+  std::int64_t rest = whole - days * 86400;
+  std::int64_t y = 0;
+  unsigned m = 0, d = 0;
+  civilFromDays(days + kReferenceDay, y, m, d);
+  char text[40];
+  std::snprintf(text, sizeof text, "%04lld-%02u-%02uT%02lld:%02lld:%02lldZ",
+                static_cast<long long>(y), m, d, static_cast<long long>(rest / 3600),
+                static_cast<long long>(rest / 60 % 60), static_cast<long long>(rest % 60));
+  return text;
+}
+
+std::int32_t decodeUtf8(std::string_view text, std::size_t& i) {
+  auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
+  unsigned char b0 = byte(i);
+  if (b0 < 0x80) {
+    ++i;
+    return b0;
+  }
+  std::size_t length;
+  std::uint32_t c, minimum;
+  if (b0 >= 0xC2 && b0 <= 0xDF) {
+    length = 2, c = b0 & 0x1F, minimum = 0x80;
+  } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+    length = 3, c = b0 & 0x0F, minimum = 0x800;
+  } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+    length = 4, c = b0 & 0x07, minimum = 0x10000;
+  } else {
+    return -1;
+  }
+  if (text.size() - i < length) return -1;
+  for (std::size_t k = 1; k < length; ++k) {
+    unsigned char b = byte(i + k);
+    if ((b & 0xC0) != 0x80) return -1;
+    c = (c << 6) | (b & 0x3F);
+  }
+  if (c < minimum || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) return -1;
+  i += length;
+  return static_cast<std::int32_t>(c);
+}
+
+void appendUtf8(std::string& out, std::uint32_t c) {
+  if (c < 0x80) {
+    out.push_back(static_cast<char>(c));
+  } else if (c < 0x800) {
+    out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  } else if (c < 0x10000) {
+    out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  } else {
+    out.push_back(static_cast<char>(0xF0 | (c >> 18)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  }
+}
+
+std::u16string toUtf16(std::string_view text) {
+  std::u16string units;
+  units.reserve(text.size());
+  for (std::size_t i = 0; i < text.size();) {
+    std::int32_t c = decodeUtf8(text, i);
+    if (c < 0) {
+      // A lone surrogate in its three-byte form is kept as that unit.
+      if (text.size() - i >= 3 && static_cast<unsigned char>(text[i]) == 0xED &&
+          (static_cast<unsigned char>(text[i + 1]) & 0xE0) == 0xA0 &&
+          (static_cast<unsigned char>(text[i + 2]) & 0xC0) == 0x80) {
+        units.push_back(static_cast<char16_t>(0xD000 | ((text[i + 1] & 0x3F) << 6) |
+                                              (text[i + 2] & 0x3F)));
+        i += 3;
+      } else {
+        units.push_back(u'\uFFFD');
+        ++i;
+      }
+      continue;
+    }
+    if (c >= 0x10000) {
+      units.push_back(static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10)));
+      units.push_back(static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF)));
+    } else {
+      units.push_back(static_cast<char16_t>(c));
+    }
+  }
+  return units;
+}
+
+std::string fromUtf16(std::u16string_view units) {
+  std::string out;
+  out.reserve(units.size());
+  for (std::size_t i = 0; i < units.size(); ++i) {
+    std::uint32_t c = units[i];
+    if (c >= 0xD800 && c <= 0xDBFF && i + 1 < units.size() && units[i + 1] >= 0xDC00 &&
+        units[i + 1] <= 0xDFFF) {
+      c = 0x10000 + ((c - 0xD800) << 10) + (units[i + 1] - 0xDC00);
+      ++i;
+    }
+    appendUtf8(out, c);  // a lone surrogate comes out in its three-byte form
+  }
   return out;
+}
+
+}  // namespace plist_codec
+
+using namespace plist_codec;
+
+int nestingDepth(const PlistValue& value, int limit) {
+  // Depth first over the containers entered so far, never more than limit + 1
+  // of them at once.
+  struct Step {
+    const PlistArray* items = nullptr;
+    std::size_t index = 0;
+    PlistDictionary::const_iterator entry, end;
+  };
+  std::vector<Step> stack;
+  int deepest = 0;
+  auto enter = [&](const PlistValue& v) {
+    if (const PlistArray* items = v.asArray()) {
+      stack.push_back({items, 0, {}, {}});
+    } else if (const PlistDictionary* entries = v.asDictionary()) {
+      stack.push_back({nullptr, 0, entries->begin(), entries->end()});
+    }
+  };
+  enter(value);
+  while (!stack.empty()) {
+    Step& top = stack.back();
+    const PlistValue* child = nullptr;
+    if (top.items) {
+      if (top.index < top.items->size()) child = &(*top.items)[top.index++];
+    } else if (top.entry != top.end) {
+      child = &top.entry->second;
+      ++top.entry;
+    }
+    if (!child) {
+      stack.pop_back();
+      continue;
+    }
+    deepest = std::max(deepest, static_cast<int>(stack.size()));
+    if (deepest > limit) return limit + 1;
+    enter(*child);
+  }
+  return deepest;
+}
+
+bool xmlHoldsExactly(const PlistValue& value) {
+  switch (value.kind()) {
+    case PlistValue::Kind::Real:
+      return realFitsXml(value.doubleValue());
+    case PlistValue::Kind::String:
+      return stringFitsXml(*value.asString());
+    case PlistValue::Kind::URL:
+      return stringFitsXml(value.asURL()->text);
+    case PlistValue::Kind::Date:
+      return dateFitsXml(value.asDate()->secondsSinceReferenceDate);
+    case PlistValue::Kind::Array:
+      for (const PlistValue& item : *value.asArray())
+        if (!xmlHoldsExactly(item)) return false;
+      return true;
+    case PlistValue::Kind::Dictionary:
+      for (const auto& [key, item] : *value.asDictionary())
+        if (!item.isNone() && (!stringFitsXml(key) || !xmlHoldsExactly(item))) return false;
+      return true;
+    default:
+      return true;
+  }
+}
+
+std::optional<PlistValue> readPropertyList(std::string_view bytes) {
+  if (bytes.empty() || bytes.size() > kMaxPropertyListBytes) return std::nullopt;
+  DropLog log;
+  if (bytes.starts_with("bplist00")) return readBinary(bytes, log);
+  return readXml(bytes, log);
+}
+
+std::optional<std::string> writePropertyList(const PlistValue& value) {
+  if (nestingDepth(value) > kMaxPropertyListDepth) return std::nullopt;
+  return xmlHoldsExactly(value) ? writeXmlPropertyList(value) : writeBinaryPropertyList(value);
 }
 
 }  // namespace quarvel

@@ -1,18 +1,29 @@
 // The settings domain reader on arbitrary bytes (XML or binary property
-// lists). Whatever it accepts, the writer must turn into a document that
-// reads back, or the next start would set the domain aside.
+// lists). No input may crash it; whatever it accepts, the writer must turn
+// into a document that reads back equal, in both forms where the XML one
+// holds the value, or the next start would lose or set aside settings.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string_view>
 
+#include "FuzzFail.h"
+#include "quarvel/common/Log.h"
 #include "quarvel/settings/PropertyList.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static quarvel::LogCapture quiet;  // dropped values log a line each
+  quiet.clear();
+  using quarvel::fuzz::fail;
   std::string_view bytes(reinterpret_cast<const char*>(data), size);
   std::optional<quarvel::PlistValue> value = quarvel::readPropertyList(bytes);
-  if (!value || !value->asDictionary()) return 0;
-  std::string written = quarvel::writeXmlPropertyList(*value);
-  if (!quarvel::readPropertyList(written)) std::abort();
+  if (!value) return 0;
+  std::optional<std::string> written = quarvel::writePropertyList(*value);
+  if (!written) fail("a value the reader accepted is refused by the writer");
+  std::optional<quarvel::PlistValue> back = quarvel::readPropertyList(*written);
+  if (!back || !(*back == *value)) fail("the written document does not read back equal");
+  if (quarvel::writePropertyList(*back) != written) fail("a second write differs from the first");
+  std::optional<quarvel::PlistValue> binary =
+      quarvel::readPropertyList(quarvel::writeBinaryPropertyList(*value));
+  if (!binary || !(*binary == *value)) fail("the binary form does not read back equal");
   return 0;
 }

@@ -48,6 +48,32 @@ TEST(PlistValueTest, NumberReadings) {
   EXPECT_FALSE(PlistValue::string("1").isNumber());
 }
 
+TEST(PlistValueTest, UnsignedIntegersKeepTheirValue) {
+  const struct {
+    std::uint64_t value;
+    bool isUnsigned;
+    std::int64_t integer;
+    double real;
+  } cases[] = {
+      {5, false, 5, 5.0},
+      {std::uint64_t{1} << 63, true, INT64_MIN, 9223372036854775808.0},
+      {UINT64_MAX, true, -1, 18446744073709551615.0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.value);
+    PlistValue v = PlistValue::unsignedInteger(c.value);
+    EXPECT_EQ(v.kind(), PlistValue::Kind::Integer);
+    EXPECT_EQ(v.isUnsignedInteger(), c.isUnsigned);
+    EXPECT_EQ(v.unsignedIntegerValue(), c.value);
+    EXPECT_EQ(v.integerValue(), c.integer);
+    EXPECT_EQ(v.doubleValue(), c.real);
+    EXPECT_TRUE(v.boolValue());
+    EXPECT_EQ(v == PlistValue::integer(c.integer), !c.isUnsigned);
+  }
+  EXPECT_TRUE(PlistValue::real(std::nan("")) == PlistValue::real(std::nan("")));
+  EXPECT_TRUE(PlistValue::real(0.0) == PlistValue::real(-0.0));
+}
+
 TEST(PlistValueTest, EqualityLooksInsideContainersAndKinds) {
   auto nested = [](std::int64_t n) {
     return PlistValue::dictionary({{"a", PlistValue::array({PlistValue::integer(n)})}});

@@ -3,11 +3,16 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <vector>
+
+#include "quarvel/common/Log.h"
 
 namespace quarvel {
 namespace {
@@ -42,6 +47,13 @@ PlistValue everyKind() {
       {"data", PlistValue::data({0x00, 0x01, 0xFF, 0x80})},
       {"leapDay", PlistValue::date({730902896.0})},   // 2024-02-29T12:34:56Z
       {"beforeEpoch", PlistValue::date({-31622401.0})},  // 1999-12-31T23:59:59Z
+      {"distantFuture", PlistValue::date({63113904000.0})},  // 4001-01-01T00:00:00Z
+      {"late", PlistValue::date({2506161600.0})},            // 2080-06-01T12:00:00Z
+      {"early", PlistValue::date({-2551046400.0})},          // 1920-03-01T00:00:00Z
+      {"huge", PlistValue::unsignedInteger(UINT64_MAX)},
+      {"half", PlistValue::unsignedInteger(std::uint64_t{1} << 63)},
+      {"up", PlistValue::real(INFINITY)},
+      {"down", PlistValue::real(-INFINITY)},
       {"list", PlistValue::array({PlistValue::integer(1), PlistValue::string("two"),
                                   PlistValue::array({PlistValue::real(3.5)}),
                                   PlistValue::array({})})},
@@ -50,6 +62,21 @@ PlistValue everyKind() {
                                                                             PlistValue::boolean(false)}})},
                                          {"hollow", PlistValue::dictionary({})}})},
   });
+}
+
+// The Python side's binary-only entries.
+PlistDictionary binaryOnly() {
+  return {
+      {"controls", PlistValue::string(std::string("a\0b\x01\x1f\x7f\u2028", 9))},
+      {"crlf", PlistValue::string("one\r\ntwo\r")},
+      {"fraction", PlistValue::date({725760000.5})},  // 2024-01-01T00:00:00.5Z
+  };
+}
+
+PlistValue withBinaryOnly() {
+  PlistDictionary all = *everyKind().asDictionary();
+  all.merge(binaryOnly());
+  return PlistValue::dictionary(std::move(all));
 }
 
 // Builds the same document with plistlib, writes it as XML and binary, and
@@ -63,8 +90,16 @@ doc = {
     "text": "한글 café ✓ <&>", "empty": "", "data": b"\x00\x01\xff\x80",
     "leapDay": datetime.datetime(2024, 2, 29, 12, 34, 56),
     "beforeEpoch": datetime.datetime(1999, 12, 31, 23, 59, 59),
+    "distantFuture": datetime.datetime(4001, 1, 1), "late": datetime.datetime(2080, 6, 1, 12),
+    "early": datetime.datetime(1920, 3, 1), "huge": (1 << 64) - 1, "half": 1 << 63,
+    "up": float("inf"), "down": float("-inf"),
     "list": [1, "two", [3.5], []],
     "nested": {"키": "값", "inner": {"flag": False}, "hollow": {}},
+}
+# What only the binary form holds; plistlib writes it in binary alone.
+extra = {
+    "controls": "a\x00b\x01\x1f\x7f\u2028", "crlf": "one\r\ntwo\r",
+    "fraction": datetime.datetime(2024, 1, 1, 0, 0, 0, 500000),
 }
 def same(a, b, where):
     if type(a) is not type(b):
@@ -85,10 +120,12 @@ folder = sys.argv[1]
 with open(folder + "/python.xml", "wb") as f:
     plistlib.dump(doc, f, fmt=plistlib.FMT_XML)
 with open(folder + "/python.bin", "wb") as f:
-    plistlib.dump(doc, f, fmt=plistlib.FMT_BINARY)
+    plistlib.dump(dict(doc, **extra), f, fmt=plistlib.FMT_BINARY)
 if len(sys.argv) > 2:
     with open(folder + "/ours.xml", "rb") as f:
         same(plistlib.load(f), doc, "")
+    with open(folder + "/ours.bin", "rb") as f:
+        same(plistlib.load(f), dict(doc, **extra), "")
 )PY";
 
 class PropertyListPythonTest : public ::testing::Test {
@@ -120,7 +157,7 @@ TEST_F(PropertyListPythonTest, ReadsWhatPlistlibWritesInBothFormats) {
     std::optional<PlistValue> read = readPropertyList(readBytes(folder_ / name));
     ASSERT_TRUE(read.has_value());
     ASSERT_NE(read->asDictionary(), nullptr);
-    const PlistValue expected = everyKind();
+    const PlistValue expected = std::string(name) == "python.xml" ? everyKind() : withBinaryOnly();
     for (const auto& [key, value] : *expected.asDictionary()) {
       SCOPED_TRACE(key);
       auto found = read->asDictionary()->find(key);
@@ -132,38 +169,232 @@ TEST_F(PropertyListPythonTest, ReadsWhatPlistlibWritesInBothFormats) {
 }
 
 TEST_F(PropertyListPythonTest, PlistlibReadsWhatWeWrite) {
-  writeBytes(folder_ / "ours.xml", writeXmlPropertyList(everyKind()));
-  EXPECT_EQ(runPython(true), 0) << readBytes(folder_ / "ours.xml");
+  std::optional<std::string> xml = writePropertyList(everyKind());
+  std::optional<std::string> binary = writePropertyList(withBinaryOnly());
+  ASSERT_TRUE(xml && binary);
+  ASSERT_TRUE(xml->starts_with("<?xml")) << "XML holds every value of this one";
+  ASSERT_TRUE(binary->starts_with("bplist00"));
+  writeBytes(folder_ / "ours.xml", *xml);
+  writeBytes(folder_ / "ours.bin", *binary);
+  EXPECT_EQ(runPython(true), 0) << *xml;
 }
 
-TEST(PropertyListTest, WriteThenReadKeepsEveryKind) {
-  PlistValue document = everyKind();
-  std::string first = writeXmlPropertyList(document);
-  std::optional<PlistValue> back = readPropertyList(first);
-  ASSERT_TRUE(back.has_value());
-  EXPECT_TRUE(*back == document);
-  EXPECT_EQ(writeXmlPropertyList(*back), first);
+// Each value alone in a dictionary: the form the writer picks for it, and
+// that it reads back equal and writes back the same bytes.
+TEST(PropertyListTest, EachValueKeepsItsFormAndReadsBackEqual) {
+  const double nan = std::nan("");
+  double otherNan;
+  std::uint64_t bits = 0x7FF8000000000123;
+  std::memcpy(&otherNan, &bits, sizeof otherNan);
+  const struct {
+    const char* what;
+    PlistValue value;
+    bool xml;
+  } cases[] = {
+      {"plain text", PlistValue::string("tab\tline\n<&>\"'"), true},
+      {"CR", PlistValue::string("a\rb"), true},
+      {"NUL", PlistValue::string(std::string("a\0b", 3)), false},
+      {"other controls", PlistValue::string("\x01\x0b\x1f"), false},
+      {"U+FFFE", PlistValue::string("\xEF\xBF\xBE"), false},
+      {"control in a key", PlistValue::dictionary({{"k\x02", PlistValue::boolean(true)}}), false},
+      {"lone surrogate", PlistValue::string("\xED\xA0\x80x"), false},
+      {"year 1", PlistValue::date({-63113904000.0}), true},
+      {"year 9999", PlistValue::date({252423993599.0}), true},
+      {"year 10000", PlistValue::date({252423993600.0}), false},
+      {"before year 1", PlistValue::date({-63113904001.0}), false},
+      {"fractional date", PlistValue::date({0.25}), false},
+      {"negative zero date", PlistValue::date({-0.0}), false},
+      {"NaN date", PlistValue::date({nan}), false},
+      {"unsigned", PlistValue::unsignedInteger(UINT64_MAX - 1), true},
+      {"lowest", PlistValue::integer(INT64_MIN), true},
+      {"NaN", PlistValue::real(nan), true},
+      {"NaN with a payload", PlistValue::real(otherNan), false},
+      {"negative zero", PlistValue::real(-0.0), true},
+      {"smallest", PlistValue::real(4.9406564584124654e-324), true},
+      {"data", PlistValue::data(PlistData(1000, 0xA5)), true},
+      {"large string", PlistValue::string(std::string(70000, 'x') + "\xC3\xA9"), true},
+      {"large binary string", PlistValue::string(std::string(70000, '\x01')), false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const PlistValue document = PlistValue::dictionary({{"v", c.value}, {"n", PlistValue::integer(3)}});
+    std::optional<std::string> first = writePropertyList(document);
+    ASSERT_TRUE(first.has_value());
+    EXPECT_EQ(first->starts_with("<?xml"), c.xml);
+    std::optional<PlistValue> back = readPropertyList(*first);
+    ASSERT_TRUE(back.has_value());
+    EXPECT_TRUE(*back == document);
+    EXPECT_EQ(writePropertyList(*back), first);
+  }
+}
+
+// A binary document of the given objects (references `width` bytes wide,
+// written by the caller), the first one on top.
+std::string binaryDocument(const std::vector<std::string>& objects, int width = 1) {
+  std::string out = "bplist00";
+  std::vector<std::uint64_t> offsets;
+  for (const std::string& object : objects) {
+    offsets.push_back(out.size());
+    out += object;
+  }
+  const std::uint64_t table = out.size();
+  for (std::uint64_t offset : offsets)
+    for (int i = 3; i >= 0; --i) out.push_back(static_cast<char>(offset >> (8 * i)));
+  std::string trailer(32, '\0');
+  trailer[6] = 4;
+  trailer[7] = static_cast<char>(width);
+  for (int i = 0; i < 8; ++i) {
+    trailer[8 + i] = static_cast<char>(objects.size() >> (8 * (7 - i)));
+    trailer[24 + i] = static_cast<char>(table >> (8 * (7 - i)));
+  }
+  return out + trailer;
+}
+
+std::string ref(std::uint64_t index, int width) {
+  std::string out;
+  for (int i = width - 1; i >= 0; --i) out.push_back(static_cast<char>(index >> (8 * i)));
+  return out;
+}
+
+// An array holding the next object, `levels` times, then true.
+std::string deepBinary(std::uint64_t levels) {
+  const int width = levels < 0xFFFF ? 2 : 4;
+  std::vector<std::string> objects;
+  for (std::uint64_t i = 0; i < levels; ++i) objects.push_back("\xA1" + ref(i + 1, width));
+  objects.push_back("\x09");
+  return binaryDocument(objects, width);
+}
+
+std::string deepXml(std::size_t levels) {
+  std::string out = "<plist version=\"1.0\">";
+  for (std::size_t i = 0; i < levels; ++i) out += "<array>";
+  out += "<true/>";
+  for (std::size_t i = 0; i < levels; ++i) out += "</array>";
+  return out + "</plist>";
 }
 
 TEST(PropertyListTest, DamagedDocumentsReadAsAbsent) {
-  const std::string good = writeXmlPropertyList(everyKind());
-  const std::string cases[] = {
-      "",
-      "not a property list",
-      good.substr(0, good.size() / 2),  // torn write
-      "bplist00",                       // header without a body
-      std::string("bplist00\xd1\x01\x02", 11),
-      // Binary documents whose key or string holds a NUL: libplist would
-      // abort the process on them.
-      std::string("bplist00\xd1\x01\x02\x53\x61\x00\x62\x10\x01\x08\x0b\x0f\0\0\0\0\0\0\x01\x01"
-                  "\0\0\0\0\0\0\0\x03\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x11", 52),
-      std::string("bplist00\xd1\x01\x02\x51\x6b\x62\xd5\x5c\0\0\x08\x0b\x0d\0\0\0\0\0\0\x01\x01"
-                  "\0\0\0\0\0\0\0\x03\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x12", 53),
+  const std::string good = *writePropertyList(everyKind());
+  const std::string goodBinary = writeBinaryPropertyList(everyKind());
+  std::string badTrailer = goodBinary;
+  badTrailer[badTrailer.size() - 1] = '\x7F';  // table past the end
+  const struct {
+    const char* what;
+    std::string bytes;
+  } cases[] = {
+      {"empty", ""},
+      {"not a property list", "not a property list"},
+      {"torn XML", good.substr(0, good.size() / 2)},
+      {"unknown entity", "<plist><string>&nbsp;</string></plist>"},
+      {"key without a value", "<plist><dict><key>a</key></dict></plist>"},
+      {"value without a key", "<plist><dict><true/></dict></plist>"},
+      {"two top values", "<plist><true/><false/></plist>"},
+      {"element inside a string", "<plist><string>a<b/></string></plist>"},
+      {"bad top value", "<plist><integer>x</integer></plist>"},
+      {"header without a body", "bplist00"},
+      {"torn binary", goodBinary.substr(0, goodBinary.size() - 8)},
+      {"bad trailer", badTrailer},
+      {"bad top object", binaryDocument({"\xA1\x05"}).replace(8, 1, "\x77")},
+      {"XML 257 deep", deepXml(257)},
+      {"XML 200,000 deep", deepXml(200000)},
+      {"binary 257 deep", deepBinary(257)},
+      {"binary 200,000 deep", deepBinary(200000)},
+      {"binary cycle", binaryDocument({std::string("\xA2\x00\x01", 3), "\x09"})},
+      {"binary dictionary cycle", binaryDocument({std::string("\xD1\x01\x00", 3), "\x51k"})},
+      // 40 arrays each holding the next one twice: 2^40 values from 200 bytes.
+      {"binary expansion", [] {
+         std::vector<std::string> objects;
+         for (char i = 0; i < 40; ++i) objects.push_back(std::string("\xA2") + char(i + 1) + char(i + 1));
+         objects.push_back("\x09");
+         return binaryDocument(objects);
+       }()},
+      {"larger than the limit", std::string(kMaxPropertyListBytes + 1, ' ')},
   };
-  for (const std::string& bytes : cases) {
-    SCOPED_TRACE(bytes.substr(0, 60));
-    EXPECT_FALSE(readPropertyList(bytes).has_value());
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_FALSE(readPropertyList(c.bytes).has_value());
   }
+  EXPECT_TRUE(readPropertyList(deepXml(256)).has_value());
+  EXPECT_TRUE(readPropertyList(deepBinary(256)).has_value());
+}
+
+// One unreadable value costs its entry; the rest of the document loads.
+TEST(PropertyListTest, AnUnreadableValueCostsOnlyItsEntry) {
+  auto xml = [](const std::string& inner) {
+    return "<?xml version=\"1.0\"?>\n<!DOCTYPE plist PUBLIC \"x\" \"y\">\n<plist version=\"1.0\">"
+           "<dict><key>keep</key><integer>1</integer>" + inner + "</dict></plist>";
+  };
+  const PlistValue keep = PlistValue::integer(1);
+  const struct {
+    const char* what;
+    std::string bytes;
+    PlistDictionary expected;
+    const char* logged;  // null: nothing left out
+  } cases[] = {
+      {"XML integer", xml("<key>bad</key><integer>abc</integer>"), {{"keep", keep}}, "/bad"},
+      {"XML integer past 64 bits", xml("<key>bad</key><integer>18446744073709551616</integer>"),
+       {{"keep", keep}}, "/bad"},
+      {"XML date", xml("<key>bad</key><date>2024-02-30T00:00:00Z</date>"), {{"keep", keep}}, "/bad"},
+      {"XML data", xml("<key>bad</key><data>QUJD*</data>"), {{"keep", keep}}, "/bad"},
+      {"XML unknown element", xml("<key>bad</key><set><x/></set>"), {{"keep", keep}}, "/bad"},
+      {"XML array element",
+       xml("<key>list</key><array><real>1.5</real><real>one</real><true/></array>"),
+       {{"keep", keep},
+        {"list", PlistValue::array({PlistValue::real(1.5), PlistValue::boolean(true)})}},
+       "/list[1]"},
+      {"XML comments, CDATA, char refs, CRLF",
+       xml("<!-- note --><key>s</key><string>a&#13;b\r\nc<![CDATA[<&>]]>&#x1F600;</string>"
+           "<key>d</key><date>2080Z</date><key>h</key><integer>0x10</integer>"
+           "<key>r</key><real> -infinity </real><key>b</key><data>QU\n JD</data>"),
+       {{"keep", keep}, {"s", PlistValue::string("a\rb\nc<&>\xF0\x9F\x98\x80")},
+        {"d", PlistValue::date({2492985600.0})}, {"h", PlistValue::integer(16)},
+        {"r", PlistValue::real(-INFINITY)}, {"b", PlistValue::data({'A', 'B', 'C'})}},
+       nullptr},
+      {"XML after a byte order mark",
+       "\xEF\xBB\xBF" + xml("<key>t</key><true/>"),
+       {{"keep", keep}, {"t", PlistValue::boolean(true)}},
+       nullptr},
+      {"binary bad marker",
+       binaryDocument({"\xD2\x01\x02\x03\x04", "\x54keep", "\x53" "bad", "\x10\x01", "\x77"}),
+       {{"keep", keep}}, "/bad"},
+      {"binary reference past the objects",
+       binaryDocument({"\xD2\x01\x02\x03\x09", "\x54keep", "\x53" "bad", "\x10\x01"}),
+       {{"keep", keep}}, "/bad"},
+      {"binary length past the table",
+       binaryDocument({"\xD2\x01\x02\x03\x04", "\x54keep", "\x53" "bad", "\x10\x01", "\x5F\x10\xFF"}),
+       {{"keep", keep}}, "/bad"},
+      {"binary key that is no string",
+       binaryDocument({"\xD2\x01\x03\x02\x02", "\x54keep", "\x10\x01", "\x10\x05"}),
+       {{"keep", keep}}, "(key 1)"},
+      {"binary NUL in a key and a string",
+       binaryDocument({"\xD2\x01\x02\x03\x04", "\x54keep", std::string("\x53k\0y", 4),
+                       "\x10\x01", std::string("\x62\x00\x00\xD5\x5C", 5)}),
+       {{"keep", keep}, {std::string("k\0y", 3), PlistValue::string(std::string("\0\xED\x95\x9C", 4))}},
+       nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    LogCapture log;
+    std::optional<PlistValue> read = readPropertyList(c.bytes);
+    ASSERT_TRUE(read.has_value());
+    EXPECT_TRUE(*read == PlistValue::dictionary(c.expected));
+    if (c.logged) {
+      ASSERT_EQ(log.lines().size(), 1u);
+      EXPECT_TRUE(log.contains(c.logged)) << log.lines()[0];
+    } else {
+      EXPECT_TRUE(log.lines().empty());
+    }
+  }
+}
+
+TEST(PropertyListTest, TheWriterRefusesWhatTheReaderWould) {
+  PlistValue value = PlistValue::boolean(true);
+  for (int i = 0; i < 256; ++i) value = PlistValue::array({value});
+  EXPECT_EQ(nestingDepth(value), 256);
+  EXPECT_TRUE(writePropertyList(value).has_value());
+  value = PlistValue::array({value});
+  EXPECT_EQ(nestingDepth(value), 257);
+  EXPECT_FALSE(writePropertyList(value).has_value());
 }
 
 }  // namespace

@@ -76,7 +76,7 @@ int writer(CVUserDefaults* defaults, const std::string& dir, const std::string& 
     defaults->setObject(PlistValue::string(stamp(name, i)), name + ".stamp");
   }
   std::ofstream(dir + "/" + name + ".final", std::ios::binary)
-      << quarvel::writeXmlPropertyList(PlistValue::dictionary(quarvel::defaultsDic));
+      << *quarvel::writePropertyList(PlistValue::dictionary(quarvel::defaultsDic));
   return 0;
 }
 

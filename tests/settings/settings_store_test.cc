@@ -17,6 +17,7 @@
 
 #include "quarvel/common/Log.h"
 #include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/settings/PropertyList.h"
 #include "support/SettingsSandbox.h"
 
 namespace quarvel {
@@ -229,6 +230,14 @@ TEST(CVUserDefaultsTest, UnreadableDomainIsKeptAsideAndTheStoreStartsEmpty) {
       {"garbage", std::string("\x89\0\xff garbage \x01\x02 <dict>", 20)},
       {"truncated XML", "<?xml version=\"1.0\"?><plist><dict><key>area</key><str"},
       {"truncated binary", kBinaryDomain.substr(0, 40)},
+      {"XML nested 200,000 deep", [] {
+         std::string xml = "<plist><dict><key>a</key>";
+         for (int i = 0; i < 200000; ++i) xml += "<array>";
+         return xml;
+       }()},
+      {"binary reference cycle",
+       std::string("bplist00\xd1\x01\x00\x51k\x08\x0b\0\0\0\0\0\0\x01\x01"
+                   "\0\0\0\0\0\0\0\x02\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x0d", 47)},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -301,11 +310,80 @@ TEST(CVUserDefaultsTest, AFailedWriteLeavesTheOldDomain) {
   std::signal(SIGXFSZ, previousHandler);
 
   EXPECT_TRUE(log.contains("not written"));
+  EXPECT_TRUE(CVUserDefaults::lastWriteFailed());
   EXPECT_EQ(readBytes(domainFile(sandbox)), before);
   EXPECT_EQ(
       std::distance(fs::directory_iterator(sandbox.root() + "/config"), fs::directory_iterator()),
       1);
   EXPECT_EQ(d->area()->asString()->size(), 4096u) << "memory keeps the new value";
+}
+
+// Values other programs stored, each kept exactly through writes of other
+// settings and a new start.
+TEST(CVUserDefaultsTest, ValuesTheStoreDidNotChangeAreKeptExactly) {
+  const struct {
+    const char* what;
+    PlistValue value;
+  } cases[] = {
+      {"distant future", PlistValue::date({63113904000.0})},
+      {"1920", PlistValue::date({-2551046400.0})},
+      {"fractional date", PlistValue::date({-1e11 + 0.125})},
+      {"unsigned", PlistValue::unsignedInteger(UINT64_MAX)},
+      {"controls", PlistValue::string(std::string("a\0\x01\r\n", 5))},
+      {"NaN and infinity", PlistValue::array({PlistValue::real(std::nan("")),
+                                              PlistValue::real(-INFINITY)})},
+      {"nested", PlistValue::dictionary({{"d", PlistValue::array({PlistValue::data({0, 1})})}})},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    testing::SettingsSandbox sandbox;
+    PlistDictionary theirs{{"theirs", c.value}};
+    {
+      std::ofstream out(domainFile(sandbox), std::ios::binary);
+      out << *writePropertyList(PlistValue::dictionary(theirs));
+    }
+    CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
+    d->setInteger(1, "count");
+    d->setInteger(2, "count");
+    EXPECT_FALSE(CVUserDefaults::lastWriteFailed());
+    CVUserDefaults::discardSharedInstanceForTesting();
+    d = CVUserDefaults::standardUserDefaults();
+    ASSERT_TRUE(d->objectForKey("theirs").has_value());
+    EXPECT_TRUE(*d->objectForKey("theirs") == c.value);
+    EXPECT_EQ(d->integerForKey("count"), 2);
+  }
+}
+
+TEST(CVUserDefaultsTest, AValueTooDeepToReadBackIsRefused) {
+  testing::SettingsSandbox sandbox;
+  CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
+  d->setArea(PlistValue::string("before"));
+  const std::string before = readBytes(domainFile(sandbox));
+  PlistValue deep = PlistValue::boolean(true);
+  for (int i = 0; i < 255; ++i) deep = PlistValue::array({deep});
+
+  LogCapture log;
+  d->setObject(PlistValue::array({deep}), "deep");  // 257 levels under the domain
+  EXPECT_TRUE(CVUserDefaults::lastWriteFailed());
+  EXPECT_EQ(log.lines().size(), 1u);
+  EXPECT_TRUE(log.contains("nested deeper than 256"));
+  EXPECT_EQ(readBytes(domainFile(sandbox)), before);
+  EXPECT_FALSE(d->objectForKey("deep").has_value());
+
+  d->setObject(deep, "deep");  // 256 levels: the deepest the reader takes
+  EXPECT_FALSE(CVUserDefaults::lastWriteFailed());
+  CVUserDefaults::discardSharedInstanceForTesting();
+  EXPECT_TRUE(CVUserDefaults::standardUserDefaults()->objectForKey("deep") == deep);
+}
+
+TEST(CVUserDefaultsTest, ADomainPastTheSizeLimitIsKeptAside) {
+  testing::SettingsSandbox sandbox;
+  { std::ofstream(domainFile(sandbox)) << "<plist><dict/></plist>"; }
+  fs::resize_file(domainFile(sandbox), kMaxPropertyListBytes + 1);  // sparse, never read
+  LogCapture log;
+  CVUserDefaults::standardUserDefaults();
+  EXPECT_TRUE(log.contains("is larger than"));
+  EXPECT_FALSE(fs::exists(domainFile(sandbox)));
 }
 
 int runChild(const char* mode) {

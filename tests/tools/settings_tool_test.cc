@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+
+#include "Commands.h"
+
 #include "support/SettingsSandbox.h"
 
 namespace quarvel::cli {
@@ -29,6 +34,8 @@ TEST(SettingsToolTest, TypedTextBecomesValues) {
       {"0g", "data", nullptr},
       {"https://example.test/", "url", "<url:https://example.test/>"},
       {"[1, \"a\", {\"k\": true}, 2.5]", "json", "( 1, \"a\", { \"k\" = YES; }, 2.5 )"},
+      {"[18446744073709551615]", "json", "( 18446744073709551615 )"},
+      {"[\"a\\u0000\\r\\n\\t\\u001f\"]", "json", "( \"a\\x00\\r\\n\\t\\x1f\" )"},
       {"{\"a\": null}", "json", nullptr},
       {"[", "json", nullptr},
       {"x", "list", nullptr},
@@ -43,6 +50,45 @@ TEST(SettingsToolTest, TypedTextBecomesValues) {
     ASSERT_TRUE(value.has_value());
     EXPECT_EQ(describeValue(*value), c.shown);
   }
+}
+
+// The exit status of `quarvel settings ARGS` run in this process.
+int runSettings(const std::string& args) {
+  CLI::App app;
+  addSettingsCommands(app);
+  try {
+    app.parse("settings " + args, false);
+  } catch (const CLI::ParseError& e) {
+    return e.get_exit_code();
+  }
+  return 0;
+}
+
+TEST(SettingsToolTest, SetAndDeleteFailWhenTheDomainCannotBeWritten) {
+  quarvel::testing::SettingsSandbox sandbox;
+  ASSERT_EQ(runSettings("set kept yes"), 0);
+  // The configuration folder turns into a file: no domain can be written.
+  const std::string config = sandbox.root() + "/config";
+  std::filesystem::rename(config, config + ".away");
+  { std::ofstream(config) << "not a folder"; }
+  const struct {
+    const char* args;
+    int status;
+  } cases[] = {
+      {"set other 1 --type int", 3},
+      {"delete kept", 3},
+      {"delete missing", 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args);
+    EXPECT_EQ(runSettings(c.args), c.status);
+  }
+  std::filesystem::remove(config);
+  std::filesystem::rename(config + ".away", config);
+  // The failed delete left the file as it was.
+  CVUserDefaults::discardSharedInstanceForTesting();
+  EXPECT_EQ(runSettings("get kept"), 0);
+  EXPECT_EQ(runSettings("get other"), 1);
 }
 
 TEST(SettingsToolTest, PathsNameEveryOperation) {
