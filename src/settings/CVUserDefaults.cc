@@ -286,19 +286,42 @@ std::optional<PlistDictionary> CVUserDefaults::persistentDomainForName(
     const std::string& name) const {
   auto path = persistentDomainPath(name);
   if (!path) return std::nullopt;
-  struct stat info;
-  if (::stat(path->c_str(), &info) != 0) return std::nullopt;  // no domain yet
-  if (static_cast<std::uintmax_t>(info.st_size) > kMaxPropertyListBytes) {
-    logf("Settings domain %s is larger than %zu bytes", path->c_str(), kMaxPropertyListBytes);
+  // Opened without blocking and examined through the descriptor: a pipe or
+  // a device in the file's place must not hold the start-up for ever.
+  const int fd = ::open(path->c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0 && errno == ENOENT) return std::nullopt;  // no domain yet
+  struct stat info {};
+  if (fd >= 0 && (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode))) {
+    logf("Settings domain %s is not a regular file", path->c_str());
+    ::close(fd);
     moveAside(*path);
     return std::nullopt;
   }
-  std::ifstream in(*path, std::ios::binary);
-  std::ostringstream bytes;
-  if (in) bytes << in.rdbuf();
+  if (fd >= 0 && static_cast<std::uintmax_t>(info.st_size) > kMaxPropertyListBytes) {
+    logf("Settings domain %s is larger than %zu bytes", path->c_str(), kMaxPropertyListBytes);
+    ::close(fd);
+    moveAside(*path);
+    return std::nullopt;
+  }
+  // Read no more than the limit allows, even if the file grows meanwhile.
+  std::string bytes;
+  bool in = fd >= 0;
+  if (in) {
+    char chunk[65536];
+    for (;;) {
+      const ssize_t n = ::read(fd, chunk, sizeof chunk);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0 || bytes.size() + static_cast<std::size_t>(n) > kMaxPropertyListBytes) {
+        in = n == 0;
+        break;
+      }
+      bytes.append(chunk, static_cast<std::size_t>(n));
+    }
+    ::close(fd);
+  }
   // Whatever cannot be loaded (not a dictionary, damaged, not even readable)
   // is kept aside, so that the next write does not replace it.
-  std::optional<PlistValue> root = in ? readPropertyList(bytes.str()) : std::nullopt;
+  std::optional<PlistValue> root = in ? readPropertyList(bytes) : std::nullopt;
   if (!root || !root->asDictionary()) {
     moveAside(*path);
     return std::nullopt;

@@ -376,14 +376,34 @@ TEST(CVUserDefaultsTest, AValueTooDeepToReadBackIsRefused) {
   EXPECT_TRUE(CVUserDefaults::standardUserDefaults()->objectForKey("deep") == deep);
 }
 
-TEST(CVUserDefaultsTest, ADomainPastTheSizeLimitIsKeptAside) {
-  testing::SettingsSandbox sandbox;
-  { std::ofstream(domainFile(sandbox)) << "<plist><dict/></plist>"; }
-  fs::resize_file(domainFile(sandbox), kMaxPropertyListBytes + 1);  // sparse, never read
-  LogCapture log;
-  CVUserDefaults::standardUserDefaults();
-  EXPECT_TRUE(log.contains("is larger than"));
-  EXPECT_FALSE(fs::exists(domainFile(sandbox)));
+// Set aside without being read: a file past the size limit, and a pipe in
+// the file's place, which must not hold the start-up waiting for a writer.
+TEST(CVUserDefaultsTest, ADomainTooLargeOrNoFileIsKeptAsideUnread) {
+  const struct {
+    const char* what;
+    std::function<void(const std::string&)> make;
+    const char* logged;
+  } cases[] = {
+      {"past the size limit",
+       [](const std::string& path) {
+         { std::ofstream(path) << "<plist><dict/></plist>"; }
+         fs::resize_file(path, kMaxPropertyListBytes + 1);  // sparse, never read
+       },
+       "is larger than"},
+      {"a pipe", [](const std::string& path) { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); },
+       "is not a regular file"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    testing::SettingsSandbox sandbox;
+    c.make(domainFile(sandbox));
+    LogCapture log;
+    CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
+    EXPECT_TRUE(log.contains(c.logged));
+    EXPECT_FALSE(fs::exists(domainFile(sandbox)));
+    d->setInteger(1, "count");
+    EXPECT_TRUE(fs::is_regular_file(domainFile(sandbox)));
+  }
 }
 
 int runChild(const char* mode) {
