@@ -128,8 +128,12 @@ FileFramework::ReadResult FileFramework::readSections(const std::string& path,
       }
     }
   }
+  // A position not set by this text is the one an earlier open left; it may
+  // lie beyond this text's lines, and then the section cannot be read.
   for (Table* table : tables) {
-    if (table->getStartPosition() < 0 || table->getStartPosition() >= table->getEndPosition()) {
+    const int start = table->getStartPosition();
+    const int end = table->getEndPosition();
+    if (start < 0 || start >= end || static_cast<std::size_t>(end) >= count) {
       result.status = ReadStatus::kDamaged;
       return result;
     }

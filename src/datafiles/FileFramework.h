@@ -7,9 +7,12 @@
 // (CommonLib::Decrypt); each table's section is located between its
 // "<tag>_START" and "<tag>_END" lines (last occurrence wins, sections in any
 // order, text outside them ignored); a table whose start is missing or not
-// before its end makes the file damaged and the open fails before any record
-// is loaded. Then every line strictly inside a section is offered to its
-// table; a record table refuses lines with the wrong field count.
+// before its end, or whose end is not one of this file's lines (a position
+// left by an earlier open of a longer file), makes the file damaged and the
+// open fails before any record is loaded. Then every line strictly inside a
+// section is offered to its table; a record table refuses lines with the
+// wrong field count. Lines are at most 2,047 bytes (the reader drops longer
+// ones), far below what a record can hold, so loading never fails on size.
 //
 // Writing: the sections are written in the class's order as CR LF text,
 // folded (CommonLib::encodingForSpecialCharacter), encoded as Mac Korean,
@@ -91,7 +94,11 @@ class FileFramework {
 
   // Reads and deciphers `path` and sets the start and end positions of
   // `tables` (given in section order). With `traceLines` each line is
-  // logged at debug priority as it is examined.
+  // logged at debug priority as it is examined. A tag line sets a position
+  // only when present, so a table may keep one from an earlier open; the
+  // answer is kDamaged unless every table's start is before its end and
+  // both lie within the lines read now, so that every line strictly inside
+  // a section is an element of `lines`.
   static ReadResult readSections(const std::string& path, std::span<Table* const> tables,
                                  bool traceLines);
 
