@@ -18,9 +18,10 @@
 // folded (CommonLib::encodingForSpecialCharacter), encoded as Mac Korean,
 // enciphered and written to a temporary file beside the target, which then
 // replaces the target by rename: an interrupted or failed save never leaves
-// a torn file. A text holding a character that Mac Korean cannot store is
-// refused: nothing is written and the log names the character, the section
-// and the record.
+// a torn file. A text holding a character that Mac Korean cannot store, or
+// a record that cannot be one line (a CR or LF in a value, or more than
+// 2,047 bytes as stored: datafile::recordLineFault), is refused: nothing is
+// written and the log names the fault, the section and the record.
 //
 // A bare file name resolves inside CVUserDefaults' libraryPath() as
 // "<libraryPath>/<name>"; a full path stands as it is.
@@ -148,8 +149,9 @@ class FileFramework {
 
   // The folded, Mac Korean text of `tables` in section order as a buffer of
   // size + 1 bytes (zero-terminated) that the caller owns; null with size 0
-  // when the text cannot be encoded (logged with `owner`, the operation's
-  // name, the character, the section's tag and the record's index).
+  // when the text cannot be encoded or a record cannot be stored as one line
+  // (logged with `owner`, the operation's name, the fault, the section's tag
+  // and the record's index). The text ends at its first zero byte.
   static std::unique_ptr<unsigned char[]> buildContents(std::span<Table* const> tables,
                                                         const char* owner, std::uint64_t& size);
 

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <functional>
+#include <memory>
 
 #include "datafiles/DataFileTestUtil.h"
 #include "quarvel/common/CommonLib.h"
@@ -140,6 +142,99 @@ TEST(DataFileSave, UnencodableTextIsRefusedAndTheFileKept) {
   EXPECT_FALSE(header.saveAsFileName(dir.file("f.dat"), true));
   EXPECT_TRUE(headerLog.contains("(section #HEADER, record 0)"));
   EXPECT_FALSE(std::filesystem::exists(dir.file("f.dat")));
+}
+
+std::unique_ptr<unsigned char[]> contentsOf(FileFramework& file, std::uint64_t& size) {
+  if (auto* list = dynamic_cast<FileCheckList*>(&file)) return list->getContents(size);
+  if (auto* package = dynamic_cast<FilePackage*>(&file)) return package->getContents(size);
+  if (auto* filter = dynamic_cast<FileFilter*>(&file)) return filter->getContents(size);
+  return dynamic_cast<FileFontList&>(file).getContents(size);
+}
+
+TEST(DataFileSave, RecordsThatCannotBeOneLineAreRefusedAndTheFileKept) {
+  std::string hangul;
+  for (int i = 0; i < 1100; ++i) hangul += "\xED\x95\x9C";  // 2,200 bytes stored, 3,300 as UTF-8
+  const std::string tooLong = " bytes, more than the 2047 a line holds";
+  const std::string lineBreak = "SAVE REFUSED: a CR or LF inside a value";
+  struct Case {
+    const char* name;
+    std::function<std::unique_ptr<FileFramework>()> make;
+    std::vector<std::pair<const char*, std::string>> lines;
+    std::string owner, fault, where;
+  };
+  const auto filter = [] { return std::make_unique<FileFilter>(); };
+  const auto package = [] { return std::make_unique<FilePackage>(); };
+  const auto fonts = [] { return std::make_unique<FileFontList>(); };
+  const Case cases[] = {
+      {"2,048 ASCII bytes", filter,
+       {{"#SWLIST", "A\tB\tC\tD"}, {"#SWLIST", "A\tB\tC\t" + std::string(2042, 'x')}},
+       "-[FileFilter getContents:] // SAVE REFUSED: 2048", tooLong, "(section #SWLIST, record 1)"},
+      {"Korean over the limit once encoded", [] { return std::make_unique<FileCheckList>(); },
+       {{"#HEADER", "1"},
+        {"#CHECKLIST", checkLine("1", "A", "B", "1", "O", "ok")},
+        {"#CHECKLIST", checkLine("2", "A", hangul, "1", "O", "k")}},
+       "-[FileCheckList getContents:] // SAVE REFUSED: 6697", tooLong,
+       "(section #CHECKLIST, record 1)"},
+      {"long header", fonts, {{"#HEADER", std::string(2048, '9')}},
+       "-[FileFontList getContents:] // SAVE REFUSED: 2048", tooLong, "(section #HEADER, record 0)"},
+      {"CR in a sub-item", package,
+       {{"#SUB", "P1\t-\t1\tY"}, {"#SUB", "P1\tA\rB\t100\tY"}}, "-[FilePackage getContents:]",
+       lineBreak, "(section #SUB, record 1)"},
+      {"LF in a package", package, {{"#PACKAGE", "P1\tA\tB\n\t1\tG\tS\t1\tY"}},
+       "-[FilePackage getContents:]", lineBreak, "(section #PACKAGE, record 0)"},
+      {"CR LF in a font", fonts,
+       {{"#CHECKLIST", checkLine("F1", "Type\r\nFace", "S", "1", "S", "s.ttf", true)}},
+       "-[FileFontList getContents:]", lineBreak, "(section #CHECKLIST, record 0)"},
+      {"LF in a header", filter, {{"#HEADER", "1\n2"}}, "-[FileFilter getContents:]", lineBreak,
+       "(section #HEADER, record 0)"},
+  };
+  TempDir dir;
+  const std::string path = dir.file("old.dat");
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::unique_ptr<FileFramework> file = c.make();
+    fill(*file, c.lines);
+    testing::writeBytes(path, "previous contents");
+    LogCapture log;
+    EXPECT_FALSE(file->saveAsFileName(path, true));
+    EXPECT_EQ(testing::readBytes(path), "previous contents");
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"old.dat"});
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log.lines()[0].rfind(c.owner, 0), 0u) << log.lines()[0];
+    EXPECT_TRUE(log.contains(c.fault + " " + c.where)) << log.lines()[0];
+    std::uint64_t size = 7;
+    EXPECT_EQ(contentsOf(*file, size), nullptr);
+    EXPECT_EQ(size, 0u);
+  }
+}
+
+TEST(DataFileSave, LinesOfExactly2047StoredBytesSaveAndReadBack) {
+  std::string korean;
+  for (int i = 0; i < 1020; ++i) korean += kHangul.substr(0, 3);  // 2 bytes each when stored
+  std::string accented;
+  for (int i = 0; i < 2041; ++i) accented += "\xC3\xA9";  // é, folded to one letter
+  const std::string lines[] = {"A\tB\tC\t" + std::string(2041, 'x'), korean + "x\tB\tC\tD",
+                               accented + "\tB\tC\tD"};
+  TempDir dir;
+  for (const std::string& line : lines) {
+    SCOPED_TRACE(line.substr(0, 12));
+    FileFilter filter;
+    fill(filter, {{"#HEADER", "1"}, {"#SWLIST", line}});
+    ASSERT_TRUE(filter.saveAsFileName(dir.file("f.dat"), true));
+    const std::string plain = testing::decipher(testing::readBytes(dir.file("f.dat")));
+    const std::size_t from = plain.find("#SWLIST_START\r\n") + 15;
+    EXPECT_EQ(plain.find("\r\n", from) - from, 2047u);
+    FileFilter reread;
+    ASSERT_TRUE(reread.openWithFileName(dir.file("f.dat"), true));
+    EXPECT_EQ(reread.getTableByTag("#SWLIST")->selectToStr(0),
+              CommonLib::encodingForSpecialCharacter(line));
+  }
+  // A zero byte is no fault: the stored text ends there.
+  FileFilter zero;
+  fill(zero, {{"#HEADER", std::string("1\0002", 3)}, {"#SWLIST", "A\tB\tC\tD"}});
+  std::uint64_t size = 0;
+  ASSERT_TRUE(zero.getContents(size));
+  EXPECT_EQ(size, std::string("#HEADER_START\r\n1").size());
 }
 
 TEST(DataFileSave, ReplacingAFileKeepsItsPermissionsAndLeavesNoTemporary) {
