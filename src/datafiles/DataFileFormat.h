@@ -41,9 +41,7 @@ inline bool holdsLineBreak(std::string_view text) {
 }
 
 // The rule's second half, on the length of the stored line without CR LF.
-inline constexpr bool fitsOneLine(std::size_t storedBytes) {
-  return storedBytes <= kMaxLineBytes;
-}
+inline constexpr bool fitsOneLine(std::size_t storedBytes) { return storedBytes <= kMaxLineBytes; }
 
 // Both halves for one record's text: folds and encodes it to measure it.
 // `storedBytes`, when given, receives the stored line's length. A character

@@ -252,8 +252,7 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
       const char* tag = nullptr;
       long long record = 0;
       locate(at, tag, record);
-      logf("%s // SAVE REFUSED: %zu bytes, more than the %zu a line holds (section %s, record "
-           "%lld)",
+      logf("%s // SAVE REFUSED: a line of %zu bytes, longer than %zu (section %s, record %lld)",
            owner, bytes, datafile::kMaxLineBytes, tag, record);
       return nullptr;
     }

@@ -179,15 +179,19 @@ TEST(DataFileFormat, ReusedObjectRefusesAShorterFileWithoutAnEndLine) {
   const std::string soft = checkLine("1", "Acme", "Editor", "2.0", "Editor", "editor");
   const std::string font = checkLine("F1", "Type", "Serif", "1", "Serif", "serif.ttf", true);
   const Case cases[] = {
-      {"check list", [] { return std::make_unique<FileCheckList>(); },
+      {"check list",
+       [] { return std::make_unique<FileCheckList>(); },
        {{"#HEADER", "1"}, {"#CHECKLIST", soft}}},
-      {"package", [] { return std::make_unique<FilePackage>(); },
+      {"package",
+       [] { return std::make_unique<FilePackage>(); },
        {{"#HEADER", "1"},
         {"#PACKAGE", "P1\tAcme\tOffice\t1\tG1\tSuite\t1\tY"},
         {"#SUB", "P1\t-\t100\tY"}}},
-      {"filter", [] { return std::make_unique<FileFilter>(); },
+      {"filter",
+       [] { return std::make_unique<FileFilter>(); },
        {{"#HEADER", "1"}, {"#SWLIST", "A\tB\tC\tD"}}},
-      {"font list", [] { return std::make_unique<FileFontList>(); },
+      {"font list",
+       [] { return std::make_unique<FileFontList>(); },
        {{"#HEADER", "1"}, {"#CHECKLIST", font}}},
   };
   TempDir dir;

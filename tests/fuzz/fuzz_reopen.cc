@@ -67,9 +67,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   quarvel::FileFilter filter;
   quarvel::FileFontList fonts;
   Subject subjects[] = {
-      {&checkList, {"#HEADER", "#CHECKLIST"},
+      {&checkList,
+       {"#HEADER", "#CHECKLIST"},
        [&](std::uint64_t& n) { return checkList.getContents(n); }},
-      {&package, {"#HEADER", "#PACKAGE", "#SUB"},
+      {&package,
+       {"#HEADER", "#PACKAGE", "#SUB"},
        [&](std::uint64_t& n) { return package.getContents(n); }},
       {&filter, {"#HEADER", "#SWLIST"}, [&](std::uint64_t& n) { return filter.getContents(n); }},
       {&fonts, {"#HEADER", "#CHECKLIST"}, [&](std::uint64_t& n) { return fonts.getContents(n); }},
