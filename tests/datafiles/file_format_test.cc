@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <functional>
 #include <memory>
+#include <typeinfo>
 
 #include "datafiles/DataFileTestUtil.h"
 #include "quarvel/common/Log.h"
@@ -171,62 +172,37 @@ TEST(DataFileFormat, SecondOpenAppendsRecordsAndKeys) {
 // Positions persist between opens; an end line missing from a second,
 // shorter file must not send the reader past that file's lines.
 TEST(DataFileFormat, ReusedObjectRefusesAShorterFileWithoutAnEndLine) {
-  struct Case {
-    const char* name;
-    std::function<std::unique_ptr<FileFramework>()> make;
-    std::vector<std::pair<std::string, std::string>> sections;  // tag, one record
-  };
-  const std::string soft = checkLine("1", "Acme", "Editor", "2.0", "Editor", "editor");
-  const std::string font = checkLine("F1", "Type", "Serif", "1", "Serif", "serif.ttf", true);
-  const Case cases[] = {
-      {"check list",
-       [] { return std::make_unique<FileCheckList>(); },
-       {{"#HEADER", "1"}, {"#CHECKLIST", soft}}},
-      {"package",
-       [] { return std::make_unique<FilePackage>(); },
-       {{"#HEADER", "1"},
-        {"#PACKAGE", "P1\tAcme\tOffice\t1\tG1\tSuite\t1\tY"},
-        {"#SUB", "P1\t-\t100\tY"}}},
-      {"filter",
-       [] { return std::make_unique<FileFilter>(); },
-       {{"#HEADER", "1"}, {"#SWLIST", "A\tB\tC\tD"}}},
-      {"font list",
-       [] { return std::make_unique<FileFontList>(); },
-       {{"#HEADER", "1"}, {"#CHECKLIST", font}}},
-  };
+  const std::pair<std::function<std::unique_ptr<FileFramework>()>, std::vector<std::string>>
+      cases[] = {
+          {[] { return std::make_unique<FileCheckList>(); }, {"#HEADER", "#CHECKLIST"}},
+          {[] { return std::make_unique<FilePackage>(); }, {"#HEADER", "#PACKAGE", "#SUB"}},
+          {[] { return std::make_unique<FileFilter>(); }, {"#HEADER", "#SWLIST"}},
+          {[] { return std::make_unique<FileFontList>(); }, {"#HEADER", "#CHECKLIST"}},
+      };
   TempDir dir;
-  for (const Case& c : cases) {
-    // The long file: 300 copies of each record; the short one: one copy,
-    // and the last section's end line left out.
-    std::vector<std::string> longLines, shortLines;
-    for (const auto& [tag, record] : c.sections) {
-      longLines.push_back(tag + "_START");
-      shortLines.push_back(tag + "_START");
-      longLines.insert(longLines.end(), tag == "#HEADER" ? 1 : 300, record);
-      shortLines.push_back(record);
-      longLines.push_back(tag + "_END");
-      if (tag != c.sections.back().first) shortLines.push_back(tag + "_END");
+  for (const auto& [make, tags] : cases) {
+    std::unique_ptr<FileFramework> file = make();
+    const FileFramework& object = *file;
+    SCOPED_TRACE(typeid(object).name());
+    // Long: 300 records a section. Short: one, and no end line for the last.
+    std::vector<std::string> longText, shortText;
+    for (const std::string& tag : tags) {
+      const std::string record(file->getTableByTag(tag)->getFields()->size() - 1, '\t');
+      longText.push_back(tag + "_START");
+      longText.insert(longText.end(), 300, record);
+      shortText.insert(shortText.end(), {tag + "_START", record});
+      longText.push_back(tag + "_END");
+      if (tag != tags.back()) shortText.push_back(tag + "_END");
     }
-    const std::string longPath = dir.writeDataFile("long.dat", crlf(longLines));
-    for (bool lastLineEnded : {true, false}) {
-      SCOPED_TRACE(std::string(c.name) + (lastLineEnded ? "" : ", last line unended"));
-      std::unique_ptr<FileFramework> file = c.make();
-      ASSERT_TRUE(file->openWithFileName(longPath, true));
-      std::vector<std::uint64_t> counts;
-      for (const auto& section : c.sections)
-        counts.push_back(file->getTableByTag(section.first)->getDataCount());
-      std::string text = crlf(shortLines);
-      if (!lastLineEnded) text.resize(text.size() - 2);
-      LogCapture log;
-      EXPECT_FALSE(file->openWithFileName(dir.writeDataFile("short.dat", text), true));
-      for (std::size_t i = 0; i < c.sections.size(); ++i)
-        EXPECT_EQ(file->getTableByTag(c.sections[i].first)->getDataCount(), counts[i]);
-      EXPECT_EQ(file->m_strFileName(), longPath);
-      if (dynamic_cast<FileCheckList*>(file.get())) {
-        EXPECT_EQ(failureLines(log), std::vector<std::string>{kDamaged});
-      }
-      // The same object still opens a sound file, appending to its tables.
-      EXPECT_TRUE(file->openWithFileName(longPath, true));
+    const std::string longPath = dir.writeDataFile("long.dat", crlf(longText));
+    ASSERT_TRUE(file->openWithFileName(longPath, true));
+    const std::uint64_t records = file->getTableByTag(tags.back())->getDataCount();
+    LogCapture log;
+    EXPECT_FALSE(file->openWithFileName(dir.writeDataFile("short.dat", crlf(shortText)), true));
+    EXPECT_EQ(file->getTableByTag(tags.back())->getDataCount(), records);
+    EXPECT_EQ(file->m_strFileName(), longPath);
+    if (dynamic_cast<FileCheckList*>(file.get())) {
+      EXPECT_EQ(failureLines(log), std::vector<std::string>{kDamaged});
     }
   }
 }
