@@ -79,6 +79,19 @@ void FoldEncodeEncipher(benchmark::State& state) {
 }
 BENCHMARK(FoldEncodeEncipher)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// The writer's text alone: build, fold, encode and check, without the
+// cipher and the disk.
+void Contents(benchmark::State& state) {
+  quarvel::FileCheckList& list = loadedList();
+  for (auto _ : state) {
+    std::uint64_t size = 0;
+    std::unique_ptr<unsigned char[]> contents = list.getContents(size);
+    if (!contents) state.SkipWithError("contents refused");
+    benchmark::DoNotOptimize(contents.get());
+  }
+}
+BENCHMARK(Contents)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 void Save(benchmark::State& state) {
   quarvel::FileCheckList& list = loadedList();
   const std::string out = listPath() + ".saved";

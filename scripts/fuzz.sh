@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-30}
 # Targets that run for a fixed time of their own instead.
-declare -A target_seconds=([fuzz_reader]=60)
+declare -A target_seconds=([fuzz_reader]=60 [fuzz_reopen]=60)
 CC=clang CXX=clang++ ./scripts/build.sh build-fuzz -DQUARVEL_BUILD_FUZZERS=ON \
   -DQUARVEL_SANITIZE=address,undefined -DQUARVEL_BUILD_TESTS=OFF -DQUARVEL_BUILD_BENCH=OFF \
   -DQUARVEL_BUILD_GUI=OFF

@@ -16,7 +16,6 @@
 #include "quarvel/datafiles/FileFilter.h"
 #include "quarvel/datafiles/FileFontList.h"
 #include "quarvel/datafiles/FilePackage.h"
-#include "quarvel/datafiles/MacKorean.h"
 
 namespace quarvel::cli {
 
@@ -405,21 +404,26 @@ int buildDataFileFromTsv(DataFileKind kind, const std::vector<std::string>& inpu
         }
         continue;
       }
-      // A zero byte would end the stored text there, a CR would end or eat
-      // into the line, and a line too long is dropped by the reader: each
-      // loses records without a word, so the row is refused here.
-      if (const std::size_t at = line.find_first_of(std::string_view("\r\0", 2));
-          at != std::string::npos) {
-        err << path.string() << ':' << i + 1 << ": "
-            << (line[at] == '\r' ? "a CR that does not end the row" : "a zero byte") << '\n';
+      // A zero byte would end the stored text there and lose every record
+      // after it without a word; the library accepts it as the end of the
+      // text, but an import refuses the row.
+      if (line.find('\0') != std::string::npos) {
+        err << path.string() << ':' << i + 1 << ": a zero byte\n";
         return 1;
       }
-      if (const std::optional<std::string> bytes =
-              MacKorean::encode(CommonLib::encodingForSpecialCharacter(line));
-          bytes && bytes->size() > df::kMaxLineBytes) {
-        err << path.string() << ':' << i + 1 << ": the row takes " << bytes->size()
-            << " bytes, more than the " << df::kMaxLineBytes << " a data-file line holds\n";
-        return 1;
+      // A row the library's save would refuse, named here by its row. Rows
+      // are split at LF, so a line break left in one is a CR.
+      std::size_t bytes = 0;
+      switch (df::recordLineFault(line, &bytes)) {
+        case df::LineFault::kNone:
+          break;
+        case df::LineFault::kLineBreak:
+          err << path.string() << ':' << i + 1 << ": a CR that does not end the row\n";
+          return 1;
+        case df::LineFault::kTooLong:
+          err << path.string() << ':' << i + 1 << ": the row takes " << bytes
+              << " bytes, more than the " << df::kMaxLineBytes << " a data-file line holds\n";
+          return 1;
       }
       if (table->insertRecord(line, df::kSeparator) == -1) {
         err << path.string() << ':' << i + 1 << ": " << split(line, "\t").size() << " fields, "

@@ -23,6 +23,32 @@ inline constexpr std::string_view kSeparator = "\t";
 // keeps a 2,048-byte buffer with a terminating zero).
 inline constexpr std::size_t kMaxLineBytes = 2047;
 
+// Whether a record can be stored as one line, the rule every writer of data
+// files applies (the library's save, `quarvel encrypt --kind`). A record's
+// line is its values joined by tabs; the reader would split or damage it at
+// a CR or LF inside a value, and drops it whole when it is longer than
+// kMaxLineBytes as stored (folded, then Mac Korean). A zero byte is no fault
+// here: the stored text simply ends there.
+enum class LineFault {
+  kNone,
+  kLineBreak,  // a CR or LF inside a value
+  kTooLong,    // more than kMaxLineBytes stored bytes
+};
+
+// The rule's first half, on the record's own text (values joined by tabs).
+inline bool holdsLineBreak(std::string_view text) {
+  return text.find('\r') != std::string_view::npos || text.find('\n') != std::string_view::npos;
+}
+
+// The rule's second half, on the length of the stored line without CR LF.
+inline constexpr bool fitsOneLine(std::size_t storedBytes) { return storedBytes <= kMaxLineBytes; }
+
+// Both halves for one record's text: folds and encodes it to measure it.
+// `storedBytes`, when given, receives the stored line's length. A character
+// without a Mac Korean form is another refusal, which the writer reports
+// with the character: such a text answers kNone here, with 0 bytes.
+LineFault recordLineFault(std::string_view text, std::size_t* storedBytes = nullptr);
+
 // Section tags, with their leading '#'.
 inline constexpr std::string_view kHeaderTag = "#HEADER";
 inline constexpr std::string_view kCheckListTag = "#CHECKLIST";

@@ -43,7 +43,8 @@ class FileCheckList : public FileFramework {
   bool saveAsFileName(const std::string& fileName, bool isFullPath) override;
   // The file's bytes before enciphering (folded Mac Korean text), size + 1
   // bytes with a terminating zero, owned by the caller; null and size 0 when
-  // the text cannot be encoded.
+  // the text cannot be encoded or a record cannot be stored as one line, so
+  // that what it answers is always what a save would write.
   std::unique_ptr<unsigned char[]> getContents(std::uint64_t& size);
 
   int getIdByFileName(std::string_view fileName) const;

@@ -128,8 +128,12 @@ FileFramework::ReadResult FileFramework::readSections(const std::string& path,
       }
     }
   }
+  // A position not set by this text is the one an earlier open left; it may
+  // lie beyond this text's lines, and then the section cannot be read.
   for (Table* table : tables) {
-    if (table->getStartPosition() < 0 || table->getStartPosition() >= table->getEndPosition()) {
+    const int start = table->getStartPosition();
+    const int end = table->getEndPosition();
+    if (start < 0 || start >= end || static_cast<std::size_t>(end) >= count) {
       result.status = ReadStatus::kDamaged;
       return result;
     }
@@ -152,11 +156,6 @@ void FileFramework::indexField(LookupIndex& index, TableMulti& table, std::strin
 
 namespace {
 
-// A record's line is its values joined by tabs: the record's own text.
-void appendRecord(std::string& text, const RecordPtr& record) {
-  if (record) text += record->tabbedText();
-}
-
 // The character as text for a log line; nothing for a surrogate.
 std::string utf8Of(char32_t c) {
   std::string out;
@@ -171,7 +170,7 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
                                                               std::uint64_t& size) {
   size = 0;
   // Line index of each section's start line, to name the section and record
-  // of a character that cannot be encoded.
+  // of a line that is refused.
   std::vector<std::size_t> sectionStart;
   std::size_t reserve = 0;
   for (Table* table : tables) {
@@ -194,7 +193,16 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
     ++line;
     const std::uint64_t count = table->getDataCount();
     for (std::uint64_t i = 0; i < count; ++i) {
-      appendRecord(text, table->select(static_cast<int>(i)));
+      // A record's line is its values joined by tabs: the record's own text.
+      if (const RecordPtr record = table->select(static_cast<int>(i))) {
+        const std::string_view values = record->tabbedText();
+        if (datafile::holdsLineBreak(values)) {
+          logf("%s // SAVE REFUSED: a CR or LF inside a value (section %s, record %lld)", owner,
+               table->getTag().c_str(), static_cast<long long>(i));
+          return nullptr;
+        }
+        text += values;
+      }
       text += datafile::kLineEnd;
       ++line;
     }
@@ -204,6 +212,14 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
     ++line;
   }
 
+  // The tag and record index of text line `at`.
+  const auto locate = [&](std::size_t at, const char*& tag, long long& record) {
+    std::size_t section = 0;
+    while (section + 1 < sectionStart.size() && sectionStart[section + 1] <= at) ++section;
+    tag = tables.empty() ? "" : tables[section]->getTag().c_str();
+    record = tables.empty() ? -1 : static_cast<long long>(at - sectionStart[section]) - 1;
+  };
+
   const std::string folded = CommonLib::encodingForSpecialCharacter(text);
   text = std::string();
   MacKorean::EncodeError error;
@@ -212,13 +228,35 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
     const std::size_t offset = std::min(error.offset, folded.size());
     std::size_t at = 0;
     for (std::size_t i = 0; i < offset; ++i) at += folded[i] == '\n';
-    std::size_t section = 0;
-    while (section + 1 < sectionStart.size() && sectionStart[section + 1] <= at) ++section;
-    const long long record = static_cast<long long>(at - sectionStart[section]) - 1;
+    const char* tag = nullptr;
+    long long record = 0;
+    locate(at, tag, record);
     logf("%s // SAVE REFUSED: U+%04X \"%s\" has no Mac Korean form (section %s, record %lld)",
-         owner, static_cast<unsigned>(error.character), utf8Of(error.character).c_str(),
-         tables.empty() ? "" : tables[section]->getTag().c_str(), record);
+         owner, static_cast<unsigned>(error.character), utf8Of(error.character).c_str(), tag,
+         record);
     return nullptr;
+  }
+  // No value holds a CR or LF, and neither folding nor Mac Korean makes one
+  // (a two-byte code's second byte is 0x41 or above), so each LF ends one
+  // line of the text, after its CR: one scan of the stored bytes measures
+  // every line as the reader will see it.
+  const char* const begin = encoded->data();
+  const char* const end = begin + encoded->size();
+  std::size_t at = 0;
+  for (const char* from = begin; from < end; ++at) {
+    const auto* lf = static_cast<const char*>(std::memchr(from, '\n', end - from));
+    if (lf == nullptr) break;
+    auto bytes = static_cast<std::size_t>(lf - from);
+    if (bytes > 0 && from[bytes - 1] == '\r') --bytes;
+    if (!datafile::fitsOneLine(bytes)) {
+      const char* tag = nullptr;
+      long long record = 0;
+      locate(at, tag, record);
+      logf("%s // SAVE REFUSED: a line of %zu bytes, longer than %zu (section %s, record %lld)",
+           owner, bytes, datafile::kMaxLineBytes, tag, record);
+      return nullptr;
+    }
+    from = lf + 1;
   }
   // The text ends at its first zero byte, as a C string would.
   size = ::strnlen(encoded->data(), encoded->size());

@@ -7,17 +7,21 @@
 // (CommonLib::Decrypt); each table's section is located between its
 // "<tag>_START" and "<tag>_END" lines (last occurrence wins, sections in any
 // order, text outside them ignored); a table whose start is missing or not
-// before its end makes the file damaged and the open fails before any record
-// is loaded. Then every line strictly inside a section is offered to its
-// table; a record table refuses lines with the wrong field count.
+// before its end, or whose end is not one of this file's lines (a position
+// left by an earlier open of a longer file), makes the file damaged and the
+// open fails before any record is loaded. Then every line strictly inside a
+// section is offered to its table; a record table refuses lines with the
+// wrong field count. Lines are at most 2,047 bytes (the reader drops longer
+// ones), far below what a record can hold, so loading never fails on size.
 //
 // Writing: the sections are written in the class's order as CR LF text,
 // folded (CommonLib::encodingForSpecialCharacter), encoded as Mac Korean,
 // enciphered and written to a temporary file beside the target, which then
 // replaces the target by rename: an interrupted or failed save never leaves
-// a torn file. A text holding a character that Mac Korean cannot store is
-// refused: nothing is written and the log names the character, the section
-// and the record.
+// a torn file. A text holding a character that Mac Korean cannot store, or
+// a record that cannot be one line (a CR or LF in a value, or more than
+// 2,047 bytes as stored: datafile::recordLineFault), is refused: nothing is
+// written and the log names the fault, the section and the record.
 //
 // A bare file name resolves inside CVUserDefaults' libraryPath() as
 // "<libraryPath>/<name>"; a full path stands as it is.
@@ -91,7 +95,11 @@ class FileFramework {
 
   // Reads and deciphers `path` and sets the start and end positions of
   // `tables` (given in section order). With `traceLines` each line is
-  // logged at debug priority as it is examined.
+  // logged at debug priority as it is examined. A tag line sets a position
+  // only when present, so a table may keep one from an earlier open; the
+  // answer is kDamaged unless every table's start is before its end and
+  // both lie within the lines read now, so that every line strictly inside
+  // a section is an element of `lines`.
   static ReadResult readSections(const std::string& path, std::span<Table* const> tables,
                                  bool traceLines);
 
@@ -141,8 +149,9 @@ class FileFramework {
 
   // The folded, Mac Korean text of `tables` in section order as a buffer of
   // size + 1 bytes (zero-terminated) that the caller owns; null with size 0
-  // when the text cannot be encoded (logged with `owner`, the operation's
-  // name, the character, the section's tag and the record's index).
+  // when the text cannot be encoded or a record cannot be stored as one line
+  // (logged with `owner`, the operation's name, the fault, the section's tag
+  // and the record's index). The text ends at its first zero byte.
   static std::unique_ptr<unsigned char[]> buildContents(std::span<Table* const> tables,
                                                         const char* owner, std::uint64_t& size);
 

@@ -6,6 +6,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <functional>
+#include <memory>
+#include <typeinfo>
 
 #include "datafiles/DataFileTestUtil.h"
 #include "quarvel/common/Log.h"
@@ -164,6 +167,44 @@ TEST(DataFileFormat, SecondOpenAppendsRecordsAndKeys) {
   EXPECT_EQ(filter.getTableByTag("#HEADER")->select(0, "Version"), "2");
   EXPECT_EQ(filter.getIdByFilter("a\tb\tc\td"), 1);
   EXPECT_EQ(filter.m_strFileName(), dir.file("b"));
+}
+
+// Positions persist between opens; an end line missing from a second,
+// shorter file must not send the reader past that file's lines.
+TEST(DataFileFormat, ReusedObjectRefusesAShorterFileWithoutAnEndLine) {
+  const std::pair<std::function<std::unique_ptr<FileFramework>()>, std::vector<std::string>>
+      cases[] = {
+          {[] { return std::make_unique<FileCheckList>(); }, {"#HEADER", "#CHECKLIST"}},
+          {[] { return std::make_unique<FilePackage>(); }, {"#HEADER", "#PACKAGE", "#SUB"}},
+          {[] { return std::make_unique<FileFilter>(); }, {"#HEADER", "#SWLIST"}},
+          {[] { return std::make_unique<FileFontList>(); }, {"#HEADER", "#CHECKLIST"}},
+      };
+  TempDir dir;
+  for (const auto& [make, tags] : cases) {
+    std::unique_ptr<FileFramework> file = make();
+    const FileFramework& object = *file;
+    SCOPED_TRACE(typeid(object).name());
+    // Long: 300 records a section. Short: one, and no end line for the last.
+    std::vector<std::string> longText, shortText;
+    for (const std::string& tag : tags) {
+      const std::string record(file->getTableByTag(tag)->getFields()->size() - 1, '\t');
+      longText.push_back(tag + "_START");
+      longText.insert(longText.end(), 300, record);
+      shortText.insert(shortText.end(), {tag + "_START", record});
+      longText.push_back(tag + "_END");
+      if (tag != tags.back()) shortText.push_back(tag + "_END");
+    }
+    const std::string longPath = dir.writeDataFile("long.dat", crlf(longText));
+    ASSERT_TRUE(file->openWithFileName(longPath, true));
+    const std::uint64_t records = file->getTableByTag(tags.back())->getDataCount();
+    LogCapture log;
+    EXPECT_FALSE(file->openWithFileName(dir.writeDataFile("short.dat", crlf(shortText)), true));
+    EXPECT_EQ(file->getTableByTag(tags.back())->getDataCount(), records);
+    EXPECT_EQ(file->m_strFileName(), longPath);
+    if (dynamic_cast<FileCheckList*>(file.get())) {
+      EXPECT_EQ(failureLines(log), std::vector<std::string>{kDamaged});
+    }
+  }
 }
 
 TEST(DataFileFormat, RecordLinesWithTheWrongFieldCountAreSkipped) {

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <functional>
+#include <memory>
 
 #include "datafiles/DataFileTestUtil.h"
 #include "quarvel/common/CommonLib.h"
@@ -140,6 +142,77 @@ TEST(DataFileSave, UnencodableTextIsRefusedAndTheFileKept) {
   EXPECT_FALSE(header.saveAsFileName(dir.file("f.dat"), true));
   EXPECT_TRUE(headerLog.contains("(section #HEADER, record 0)"));
   EXPECT_FALSE(std::filesystem::exists(dir.file("f.dat")));
+}
+
+TEST(DataFileSave, RecordsThatCannotBeOneLineAreRefusedAndTheFileKept) {
+  std::string hangul;  // 2,032 bytes stored, 3,048 as UTF-8: with 16 tabs, 2,048
+  for (int i = 0; i < 1016; ++i) hangul += "\xED\x95\x9C";
+  const std::string tooLong = "a line of 2048 bytes, longer than 2047";
+  const std::string lineBreak = "a CR or LF inside a value";
+  struct Case {
+    std::function<std::unique_ptr<FileFramework>()> make;
+    std::string tag, value, refusal;
+  };
+  const auto filter = [] { return std::make_unique<FileFilter>(); };
+  const auto package = [] { return std::make_unique<FilePackage>(); };
+  const Case cases[] = {
+      {filter, "#SWLIST", std::string(2045, 'x'), tooLong},
+      {[] { return std::make_unique<FileCheckList>(); }, "#CHECKLIST", hangul, tooLong},
+      {[] { return std::make_unique<FileFontList>(); }, "#HEADER", std::string(2048, '9'), tooLong},
+      {package, "#SUB", "A\rB", lineBreak},
+      {package, "#PACKAGE", "A\r\nB", lineBreak},
+      {filter, "#HEADER", "1\n2", lineBreak},
+  };
+  TempDir dir;
+  const std::string path = dir.file("old.dat");
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.tag + " " + c.refusal);
+    std::unique_ptr<FileFramework> file = c.make();
+    // A sound record, then the value followed by empty ones (the header
+    // keeps one record: there the second replaces the first).
+    Table* table = file->getTableByTag(c.tag);
+    const std::string empties(table->getFields()->size() - 1, '\t');
+    fill(*file, {{c.tag.c_str(), "1" + empties}, {c.tag.c_str(), c.value + empties}});
+    const std::string record = std::to_string(table->getDataCount() - 1);
+    testing::writeBytes(path, "previous contents");
+    LogCapture log;
+    EXPECT_FALSE(file->saveAsFileName(path, true));
+    EXPECT_EQ(testing::readBytes(path), "previous contents");
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_TRUE(log.contains("getContents:] // SAVE REFUSED: " + c.refusal + " (section " + c.tag +
+                             ", record " + record + ")"))
+        << log.lines()[0];
+  }
+  // The buffer is refused alike: what getContents answers a save writes.
+  FilePackage refused;
+  fill(refused, {{"#SUB", "P1\t\r\t\t"}});
+  std::uint64_t size = 7;
+  EXPECT_EQ(refused.getContents(size), nullptr);
+  EXPECT_EQ(size, 0u);
+}
+
+TEST(DataFileSave, LinesOfExactly2047StoredBytesSaveAndReadBack) {
+  std::string korean, accented;  // 2,040 bytes stored; 2,041 once folded
+  for (int i = 0; i < 1020; ++i) korean += kHangul.substr(0, 3);
+  for (int i = 0; i < 2041; ++i) accented += "\xC3\xA9";
+  TempDir dir;
+  for (const std::string& line :
+       {"A\tB\tC\t" + std::string(2041, 'x'), korean + "x\tB\tC\tD", accented + "\tB\tC\tD"}) {
+    SCOPED_TRACE(line.substr(0, 12));
+    FileFilter filter;
+    fill(filter, {{"#HEADER", "1"}, {"#SWLIST", line}});
+    ASSERT_TRUE(filter.saveAsFileName(dir.file("f.dat"), true));
+    FileFilter reread;
+    ASSERT_TRUE(reread.openWithFileName(dir.file("f.dat"), true));
+    EXPECT_EQ(reread.getTableByTag("#SWLIST")->selectToStr(0),
+              CommonLib::encodingForSpecialCharacter(line));
+  }
+  // A zero byte is no fault: the stored text ends there.
+  FileFilter zero;
+  fill(zero, {{"#HEADER", std::string("1\0002", 3)}, {"#SWLIST", "A\tB\tC\tD"}});
+  std::uint64_t size = 0;
+  ASSERT_TRUE(zero.getContents(size));
+  EXPECT_EQ(size, std::string("#HEADER_START\r\n1").size());
 }
 
 TEST(DataFileSave, ReplacingAFileKeepsItsPermissionsAndLeavesNoTemporary) {

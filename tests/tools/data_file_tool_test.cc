@@ -180,10 +180,13 @@ TEST(DataFileTool, BuildingFromTsvNamesTheFaultyRow) {
   quarvel::testing::writeBytes(dir.path() / "HEADER.tsv", "Ver\n1\n");
   // Rows that would lose records in the stored file, each in a folder of its own.
   const std::string fields = "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE\n";
+  std::string korean;  // 2,042 bytes stored, 3,063 as UTF-8
+  for (int i = 0; i < 1021; ++i) korean += "\xED\x95\x9C";
   const std::pair<const char*, std::string> lossy[] = {
       {"zero", std::string("A\tB\0C\tC\tD\n", 10)},
       {"cr", "A\tB\rC\tC\tD\r\n"},
       {"long", "A\tB\tC\t" + std::string(2042, 'x') + "\n"},
+      {"long_korean", "A\tB\tC\t" + korean + "\n"},
   };
   for (const auto& [folder, row] : lossy) {
     std::filesystem::create_directory(dir.path() / folder);
@@ -201,6 +204,7 @@ TEST(DataFileTool, BuildingFromTsvNamesTheFaultyRow) {
       {{dir.file("zero")}, ":2: a zero byte\n"},
       {{dir.file("cr")}, ":2: a CR that does not end the row\n"},
       {{dir.file("long")}, ":2: the row takes 2048 bytes, more than the 2047"},
+      {{dir.file("long_korean")}, ":2: the row takes 2048 bytes, more than the 2047"},
   };
   for (const Case& c : cases) {
     const Outcome built = run([&](auto&, auto& err) {

@@ -1,0 +1,91 @@
+// One object of each data-file class opens two files in turn. The input,
+// split at its first byte 0x1E, gives the plain text of the first and of the
+// second file (without 0x1E, the same text twice). A table keeps its section
+// positions from one open to the next, so the second open works with what
+// the first left wherever its own tag lines are missing: it must never read
+// beyond its own lines. A refused open leaves every table's records as they
+// were; an accepted one only adds records and leaves each section's start
+// before its end; the writer's buffer ends in its zero.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "DataFileFuzz.h"
+#include "FuzzFail.h"
+#include "quarvel/datafiles/FileCheckList.h"
+#include "quarvel/datafiles/FileFilter.h"
+#include "quarvel/datafiles/FileFontList.h"
+#include "quarvel/datafiles/FilePackage.h"
+
+namespace {
+
+using quarvel::fuzz::fail;
+
+struct Subject {
+  quarvel::FileFramework* file;
+  std::vector<const char*> tags;
+  std::function<std::unique_ptr<unsigned char[]>(std::uint64_t&)> contents;
+
+  std::vector<std::uint64_t> counts() {
+    std::vector<std::uint64_t> out;
+    for (const char* tag : tags) out.push_back(file->getTableByTag(tag)->getDataCount());
+    return out;
+  }
+};
+
+void openOnce(Subject& subject) {
+  const std::vector<std::uint64_t> before = subject.counts();
+  const bool opened = subject.file->openWithFileName(quarvel::fuzz::scratchPath(), true);
+  const std::vector<std::uint64_t> after = subject.counts();
+  if (!opened) {
+    if (after != before) fail("a refused open changed the records");
+    return;
+  }
+  for (std::size_t i = 0; i < after.size(); ++i) {
+    if (after[i] < before[i]) fail("an open lost records");
+    quarvel::Table* table = subject.file->getTableByTag(subject.tags[i]);
+    if (table->getStartPosition() < 0 || table->getStartPosition() >= table->getEndPosition())
+      fail("an accepted open left a section's start not before its end");
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static quarvel::LogCapture* quiet = new quarvel::LogCapture();  // keeps stderr clean
+  quiet->clear();
+  const std::string_view input(reinterpret_cast<const char*>(data), size);
+  const std::size_t cut = input.find('\x1E');
+  const std::string_view first = input.substr(0, cut);
+  const std::string_view second = cut == std::string_view::npos ? input : input.substr(cut + 1);
+
+  quarvel::FileCheckList checkList;
+  quarvel::FilePackage package;
+  quarvel::FileFilter filter;
+  quarvel::FileFontList fonts;
+  Subject subjects[] = {
+      {&checkList,
+       {"#HEADER", "#CHECKLIST"},
+       [&](std::uint64_t& n) { return checkList.getContents(n); }},
+      {&package,
+       {"#HEADER", "#PACKAGE", "#SUB"},
+       [&](std::uint64_t& n) { return package.getContents(n); }},
+      {&filter, {"#HEADER", "#SWLIST"}, [&](std::uint64_t& n) { return filter.getContents(n); }},
+      {&fonts, {"#HEADER", "#CHECKLIST"}, [&](std::uint64_t& n) { return fonts.getContents(n); }},
+  };
+  for (std::string_view text : {first, second}) {
+    if (!quarvel::fuzz::writeEnciphered(reinterpret_cast<const std::uint8_t*>(text.data()),
+                                        text.size()))
+      return 0;
+    for (Subject& subject : subjects) openOnce(subject);
+  }
+  for (Subject& subject : subjects) {
+    std::uint64_t length = 0;
+    std::unique_ptr<unsigned char[]> contents = subject.contents(length);
+    if (contents && contents[length] != 0) fail("the writer's buffer does not end in a zero");
+  }
+  return 0;
+}
