@@ -18,6 +18,10 @@ std::unique_ptr<Reachability> makeReachMonitor(const ReachOptions& options) {
   address.sin_family = AF_INET;
   if (inet_pton(AF_INET, options.target.c_str(), &address.sin_addr) == 1)
     return Reachability::reachabilityWithAddress(&address);
+  sockaddr_in6 address6{};
+  address6.sin6_family = AF_INET6;
+  if (inet_pton(AF_INET6, options.target.c_str(), &address6.sin6_addr) == 1)
+    return Reachability::reachabilityWithAddress(&address6);
   return Reachability::reachabilityWithHostName(options.target);
 }
 

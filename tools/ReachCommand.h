@@ -11,7 +11,7 @@
 namespace quarvel::cli {
 
 struct ReachOptions {
-  std::string target = {};  // a dotted IPv4 address or a host name; empty: the internet
+  std::string target = {};  // an IPv4 or IPv6 address or a host name; empty: the internet
   bool localWiFi = false;    // the link-local network instead of a target
   bool watch = false;
 };

@@ -91,7 +91,9 @@ class NetlinkSocket {
 
 class KernelWatch : public RouteSource::Watch {
  public:
-  KernelWatch() : socket_(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE, true) {}
+  KernelWatch()
+      : socket_(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_IFADDR | RTMGRP_IPV6_ROUTE,
+                true) {}
   bool ok() const { return socket_.ok(); }
   int fd() const override { return socket_.fd(); }
   bool drain() override {
@@ -123,6 +125,21 @@ bool readsDevTypeWwan(const fs::path& uevent) {
   return false;
 }
 
+// Every route of `family`; nullopt when the dump fails or is damaged. A
+// socket of its own, so that the remains of a failed dump cannot be read as
+// the answer to the next one.
+std::optional<std::vector<netlink::RouteEntry>> dumpRoutes(std::uint8_t family) {
+  NetlinkSocket socket(0, false);
+  if (!socket.ok() || !socket.send(netlink::routeDumpRequest(nextSeq++, family))) return std::nullopt;
+  std::vector<netlink::RouteEntry> all;
+  for (;;) {
+    auto batch = socket.receive();
+    if (!batch || batch->malformed || !batch->errors.empty()) return std::nullopt;
+    all.insert(all.end(), batch->routes.begin(), batch->routes.end());
+    if (batch->done) return all;
+  }
+}
+
 bool isPlainName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
 }
@@ -147,25 +164,30 @@ bool KernelRouteSource::isCellularLink(const std::string& sysfsRoot, const std::
   return false;
 }
 
-std::optional<std::uint32_t> KernelRouteSource::flagsForAddress(in_addr address) {
+std::optional<std::uint32_t> KernelRouteSource::flagsForAddress(const IpAddress& address) {
   NetlinkSocket socket(0, false);
   if (!socket.ok()) return std::nullopt;
 
   std::vector<netlink::RouteEntry> candidates;
-  if (address.s_addr == INADDR_ANY) {
-    // The kernel answers a lookup of 0.0.0.0 with the loopback; "any route"
-    // means a usable default route instead.
-    if (!socket.send(netlink::routeDumpRequest(nextSeq++))) return std::nullopt;
+  if (address.isUnspecified()) {
+    // The kernel answers a lookup of 0.0.0.0 or :: with the loopback; "any
+    // route" means a usable default route of either family instead. A family
+    // that cannot be dumped simply offers none; the flags are unreadable only
+    // when neither can be.
     std::vector<netlink::RouteEntry> all;
-    for (;;) {
-      auto batch = socket.receive();
-      if (!batch || batch->malformed || !batch->errors.empty()) return std::nullopt;
-      all.insert(all.end(), batch->routes.begin(), batch->routes.end());
-      if (batch->done) break;
+    bool anyRead = false;
+    for (std::uint8_t family : {AF_INET, AF_INET6}) {
+      if (auto routes = dumpRoutes(family)) {
+        anyRead = true;
+        all.insert(all.end(), routes->begin(), routes->end());
+      }
     }
+    if (!anyRead) return std::nullopt;
     candidates = netlink::defaultRoutes(all);
   } else {
-    if (!socket.send(netlink::routeGetRequest(address, nextSeq++))) return std::nullopt;
+    auto request = address.family == AF_INET6 ? netlink::routeGetRequest(address.v6, nextSeq++)
+                                              : netlink::routeGetRequest(address.v4, nextSeq++);
+    if (!socket.send(request)) return std::nullopt;
     auto batch = socket.receive();
     if (!batch || batch->malformed) return std::nullopt;
     // ENETUNREACH, EHOSTUNREACH, EACCES (a prohibit rule)...: a clear answer
@@ -193,18 +215,24 @@ std::optional<std::uint32_t> KernelRouteSource::flagsForAddress(in_addr address)
   return 0u;
 }
 
-std::vector<in_addr> KernelRouteSource::resolve(const std::string& hostName) {
+std::vector<IpAddress> KernelRouteSource::resolve(const std::string& hostName) {
+  // Every family, and no AI_ADDRCONFIG: each address is judged by its route
+  // afterwards, and one of a family the machine cannot use has none.
   addrinfo hints{};
-  hints.ai_family = AF_INET;
+  hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* list = nullptr;
-  std::vector<in_addr> out;
+  std::vector<IpAddress> out;
   if (::getaddrinfo(hostName.c_str(), nullptr, &hints, &list) != 0) return out;
   for (addrinfo* ai = list; ai; ai = ai->ai_next) {
-    if (ai->ai_family != AF_INET || ai->ai_addrlen < sizeof(sockaddr_in)) continue;
-    in_addr a = reinterpret_cast<const sockaddr_in*>(ai->ai_addr)->sin_addr;
-    if (std::none_of(out.begin(), out.end(), [&](in_addr b) { return b.s_addr == a.s_addr; }))
-      out.push_back(a);
+    IpAddress a;
+    if (ai->ai_family == AF_INET && ai->ai_addrlen >= sizeof(sockaddr_in))
+      a = IpAddress(reinterpret_cast<const sockaddr_in*>(ai->ai_addr)->sin_addr);
+    else if (ai->ai_family == AF_INET6 && ai->ai_addrlen >= sizeof(sockaddr_in6))
+      a = IpAddress(reinterpret_cast<const sockaddr_in6*>(ai->ai_addr)->sin6_addr);
+    else
+      continue;
+    if (std::find(out.begin(), out.end(), a) == out.end()) out.push_back(a);
   }
   ::freeaddrinfo(list);
   return out;

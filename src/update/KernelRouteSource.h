@@ -1,7 +1,7 @@
 #pragma once
 // The route source of a Linux machine: the kernel's own routing decision,
-// asked over rtnetlink, and a netlink subscription to link, IPv4 address
-// and IPv4 route changes.
+// asked over rtnetlink for IPv4 and IPv6 alike, and a netlink subscription
+// to link, address and route changes of both families.
 //
 // Each question opens its own netlink socket, so the source may be used from
 // any thread, and answers for the network namespace of the calling thread.
@@ -19,8 +19,8 @@ class KernelRouteSource : public RouteSource {
   // device type of the outgoing interface.
   explicit KernelRouteSource(std::string sysfsRoot = "/sys");
 
-  std::optional<std::uint32_t> flagsForAddress(in_addr address) override;
-  std::vector<in_addr> resolve(const std::string& hostName) override;
+  std::optional<std::uint32_t> flagsForAddress(const IpAddress& address) override;
+  std::vector<IpAddress> resolve(const std::string& hostName) override;
   std::unique_ptr<Watch> watch() override;
 
   // Whether the interface `name` with hardware type `arphrdType` is a

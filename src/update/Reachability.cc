@@ -1,5 +1,6 @@
 #include "quarvel/update/Reachability.h"
 
+#include <arpa/inet.h>
 #include <glib-unix.h>
 #include <glib.h>
 
@@ -18,8 +19,13 @@ namespace {
 
 // A name the resolver could look up: dot-separated labels of letters,
 // digits, '-' and '_', each 1 to 63 bytes, 253 bytes at most, one trailing
-// dot allowed. Dotted IPv4 addresses pass as names.
+// dot allowed; or an address literal. Dotted IPv4 addresses pass as names,
+// IPv6 ones (without a zone index) are let through whole.
 bool isWellFormedHostName(std::string_view name) {
+  if (name.find(':') != std::string_view::npos) {
+    in6_addr ignored{};
+    return inet_pton(AF_INET6, std::string(name).c_str(), &ignored) == 1;
+  }
   if (!name.empty() && name.back() == '.') name.remove_suffix(1);
   if (name.empty() || name.size() > 253) return false;
   std::size_t label = 0;
@@ -63,7 +69,7 @@ struct Reachability::Impl {
   std::shared_ptr<RouteSource> source;
   // The target: a host name when not empty, else the address.
   std::string hostName;
-  in_addr address{};
+  IpAddress address;
 
   // The watch, while the notifier runs. Touched only on the thread that
   // started it (the context's thread).
@@ -75,9 +81,10 @@ struct Reachability::Impl {
   std::optional<std::uint32_t> readFlags() {
     if (hostName.empty()) return source->flagsForAddress(address);
     // Resolved at every read, so that the answer follows the name. Of several
-    // addresses, the first reachable one counts.
+    // addresses, of either family, the first reachable one counts: a name is
+    // reachable when a route exists for any of its addresses.
     std::optional<std::uint32_t> first;
-    for (in_addr a : source->resolve(hostName)) {
+    for (const IpAddress& a : source->resolve(hostName)) {
       auto flags = source->flagsForAddress(a);
       if (flags && (*flags & kReachabilityFlagReachable)) return flags;
       if (!first) first = flags;
@@ -118,7 +125,15 @@ std::unique_ptr<Reachability> Reachability::reachabilityWithAddress(const sockad
   return r;
 }
 
+std::unique_ptr<Reachability> Reachability::reachabilityWithAddress(const sockaddr_in6* hostAddress) {
+  if (!hostAddress || hostAddress->sin6_family != AF_INET6) return nullptr;
+  std::unique_ptr<Reachability> r(new Reachability());
+  r->reachabilityRef->address = hostAddress->sin6_addr;
+  return r;
+}
+
 std::unique_ptr<Reachability> Reachability::reachabilityForInternetConnection() {
+  // 0.0.0.0 asks for a default route of either family.
   sockaddr_in zero{};
   zero.sin_family = AF_INET;
   return reachabilityWithAddress(&zero);

@@ -41,9 +41,14 @@ std::string reachabilityFlagLetters(std::uint32_t flags);
 class Reachability {
  public:
   // Each answers a new monitor, or null when no target can be made (an
-  // empty or malformed host name).
+  // empty or malformed host name, an address of the wrong family). A host
+  // name may also be an IPv4 or IPv6 literal; a name is resolved in every
+  // family and counts as reachable when any of its addresses is.
   static std::unique_ptr<Reachability> reachabilityWithHostName(const std::string& hostName);
   static std::unique_ptr<Reachability> reachabilityWithAddress(const sockaddr_in* hostAddress);
+  // The same for an IPv6 address; :: stands for any route to the internet,
+  // as 0.0.0.0 does.
+  static std::unique_ptr<Reachability> reachabilityWithAddress(const sockaddr_in6* hostAddress);
   static std::unique_ptr<Reachability> reachabilityForInternetConnection();
   static std::unique_ptr<Reachability> reachabilityForLocalWiFi();
 

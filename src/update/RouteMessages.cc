@@ -42,10 +42,13 @@ std::uint32_t loadU32(std::span<const std::uint8_t> payload) {
   return payload.size() >= 4 ? load<std::uint32_t>(payload) : 0;
 }
 
+bool isOurFamily(std::uint8_t family) { return family == AF_INET || family == AF_INET6; }
+
 bool parseRoute(std::span<const std::uint8_t> payload, RouteEntry& route) {
   if (payload.size() < sizeof(rtmsg)) return false;
   auto header = load<rtmsg>(payload);
-  if (header.rtm_family != AF_INET) return true;  // not ours; skip quietly
+  if (!isOurFamily(header.rtm_family)) return true;  // not ours; skip quietly
+  route.family = header.rtm_family;
   route.type = header.rtm_type;
   route.dstLen = header.rtm_dst_len;
   route.table = header.rtm_table;
@@ -137,7 +140,7 @@ Batch parseBatch(std::span<const std::uint8_t> bytes) {
       case RTM_NEWROUTE: {
         RouteEntry route;
         if (!parseRoute(payload, route)) batch.malformed = true;
-        if (payload.size() >= sizeof(rtmsg) && load<rtmsg>(payload).rtm_family == AF_INET)
+        if (payload.size() >= sizeof(rtmsg) && isOurFamily(load<rtmsg>(payload).rtm_family))
           batch.routes.push_back(route);
         batch.changed = true;
         break;
@@ -168,9 +171,16 @@ std::vector<std::uint8_t> routeGetRequest(in_addr address, std::uint32_t seq) {
   return request(RTM_GETROUTE, NLM_F_REQUEST, seq, &body, sizeof body, &address.s_addr, 4);
 }
 
-std::vector<std::uint8_t> routeDumpRequest(std::uint32_t seq) {
+std::vector<std::uint8_t> routeGetRequest(const in6_addr& address, std::uint32_t seq) {
   rtmsg body{};
-  body.rtm_family = AF_INET;
+  body.rtm_family = AF_INET6;
+  body.rtm_dst_len = 128;
+  return request(RTM_GETROUTE, NLM_F_REQUEST, seq, &body, sizeof body, address.s6_addr, sizeof address.s6_addr);
+}
+
+std::vector<std::uint8_t> routeDumpRequest(std::uint32_t seq, std::uint8_t family) {
+  rtmsg body{};
+  body.rtm_family = family;
   return request(RTM_GETROUTE, NLM_F_REQUEST | NLM_F_DUMP, seq, &body, sizeof body);
 }
 
@@ -205,8 +215,11 @@ std::vector<RouteEntry> defaultRoutes(const std::vector<RouteEntry>& routes) {
   for (const auto& route : routes)
     if (route.dstLen == 0 && route.type == RTN_UNICAST && route.table != RT_TABLE_LOCAL)
       out.push_back(route);
-  std::stable_sort(out.begin(), out.end(),
-                   [](const RouteEntry& a, const RouteEntry& b) { return a.priority < b.priority; });
+  std::stable_sort(out.begin(), out.end(), [](const RouteEntry& a, const RouteEntry& b) {
+    bool aFirst = a.family == AF_INET, bFirst = b.family == AF_INET;
+    if (aFirst != bFirst) return aFirst;
+    return a.priority < b.priority;
+  });
   return out;
 }
 

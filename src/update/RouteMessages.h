@@ -15,8 +15,9 @@
 
 namespace quarvel::netlink {
 
-// One IPv4 route as the kernel reports it (RTM_NEWROUTE).
+// One IPv4 or IPv6 route as the kernel reports it (RTM_NEWROUTE).
 struct RouteEntry {
+  std::uint8_t family = AF_INET;  // AF_INET or AF_INET6
   std::uint8_t type = 0;      // RTN_UNICAST, RTN_LOCAL, RTN_UNREACHABLE...
   std::uint8_t dstLen = 0;    // prefix length; 0 for a default route
   std::uint32_t table = 0;    // RTA_TABLE, else rtm_table
@@ -49,8 +50,9 @@ Batch parseBatch(std::span<const std::uint8_t> bytes);
 
 // RTM_GETROUTE for the route the kernel would use to reach `address`.
 std::vector<std::uint8_t> routeGetRequest(in_addr address, std::uint32_t seq);
-// RTM_GETROUTE dump of every IPv4 route.
-std::vector<std::uint8_t> routeDumpRequest(std::uint32_t seq);
+std::vector<std::uint8_t> routeGetRequest(const in6_addr& address, std::uint32_t seq);
+// RTM_GETROUTE dump of every route of `family` (AF_INET or AF_INET6).
+std::vector<std::uint8_t> routeDumpRequest(std::uint32_t seq, std::uint8_t family = AF_INET);
 // RTM_GETLINK for one interface.
 std::vector<std::uint8_t> linkGetRequest(std::uint32_t index, std::uint32_t seq);
 
@@ -65,7 +67,9 @@ struct LinkTraits {
 // (nullopt when the link could not be found).
 std::uint32_t flagsForRoute(const RouteEntry& route, const std::optional<LinkTraits>& link);
 
-// The usable default routes of `routes`, best (lowest metric) first.
+// The usable default routes of `routes`: the IPv4 ones, best (lowest metric)
+// first, then the IPv6 ones likewise. The two families' metrics are not
+// compared; each is only an order within its own family.
 std::vector<RouteEntry> defaultRoutes(const std::vector<RouteEntry>& routes);
 
 }  // namespace quarvel::netlink

@@ -31,6 +31,8 @@ TEST(ReachCommand, PrintsLettersAndStatusOfTheChosenTarget) {
   fake->setFlags("198.51.100.4", 0x40002);
   fake->setFlags("203.0.113.1", std::nullopt);
   fake->setName("mirror.example", {"198.51.100.4"});
+  fake->setFlags("2001:db8::4", 0x20002);
+  fake->setName("v6only.example", {"2001:db8::4"});
   struct Case {
     ReachOptions options;
     const char* out;
@@ -39,6 +41,8 @@ TEST(ReachCommand, PrintsLettersAndStatusOfTheChosenTarget) {
       {{.localWiFi = true}, "-R -------  0 (not reachable)\n"},
       {{.target = "mirror.example"}, "WR -------  2 (reachable via cellular)\n"},
       {{.target = "203.0.113.1"}, "unreadable  0 (not reachable)\n"},
+      {{.target = "2001:db8::4"}, "-R ------d  1 (reachable via local network)\n"},
+      {{.target = "v6only.example"}, "-R ------d  1 (reachable via local network)\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.out);

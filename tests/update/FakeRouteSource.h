@@ -1,5 +1,6 @@
 #pragma once
-// A route source fed by the test: flags per address, addresses per name, and
+// A route source fed by the test: flags per address (IPv4 or IPv6, written
+// as text), addresses per name, and
 // change announcements that wake every open watch through an eventfd, from
 // whichever thread announces.
 
@@ -18,15 +19,20 @@ namespace quarvel::test {
 
 class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<FakeRouteSource> {
  public:
-  void setFlags(const char* dotted, std::optional<std::uint32_t> flags) {
+  void setFlags(const char* address, std::optional<std::uint32_t> flags) {
     std::lock_guard lock(mutex_);
-    flags_[parse(dotted)] = flags;
+    flags_[parse(address).toString()] = flags;
   }
-  void setName(const std::string& name, std::vector<const char*> dotted) {
+  void setName(const std::string& name, std::vector<const char*> addresses) {
     std::lock_guard lock(mutex_);
     auto& list = names_[name];
     list.clear();
-    for (const char* d : dotted) list.push_back(in_addr{parse(d)});
+    for (const char* a : addresses) list.push_back(parse(a));
+  }
+  // Every address whose flags were asked for, in order.
+  std::vector<std::string> asked() {
+    std::lock_guard lock(mutex_);
+    return asked_;
   }
   // Wakes every watch, as the kernel does when a link, address or route
   // changed (whether or not the flags of any target did).
@@ -43,16 +49,17 @@ class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<
     return watchFds_.size();
   }
 
-  std::optional<std::uint32_t> flagsForAddress(in_addr address) override {
+  std::optional<std::uint32_t> flagsForAddress(const IpAddress& address) override {
     std::lock_guard lock(mutex_);
-    auto it = flags_.find(address.s_addr);
+    asked_.push_back(address.toString());
+    auto it = flags_.find(address.toString());
     return it == flags_.end() ? std::optional<std::uint32_t>(0u) : it->second;
   }
-  std::vector<in_addr> resolve(const std::string& hostName) override {
+  std::vector<IpAddress> resolve(const std::string& hostName) override {
     ++resolveCount_;
     std::lock_guard lock(mutex_);
     auto it = names_.find(hostName);
-    return it == names_.end() ? std::vector<in_addr>{} : it->second;
+    return it == names_.end() ? std::vector<IpAddress>{} : it->second;
   }
   std::unique_ptr<Watch> watch() override {
     int fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
@@ -84,15 +91,12 @@ class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<
     int fd_;
   };
 
-  static in_addr_t parse(const char* dotted) {
-    in_addr a{};
-    ::inet_pton(AF_INET, dotted, &a);
-    return a.s_addr;
-  }
+  static IpAddress parse(const char* text) { return IpAddress::parse(text).value_or(IpAddress()); }
 
   std::mutex mutex_;
-  std::map<in_addr_t, std::optional<std::uint32_t>> flags_;
-  std::map<std::string, std::vector<in_addr>> names_;
+  std::map<std::string, std::optional<std::uint32_t>> flags_;
+  std::map<std::string, std::vector<IpAddress>> names_;
+  std::vector<std::string> asked_;
   std::set<int> watchFds_;
   std::atomic<int> resolveCount_{0};
 };

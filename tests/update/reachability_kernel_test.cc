@@ -70,8 +70,10 @@ TEST(ReachabilityKernel, LoopbackIsReachableDirectAndLocal) {
 TEST(ReachabilityKernel, StatusesAgreeWithIpRoute) {
   std::string defaults = run("ip -4 route show default");
   if (run("ip -V").empty()) GTEST_SKIP() << "no ip command";
+  // A default route of either family makes the internet reachable.
+  std::string anyDefaults = defaults + run("ip -6 route show default");
   bool usableDefault = false;
-  std::istringstream lines(defaults);
+  std::istringstream lines(anyDefaults);
   for (std::string line; std::getline(lines, line);) {
     std::istringstream words(line);
     std::vector<std::string> w{std::istream_iterator<std::string>(words), {}};
@@ -83,7 +85,7 @@ TEST(ReachabilityKernel, StatusesAgreeWithIpRoute) {
       }
   }
   auto internet = Reachability::reachabilityForInternetConnection();
-  EXPECT_EQ(internet->currentReachabilityStatus() != ReachabilityNone, usableDefault) << defaults;
+  EXPECT_EQ(internet->currentReachabilityStatus() != ReachabilityNone, usableDefault) << anyDefaults;
 
   std::string linkLocal = run("ip -4 route get 169.254.0.0");
   auto local = Reachability::reachabilityForLocalWiFi();

@@ -112,6 +112,69 @@ TEST(Reachability, HostNameIsResolvedAtEveryRead) {
   EXPECT_EQ(fake->resolveCount(), 3);
 }
 
+TEST(Reachability, NamesAreJudgedOverEveryFamily) {
+  test::ScopedFakeRouteSource fake;
+  fake->setFlags("192.0.2.1", 0x2);
+  fake->setFlags("2001:db8::1", 0x2);
+  fake->setFlags("2001:db8::2", 0x40002);
+  // 192.0.2.9 and 2001:db8::9 have no route (flags 0).
+  struct Case {
+    std::vector<const char*> addresses;
+    std::int64_t status;
+  } cases[] = {
+      {{"2001:db8::1"}, 1},
+      {{"2001:db8::9"}, 0},
+      {{"192.0.2.9", "2001:db8::1"}, 1},
+      {{"2001:db8::9", "192.0.2.1"}, 1},
+      {{"2001:db8::2", "192.0.2.1"}, 2},
+      {{"192.0.2.1", "2001:db8::2"}, 1},
+      {{"2001:db8::9", "192.0.2.9"}, 0},
+  };
+  auto r = Reachability::reachabilityWithHostName("dual.example");
+  ASSERT_TRUE(r);
+  LogCapture quiet;
+  for (const auto& c : cases) {
+    std::string what;
+    for (const char* a : c.addresses) what += std::string(a) + " ";
+    SCOPED_TRACE(what);
+    fake->setName("dual.example", c.addresses);
+    EXPECT_EQ(r->currentReachabilityStatus(), c.status);
+  }
+}
+
+TEST(Reachability, Ipv6AddressesAndLiterals) {
+  test::ScopedFakeRouteSource fake;
+  fake->setFlags("2001:db8::1", 0x20002);
+  fake->setFlags("::", 0x2);
+  struct Case {
+    const char* address;
+    std::int64_t status;
+  } cases[] = {{"2001:db8::1", 1}, {"2001:db8::5", 0}, {"::", 1}};
+  LogCapture quiet;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.address);
+    sockaddr_in6 a{};
+    a.sin6_family = AF_INET6;
+    ASSERT_EQ(inet_pton(AF_INET6, c.address, &a.sin6_addr), 1);
+    auto byAddress = Reachability::reachabilityWithAddress(&a);
+    ASSERT_TRUE(byAddress);
+    EXPECT_EQ(byAddress->currentReachabilityStatus(), c.status);
+    EXPECT_EQ(fake->asked().back(), c.address) << "asked for that address, not an IPv4 one";
+    // A literal given as a host name resolves to itself; the fake knows no
+    // names, so it is not reachable here, but it is a usable target.
+    EXPECT_NE(Reachability::reachabilityWithHostName(c.address), nullptr);
+  }
+
+  for (const char* bad : {"2001:db8:::1", "2001:db8::1%eth0", "fe80::1/64", "[2001:db8::1]", ":", "1:2:3"}) {
+    SCOPED_TRACE(bad);
+    EXPECT_EQ(Reachability::reachabilityWithHostName(bad), nullptr);
+  }
+  sockaddr_in6 wrongFamily{};
+  wrongFamily.sin6_family = AF_INET;
+  EXPECT_EQ(Reachability::reachabilityWithAddress(&wrongFamily), nullptr);
+  EXPECT_EQ(Reachability::reachabilityWithAddress(static_cast<const sockaddr_in6*>(nullptr)), nullptr);
+}
+
 TEST(Reachability, FactoriesRefuseUnusableTargets) {
   const char* bad[] = {"", ".", "a..b", ".example.com", "has space.example", "tab\there", "exa/mple",
                        "name:80", "ünicode.example", "\x01"};
@@ -130,7 +193,7 @@ TEST(Reachability, FactoriesRefuseUnusableTargets) {
   }
   EXPECT_NE(Reachability::reachabilityWithHostName(std::string(63, 'a') + ".example"), nullptr);
 
-  EXPECT_EQ(Reachability::reachabilityWithAddress(nullptr), nullptr);
+  EXPECT_EQ(Reachability::reachabilityWithAddress(static_cast<const sockaddr_in*>(nullptr)), nullptr);
   sockaddr_in wrongFamily{};
   wrongFamily.sin_family = AF_INET6;
   EXPECT_EQ(Reachability::reachabilityWithAddress(&wrongFamily), nullptr);

@@ -53,6 +53,11 @@ class MessageBuilder {
     inet_pton(AF_INET, dotted, &a);
     return attr(type, &a, 4);
   }
+  MessageBuilder& address6(std::uint16_t type, const char* text) {
+    in6_addr a{};
+    inet_pton(AF_INET6, text, &a);
+    return attr(type, &a, sizeof a);
+  }
   MessageBuilder& end() {
     std::uint32_t len = static_cast<std::uint32_t>(bytes_.size() - start_);
     std::memcpy(bytes_.data() + start_, &len, 4);
@@ -97,13 +102,18 @@ TEST(RouteMessages, ParsesRoutesLinksErrorsAndChanges) {
 
   Batch b = parseBatch(m.bytes());
   EXPECT_FALSE(b.malformed);
-  ASSERT_EQ(b.routes.size(), 1u) << "the IPv6 route is not ours";
+  ASSERT_EQ(b.routes.size(), 2u);
+  EXPECT_EQ(b.routes[0].family, AF_INET);
   EXPECT_EQ(b.routes[0].type, RTN_UNICAST);
   EXPECT_EQ(b.routes[0].dstLen, 0);
   EXPECT_EQ(b.routes[0].oif, 4u);
   EXPECT_EQ(b.routes[0].priority, 100u);
   EXPECT_EQ(b.routes[0].table, 1000u);
   EXPECT_TRUE(b.routes[0].hasGateway);
+  EXPECT_EQ(b.routes[1].family, AF_INET6);
+  EXPECT_EQ(b.routes[1].dstLen, 64);
+  EXPECT_EQ(b.routes[1].oif, 9u);
+  EXPECT_FALSE(b.routes[1].hasGateway);
   ASSERT_EQ(b.links.size(), 1u);
   EXPECT_EQ(b.links[0].index, 7u);
   EXPECT_EQ(b.links[0].name, "ppp0");
@@ -166,6 +176,132 @@ TEST(RouteMessages, DamagedBytesAreReportedNotOverread) {
   MessageBuilder shortError;
   shortError.begin(NLMSG_ERROR).end();
   EXPECT_TRUE(parseBatch(shortError.bytes()).malformed);
+}
+
+TEST(RouteMessages, Ipv6RoutesAreParsedAndJudgedLikeIpv4Ones) {
+  // What the kernel sends for `ip -6 route add default via 2001:db8::1 dev
+  // eth0 metric 1024`, its deletion, an IPv6 address and a route of a family
+  // that is not ours (an IPv4 multicast routing table entry).
+  auto defaultRoute = [](std::uint16_t type) {
+    MessageBuilder m;
+    m.begin(type).body(routeHeader(RTN_UNICAST, 0, AF_INET6)).address6(RTA_GATEWAY, "2001:db8::1")
+        .u32(RTA_OIF, 3).u32(RTA_PRIORITY, 1024).end();
+    return m.bytes();
+  };
+  ifaddrmsg addr{};
+  addr.ifa_family = AF_INET6;
+  addr.ifa_prefixlen = 64;
+  MessageBuilder newAddress, otherFamily;
+  newAddress.begin(RTM_NEWADDR).body(addr).address6(IFA_ADDRESS, "2001:db8::2").end();
+  otherFamily.begin(RTM_NEWROUTE).body(routeHeader(RTN_MULTICAST, 32, RTNL_FAMILY_IPMR)).u32(RTA_OIF, 2).end();
+  struct Case {
+    const char* what;
+    std::vector<std::uint8_t> bytes;
+    std::size_t routes;
+  } cases[] = {
+      {"new default route", defaultRoute(RTM_NEWROUTE), 1},
+      {"deleted default route", defaultRoute(RTM_DELROUTE), 0},
+      {"new address", newAddress.bytes(), 0},
+      {"other family", otherFamily.bytes(), 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Batch b = parseBatch(c.bytes);
+    EXPECT_FALSE(b.malformed);
+    EXPECT_TRUE(b.changed) << "every one wakes the watch";
+    ASSERT_EQ(b.routes.size(), c.routes);
+    if (c.routes == 0) continue;
+    const RouteEntry& r = b.routes[0];
+    EXPECT_EQ(r.family, AF_INET6);
+    EXPECT_EQ(r.dstLen, 0);
+    EXPECT_EQ(r.oif, 3u);
+    EXPECT_EQ(r.priority, 1024u);
+    EXPECT_TRUE(r.hasGateway) << "a 16-byte gateway";
+    EXPECT_EQ(defaultRoutes(b.routes).size(), 1u);
+    EXPECT_EQ(flagsForRoute(r, LinkTraits{.up = true}), kReachabilityFlagReachable);
+  }
+}
+
+TEST(RouteMessages, DefaultRoutesOfBothFamilies) {
+  auto route = [](std::uint8_t family, std::uint8_t type, std::uint8_t dstLen, std::uint32_t priority,
+                  std::uint32_t table = RT_TABLE_MAIN) {
+    RouteEntry r;
+    r.family = family;
+    r.type = type;
+    r.dstLen = dstLen;
+    r.priority = priority;
+    r.table = table;
+    r.oif = priority;  // names the route in the expectations below
+    return r;
+  };
+  struct Case {
+    const char* what;
+    std::vector<RouteEntry> routes;
+    std::vector<std::uint32_t> expected;  // oif of each default route, in order
+  } cases[] = {
+      {"IPv6 only", {route(AF_INET6, RTN_UNICAST, 64, 256), route(AF_INET6, RTN_UNICAST, 0, 1024)}, {1024}},
+      {"IPv4 before IPv6 whatever the metrics",
+       {route(AF_INET6, RTN_UNICAST, 0, 5), route(AF_INET, RTN_UNICAST, 0, 600), route(AF_INET, RTN_UNICAST, 0, 100)},
+       {100, 600, 5}},
+      {"IPv6 by metric", {route(AF_INET6, RTN_UNICAST, 0, 1024), route(AF_INET6, RTN_UNICAST, 0, 20)}, {20, 1024}},
+      {"not usable as a default",
+       {route(AF_INET6, RTN_UNREACHABLE, 0, 7), route(AF_INET6, RTN_UNICAST, 0, 8, RT_TABLE_LOCAL),
+        route(AF_INET6, RTN_MULTICAST, 0, 9)},
+       {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<std::uint32_t> got;
+    for (const auto& r : defaultRoutes(c.routes)) got.push_back(r.oif);
+    EXPECT_EQ(got, c.expected);
+  }
+}
+
+TEST(RouteMessages, RequestsOfBothFamilies) {
+  in_addr v4{};
+  inet_pton(AF_INET, "192.0.2.1", &v4);
+  in6_addr v6{};
+  inet_pton(AF_INET6, "2001:db8::1", &v6);
+  struct Case {
+    const char* what;
+    std::vector<std::uint8_t> bytes;
+    std::uint16_t flags;
+    std::uint8_t family, dstLen;
+    std::vector<std::uint8_t> dst;  // RTA_DST payload, empty when none
+  } cases[] = {
+      {"get IPv4", routeGetRequest(v4, 7), NLM_F_REQUEST, AF_INET, 32, {192, 0, 2, 1}},
+      {"get IPv6", routeGetRequest(v6, 7), NLM_F_REQUEST, AF_INET6, 128,
+       {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}},
+      {"dump IPv4", routeDumpRequest(7), NLM_F_REQUEST | NLM_F_DUMP, AF_INET, 0, {}},
+      {"dump IPv6", routeDumpRequest(7, AF_INET6), NLM_F_REQUEST | NLM_F_DUMP, AF_INET6, 0, {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ASSERT_GE(c.bytes.size(), NLMSG_SPACE(sizeof(rtmsg)));
+    nlmsghdr h{};
+    std::memcpy(&h, c.bytes.data(), sizeof h);
+    EXPECT_EQ(h.nlmsg_len, c.bytes.size());
+    EXPECT_EQ(h.nlmsg_type, RTM_GETROUTE);
+    EXPECT_EQ(h.nlmsg_flags, c.flags);
+    EXPECT_EQ(h.nlmsg_seq, 7u);
+    rtmsg r{};
+    std::memcpy(&r, c.bytes.data() + NLMSG_HDRLEN, sizeof r);
+    EXPECT_EQ(r.rtm_family, c.family);
+    EXPECT_EQ(r.rtm_dst_len, c.dstLen);
+    std::size_t at = NLMSG_SPACE(sizeof(rtmsg));
+    if (c.dst.empty()) {
+      EXPECT_EQ(c.bytes.size(), at);
+      continue;
+    }
+    ASSERT_EQ(c.bytes.size(), at + RTA_SPACE(c.dst.size()));
+    rtattr a{};
+    std::memcpy(&a, c.bytes.data() + at, sizeof a);
+    EXPECT_EQ(a.rta_type, RTA_DST);
+    EXPECT_EQ(a.rta_len, RTA_LENGTH(c.dst.size()));
+    EXPECT_EQ(std::vector<std::uint8_t>(c.bytes.begin() + static_cast<std::ptrdiff_t>(at + RTA_LENGTH(0)),
+                                        c.bytes.begin() + static_cast<std::ptrdiff_t>(at + RTA_LENGTH(c.dst.size()))),
+              c.dst);
+  }
 }
 
 TEST(RouteMessages, FlagsForRoute) {
