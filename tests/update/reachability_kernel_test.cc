@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <iterator>
+#include <map>
 #include <sstream>
 #include <thread>
 
@@ -190,6 +191,80 @@ TEST(ReachabilityKernel, RouteChangesInANamespaceReachTheObserver) {
     center.remove(t2);
   });
   worker.join();
+}
+
+// Output of reach_probe_child: "STEP TARGET LETTERS STATUS" and
+// "STEP notified yes|no", keyed by "STEP TARGET".
+std::map<std::string, std::string> probeLines(const std::string& output) {
+  std::map<std::string, std::string> out;
+  std::istringstream lines(output);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string step, target, rest;
+    if (!(words >> step >> target)) continue;
+    std::getline(words >> std::ws, rest);
+    out[step + " " + target] = rest;
+  }
+  return out;
+}
+
+// A machine with IPv6 only: a namespace made by `unshare -n`, with lo up, a
+// veth pair (no dummy module needed) carrying 2001:db8::2/64 and, in the
+// second step, an IPv6 default route; there is no IPv4 route at any time.
+TEST(ReachabilityKernel, Ipv6OnlyNamespaceIsJudgedByItsRoutes) {
+  if (run("ip -V").empty() || run("command -v unshare").empty()) GTEST_SKIP() << "no ip or unshare command";
+  if (run("unshare -n true && echo ok") != "ok\n") {
+    // Only a refusal to make namespaces excuses the test (no CAP_SYS_ADMIN,
+    // a container that forbids it); anything else is a fault to see.
+    std::string why = run("sh -c 'unshare -n true 2>&1'");
+    ASSERT_TRUE(why.find("Operation not permitted") != std::string::npos ||
+                why.find("Permission denied") != std::string::npos)
+        << why;
+    GTEST_SKIP() << "cannot create a network namespace here: " << why;
+  }
+  const std::string setup =
+      "ip link set lo up && ip link add q6a type veth peer name q6b && ip link set q6b up && "
+      "ip link set q6a up && ip -6 addr add 2001:db8::2/64 dev q6a nodad";
+  const std::string targets = "internet :: 2001:db8::7 2001:db8:ffff::1 ::1 192.0.2.1 name:2001:db8:ffff::1";
+  const std::string steps =
+      " --then 'ip -6 route add default via 2001:db8::1 dev q6a'"
+      " --then 'ip -6 route del default'";
+  // Bounded: the child waits 5 s per step at most; the whole run gets 30.
+  std::string output = run("timeout -k 5 30 unshare -n sh -ec \"" + setup + "; exec " +
+                           QUARVEL_REACH_PROBE_CHILD + " " + targets + steps + "\"");
+  auto lines = probeLines(output);
+  SCOPED_TRACE(output);
+  struct Case {
+    const char* key;
+    const char* expected;
+  } cases[] = {
+      // No default route yet: the internet is not reachable, the link is.
+      {"0 internet", "--------- 0"},
+      {"0 ::", "--------- 0"},
+      {"0 2001:db8::7", "-R------d 1"},
+      {"0 2001:db8:ffff::1", "--------- 0"},
+      {"0 ::1", "-R-----ld 1"},
+      {"0 192.0.2.1", "--------- 0"},
+      {"0 name:2001:db8:ffff::1", "--------- 0"},
+      // An IPv6 default route, through a gateway, and still no IPv4 one.
+      {"1 notified", "yes"},
+      {"1 internet", "-R------- 1"},
+      {"1 ::", "-R------- 1"},
+      {"1 2001:db8:ffff::1", "-R------- 1"},
+      {"1 name:2001:db8:ffff::1", "-R------- 1"},
+      {"1 192.0.2.1", "--------- 0"},
+      // Gone again.
+      {"2 notified", "yes"},
+      {"2 internet", "--------- 0"},
+      {"2 2001:db8:ffff::1", "--------- 0"},
+      {"2 2001:db8::7", "-R------d 1"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.key);
+    auto it = lines.find(c.key);
+    ASSERT_NE(it, lines.end());
+    EXPECT_EQ(it->second, c.expected);
+  }
 }
 
 }  // namespace
