@@ -1,11 +1,15 @@
 #include "quarvel/update/UpdateRun.h"
 
 #include <curl/curl.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <limits>
 #include <ctime>
+#include <limits>
 #include <thread>
 
 #include "quarvel/common/FileReplacement.h"
@@ -79,6 +83,58 @@ std::string localDayOfMonth() {
   char day[8];
   std::snprintf(day, sizeof day, "%.2d", local.tm_mday);
   return day;
+}
+
+// Earlier versions of the run wrote each file through a temporary made by
+// mkstemp beside it, ".<name>.XXXXXX" with mode 0644, and a run killed
+// before its rename left that behind for good. This removes such leftovers
+// of `localPath`, and only what can have been one: a regular file (not a
+// link) of this user, mode 0644, with six letters or digits after the name,
+// not all of them lower-case (a word such as ".backup" is more likely a
+// person's), untouched for a minute (so a run of an old version still going
+// keeps its file). Today's temporaries have another form, which
+// FileReplacement clears itself.
+void removeOldRunTemporaries(const std::string& localPath) {
+  constexpr std::size_t kRandomLength = 6;
+  constexpr time_t kQuietSeconds = 60;
+  const std::string name = lastPathComponent(localPath);
+  if (name.empty() || name == "/") return;
+  std::string folder = deletingLastPathComponent(localPath);
+  if (folder.empty()) folder = ".";
+  const std::string prefix = "." + name + ".";
+
+  const int folderFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folderFd < 0) return;
+  const int scanFd = ::dup(folderFd);
+  DIR* dir = scanFd < 0 ? nullptr : ::fdopendir(scanFd);
+  if (!dir) {
+    if (scanFd >= 0) ::close(scanFd);
+    ::close(folderFd);
+    return;
+  }
+  const time_t now = std::time(nullptr);
+  while (const dirent* entry = ::readdir(dir)) {
+    const std::string_view candidate(entry->d_name);
+    if (candidate.size() != prefix.size() + kRandomLength || !candidate.starts_with(prefix))
+      continue;
+    const std::string_view random = candidate.substr(prefix.size());
+    bool alphanumeric = true, allLower = true;
+    for (char c : random) {
+      const bool lower = c >= 'a' && c <= 'z';
+      alphanumeric = alphanumeric && (lower || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'));
+      allLower = allLower && lower;
+    }
+    if (!alphanumeric || allLower) continue;
+    struct stat info {};
+    if (::fstatat(folderFd, entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISREG(info.st_mode) || info.st_uid != ::geteuid() || (info.st_mode & 07777) != 0644 ||
+        now - info.st_mtime < kQuietSeconds)
+      continue;
+    if (::unlinkat(folderFd, entry->d_name, 0) == 0)
+      logf("removed %s/%s, left by an earlier run", folder.c_str(), entry->d_name);
+  }
+  ::closedir(dir);
+  ::close(folderFd);
 }
 
 // One transfer's state, shared by libcurl's callbacks. The body goes
@@ -324,6 +380,7 @@ std::optional<DownloadError> UpdateRun::downloadKeyFile(std::int64_t index) {
   }
   if (url.empty()) url = options_.fileServer + kFileServerQuery + lastPathComponent(localPath);
 
+  removeOldRunTemporaries(localPath);
   view_->setBytesReceived(0);
   if (auto error = httpGet(url, localPath, options_.dataFileTimeout, options_.transferLimit,
                            options_.maxFileBytes, view_.get()))
@@ -337,6 +394,7 @@ std::optional<DownloadError> UpdateRun::downloadWindowsKeyFiles() {
   const std::string localPath = settings->windowPackageFilePath().value_or("");
   view_->setStatusText("윈도우즈용 패키지 파일을 다운로드중입니다.");
   const std::string url = options_.windowsPackageServer + "/" + lastPathComponent(localPath);
+  removeOldRunTemporaries(localPath);
   if (auto error = httpGet(url, localPath, options_.windowsFileTimeout, options_.transferLimit,
                            options_.maxFileBytes, nullptr))
     return error;

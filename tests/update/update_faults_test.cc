@@ -378,6 +378,55 @@ TEST_F(UpdateFaultsTest, TheCeilingLetsABodyReachItButNotPassIt) {
   }
 }
 
+// Temporaries that a killed run of an earlier version left (".NAME.XXXXXX",
+// mode 0644) go with the next run; files that merely look alike stay.
+TEST_F(UpdateFaultsTest, TheNextRunRemovesWhatAKilledEarlierRunLeft) {
+  enum Kind { File, Link, Folder };
+  struct Case {
+    std::string name;
+    Kind kind;
+    mode_t mode;
+    bool old;  // untouched for an hour
+    bool removed;
+  };
+  const std::string check = ".macchecklist.dat.", font = ".fontchecklist.dat.";
+  const Case cases[] = {
+      {check + "A1b2C3", File, 0644, true, true},
+      {font + "Zq9xW0", File, 0644, true, true},
+      {check + "backup", File, 0644, true, false},    // a word, not mkstemp's
+      {check + "A1b2C", File, 0644, true, false},     // five characters
+      {check + "A1b2C3x", File, 0644, true, false},   // seven
+      {check + "A1-2C3", File, 0644, true, false},    // not a letter or digit
+      {check + "A1b2C4", File, 0600, true, false},    // a mode the run never set
+      {check + "A1b2C5", File, 0644, false, false},   // an old run may still be on it
+      {check + "A1b2C6", Link, 0644, true, false},
+      {check + "A1b2C7", Folder, 0755, true, false},
+      {".ver.dat.A1b2C3", File, 0644, true, false},  // a name this run does not write
+      {"macchecklist.dat.A1b2C3", File, 0644, true, false},
+  };
+  const auto anHourAgo = fs::file_time_type::clock::now() - std::chrono::hours(1);
+  for (const Case& c : cases) {
+    const std::string where = library + "/" + c.name;
+    if (c.kind == File) {
+      std::ofstream(where) << "left";
+      ASSERT_EQ(::chmod(where.c_str(), c.mode), 0) << c.name;
+      if (c.old) fs::last_write_time(where, anHourAgo);
+    } else if (c.kind == Link) {
+      fs::create_symlink(path(0), where);
+    } else {
+      fs::create_directory(where);
+    }
+  }
+  auto run = UpdateRun::create(view, options(1s));
+  runWithin(run, 0);
+  EXPECT_EQ(run->updateStatus(), UpdateStatusDone);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(fs::exists(fs::symlink_status(library + "/" + c.name)), !c.removed);
+  }
+  for (int file = 0; file < 5; ++file) EXPECT_CONTENT(readFile(path(file)), newContent(file));
+}
+
 // An error page is an answer like any other: its body replaces the file,
 // an empty one included, and the run counts as a success.
 TEST_F(UpdateFaultsTest, ErrorPagesAreWrittenOverTheFiles) {
