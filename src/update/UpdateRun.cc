@@ -141,7 +141,11 @@ void removeOldRunTemporaries(const std::string& localPath) {
 // straight to the replacement of the local file as it arrives; none of it is
 // kept here.
 struct Transfer {
-  FileReplacement* file;  // may not be open; the bytes are then dropped
+  const std::string* localPath;
+  // Opened with the first byte, so that a transfer that brings none leaves
+  // the folder untouched. One that cannot be opened (an empty path, a
+  // missing folder) has logged why; the bytes are then dropped.
+  std::optional<FileReplacement> file;
   std::uint64_t ceiling;
   std::chrono::milliseconds idleTimeout;
   UpdateView* view = nullptr;  // told the bytes received, or nobody
@@ -167,6 +171,7 @@ size_t writeBody(char* data, size_t size, size_t count, void* target) {
   // A failed write abandons the replacement, which then refuses every later
   // write: the rest of the body is received and dropped, and the old file
   // stays, as a failed write has always left it.
+  if (!transfer->file) transfer->file.emplace(*transfer->localPath);
   if (transfer->file->isOpen()) (void)transfer->file->write(data, bytes);
   if (transfer->view && now - transfer->lastReport >= kReportInterval) {
     transfer->lastReport = now;
@@ -200,9 +205,6 @@ std::optional<DownloadError> httpGet(const std::string& url, const std::string& 
 
   CURL* curl = curl_easy_init();
   if (!curl) return DownloadError{CURLE_FAILED_INIT, "could not start a transfer"};
-  // Opened before the first byte. One that cannot be opened (an empty path,
-  // a missing folder) has logged why; the body is then received and dropped.
-  FileReplacement file(localPath);
   char errorText[CURL_ERROR_SIZE] = {0};
   curl_slist* headers = curl_slist_append(nullptr, "Cache-Control: no-cache");
   headers = curl_slist_append(headers, "Pragma: no-cache");
@@ -219,7 +221,7 @@ std::optional<DownloadError> httpGet(const std::string& url, const std::string& 
   // A body announced larger than the ceiling is refused before it comes.
   if (ceiling <= static_cast<std::uint64_t>(std::numeric_limits<curl_off_t>::max()))
     curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(ceiling));
-  Transfer transfer{&file, ceiling, timeout, view};
+  Transfer transfer{&localPath, {}, ceiling, timeout, view};
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeBody);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &transfer);
   curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, checkIdle);
@@ -232,10 +234,11 @@ std::optional<DownloadError> httpGet(const std::string& url, const std::string& 
   if (code == CURLE_OK) {
     // A failed write goes unnoticed, as the run has always done; the old
     // file then stays whole.
-    (void)file.commit();
+    if (!transfer.file) transfer.file.emplace(localPath);  // an empty body
+    (void)transfer.file->commit();
     return std::nullopt;
   }
-  file.abandon();
+  if (transfer.file) transfer.file->abandon();
   if (transfer.overCeiling || code == CURLE_FILESIZE_EXCEEDED) {
     logf("download of %s ended: the body passed %llu bytes", url.c_str(),
          static_cast<unsigned long long>(ceiling));
