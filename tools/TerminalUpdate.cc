@@ -2,18 +2,33 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <memory>
 #include <mutex>
 
 #include "quarvel/common/StringUtil.h"
 #include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/update/Reachability.h"
 
 namespace quarvel::cli {
 namespace {
 
 constexpr int kBarWidth = 30;
 constexpr const char* kCancelledText = "업데이트가 취소되었습니다.";
+
+}  // namespace
+
+std::string formatBytes(std::uint64_t bytes) {
+  char text[32];
+  if (bytes < 1024)
+    std::snprintf(text, sizeof text, "%llu B", static_cast<unsigned long long>(bytes));
+  else if (bytes < 1024 * 1024)
+    std::snprintf(text, sizeof text, "%.1f KiB", bytes / 1024.0);
+  else
+    std::snprintf(text, sizeof text, "%.1f MiB", bytes / (1024.0 * 1024.0));
+  return text;
+}
+
+namespace {
 
 // Shows the run as text. Calls come from the worker thread; once detached
 // (the command has returned) they are dropped.
@@ -23,8 +38,16 @@ class TerminalView : public UpdateView {
 
   void setStatusText(const std::string& text) override {
     std::lock_guard lock(mutex_);
+    if (text != status_) bytes_ = 0;  // another file
     status_ = text;
     draw();
+  }
+  // The count follows the transfer when the line is redrawn in place; a
+  // line per step shows the file's total with the step that ends it.
+  void setBytesReceived(std::uint64_t bytes) override {
+    std::lock_guard lock(mutex_);
+    bytes_ = bytes;
+    if (redraw_) draw();
   }
   void setProgress(double value) override {
     std::lock_guard lock(mutex_);
@@ -73,6 +96,7 @@ class TerminalView : public UpdateView {
     std::snprintf(percent, sizeof percent, "%3d%%", static_cast<int>(std::lround(clamped * 100)));
     line += percent;
     if (!status_.empty()) line += "  " + status_;
+    if (bytes_ > 0) line += "  " + formatBytes(bytes_);
     if (line == lastLine_) return;
     lastLine_ = line;
     if (redraw_) {
@@ -93,33 +117,40 @@ class TerminalView : public UpdateView {
   bool openLine_ = false;
   bool closed_ = false;
   double progress_ = 0;
+  std::uint64_t bytes_ = 0;  // of the current file
   std::string status_;
   std::string lastLine_;
 };
 
-std::string textOf(const std::optional<PlistValue>& value) {
-  if (value) {
-    if (const std::string* text = value->asString()) return *text;
-  }
-  return "";
-}
-
 }  // namespace
 
-std::string hostOfServer(const std::string& server) {
-  std::string rest = server;
-  if (auto scheme = rest.find("://"); scheme != std::string::npos) rest = rest.substr(scheme + 3);
-  rest = rest.substr(0, rest.find('/'));
-  if (!rest.empty() && rest.front() == '[') {
-    auto close = rest.find(']');
-    return close == std::string::npos ? rest.substr(1) : rest.substr(1, close - 1);
+std::optional<std::string> windowDisplayProblem(
+    const std::function<const char*(const char*)>& env) {
+  auto isSet = [&env](const char* name) {
+    const char* value = env(name);
+    return value && *value;
+  };
+  const char* platforms = env("QT_QPA_PLATFORM");
+  if (!platforms || !*platforms) {
+    if (isSet("DISPLAY") || isSet("WAYLAND_DISPLAY")) return std::nullopt;
+    return std::string(
+        "no display for the update window: neither DISPLAY nor WAYLAND_DISPLAY is set "
+        "(QT_QPA_PLATFORM=offscreen runs it without one)");
   }
-  // A single colon separates a port; more than one is a bare IPv6 address.
-  auto colon = rest.find(':');
-  if (colon != std::string::npos && rest.find(':', colon + 1) == std::string::npos) {
-    return rest.substr(0, colon);
+  for (const std::string& entry : split(platforms, ";")) {
+    const std::string name = entry.substr(0, entry.find(':'));
+    if (name == "xcb") {
+      if (isSet("DISPLAY")) return std::nullopt;
+    } else if (name.starts_with("wayland")) {
+      if (isSet("WAYLAND_DISPLAY")) return std::nullopt;
+    } else if (!name.empty()) {
+      // offscreen, minimal, vnc, linuxfb, eglfs, ...: no display server, or
+      // one this check cannot judge.
+      return std::nullopt;
+    }
   }
-  return rest;
+  return "no display for the update window: QT_QPA_PLATFORM=" + std::string(platforms) +
+         " needs DISPLAY (xcb) or WAYLAND_DISPLAY (wayland), and neither is set";
 }
 
 int exitStatusForOutcome(std::int64_t outcome) {
@@ -136,20 +167,10 @@ int exitStatusForOutcome(std::int64_t outcome) {
 }
 
 int runTerminalUpdate(const TerminalUpdateRequest& request, std::ostream& out) {
-  CVUserDefaults* settings = CVUserDefaults::standardUserDefaults();
+  // The settings object exists before the run, as the window makes sure.
+  (void)CVUserDefaults::standardUserDefaults();
   UpdateOptions options = request.options;
   if (request.server) options.listServer = "http://" + *request.server;
-  if (!options.networkCheck) {
-    // Ask about the server that will be used, so that an in-house server on
-    // a closed network counts as reachable.
-    std::string host = request.web ? hostOfServer(textOf(settings->webQuarvelIPAddress()))
-                                   : hostOfServer(options.listServer);
-    options.networkCheck = [host] {
-      auto monitor = Reachability::reachabilityWithHostName(host);
-      return monitor && monitor->currentReachabilityStatus() != ReachabilityNone;
-    };
-  }
-
   auto view = std::make_shared<TerminalView>(out, request.redraw);
   auto run = UpdateRun::create(view, std::move(options));
   run->setIsWebQuarvel(request.web);

@@ -3,6 +3,7 @@
 // texts, the outcome text, and an exit status.
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <ostream>
@@ -18,6 +19,8 @@ enum TerminalUpdateExit : int {
   kUpdateExitFailed = 1,
   kUpdateExitCancelled = 2,
   kUpdateExitNoNetwork = 3,
+  // --gui with no display the window could open on; nothing was run.
+  kUpdateExitNoDisplay = 4,
 };
 
 struct TerminalUpdateRequest {
@@ -26,8 +29,9 @@ struct TerminalUpdateRequest {
   // "HOST[:PORT]" of a mirror of the public list server.
   std::optional<std::string> server;
   // Servers and timing; `server` replaces its list server. When its
-  // networkCheck is empty, the check asks whether the host that will be
-  // used (the mirror, the list server or the in-house server) is reachable.
+  // networkCheck is empty, the internet-connection monitor answers, as in
+  // the window; whatever else is wrong (no in-house address, a name that
+  // does not resolve) is the run's to meet and answer.
   UpdateOptions options = UpdateOptions::defaults();
   // Polled while the run goes on; true cancels it (Ctrl-C).
   std::function<bool()> interrupted;
@@ -35,9 +39,18 @@ struct TerminalUpdateRequest {
   bool redraw = false;
 };
 
-// The host part of "http://host:port/...", "host:port", "[v6]:port" or
-// "host": what a reachability check can ask about.
-std::string hostOfServer(const std::string& server);
+// A byte count as the progress line shows it: "512 B", "1.5 KiB", "51.0 MiB".
+std::string formatBytes(std::uint64_t bytes);
+
+// Why the update window could not open in this environment, or nothing
+// when it can: Qt's platform comes from QT_QPA_PLATFORM (a ";"-separated
+// list, any entry of which may serve, each with optional ":options") or,
+// unset, from whichever display server is named. xcb needs DISPLAY, wayland
+// WAYLAND_DISPLAY; offscreen, minimal, vnc, linuxfb, eglfs and the like need
+// none; a platform named that is not known here is left to Qt. `env` reads
+// a variable (null when unset), as getenv does.
+std::optional<std::string> windowDisplayProblem(
+    const std::function<const char*(const char*)>& env);
 
 // Runs the update and answers its exit status. Writes progress and the
 // outcome to `out`; nothing is written to `out` after it returns.

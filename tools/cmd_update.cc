@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 
 #include "Commands.h"
@@ -30,6 +31,11 @@ extern "C" void onInterrupt(int) { interruptRequested.store(true); }
 
 int runWindowUpdate(const TerminalUpdateRequest& request) {
 #ifdef QUARVEL_HAVE_GUI
+  // Qt aborts the process when its platform cannot start; say why instead.
+  if (auto problem = windowDisplayProblem([](const char* name) { return std::getenv(name); })) {
+    std::cerr << "quarvel update --gui: " << *problem << "\n";
+    return kUpdateExitNoDisplay;
+  }
   static int argc = 1;
   static char name[] = "quarvel";
   static char* argv[] = {name, nullptr};
@@ -50,7 +56,7 @@ void addUpdate(CLI::App& app) {
   auto* cmd = app.add_subcommand(
       "update",
       "Download the five data files into the work folder (exit 0 done, 1 failed, "
-      "2 cancelled, 3 no network)");
+      "2 cancelled, 3 no network, 4 no display for --gui)");
   struct Args {
     bool web = false;
     bool gui = false;

@@ -1,9 +1,15 @@
 #include "quarvel/update/UpdateRun.h"
 
 #include <curl/curl.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <limits>
 #include <thread>
 
 #include "quarvel/common/FileReplacement.h"
@@ -79,17 +85,99 @@ std::string localDayOfMonth() {
   return day;
 }
 
+// Earlier versions of the run wrote each file through a temporary made by
+// mkstemp beside it, ".<name>.XXXXXX" with mode 0644, and a run killed
+// before its rename left that behind for good. This removes such leftovers
+// of `localPath`, and only what can have been one: a regular file (not a
+// link) of this user, mode 0644, with six letters or digits after the name,
+// not all of them lower-case (a word such as ".backup" is more likely a
+// person's), untouched for a minute (so a run of an old version still going
+// keeps its file). Today's temporaries have another form, which
+// FileReplacement clears itself.
+void removeOldRunTemporaries(const std::string& localPath) {
+  constexpr std::size_t kRandomLength = 6;
+  constexpr time_t kQuietSeconds = 60;
+  const std::string name = lastPathComponent(localPath);
+  if (name.empty() || name == "/") return;
+  std::string folder = deletingLastPathComponent(localPath);
+  if (folder.empty()) folder = ".";
+  const std::string prefix = "." + name + ".";
+
+  const int folderFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folderFd < 0) return;
+  const int scanFd = ::dup(folderFd);
+  DIR* dir = scanFd < 0 ? nullptr : ::fdopendir(scanFd);
+  if (!dir) {
+    if (scanFd >= 0) ::close(scanFd);
+    ::close(folderFd);
+    return;
+  }
+  const time_t now = std::time(nullptr);
+  while (const dirent* entry = ::readdir(dir)) {
+    const std::string_view candidate(entry->d_name);
+    if (candidate.size() != prefix.size() + kRandomLength || !candidate.starts_with(prefix))
+      continue;
+    const std::string_view random = candidate.substr(prefix.size());
+    bool alphanumeric = true, allLower = true;
+    for (char c : random) {
+      const bool lower = c >= 'a' && c <= 'z';
+      alphanumeric = alphanumeric && (lower || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'));
+      allLower = allLower && lower;
+    }
+    if (!alphanumeric || allLower) continue;
+    struct stat info {};
+    if (::fstatat(folderFd, entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISREG(info.st_mode) || info.st_uid != ::geteuid() || (info.st_mode & 07777) != 0644 ||
+        now - info.st_mtime < kQuietSeconds)
+      continue;
+    if (::unlinkat(folderFd, entry->d_name, 0) == 0)
+      logf("removed %s/%s, left by an earlier run", folder.c_str(), entry->d_name);
+  }
+  ::closedir(dir);
+  ::close(folderFd);
+}
+
+// One transfer's state, shared by libcurl's callbacks. The body goes
+// straight to the replacement of the local file as it arrives; none of it is
+// kept here.
 struct Transfer {
-  std::string* body;
+  const std::string* localPath;
+  // Opened with the first byte, so that a transfer that brings none leaves
+  // the folder untouched. One that cannot be opened (an empty path, a
+  // missing folder) has logged why; the bytes are then dropped.
+  std::optional<FileReplacement> file;
+  std::uint64_t ceiling;
   std::chrono::milliseconds idleTimeout;
+  UpdateView* view = nullptr;  // told the bytes received, or nobody
+  std::uint64_t received = 0;
+  bool overCeiling = false;
   std::chrono::steady_clock::time_point lastByte = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::time_point lastReport{};
 };
 
-size_t appendBody(char* data, size_t size, size_t count, void* target) {
+// Reports the bytes received at most this often.
+constexpr auto kReportInterval = std::chrono::milliseconds(100);
+
+size_t writeBody(char* data, size_t size, size_t count, void* target) {
   auto* transfer = static_cast<Transfer*>(target);
-  transfer->body->append(data, size * count);
-  transfer->lastByte = std::chrono::steady_clock::now();
-  return size * count;
+  const size_t bytes = size * count;
+  const auto now = std::chrono::steady_clock::now();
+  transfer->lastByte = now;
+  if (bytes > transfer->ceiling - std::min(transfer->received, transfer->ceiling)) {
+    transfer->overCeiling = true;
+    return 0;  // ends the transfer with CURLE_WRITE_ERROR
+  }
+  transfer->received += bytes;
+  // A failed write abandons the replacement, which then refuses every later
+  // write: the rest of the body is received and dropped, and the old file
+  // stays, as a failed write has always left it.
+  if (!transfer->file) transfer->file.emplace(*transfer->localPath);
+  if (transfer->file->isOpen()) (void)transfer->file->write(data, bytes);
+  if (transfer->view && now - transfer->lastReport >= kReportInterval) {
+    transfer->lastReport = now;
+    transfer->view->setBytesReceived(transfer->received);
+  }
+  return bytes;
 }
 
 // Ends the transfer once no byte has arrived for the idle time-out.
@@ -98,12 +186,20 @@ int checkIdle(void* target, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
   return std::chrono::steady_clock::now() - transfer->lastByte > transfer->idleTimeout ? 1 : 0;
 }
 
-// One synchronous GET. Nothing is cached on this side; the request also asks
-// caches on the way not to answer from theirs. The HTTP status is not looked
-// at: any body that arrives is the answer. `timeout` is an idle time-out;
-// `limit` bounds the whole transfer.
-std::optional<DownloadError> httpGet(const std::string& url, std::chrono::milliseconds timeout,
-                                     std::chrono::milliseconds limit, std::string& body) {
+// libcurl's receive buffer: larger pieces mean fewer writes for big lists.
+constexpr long kReceiveBuffer = 512 * 1024;
+
+// One synchronous GET whose body replaces `localPath` as it arrives. Nothing
+// is cached on this side; the request also asks caches on the way not to
+// answer from theirs. The HTTP status is not looked at: any body that
+// arrives is the answer. `timeout` is an idle time-out; `limit` bounds the
+// whole transfer and `ceiling` the body's size. The new file is put in place
+// only when the transfer completed; otherwise the old one stays. Whether it
+// could be written is not part of the answer.
+std::optional<DownloadError> httpGet(const std::string& url, const std::string& localPath,
+                                     std::chrono::milliseconds timeout,
+                                     std::chrono::milliseconds limit, std::uint64_t ceiling,
+                                     UpdateView* view) {
   static std::once_flag curlReady;
   std::call_once(curlReady, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 
@@ -121,8 +217,12 @@ std::optional<DownloadError> httpGet(const std::string& url, std::chrono::millis
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout.count()));
   curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(limit.count()));
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
-  Transfer transfer{&body, timeout};
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, appendBody);
+  curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kReceiveBuffer);
+  // A body announced larger than the ceiling is refused before it comes.
+  if (ceiling <= static_cast<std::uint64_t>(std::numeric_limits<curl_off_t>::max()))
+    curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(ceiling));
+  Transfer transfer{&localPath, {}, ceiling, timeout, view};
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeBody);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &transfer);
   curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, checkIdle);
   curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &transfer);
@@ -130,8 +230,21 @@ std::optional<DownloadError> httpGet(const std::string& url, std::chrono::millis
   CURLcode code = curl_easy_perform(curl);
   curl_easy_cleanup(curl);
   curl_slist_free_all(headers);
-  if (code == CURLE_OK) return std::nullopt;
-  body.clear();
+  if (view) view->setBytesReceived(transfer.received);
+  if (code == CURLE_OK) {
+    // A failed write goes unnoticed, as the run has always done; the old
+    // file then stays whole.
+    if (!transfer.file) transfer.file.emplace(localPath);  // an empty body
+    (void)transfer.file->commit();
+    return std::nullopt;
+  }
+  if (transfer.file) transfer.file->abandon();
+  if (transfer.overCeiling || code == CURLE_FILESIZE_EXCEEDED) {
+    logf("download of %s ended: the body passed %llu bytes", url.c_str(),
+         static_cast<unsigned long long>(ceiling));
+    return DownloadError{CURLE_FILESIZE_EXCEEDED,
+                         "the body passed " + std::to_string(ceiling) + " bytes"};
+  }
   return DownloadError{code, errorText[0] ? errorText : curl_easy_strerror(code)};
 }
 
@@ -270,12 +383,11 @@ std::optional<DownloadError> UpdateRun::downloadKeyFile(std::int64_t index) {
   }
   if (url.empty()) url = options_.fileServer + kFileServerQuery + lastPathComponent(localPath);
 
-  std::string body;
-  if (auto error = httpGet(url, options_.dataFileTimeout, options_.transferLimit, body))
+  removeOldRunTemporaries(localPath);
+  view_->setBytesReceived(0);
+  if (auto error = httpGet(url, localPath, options_.dataFileTimeout, options_.transferLimit,
+                           options_.maxFileBytes, view_.get()))
     return error;
-  // A failed write goes unnoticed, as the run has always done; the old file
-  // then stays whole.
-  (void)FileReplacement::replace(localPath, body);
   view_->setProgress(static_cast<double>(index + 1) / 6.0);
   return std::nullopt;
 }
@@ -285,10 +397,10 @@ std::optional<DownloadError> UpdateRun::downloadWindowsKeyFiles() {
   const std::string localPath = settings->windowPackageFilePath().value_or("");
   view_->setStatusText("윈도우즈용 패키지 파일을 다운로드중입니다.");
   const std::string url = options_.windowsPackageServer + "/" + lastPathComponent(localPath);
-  std::string body;
-  if (auto error = httpGet(url, options_.windowsFileTimeout, options_.transferLimit, body))
+  removeOldRunTemporaries(localPath);
+  if (auto error = httpGet(url, localPath, options_.windowsFileTimeout, options_.transferLimit,
+                           options_.maxFileBytes, nullptr))
     return error;
-  (void)FileReplacement::replace(localPath, body);
   return std::nullopt;
 }
 

@@ -53,6 +53,10 @@ struct UpdateOptions {
   // The longest any one transfer may take however steadily bytes arrive:
   // ends a trickle that would never finish.
   std::chrono::milliseconds transferLimit{30 * 60 * 1000};
+  // The largest body a file may have. A body that grows past it ends the
+  // attempt as a failed transfer and the old file stays: a server that
+  // streams without end cannot fill the disk or hold the run.
+  std::uint64_t maxFileBytes = std::uint64_t{1} << 30;
   // The pause after each file and before the run closes the window.
   std::chrono::milliseconds pacing{1000};
   // Whether the network can be reached. Empty: the internet-connection

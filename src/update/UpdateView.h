@@ -4,6 +4,7 @@
 // implementation hands them to its own user-interface thread as its toolkit
 // requires.
 
+#include <cstdint>
 #include <string>
 
 namespace quarvel {
@@ -16,6 +17,11 @@ class UpdateView {
   virtual void setStatusText(const std::string& text) = 0;
   // The progress bar, 0.0 to 1.0.
   virtual void setProgress(double value) = 0;
+  // The bytes of the current file received so far: 0 when a file's attempt
+  // starts, then at most every tenth of a second while its body arrives, and
+  // the total when the transfer ends. Views that show only the per-file bar
+  // ignore it.
+  virtual void setBytesReceived(std::uint64_t /*bytes*/) {}
   // Shows the outcome alert for `code` ("DOWNLOAD_DONE", "DOWNLOAD_FAIL", ...)
   // on the main thread and returns once the user has dismissed it.
   virtual void errorAlert(const std::string& code) = 0;

@@ -3,7 +3,8 @@
 // clients. Unlike a general-purpose server it keeps the body of any method,
 // GET included, and can misbehave on purpose: close without answering, hold
 // the connection open in silence, break an answer off part-way (a reset or a
-// silent stall), or let the body trickle out piece by piece.
+// silent stall), let the body trickle out piece by piece, or flood the
+// client with a body that never ends.
 //
 //   quarvel::testing::LoopbackHttpServer server([](const auto& request) {
 //     return quarvel::testing::HttpReply::text("203.0.113.5\n");
@@ -54,6 +55,8 @@ struct HttpReply {
   std::size_t cutAt = 0;
   std::size_t piece = 0;               // when set, the body goes out in pieces
   std::chrono::milliseconds pause{0};  // of this size, each after this pause
+  // No length announced; the body repeats until the client hangs up.
+  bool endless = false;
 
   static HttpReply text(std::string body, int status = 200) {
     return {Kind::Answer, status, std::move(body)};
@@ -65,6 +68,12 @@ struct HttpReply {
   }
   static HttpReply stallAfter(std::string body, std::size_t bytes) {
     return {Kind::Answer, 200, std::move(body), Cut::Stall, bytes};
+  }
+  // An endless body of `body` over and over, as fast as the client reads.
+  static HttpReply flood(std::string body) {
+    HttpReply reply = text(std::move(body));
+    reply.endless = true;
+    return reply;
   }
   static HttpReply trickle(std::string body, std::size_t piece, std::chrono::milliseconds pause) {
     return {Kind::Answer, 200, std::move(body), Cut::None, 0, piece, pause};
@@ -213,6 +222,7 @@ class LoopbackHttpServer {
   // Sends the head and the body as far as the reply lets it go, then ends
   // the connection as the reply says.
   void answer(int fd, const HttpReply& reply) {
+    if (reply.endless) return flood(fd, reply);
     const std::string head = "HTTP/1.1 " + std::to_string(reply.status) + " Answer\r\n" +
                              "Content-Type: text/plain; charset=utf-8\r\n" +
                              "Content-Length: " + std::to_string(reply.body.size()) +
@@ -234,6 +244,18 @@ class LoopbackHttpServer {
       linger abort{1, 0};  // close with a reset instead of an orderly end
       ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
     }
+    ::close(fd);
+  }
+
+  // Sends the body again and again until the client hangs up or the server
+  // stops; the end of the body is the end of the connection, which never
+  // comes.
+  void flood(int fd, const HttpReply& reply) {
+    const std::string head = "HTTP/1.1 " + std::to_string(reply.status) +
+                             " Answer\r\nContent-Type: application/octet-stream\r\n"
+                             "Connection: close\r\n\r\n";
+    bool ok = sendAll(fd, head.data(), head.size()) && !reply.body.empty();
+    while (ok && !stop_) ok = sendAll(fd, reply.body.data(), reply.body.size());
     ::close(fd);
   }
 

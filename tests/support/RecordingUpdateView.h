@@ -3,6 +3,7 @@
 // afterwards. The run calls it from its worker thread, the test reads it from
 // its own, so every member is behind one lock.
 
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -20,6 +21,10 @@ class RecordingView : public UpdateView {
   void setProgress(double value) override {
     std::lock_guard lock(mutex_);
     progress_.push_back(value);
+  }
+  void setBytesReceived(std::uint64_t bytes) override {
+    std::lock_guard lock(mutex_);
+    bytes_.push_back(bytes);
   }
   void errorAlert(const std::string& code) override {
     std::lock_guard lock(mutex_);
@@ -43,6 +48,11 @@ class RecordingView : public UpdateView {
     std::lock_guard lock(mutex_);
     return progress_;
   }
+  // Every count of bytes received, in order.
+  std::vector<std::uint64_t> bytes() const {
+    std::lock_guard lock(mutex_);
+    return bytes_;
+  }
   std::vector<std::string> alerts() const {
     std::lock_guard lock(mutex_);
     return alerts_;
@@ -56,6 +66,7 @@ class RecordingView : public UpdateView {
   mutable std::mutex mutex_;
   std::vector<std::string> statuses_;
   std::vector<double> progress_;
+  std::vector<std::uint64_t> bytes_;
   std::vector<std::string> alerts_;
   int closes_ = 0;
 };

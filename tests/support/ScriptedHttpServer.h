@@ -25,11 +25,14 @@ namespace quarvel::testing {
 
 class ScriptedHttpServer {
  public:
-  ScriptedHttpServer() {
+  // Listens on `host`, 127.0.0.1 unless told; port() is negative when that
+  // address cannot be bound (no IPv6 loopback, say).
+  explicit ScriptedHttpServer(std::string host = "127.0.0.1") : host_(std::move(host)) {
     server_.Get(".*", [this](const httplib::Request& request, httplib::Response& response) {
       handle(request, response);
     });
-    port_ = server_.bind_to_any_port("127.0.0.1");
+    port_ = server_.bind_to_any_port(host_);
+    if (port_ < 0) return;
     thread_ = std::thread([this] { server_.listen_after_bind(); });
     for (int i = 0; i < 500 && !server_.is_running(); ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -38,13 +41,18 @@ class ScriptedHttpServer {
   ~ScriptedHttpServer() {
     release();
     server_.stop();
-    thread_.join();
+    if (thread_.joinable()) thread_.join();
   }
   ScriptedHttpServer(const ScriptedHttpServer&) = delete;
   ScriptedHttpServer& operator=(const ScriptedHttpServer&) = delete;
 
   int port() const { return port_; }
-  std::string origin() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  // "127.0.0.1:PORT", "[::1]:PORT".
+  std::string hostAndPort() const {
+    const bool v6 = host_.find(':') != std::string::npos;
+    return (v6 ? "[" + host_ + "]" : host_) + ":" + std::to_string(port_);
+  }
+  std::string origin() const { return "http://" + hostAndPort(); }
 
   void serve(const std::string& target, std::string body) {
     std::lock_guard lock(mutex_);
@@ -118,6 +126,7 @@ class ScriptedHttpServer {
 
   httplib::Server server_;
   std::thread thread_;
+  std::string host_;
   int port_ = -1;
   mutable std::mutex mutex_;
   std::condition_variable changed_;

@@ -1,11 +1,14 @@
-// `quarvel update` in a terminal: outcome texts and exit statuses.
+// `quarvel update` in a terminal: outcome texts and exit statuses, what is
+// asked before the run, the bytes shown, and whether the window can open.
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <map>
 #include <sstream>
 
 #include "TerminalUpdate.h"
+#include "update/FakeRouteSource.h"
 #include "quarvel/settings/CVUserDefaults.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/SettingsSandbox.h"
@@ -23,6 +26,8 @@ const char* kTargets[] = {"/quarvel/download/list/check/mac/",
 class TerminalUpdateTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    // The internet-connection monitor answers reachable through a gateway.
+    fakeRoutes->setFlags("0.0.0.0", 0x2);
     CVUserDefaults::standardUserDefaults();
     for (const char* target : kTargets) server.serve(target, "list");
     request.server = "127.0.0.1:" + std::to_string(server.port());
@@ -30,6 +35,9 @@ class TerminalUpdateTest : public ::testing::Test {
     request.options.dataFileTimeout = 5s;
   }
 
+  bool said(const std::string& text) const { return out.str().find(text) != std::string::npos; }
+
+  test::ScopedFakeRouteSource fakeRoutes;
   testing::SettingsSandbox sandbox;
   testing::ScriptedHttpServer server;
   TerminalUpdateRequest request;
@@ -37,7 +45,6 @@ class TerminalUpdateTest : public ::testing::Test {
 };
 
 TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
-  // The reachability check asks about the mirror itself: loopback.
   EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitDone);
   EXPECT_NE(out.str().find("인터넷 연결상태를 확인 중입니다."), std::string::npos);
   EXPECT_NE(
@@ -70,15 +77,102 @@ TEST_F(TerminalUpdateTest, InterruptCancelsAtOnce) {
   server.release();
 }
 
-TEST(HostOfServer, TakesTheHostOutOfEachForm) {
+// Before the run only the internet-connection monitor is asked; anything
+// else that is wrong is the run's to meet, with the run's own outcome.
+TEST_F(TerminalUpdateTest, OnlyTheInternetMonitorIsAskedBeforeTheRun) {
+  testing::ScriptedHttpServer v6server("::1");
+  for (const char* target : kTargets) v6server.serve(target, "list");
   struct Case {
-    const char* server;
-    const char* host;
+    const char* name;
+    std::optional<std::uint32_t> internet;  // flags of the route to 0.0.0.0
+    bool web;
+    std::string server;  // --server, or "" for none
+    int exit;
+    const char* text;
   };
-  for (Case c : {Case{"127.0.0.1:8080", "127.0.0.1"}, Case{"http://lists.example", "lists.example"},
-                 Case{"http://h:1/x/y", "h"}, Case{"[::1]:80", "::1"}, Case{"::1", "::1"},
-                 Case{"", ""}, Case{"host", "host"}}) {
-    EXPECT_EQ(hostOfServer(c.server), c.host) << c.server;
+  const std::string mirror = request.server.value();
+  const Case cases[] = {
+      {"no route to the internet, mirror on loopback", 0u, false, mirror, kUpdateExitNoNetwork,
+       "인터넷 연결 오류\n인터넷 연결 상태를 확인해 주세요."},
+      {"flags unreadable", std::nullopt, false, mirror, kUpdateExitNoNetwork, "인터넷 연결 오류"},
+      {"--web with no in-house address", 0x2u, true, "", kUpdateExitFailed,
+       "Quarvel: DB 업데이트 도중 오류가 발생하였습니다."},
+      {"a mirror with an IPv6 address only", 0x2u, false, v6server.hostAndPort(), kUpdateExitDone,
+       "Quarvel: 업데이트가 완료되었습니다."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.server.starts_with("[") && v6server.port() < 0) {
+      ADD_FAILURE() << "no IPv6 loopback to listen on";  // the machine, not the code
+      continue;
+    }
+    out.str("");
+    fakeRoutes->setFlags("0.0.0.0", c.internet);
+    TerminalUpdateRequest r = request;
+    r.options.networkCheck = nullptr;
+    r.web = c.web;
+    r.server = c.server.empty() ? std::nullopt : std::optional(c.server);
+    EXPECT_EQ(runTerminalUpdate(r, out), c.exit);
+    EXPECT_TRUE(said(c.text)) << out.str();
+    if (c.exit != kUpdateExitNoNetwork) EXPECT_FALSE(said("인터넷 연결 오류")) << out.str();
+  }
+  EXPECT_EQ(server.targets().size(), 0u);  // the unreachable cases asked nothing
+  EXPECT_EQ(v6server.count(kTargets[4]), 1);
+}
+
+// Each file's byte count appears with the step that ends it (one line per
+// step when not redrawing); a redrawn line follows the bytes as they come.
+TEST_F(TerminalUpdateTest, ShowsTheBytesOfTheCurrentFile) {
+  server.serve(kTargets[0], std::string(3 << 20, 'x'));
+  server.serve(kTargets[1], std::string(1536, 'x'));
+  server.serve(kTargets[2], "");
+  EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitDone);
+  EXPECT_TRUE(said("[##########--------------------]  33%  체크리스트 DB를 업데이트 중입니다.  3.0 MiB\n"))
+      << out.str();
+  EXPECT_TRUE(said("[###############---------------]  50%  패키지 DB를 업데이트 중입니다.  1.5 KiB\n"))
+      << out.str();
+  // A new file starts from nothing; an empty one shows no count.
+  EXPECT_TRUE(said("[###############---------------]  50%  필터 DB를 업데이트 중입니다.\n"));
+  EXPECT_TRUE(said("[####################----------]  67%  필터 DB를 업데이트 중입니다.\n"));
+}
+
+TEST(FormatBytes, PicksTheUnitByMagnitude) {
+  const std::map<std::uint64_t, std::string> cases = {
+      {1, "1 B"},          {1023, "1023 B"},          {1024, "1.0 KiB"},
+      {1536, "1.5 KiB"},   {1048575, "1024.0 KiB"},   {1048576, "1.0 MiB"},
+      {53477376, "51.0 MiB"}, {std::uint64_t{1} << 40, "1048576.0 MiB"},
+  };
+  for (const auto& [bytes, text] : cases) EXPECT_EQ(formatBytes(bytes), text) << bytes;
+}
+
+TEST(WindowDisplayProblem, TellsWhetherQtCanStartAPlatform) {
+  struct Case {
+    std::map<std::string, std::string> env;
+    bool usable;
+  };
+  const Case cases[] = {
+      {{}, false},
+      {{{"DISPLAY", ""}}, false},
+      {{{"DISPLAY", ":0"}}, true},
+      {{{"WAYLAND_DISPLAY", "wayland-0"}}, true},
+      {{{"QT_QPA_PLATFORM", "offscreen"}}, true},
+      {{{"QT_QPA_PLATFORM", "minimal"}}, true},
+      {{{"QT_QPA_PLATFORM", "vnc:size=800x600"}}, true},
+      {{{"QT_QPA_PLATFORM", "xcb"}}, false},
+      {{{"QT_QPA_PLATFORM", "xcb"}, {"WAYLAND_DISPLAY", "wayland-0"}}, false},
+      {{{"QT_QPA_PLATFORM", "xcb"}, {"DISPLAY", ":1"}}, true},
+      {{{"QT_QPA_PLATFORM", "wayland-egl"}, {"DISPLAY", ":1"}}, false},
+      {{{"QT_QPA_PLATFORM", "wayland;xcb"}, {"DISPLAY", ":1"}}, true},
+      {{{"QT_QPA_PLATFORM", "wayland;offscreen"}}, true},
+      {{{"QT_QPA_PLATFORM", ""}, {"DISPLAY", ":0"}}, true},  // empty is unset
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.env));
+    auto problem = windowDisplayProblem([&c](const char* name) -> const char* {
+      auto it = c.env.find(name);
+      return it == c.env.end() ? nullptr : it->second.c_str();
+    });
+    EXPECT_EQ(!problem, c.usable) << problem.value_or("");
   }
 }
 

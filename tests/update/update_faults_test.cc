@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <deque>
@@ -15,6 +17,7 @@
 #include <map>
 #include <mutex>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 #include "quarvel/common/Log.h"
@@ -74,6 +77,19 @@ class UpdateFaultsTest : public ::testing::Test {
     }
   }
 
+  // Starts afresh for another run in the same test: old files, no scripted
+  // answers, a new view; the requests seen so far are forgotten.
+  void startAfresh() {
+    {
+      std::lock_guard lock(mutex);
+      scripted.clear();
+    }
+    for (int file = 0; file < 5; ++file)
+      std::ofstream(path(file), std::ios::binary | std::ios::trunc) << oldContent(file);
+    view = std::make_shared<RecordingView>();
+    requestsBefore = server.requests().size();
+  }
+
   // What `file` answers once its scripted answers are used up.
   void setBody(int file, std::string body) {
     std::lock_guard lock(mutex);
@@ -125,7 +141,9 @@ class UpdateFaultsTest : public ::testing::Test {
   std::string path(int file) const { return library + "/" + kDataFileTargets[file].name; }
   int requests(int file) const {
     int n = 0;
-    for (const HttpReceived& r : server.requests()) n += r.target == kDataFileTargets[file].target;
+    const auto all = server.requests();
+    for (std::size_t i = requestsBefore; i < all.size(); ++i)
+      n += all[i].target == kDataFileTargets[file].target;
     return n;
   }
 
@@ -175,6 +193,7 @@ class UpdateFaultsTest : public ::testing::Test {
   std::shared_ptr<RecordingView> view = std::make_shared<RecordingView>();
   CVUserDefaults* settings = nullptr;
   std::string library;
+  std::size_t requestsBefore = 0;  // requests of earlier runs in the test
 };
 
 TEST_F(UpdateFaultsTest, AClosedPortFailsTheFirstFileAndTouchesNothing) {
@@ -250,6 +269,165 @@ TEST_F(UpdateFaultsTest, ASteadyBodySlowerThanTheTimeoutStillCompletes) {
   EXPECT_EQ(run->updateStatus(), UpdateStatusDone);
   EXPECT_EQ(requests(3), 1);
   EXPECT_EQ(readFile(path(3)), std::string(40 * 256, 'y'));
+}
+
+// The resident set of this process, in bytes, from /proc/self/status.
+std::int64_t residentBytes() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line))
+    if (line.rfind("VmRSS:", 0) == 0) return std::stoll(line.substr(6)) * 1024;  // in kB
+  return -1;
+}
+
+// Samples the resident set every few milliseconds until destroyed, keeping
+// the largest value seen.
+class ResidentPeak {
+ public:
+  ResidentPeak() : peak_(residentBytes()), thread_([this] { sample(); }) {}
+  ~ResidentPeak() {
+    stop_ = true;
+    thread_.join();
+  }
+  std::int64_t peak() const { return peak_.load(); }
+
+ private:
+  void sample() {
+    while (!stop_) {
+      const std::int64_t now = residentBytes();
+      if (now > peak_.load()) peak_.store(now);
+      std::this_thread::sleep_for(2ms);
+    }
+  }
+  std::atomic<std::int64_t> peak_;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+// A body that never ends, sent as fast as loopback carries it, ends each
+// attempt at the ceiling: the file fails after five attempts, the old file
+// stays, and the body is never held in memory (the ceiling is above the
+// bound on the resident set, so holding one would show).
+TEST_F(UpdateFaultsTest, AnEndlessBodyEndsAtTheCeilingWithMemoryFlat) {
+  constexpr std::uint64_t kCeiling = 48u << 20;
+  constexpr std::int64_t kAllowedGrowth = 32 << 20;
+  script(2, std::vector<HttpReply>(5, HttpReply::flood(std::string(64 * 1024, 'z'))));
+  UpdateOptions o = options(5s);
+  o.transferLimit = 60s;
+  o.maxFileBytes = kCeiling;
+  auto run = UpdateRun::create(view, o);
+
+  LogCapture log;
+  const std::int64_t before = residentBytes();
+  ASSERT_GT(before, 0);
+  std::int64_t peak;
+  {
+    ResidentPeak sampler;
+    runWithin(run, 5);
+    peak = sampler.peak();
+  }
+  const std::int64_t after = residentBytes();
+  EXPECT_LT(peak - before, kAllowedGrowth) << "peak " << peak << ", before " << before;
+  EXPECT_LT(after - before, kAllowedGrowth) << "after " << after << ", before " << before;
+
+  EXPECT_EQ(run->updateStatus(), UpdateStatusFailed);
+  EXPECT_EQ(requests(2), 5);
+  expectFailedAt(2);
+  expectWholeFiles(2);
+  EXPECT_TRUE(log.contains("the body passed " + std::to_string(kCeiling) + " bytes"));
+  // What the view was told of the file reaches the ceiling, to within one
+  // piece of the body, and never passes it.
+  const auto bytes = view->bytes();
+  ASSERT_FALSE(bytes.empty());
+  const std::uint64_t most = *std::max_element(bytes.begin(), bytes.end());
+  EXPECT_LE(most, kCeiling);
+  EXPECT_GT(most, kCeiling - (512u << 10));
+}
+
+// The ceiling is a size the body may reach, not pass, whether the server
+// announces the length or not.
+TEST_F(UpdateFaultsTest, TheCeilingLetsABodyReachItButNotPassIt) {
+  constexpr std::uint64_t kCeiling = 100000;
+  struct Case {
+    const char* name;
+    HttpReply reply;
+    bool fits;
+  };
+  const std::string atCeiling(kCeiling, 'c'), pastCeiling(kCeiling + 1, 'c');
+  HttpReply unannouncedPast = HttpReply::flood(pastCeiling);
+  const Case cases[] = {
+      {"announced, at the ceiling", HttpReply::text(atCeiling), true},
+      {"announced, one byte past", HttpReply::text(pastCeiling), false},
+      {"error page past the ceiling", HttpReply::text(pastCeiling, 404), false},
+      {"unannounced, without end", unannouncedPast, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    startAfresh();
+    script(0, std::vector<HttpReply>(5, c.reply));
+    UpdateOptions o = options(2s);
+    o.maxFileBytes = kCeiling;
+    auto run = UpdateRun::create(view, o);
+    runWithin(run, 0);
+    if (c.fits) {
+      EXPECT_EQ(run->updateStatus(), UpdateStatusDone);
+      EXPECT_CONTENT(readFile(path(0)), atCeiling);
+    } else {
+      EXPECT_EQ(run->updateStatus(), UpdateStatusFailed);
+      EXPECT_EQ(requests(0), 5);
+      EXPECT_CONTENT(readFile(path(0)), oldContent(0));
+    }
+    expectNoStrayFiles();
+  }
+}
+
+// Temporaries that a killed run of an earlier version left (".NAME.XXXXXX",
+// mode 0644) go with the next run; files that merely look alike stay.
+TEST_F(UpdateFaultsTest, TheNextRunRemovesWhatAKilledEarlierRunLeft) {
+  enum Kind { File, Link, Folder };
+  struct Case {
+    std::string name;
+    Kind kind;
+    mode_t mode;
+    bool old;  // untouched for an hour
+    bool removed;
+  };
+  const std::string check = ".macchecklist.dat.", font = ".fontchecklist.dat.";
+  const Case cases[] = {
+      {check + "A1b2C3", File, 0644, true, true},
+      {font + "Zq9xW0", File, 0644, true, true},
+      {check + "backup", File, 0644, true, false},    // a word, not mkstemp's
+      {check + "A1b2C", File, 0644, true, false},     // five characters
+      {check + "A1b2C3x", File, 0644, true, false},   // seven
+      {check + "A1-2C3", File, 0644, true, false},    // not a letter or digit
+      {check + "A1b2C4", File, 0600, true, false},    // a mode the run never set
+      {check + "A1b2C5", File, 0644, false, false},   // an old run may still be on it
+      {check + "A1b2C6", Link, 0644, true, false},
+      {check + "A1b2C7", Folder, 0755, true, false},
+      {".ver.dat.A1b2C3", File, 0644, true, false},  // a name this run does not write
+      {"macchecklist.dat.A1b2C3", File, 0644, true, false},
+  };
+  const auto anHourAgo = fs::file_time_type::clock::now() - std::chrono::hours(1);
+  for (const Case& c : cases) {
+    const std::string where = library + "/" + c.name;
+    if (c.kind == File) {
+      std::ofstream(where) << "left";
+      ASSERT_EQ(::chmod(where.c_str(), c.mode), 0) << c.name;
+      if (c.old) fs::last_write_time(where, anHourAgo);
+    } else if (c.kind == Link) {
+      fs::create_symlink(path(0), where);
+    } else {
+      fs::create_directory(where);
+    }
+  }
+  auto run = UpdateRun::create(view, options(1s));
+  runWithin(run, 0);
+  EXPECT_EQ(run->updateStatus(), UpdateStatusDone);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(fs::exists(fs::symlink_status(library + "/" + c.name)), !c.removed);
+  }
+  for (int file = 0; file < 5; ++file) EXPECT_CONTENT(readFile(path(file)), newContent(file));
 }
 
 // An error page is an answer like any other: its body replaces the file,
