@@ -5,6 +5,7 @@
 #include <httplib.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -90,6 +91,58 @@ TEST(ListFileForRequest, RefusesEverythingElse) {
   }
 }
 
+TEST(ParseRequestTarget, DecodesPathAndQueryAsTheyWereSent) {
+  struct Case {
+    const char* target;
+    std::string path;
+    QueryParams params;
+  };
+  const Case cases[] = {
+      {"/a%2Eb/%2e%2E", "/a.b/..", {}},
+      {"/a+b%20c", "/a+b c", {}},  // '+' is a space in the query only
+      {"/x?type=file&filename=a+b%2Bc", "/x", {{"type", "file"}, {"filename", "a b+c"}}},
+      {"/x?filename=a%00b", "/x", {{"filename", std::string("a\0b", 3)}}},
+      {"/x%00y", std::string("/x\0y", 4), {}},
+      {"/x?a&&b=&=c", "/x", {{"a", ""}, {"b", ""}, {"", "c"}}},
+      {"/x?a=1&a=2", "/x", {{"a", "1"}, {"a", "2"}}},
+      {"/%zz%4/%", "/%zz%4/%", {}},  // broken escapes stand for themselves
+      {"/x?f=%e2%82%ac", "/x", {{"f", "\xe2\x82\xac"}}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.target);
+    const RequestTarget parsed = parseRequestTarget(c.target);
+    EXPECT_EQ(parsed.path, c.path);
+    EXPECT_EQ(parsed.params, c.params);
+  }
+}
+
+TEST(EscapeForLog, LeavesOnlyPrintableUtf8) {
+  struct Case {
+    std::string text;
+    const char* logged;
+  };
+  const Case cases[] = {
+      {"/cmmn/download.nis?type=file&filename=a.dat", "/cmmn/download.nis?type=file&filename=a.dat"},
+      {"\"quoted\"", "\\x22quoted\\x22"},
+      {"back\\slash", "back\\x5Cslash"},
+      {"line\r\nbreak\ttab", "line\\x0D\\x0Abreak\\x09tab"},
+      {std::string("nul\0del\x7f", 8), "nul\\x00del\\x7F"},
+      {"\xed\x95\x9c\xea\xb8\x80 \xe2\x82\xac \xf0\x9f\x98\x80", "\xed\x95\x9c\xea\xb8\x80 \xe2\x82\xac \xf0\x9f\x98\x80"},
+      {"\xff\xfe", "\\xFF\\xFE"},
+      {"\xc0\xaf", "\\xC0\\xAF"},              // overlong '/'
+      {"\xe0\x80\xaf", "\\xE0\\x80\\xAF"},      // overlong, three bytes
+      {"\xed\xa0\x80", "\\xED\\xA0\\x80"},      // a surrogate
+      {"\xf4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},  // beyond U+10FFFF
+      {"\xe2\x82", "\\xE2\\x82"},               // cut short
+      {"\xc2\x85", "\\xC2\\x85"},               // C1 control (NEL)
+      {"\xc2\xa0", "\xc2\xa0"},                 // no-break space is printable
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.logged);
+    EXPECT_EQ(escapeForLog(c.text), c.logged);
+  }
+}
+
 void writeFile(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
 }
@@ -128,6 +181,7 @@ TEST_F(ServedFolderTest, ServesPlainFilesOnlyAndLogsEachRequest) {
   writeFile(folder + "/macchecklist.dat", std::string("\x01\x00\xff", 3));
   writeFile(folder + "/package.dat", "pkg");
   fs::create_symlink(root + "/secret.txt", folder + "/link.dat");
+  ASSERT_EQ(::mkfifo((folder + "/fifo").c_str(), 0600), 0);
 
   LogCapture log;
   auto good = get("/quarvel/download/list/check/mac/");
@@ -149,6 +203,11 @@ TEST_F(ServedFolderTest, ServesPlainFilesOnlyAndLogsEachRequest) {
            "/cmmn/download.nis?type=file&filename=sub",              // a folder
            "/file/keyfile60/sub%2Finner.dat",
            "/file/keyfile60/../secret.txt",
+           "/file/keyfile60/%2E%2E%2Fsecret.txt",                    // encoded dots
+           "/cmmn/download.nis?type=file&filename=%2e%2e",
+           "/cmmn/download.nis?type=file&filename=package.dat%00x",  // NUL
+           "/file/keyfile60/package.dat%00x",
+           "/cmmn/download.nis?type=file&filename=fifo",             // not a regular file
        }) {
     SCOPED_TRACE(target);
     auto result = get(target);
@@ -156,15 +215,21 @@ TEST_F(ServedFolderTest, ServesPlainFilesOnlyAndLogsEachRequest) {
     EXPECT_EQ(result->status, 404);
     EXPECT_NE(result->body, "secret");
   }
-  // A line is written once its answer has gone out, by whichever worker
-  // served it, so lines may trail their clients: wait for all ten first.
+  httplib::Client client("127.0.0.1", port);
+  auto head = client.Head("/file/keyfile60/package.dat");
+  ASSERT_TRUE(head);
+  EXPECT_EQ(head->status, 200);
+  EXPECT_EQ(head->get_header_value("Content-Length"), "3");
+  EXPECT_EQ(head->body, "");
+  // A line is written once its answer has gone out, by whichever thread
+  // served it, so lines may trail their clients: wait for all of them first.
   int serveLines = 0;
-  for (int wait = 0; wait < 1000 && serveLines < 10; ++wait) {
+  for (int wait = 0; wait < 1000 && serveLines < 16; ++wait) {
     if (wait) std::this_thread::sleep_for(10ms);
     serveLines = 0;
     for (const auto& line : log.lines()) serveLines += line.rfind("serve: ", 0) == 0;
   }
-  EXPECT_EQ(serveLines, 10);
+  EXPECT_EQ(serveLines, 16);
   EXPECT_TRUE(log.contains("\"GET /quarvel/download/list/check/mac/\" 200 3"));
   EXPECT_TRUE(log.contains("\"GET /cmmn/download.nis?type=file&filename=link.dat\" 404"));
 }
