@@ -403,10 +403,10 @@ void ListServer::State::watchHeaders() {
     for (auto& [connection, entry] : connections) {
       if (!entry.inHeader || now - entry.since < limits.headerDeadline || entry.fd < 0) continue;
       entry.inHeader = false;
-      ::shutdown(entry.fd, SHUT_RDWR);
-      logf("serve: %s: no complete request header within %lld ms, closed",
+      logf("serve: %s: no complete request header within %lld ms, closing",
            clientAddress(connection).c_str(),
            static_cast<long long>(limits.headerDeadline.count()));
+      ::shutdown(entry.fd, SHUT_RDWR);
     }
   }
 }
@@ -433,6 +433,13 @@ int ListServer::start(const std::string& address, int port) {
   const int listenFd = listenOn(address, port, state.limits.backlog);
   if (listenFd < 0) return -1;
   const ServeLimits& limits = state.limits;
+  // Each thread takes an equal share of the connection limit.
+  const int maxConnections = std::max(1, limits.maxConnections);
+  const int threads = std::clamp(limits.threads, 1, maxConnections);
+  // A pool of one is no pool: the option is left out.
+  MHD_OptionItem pool[] = {
+      {threads > 1 ? MHD_OPTION_THREAD_POOL_SIZE : MHD_OPTION_END, threads, nullptr},
+      {MHD_OPTION_END, 0, nullptr}};
   // The library's threads inherit this mask: a client gone during sendfile
   // raises SIGPIPE on the sending thread, where it stays blocked.
   sigset_t pipe, previous;
@@ -442,9 +449,8 @@ int ListServer::start(const std::string& address, int port) {
   state.daemon = MHD_start_daemon(
       MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_ERROR_LOG, 0, nullptr, nullptr,
       &onRequest, &state, MHD_OPTION_EXTERNAL_LOGGER, &onLibraryMessage, &state,
-      MHD_OPTION_LISTEN_SOCKET, listenFd, MHD_OPTION_THREAD_POOL_SIZE,
-      static_cast<unsigned>(std::max(1, limits.threads)), MHD_OPTION_CONNECTION_LIMIT,
-      static_cast<unsigned>(std::max(1, limits.maxConnections)),
+      MHD_OPTION_LISTEN_SOCKET, listenFd, MHD_OPTION_ARRAY, pool, MHD_OPTION_CONNECTION_LIMIT,
+      static_cast<unsigned>(maxConnections),
       MHD_OPTION_PER_IP_CONNECTION_LIMIT, static_cast<unsigned>(std::max(1, limits.maxPerAddress)),
       MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned>(std::max<long long>(1, limits.idle.count())),
       MHD_OPTION_NOTIFY_CONNECTION, &onConnection, &state, MHD_OPTION_NOTIFY_COMPLETED,
