@@ -474,9 +474,11 @@ int ListServer::start(const std::string& address, int port) {
 void ListServer::stop() {
   State& state = *state_;
   if (!state.daemon) return;
-  // The port closes at once; connections under way go on.
+  // The port closes at once; connections under way go on. The library's
+  // threads may still be taking the socket out of their epoll sets, so it
+  // is only shut down here (which ends the listening) and closed after them.
   const int listenFd = MHD_quiesce_daemon(state.daemon);
-  if (listenFd >= 0) ::close(listenFd);
+  if (listenFd >= 0) ::shutdown(listenFd, SHUT_RDWR);
   const Clock::time_point until = Clock::now() + state.limits.grace;
   size_t open = 0;
   for (;;) {
@@ -496,6 +498,7 @@ void ListServer::stop() {
   state.watcher.join();
   MHD_stop_daemon(state.daemon);
   state.daemon = nullptr;
+  if (listenFd >= 0) ::close(listenFd);
 }
 
 }  // namespace quarvel::cli
