@@ -1,22 +1,30 @@
 #include "ListServer.h"
 
-#include <dirent.h>
-#include <httplib.h>
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <microhttpd.h>
+#include <netdb.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <chrono>
-#include <fstream>
-#include <iterator>
-#include <sstream>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
 
 #include "quarvel/common/Log.h"
 
 namespace quarvel::cli {
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 struct PublicPath {
   std::string_view path;
@@ -33,6 +41,7 @@ constexpr std::array<PublicPath, 5> kPublicPaths{{
 
 constexpr std::string_view kDownloadEndpoint = "/cmmn/download.nis";
 constexpr std::string_view kWindowsPackagePrefix = "/file/keyfile60/";
+constexpr char kNotFound[] = "Not Found\n";
 
 std::optional<std::string> firstParam(const QueryParams& params, const std::string& name) {
   auto it = params.find(name);
@@ -45,35 +54,149 @@ std::optional<std::string> plainName(std::string_view name) {
   return std::string(name);
 }
 
-// The bytes of `name` in `folder` when it is a regular file there (a link
-// does not count, so nothing outside the folder can be reached).
-std::optional<std::string> readPlainFile(const std::string& folder, const std::string& name) {
-  const std::string path = folder + "/" + name;
-  struct stat info {};
-  if (::lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::ostringstream body;
-  body << in.rdbuf();
-  if (in.bad()) return std::nullopt;
-  return body.str();
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
 }
 
-// The local port of socket `fd` when it is a connected (not listening)
-// TCP socket, else -1.
-int connectedLocalPort(int fd) {
+std::string percentDecode(std::string_view text, bool plusIsSpace) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '%' && i + 2 < text.size()) {
+      const int high = hexDigit(text[i + 1]);
+      const int low = hexDigit(text[i + 2]);
+      if (high >= 0 && low >= 0) {
+        out.push_back(static_cast<char>(high * 16 + low));
+        i += 2;
+        continue;
+      }
+    }
+    out.push_back(plusIsSpace && c == '+' ? ' ' : c);
+  }
+  return out;
+}
+
+// The length of the well-formed UTF-8 sequence at the start of `text`
+// (a printable character: C1 controls do not count), or 0.
+size_t utf8SequenceLength(std::string_view text) {
+  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char first = byte(0);
+  size_t length;
+  unsigned low = 0x80, high = 0xbf;  // the range allowed for the second byte
+  if (first >= 0xc2 && first <= 0xdf) {
+    length = 2;
+    if (first == 0xc2) low = 0xa0;  // U+0080..U+009F are control characters
+  } else if (first >= 0xe0 && first <= 0xef) {
+    length = 3;
+    if (first == 0xe0) low = 0xa0;   // overlong
+    if (first == 0xed) high = 0x9f;  // surrogates
+  } else if (first >= 0xf0 && first <= 0xf4) {
+    length = 4;
+    if (first == 0xf0) low = 0x90;   // overlong
+    if (first == 0xf4) high = 0x8f;  // beyond U+10FFFF
+  } else {
+    return 0;
+  }
+  if (text.size() < length || byte(1) < low || byte(1) > high) return 0;
+  for (size_t i = 2; i < length; ++i) {
+    if (byte(i) < 0x80 || byte(i) > 0xbf) return 0;
+  }
+  return length;
+}
+
+std::string clientAddress(MHD_Connection* connection) {
+  const MHD_ConnectionInfo* info =
+      MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+  if (!info || !info->client_addr) return "?";
+  char text[INET6_ADDRSTRLEN] = "?";
+  const sockaddr* address = info->client_addr;
+  if (address->sa_family == AF_INET)
+    ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, text,
+                sizeof text);
+  else if (address->sa_family == AF_INET6)
+    ::inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, text,
+                sizeof text);
+  return text;
+}
+
+// A listening socket on `address`:`port`, non-blocking; -1 when none binds.
+// SO_REUSEADDR only lets a restarted server take the port back from
+// connections lingering in TIME_WAIT; a port another server listens on
+// stays its own.
+int listenOn(const std::string& address, int port, int backlog) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+  addrinfo* found = nullptr;
+  const std::string service = std::to_string(port);
+  if (::getaddrinfo(address.empty() ? nullptr : address.c_str(), service.c_str(), &hints,
+                    &found) != 0)
+    return -1;
+  int fd = -1;
+  for (addrinfo* at = found; at && fd < 0; at = at->ai_next) {
+    fd = ::socket(at->ai_family, at->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, at->ai_protocol);
+    if (fd < 0) continue;
+    int yes = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    if (::bind(fd, at->ai_addr, at->ai_addrlen) != 0 || ::listen(fd, backlog) != 0) {
+      ::close(fd);
+      fd = -1;
+    }
+  }
+  ::freeaddrinfo(found);
+  return fd;
+}
+
+int boundPort(int fd) {
   sockaddr_storage local{};
   socklen_t length = sizeof local;
   if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) != 0) return -1;
-  int listening = 0;
-  socklen_t size = sizeof listening;
-  if (::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) != 0 || listening) return -1;
   if (local.ss_family == AF_INET) return ntohs(reinterpret_cast<sockaddr_in&>(local).sin_port);
   if (local.ss_family == AF_INET6) return ntohs(reinterpret_cast<sockaddr_in6&>(local).sin6_port);
   return -1;
 }
 
+// One request, from its request line to its completion.
+struct Request {
+  std::string target;  // as sent, undecoded
+  std::string method;  // empty until the header is complete
+  unsigned status = 0;
+  std::uint64_t size = 0;
+};
+
 }  // namespace
+
+// What the library's callbacks share with the server object.
+struct ListServer::State {
+  std::string folder;
+  ServeLimits limits;
+  int folderFd = -1;
+  MHD_Daemon* daemon = nullptr;
+  int port = -1;
+
+  // The open connections, for the header deadline and the stop.
+  struct Connection {
+    int fd;
+    Clock::time_point since;  // of the header now awaited
+    bool inHeader = true;
+  };
+  std::mutex mutex;
+  std::condition_variable wake;
+  std::unordered_map<MHD_Connection*, Connection> connections;  // guarded by mutex
+  bool watching = false;                                        // guarded by mutex
+  std::thread watcher;
+
+  void watchHeaders();
+};
+
+ServedFile::~ServedFile() {
+  if (fd_ >= 0) ::close(fd_);
+}
 
 bool isPlainFileName(std::string_view name) {
   if (name.empty() || name == "." || name == "..") return false;
@@ -100,105 +223,282 @@ std::optional<std::string> listFileForRequest(std::string_view path, const Query
   return std::nullopt;
 }
 
-void answerListRequest(const std::string& folder, const httplib::Request& request,
-                       httplib::Response& response) {
-  std::optional<std::string> body;
-  if (auto name = listFileForRequest(request.path, request.params)) {
-    body = readPlainFile(folder, *name);
+RequestTarget parseRequestTarget(std::string_view target) {
+  RequestTarget parsed;
+  const size_t mark = target.find('?');
+  parsed.path = percentDecode(target.substr(0, mark), false);
+  if (mark == std::string_view::npos) return parsed;
+  std::string_view query = target.substr(mark + 1);
+  while (!query.empty()) {
+    const size_t end = query.find('&');
+    const std::string_view pair = query.substr(0, end);
+    query = end == std::string_view::npos ? std::string_view() : query.substr(end + 1);
+    if (pair.empty()) continue;
+    const size_t equals = pair.find('=');
+    std::string value =
+        equals == std::string_view::npos ? std::string() : percentDecode(pair.substr(equals + 1), true);
+    parsed.params.emplace(percentDecode(pair.substr(0, equals), true), std::move(value));
   }
-  if (body) {
-    response.set_content(std::move(*body), "application/octet-stream");
+  return parsed;
+}
+
+std::string escapeForLog(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size();) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    if (c >= 0x20 && c < 0x7f && c != '"' && c != '\\') {
+      out.push_back(static_cast<char>(c));
+      ++i;
+    } else if (size_t length = c >= 0x80 ? utf8SequenceLength(text.substr(i)) : 0) {
+      out.append(text.substr(i, length));
+      i += length;
+    } else {
+      char escaped[5];
+      std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
+      out += escaped;
+      ++i;
+    }
+  }
+  return out;
+}
+
+std::optional<ServedFile> openListFile(int folderFd, std::string_view target) {
+  const RequestTarget parsed = parseRequestTarget(target);
+  const auto name = listFileForRequest(parsed.path, parsed.params);
+  if (!name) return std::nullopt;
+  // O_NONBLOCK: a FIFO put in the folder must not hold the thread.
+  const int fd =
+      ::openat(folderFd, name->c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return std::nullopt;
+  ServedFile file(fd, 0);
+  struct stat info {};
+  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
+  return ServedFile(file.release(), static_cast<std::uint64_t>(info.st_size));
+}
+
+namespace {
+
+using State = ListServer::State;
+
+void onConnection(void* cls, MHD_Connection* connection, void**, MHD_ConnectionNotificationCode code) {
+  auto* state = static_cast<State*>(cls);
+  std::lock_guard lock(state->mutex);
+  if (code == MHD_CONNECTION_NOTIFY_STARTED) {
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    state->connections[connection] = {info ? info->connect_fd : -1, Clock::now(), true};
   } else {
-    response.status = 404;
-    response.set_content("Not Found\n", "text/plain");
+    // Called before the library closes the socket, so the watcher, which
+    // holds the mutex while it shuts one down, never touches a reused one.
+    state->connections.erase(connection);
   }
 }
 
-ListServer::ListServer(std::string folder, ServeLimits limits)
-    : folder_(std::move(folder)), limits_(limits), server_(std::make_unique<httplib::Server>()) {
-  const size_t workers = static_cast<size_t>(std::max(1, limits_.workers));
-  server_->new_task_queue = [workers] { return new httplib::ThreadPool(workers); };
-  // In place of the library's SO_REUSEPORT, which would let a second server
-  // bind a port that is in use and share its connections: SO_REUSEADDR only
-  // lets a restarted server take the port back from connections lingering
-  // in TIME_WAIT. The listening socket is kept to deepen its backlog.
-  server_->set_socket_options([this](int fd) {
-    int yes = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-    listenFd_ = fd;
-  });
-  server_->Get(".*", [this](const httplib::Request& request, httplib::Response& response) {
-    answerListRequest(folder_, request, response);
-  });
-  server_->set_logger([](const httplib::Request& request, const httplib::Response& response) {
-    logf("serve: %s \"%s %s\" %d %zu", request.remote_addr.c_str(), request.method.c_str(),
-         request.target.c_str(), response.status, response.body.size());
-  });
+void* onRequestLine(void*, const char* uri, MHD_Connection*) {
+  auto* request = new Request;
+  request->target = uri ? uri : "";
+  return request;
+}
+
+MHD_Result onRequest(void* cls, MHD_Connection* connection, const char*, const char* method,
+                     const char*, const char*, size_t* uploadSize, void** context) {
+  auto* state = static_cast<State*>(cls);
+  auto* request = static_cast<Request*>(*context);
+  if (!request) return MHD_NO;  // no request line was seen: cannot happen
+  if (request->status != 0) {
+    *uploadSize = 0;  // a body nobody asked for, after the answer was queued
+    return MHD_YES;
+  }
+  {
+    std::lock_guard lock(state->mutex);
+    auto it = state->connections.find(connection);
+    if (it != state->connections.end()) it->second.inHeader = false;
+  }
+  request->method = method ? method : "";
+  const bool get = request->method == "GET" || request->method == "HEAD";
+  std::optional<ServedFile> file =
+      get ? openListFile(state->folderFd, request->target) : std::nullopt;
+  MHD_Response* response = nullptr;
+  if (file) {
+    const std::uint64_t size = file->size();
+    // The library owns the descriptor from here and sends it with sendfile.
+    response = MHD_create_response_from_fd(size, file->fd());
+    if (response) {
+      file->release();
+      request->status = MHD_HTTP_OK;
+      request->size = size;
+      MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "application/octet-stream");
+    }
+  }
+  if (!response) {
+    response = MHD_create_response_from_buffer(sizeof kNotFound - 1, const_cast<char*>(kNotFound),
+                                               MHD_RESPMEM_PERSISTENT);
+    if (!response) return MHD_NO;
+    request->status = MHD_HTTP_NOT_FOUND;
+    request->size = sizeof kNotFound - 1;
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain");
+  }
+  const MHD_Result queued = MHD_queue_response(connection, request->status, response);
+  MHD_destroy_response(response);
+  return queued;
+}
+
+const char* terminationName(MHD_RequestTerminationCode code) {
+  switch (code) {
+    case MHD_REQUEST_TERMINATED_COMPLETED_OK: return "";
+    case MHD_REQUEST_TERMINATED_WITH_ERROR: return " (cut: error)";
+    case MHD_REQUEST_TERMINATED_TIMEOUT_REACHED: return " (cut: idle)";
+    case MHD_REQUEST_TERMINATED_DAEMON_SHUTDOWN: return " (cut: stopping)";
+    case MHD_REQUEST_TERMINATED_READ_ERROR: return " (cut: read error)";
+    case MHD_REQUEST_TERMINATED_CLIENT_ABORT: return " (cut: client gone)";
+  }
+  return " (cut)";
+}
+
+void onCompleted(void* cls, MHD_Connection* connection, void** context,
+                 MHD_RequestTerminationCode code) {
+  auto* state = static_cast<State*>(cls);
+  auto* request = static_cast<Request*>(*context);
+  *context = nullptr;
+  if (!request) return;
+  const std::string client = clientAddress(connection);
+  const std::string target = escapeForLog(request->target);
+  if (request->status != 0) {
+    logf("serve: %s \"%s %s\" %u %llu%s", client.c_str(), escapeForLog(request->method).c_str(),
+         target.c_str(), request->status, static_cast<unsigned long long>(request->size),
+         terminationName(code));
+  } else {
+    logf("serve: %s \"%s\" no answer%s", client.c_str(), target.c_str(), terminationName(code));
+  }
+  delete request;
+  // A kept-alive connection now awaits its next header.
+  std::lock_guard lock(state->mutex);
+  auto it = state->connections.find(connection);
+  if (it != state->connections.end()) it->second = {it->second.fd, Clock::now(), true};
+}
+
+void onLibraryMessage(void*, const char* format, va_list arguments) {
+  char text[512];
+  std::vsnprintf(text, sizeof text, format, arguments);
+  std::string_view line(text);
+  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
+  logf("serve: %s", escapeForLog(line).c_str());
+}
+
+}  // namespace
+
+// Closes connections whose request header is late. The library's own
+// time-out counts silence only, so a header trickling in a line at a time
+// would otherwise hold its connection for as long as the client likes.
+// shutdown() makes the library see the connection end and close it itself.
+void ListServer::State::watchHeaders() {
+  const auto tick = std::clamp<Clock::duration>(limits.headerDeadline / 4,
+                                                std::chrono::milliseconds(10),
+                                                std::chrono::milliseconds(250));
+  std::unique_lock lock(mutex);
+  while (watching) {
+    wake.wait_for(lock, tick);
+    const Clock::time_point now = Clock::now();
+    for (auto& [connection, entry] : connections) {
+      if (!entry.inHeader || now - entry.since < limits.headerDeadline || entry.fd < 0) continue;
+      entry.inHeader = false;
+      logf("serve: %s: no complete request header within %lld ms, closing",
+           clientAddress(connection).c_str(),
+           static_cast<long long>(limits.headerDeadline.count()));
+      ::shutdown(entry.fd, SHUT_RDWR);
+    }
+  }
+}
+
+ListServer::ListServer(std::string folder, ServeLimits limits) : state_(std::make_unique<State>()) {
+  state_->folder = std::move(folder);
+  state_->limits = limits;
 }
 
 ListServer::~ListServer() {
   stop();
-  if (thread_.joinable()) thread_.join();
+  if (state_->folderFd >= 0) ::close(state_->folderFd);
 }
 
 int ListServer::start(const std::string& address, int port) {
-  if (thread_.joinable()) return -1;
-  int bound = -1;
-  if (port == 0)
-    bound = server_->bind_to_any_port(address);
-  else if (server_->bind_to_port(address, port))
-    bound = port;
-  if (bound < 0) return -1;
-  // The library listens with a backlog of 5, which drops connection
-  // attempts (to be retried by the client a second later) as soon as a few
-  // dozen clients connect at once. Listening again only deepens the queue.
-  ::listen(listenFd_, limits_.backlog);
+  State& state = *state_;
+  if (state.daemon) return -1;
+  if (state.folderFd < 0)
+    state.folderFd = ::open(state.folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (state.folderFd < 0) {
+    logf("serve: cannot open %s", escapeForLog(state.folder).c_str());
+    return -1;
+  }
+  const int listenFd = listenOn(address, port, state.limits.backlog);
+  if (listenFd < 0) return -1;
+  const ServeLimits& limits = state.limits;
+  // Each thread takes an equal share of the connection limit.
+  const int maxConnections = std::max(1, limits.maxConnections);
+  const int threads = std::clamp(limits.threads, 1, maxConnections);
+  // A pool of one is no pool: the option is left out.
+  MHD_OptionItem pool[] = {
+      {threads > 1 ? MHD_OPTION_THREAD_POOL_SIZE : MHD_OPTION_END, threads, nullptr},
+      {MHD_OPTION_END, 0, nullptr}};
+  // The library's threads inherit this mask: a client gone during sendfile
+  // raises SIGPIPE on the sending thread, where it stays blocked.
+  sigset_t pipe, previous;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, &previous);
+  state.daemon = MHD_start_daemon(
+      MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_ERROR_LOG, 0, nullptr, nullptr,
+      &onRequest, &state, MHD_OPTION_EXTERNAL_LOGGER, &onLibraryMessage, &state,
+      MHD_OPTION_LISTEN_SOCKET, listenFd, MHD_OPTION_ARRAY, pool, MHD_OPTION_CONNECTION_LIMIT,
+      static_cast<unsigned>(maxConnections),
+      MHD_OPTION_PER_IP_CONNECTION_LIMIT, static_cast<unsigned>(std::max(1, limits.maxPerAddress)),
+      MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned>(std::max<long long>(1, limits.idle.count())),
+      MHD_OPTION_NOTIFY_CONNECTION, &onConnection, &state, MHD_OPTION_NOTIFY_COMPLETED,
+      &onCompleted, &state, MHD_OPTION_URI_LOG_CALLBACK, &onRequestLine, &state,
+      MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1,
+      MHD_OPTION_END);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  if (!state.daemon) {
+    ::close(listenFd);
+    return -1;
+  }
+  state.port = boundPort(listenFd);
   {
-    std::lock_guard lock(mutex_);
-    port_ = bound;
-    serving_ = true;
+    std::lock_guard lock(state.mutex);
+    state.watching = true;
   }
-  thread_ = std::thread([this] {
-    server_->listen_after_bind();
-    std::lock_guard lock(mutex_);
-    serving_ = false;
-    stopped_.notify_all();
-  });
-  // The socket already accepts connections; waiting until the loop runs
-  // makes a stop() that follows at once effective.
-  for (int i = 0; i < 500 && !server_->is_running(); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return bound;
+  state.watcher = std::thread([&state] { state.watchHeaders(); });
+  return state.port;
 }
 
 void ListServer::stop() {
-  server_->stop();
-  std::unique_lock lock(mutex_);
-  auto done = [this] { return !serving_; };
-  if (stopped_.wait_for(lock, limits_.grace, done)) return;
-  // A client that sends nothing, or its request a byte at a time, would hold
-  // its worker, and so the stop, until it gave up.
-  do {
-    cutConnections();
-  } while (!stopped_.wait_for(lock, std::chrono::milliseconds(100), done));
-}
-
-// The library does not hand out the connections it accepted, so they are
-// found among the process's descriptors: connected sockets on the server's
-// port. shutdown() wakes a worker waiting on one at once, and leaves closing
-// it to the worker. Called with mutex_ held.
-void ListServer::cutConnections() const {
-  DIR* fds = ::opendir("/proc/self/fd");
-  if (!fds) return;
-  int cut = 0;
-  while (dirent* entry = ::readdir(fds)) {
-    const int fd = std::atoi(entry->d_name);
-    if (entry->d_name[0] == '.' || fd == ::dirfd(fds)) continue;
-    if (connectedLocalPort(fd) == port_ && ::shutdown(fd, SHUT_RDWR) == 0) ++cut;
+  State& state = *state_;
+  if (!state.daemon) return;
+  // The port closes at once; connections under way go on. The library's
+  // threads may still be taking the socket out of their epoll sets, so it
+  // is only shut down here (which ends the listening) and closed after them.
+  const int listenFd = MHD_quiesce_daemon(state.daemon);
+  if (listenFd >= 0) ::shutdown(listenFd, SHUT_RDWR);
+  const Clock::time_point until = Clock::now() + state.limits.grace;
+  size_t open = 0;
+  for (;;) {
+    {
+      std::lock_guard lock(state.mutex);
+      open = state.connections.size();
+    }
+    if (open == 0 || Clock::now() >= until) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  ::closedir(fds);
-  if (cut > 0) logf("serve: stopping, cut %d connection%s still open", cut, cut == 1 ? "" : "s");
+  if (open > 0) logf("serve: stopping, cut %zu connection%s still open", open, open == 1 ? "" : "s");
+  {
+    std::lock_guard lock(state.mutex);
+    state.watching = false;
+  }
+  state.wake.notify_all();
+  state.watcher.join();
+  MHD_stop_daemon(state.daemon);
+  state.daemon = nullptr;
+  if (listenFd >= 0) ::close(listenFd);
 }
 
 }  // namespace quarvel::cli

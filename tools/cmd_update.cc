@@ -93,6 +93,8 @@ void addServe(CLI::App& app) {
     std::string folder;
     int port = 8080;
     std::string bind = "127.0.0.1";
+    ServeLimits limits;
+    int headerSeconds = 10;
   };
   auto args = std::make_shared<Args>();
   cmd->add_option("DIR", args->folder, "Folder whose plain files are served")
@@ -102,6 +104,18 @@ void addServe(CLI::App& app) {
       ->capture_default_str()
       ->check(CLI::Range(0, 65535));
   cmd->add_option("--bind", args->bind, "Address to listen on")->capture_default_str();
+  cmd->add_option("--max-connections", args->limits.maxConnections,
+                  "Connections held at once; more wait in the kernel's queue")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 100000));
+  cmd->add_option("--max-per-address", args->limits.maxPerAddress,
+                  "Connections held at once from one client address; more are closed")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 100000));
+  cmd->add_option("--header-timeout", args->headerSeconds,
+                  "Seconds a client has to send a whole request header")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 3600));
   cmd->callback([args] {
     // The signals are taken by sigwait on this thread; every other thread,
     // the server's included, inherits the blocked mask.
@@ -111,7 +125,8 @@ void addServe(CLI::App& app) {
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-    ListServer server(args->folder);
+    args->limits.headerDeadline = std::chrono::seconds(args->headerSeconds);
+    ListServer server(args->folder, args->limits);
     int port = server.start(args->bind, args->port);
     if (port < 0) {
       std::cerr << "quarvel serve: cannot listen on " << args->bind << ":" << args->port << "\n";

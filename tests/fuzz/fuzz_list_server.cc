@@ -1,13 +1,16 @@
-// Feeds arbitrary bytes, as the requests of one connection, through the HTTP
-// server's own request parsing into the list server's answer, over a folder
-// that holds plain files, a link to a file outside it and a subfolder.
-// Checks that a file is served exactly when the routing names a regular
-// file lying directly in the folder, and that nothing else is ever served.
+// Feeds arbitrary bytes, as a raw request target, through the list server's
+// decoding and routing to the file it opens, over a folder that holds plain
+// files, a link to a file outside it, a FIFO and a subfolder. Checks that a
+// file is opened exactly when the routing names a regular file lying
+// directly in the folder, that it is that file, and that the target's log
+// form holds no control character, quote or malformed UTF-8.
 
-#include <httplib.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -41,6 +44,7 @@ struct Folder {
                                            {"macpcklist.dat", "package list"},
                                            {"package.dat", "windows package"},
                                            {"a b%.dat", "odd name"}};
+  int fd = -1;
 
   Folder() {
     fs::remove_all(root);
@@ -49,6 +53,8 @@ struct Folder {
     writeFile(root / "outside.dat", "outside the folder");
     writeFile(served / "sub" / "inner.dat", "inside a subfolder");
     fs::create_symlink("../outside.dat", served / "link.dat");
+    ::mkfifo((served / "fifo").c_str(), 0600);
+    fd = ::open(served.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     std::atexit([] { fs::remove_all(folder().root); });
   }
 
@@ -58,64 +64,52 @@ struct Folder {
   }
 };
 
-// One connection's bytes: read from the input, answers thrown away.
-class InputStream final : public httplib::Stream {
- public:
-  InputStream(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
-  bool is_readable() const override { return true; }
-  bool is_writable() const override { return true; }
-  ssize_t read(char* ptr, std::size_t size) override {
-    const std::size_t n = std::min(size, size_ - at_);
-    std::copy_n(data_ + at_, n, ptr);
-    at_ += n;
-    return static_cast<ssize_t>(n);
+// Well-formed UTF-8 without control characters, DEL or '"', in which every
+// '\' starts an escape \xHH.
+bool quotable(const std::string& text) {
+  for (size_t i = 0; i < text.size();) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c == '\\') {
+      if (text.compare(i, 2, "\\x") != 0 || i + 4 > text.size() ||
+          !std::isxdigit(static_cast<unsigned char>(text[i + 2])) ||
+          !std::isxdigit(static_cast<unsigned char>(text[i + 3])))
+        return false;
+      i += 4;
+      continue;
+    }
+    if (c < 0x80) {
+      if (c < 0x20 || c == 0x7f || c == '"' || c == '\\') return false;
+      ++i;
+      continue;
+    }
+    const size_t length = c >= 0xf0 ? 4 : c >= 0xe0 ? 3 : c >= 0xc2 ? 2 : 0;
+    if (length == 0 || i + length > text.size()) return false;
+    for (size_t j = 1; j < length; ++j) {
+      if ((static_cast<unsigned char>(text[i + j]) & 0xc0) != 0x80) return false;
+    }
+    i += length;
   }
-  ssize_t write(const char*, std::size_t size) override { return static_cast<ssize_t>(size); }
-  void get_remote_ip_and_port(std::string& ip, int& port) const override {
-    ip = "127.0.0.1";
-    port = 40000;
-  }
-  void get_local_ip_and_port(std::string& ip, int& port) const override {
-    ip = "127.0.0.1";
-    port = 8080;
-  }
-  socket_t socket() const override { return 0; }
-  bool atEnd() const { return at_ == size_; }
-
- private:
-  const std::uint8_t* data_;
-  std::size_t size_;
-  std::size_t at_ = 0;
-};
-
-// A server whose requests come from a stream rather than a socket.
-class StreamServer final : public httplib::Server {
- public:
-  StreamServer() {
-    Get(".*", [](const httplib::Request& request, httplib::Response& response) {
-      const Folder& folder = Folder::folder();
-      quarvel::cli::answerListRequest(folder.served.string(), request, response);
-      const auto name = quarvel::cli::listFileForRequest(request.path, request.params);
-      const auto file = name ? folder.files.find(*name) : folder.files.end();
-      const bool served = response.status != 404;
-      if (served != (file != folder.files.end()))
-        fail("served other than a plain file", request.path);
-      if (served && response.body != file->second) fail("served the wrong bytes", request.path);
-    });
-  }
-  bool serve(InputStream& stream) {
-    bool closed = false;
-    return process_request(stream, false, closed, nullptr) && !closed;
-  }
-};
+  return true;
+}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static StreamServer* server = new StreamServer();
-  InputStream stream(data, size);
-  // A few requests on one connection, as a client keeping it alive would.
-  for (int i = 0; i < 4 && !stream.atEnd() && server->serve(stream); ++i) {
+  const Folder& folder = Folder::folder();
+  const std::string target(reinterpret_cast<const char*>(data), size);
+  const auto parsed = quarvel::cli::parseRequestTarget(target);
+  const auto name = quarvel::cli::listFileForRequest(parsed.path, parsed.params);
+  const auto expected = name ? folder.files.find(*name) : folder.files.end();
+  const auto file = quarvel::cli::openListFile(folder.fd, target);
+  if (file.has_value() != (expected != folder.files.end()))
+    fail("opened other than a plain file", parsed.path);
+  if (file) {
+    std::string bytes(file->size(), '\0');
+    if (file->size() != expected->second.size() ||
+        ::pread(file->fd(), bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()) ||
+        bytes != expected->second)
+      fail("opened the wrong file", parsed.path);
   }
+  if (!quotable(quarvel::cli::escapeForLog(target))) fail("left unquotable bytes", parsed.path);
   return 0;
 }
