@@ -59,6 +59,12 @@ const FileRow kFileTable[] = {
 };
 constexpr std::int64_t kFileTableSize = sizeof(kFileTable) / sizeof(kFileTable[0]);
 
+// Where file `index` of the table is kept; "" outside the table.
+std::string localPathOf(const CVUserDefaults& settings, std::int64_t index) {
+  if (index < 0 || index >= kFileTableSize) return "";
+  return (settings.*kFileTable[index].localPath)().value_or("");
+}
+
 constexpr const char* kWebKeyFileQuery = "/cmmn/download.nis?type=keyfile&filename=";
 constexpr const char* kFileServerQuery = "/cmmn/download.nis?type=file&filename=";
 
@@ -328,6 +334,8 @@ void UpdateRun::updateKeyFile() {
   std::optional<DownloadError> failure;
   for (std::int64_t index = 1; index <= 5; ++index) {
     if (!bRun_.load()) return stopCancelled();
+    // Once per file, not per attempt: a scan of the folder each time.
+    removeOldRunTemporaries(localPathOf(*settings, index));
     for (int attempt = 1; attempt <= 5; ++attempt) {
       std::optional<DownloadError> error = downloadKeyFile(index);
       if (!error) break;
@@ -361,7 +369,7 @@ std::optional<DownloadError> UpdateRun::downloadKeyFile(std::int64_t index) {
   CVUserDefaults* settings = CVUserDefaults::standardUserDefaultsWithisLiteVer(_isListVersion);
   const bool inTable = index >= 0 && index < kFileTableSize;
   const FileRow* row = inTable ? &kFileTable[index] : nullptr;
-  const std::string localPath = row ? (settings->*row->localPath)().value_or("") : "";
+  const std::string localPath = localPathOf(*settings, index);
 
   std::string url;
   if (row && row->webFileName) {
@@ -383,7 +391,6 @@ std::optional<DownloadError> UpdateRun::downloadKeyFile(std::int64_t index) {
   }
   if (url.empty()) url = options_.fileServer + kFileServerQuery + lastPathComponent(localPath);
 
-  removeOldRunTemporaries(localPath);
   view_->setBytesReceived(0);
   if (auto error = httpGet(url, localPath, options_.dataFileTimeout, options_.transferLimit,
                            options_.maxFileBytes, view_.get()))
