@@ -290,16 +290,24 @@ int FileReplacement::State::createTemporary(const std::string& prefix, mode_t mo
       if (errno == EEXIST) continue;
       return errno;
     }
+    // A file system without locks still takes the write; its stale
+    // temporaries then stay, as no scan can tell them from live ones.
+    const bool locked = ::flock(fd, LOCK_EX | LOCK_NB) == 0 || errno == ENOLCK ||
+                        errno == EOPNOTSUPP || errno == ENOSYS;
+    error = errno;
     struct stat held {};
     struct stat named {};
-    if (::flock(fd, LOCK_EX | LOCK_NB) == 0 && ::fstat(fd, &held) == 0 &&
-        ::fstatat(folderFd, candidate.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-        sameFile(held, named)) {
+    const bool stillNamed = ::fstat(fd, &held) == 0 &&
+                            ::fstatat(folderFd, candidate.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+                            sameFile(held, named);
+    if (locked && stillNamed) {
       tempFd = fd;
       tempName = std::move(candidate);
       return 0;
     }
-    error = errno ? errno : EEXIST;
+    // Not usable: never leave it behind under its name.
+    if (stillNamed) ::unlinkat(folderFd, candidate.c_str(), 0);
+    if (locked || error == 0) error = EEXIST;
     ::close(fd);
   }
   return error;
