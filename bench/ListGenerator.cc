@@ -3,7 +3,7 @@
 #include <array>
 #include <random>
 
-#include "quarvel/datafiles/FileCheckList.h"
+#include "quarvel/FileCheckList.h"
 
 namespace quarvel::bench {
 

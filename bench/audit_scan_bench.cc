@@ -19,9 +19,9 @@
 #include <string>
 
 #include "audit/Auditor.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/datafiles/FileCheckList.h"
-#include "quarvel/datafiles/FileFontList.h"
+#include "common/StringUtil.h"
+#include "quarvel/FileCheckList.h"
+#include "quarvel/FileFontList.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <random>
 #include <vector>
 
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/datafiles/LineReader.h"
+#include "quarvel/CommonLib.h"
+#include "datafiles/LineReader.h"
 
 namespace {
 

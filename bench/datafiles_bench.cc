@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "ListGenerator.h"
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/datafiles/FileCheckList.h"
-#include "quarvel/datafiles/MacKorean.h"
+#include "quarvel/CommonLib.h"
+#include "quarvel/FileCheckList.h"
+#include "datafiles/MacKorean.h"
 
 namespace {
 

@@ -27,9 +27,9 @@
 #include <string>
 #include <vector>
 
-#include "quarvel/common/Log.h"
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/update/UpdateRun.h"
+#include "common/Log.h"
+#include "quarvel/CVUserDefaults.h"
+#include "quarvel/UpdateRun.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/RecordingUpdateView.h"
 #include "support/SettingsSandbox.h"

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "../tests/common/FoldingReference.h"
-#include "quarvel/common/CommonLib.h"
+#include "quarvel/CommonLib.h"
 
 namespace {
 

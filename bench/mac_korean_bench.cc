@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "quarvel/datafiles/MacKorean.h"
+#include "datafiles/MacKorean.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <random>
 
-#include "quarvel/tables/TableMulti.h"
+#include "quarvel/TableMulti.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <ostream>
 #include <vector>
 
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/common/FileReplacement.h"
-#include "quarvel/datafiles/LineReader.h"
-#include "quarvel/datafiles/MacKorean.h"
+#include "quarvel/CommonLib.h"
+#include "common/FileReplacement.h"
+#include "datafiles/LineReader.h"
+#include "datafiles/MacKorean.h"
 
 namespace quarvel::cli {
 namespace {

@@ -15,13 +15,13 @@
 #include <set>
 
 #include "DataFileTool.h"
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/datafiles/DataFileFormat.h"
-#include "quarvel/datafiles/FileCheckList.h"
-#include "quarvel/datafiles/FileFilter.h"
-#include "quarvel/datafiles/LookupIndex.h"
-#include "quarvel/datafiles/MacKorean.h"
+#include "quarvel/CommonLib.h"
+#include "common/StringUtil.h"
+#include "datafiles/DataFileFormat.h"
+#include "quarvel/FileCheckList.h"
+#include "quarvel/FileFilter.h"
+#include "quarvel/LookupIndex.h"
+#include "datafiles/MacKorean.h"
 
 namespace quarvel::cli {
 

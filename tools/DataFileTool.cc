@@ -9,13 +9,13 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/datafiles/DataFileFormat.h"
-#include "quarvel/datafiles/FileCheckList.h"
-#include "quarvel/datafiles/FileFilter.h"
-#include "quarvel/datafiles/FileFontList.h"
-#include "quarvel/datafiles/FilePackage.h"
+#include "quarvel/CommonLib.h"
+#include "common/StringUtil.h"
+#include "datafiles/DataFileFormat.h"
+#include "quarvel/FileCheckList.h"
+#include "quarvel/FileFilter.h"
+#include "quarvel/FileFontList.h"
+#include "quarvel/FilePackage.h"
 
 namespace quarvel::cli {
 

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "quarvel/datafiles/FileFramework.h"
+#include "quarvel/FileFramework.h"
 
 namespace quarvel::cli {
 

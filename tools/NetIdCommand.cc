@@ -6,8 +6,8 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/settings/HttpRequest.h"
+#include "quarvel/CVUserDefaults.h"
+#include "settings/HttpRequest.h"
 
 namespace quarvel::cli {
 

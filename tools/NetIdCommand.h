@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "quarvel/settings/NetworkIdentity.h"
-#include "quarvel/settings/NetworkSources.h"
+#include "settings/NetworkIdentity.h"
+#include "settings/NetworkSources.h"
 
 namespace quarvel::cli {
 

@@ -7,7 +7,7 @@
 
 #include <ostream>
 
-#include "quarvel/update/NotificationCenter.h"
+#include "quarvel/NotificationCenter.h"
 
 namespace quarvel::cli {
 

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "quarvel/update/Reachability.h"
+#include "quarvel/Reachability.h"
 
 namespace quarvel::cli {
 

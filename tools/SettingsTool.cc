@@ -7,9 +7,9 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/settings/HostEnvironment.h"
-#include "quarvel/settings/WorkFolders.h"
+#include "common/StringUtil.h"
+#include "settings/HostEnvironment.h"
+#include "settings/WorkFolders.h"
 
 namespace quarvel::cli {
 

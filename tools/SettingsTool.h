@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/settings/PlistValue.h"
+#include "quarvel/CVUserDefaults.h"
+#include "quarvel/PlistValue.h"
 
 namespace quarvel::cli {
 

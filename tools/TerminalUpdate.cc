@@ -6,8 +6,8 @@
 #include <memory>
 #include <mutex>
 
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/settings/CVUserDefaults.h"
+#include "common/StringUtil.h"
+#include "quarvel/CVUserDefaults.h"
 
 namespace quarvel::cli {
 namespace {

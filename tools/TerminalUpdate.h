@@ -9,7 +9,7 @@
 #include <ostream>
 #include <string>
 
-#include "quarvel/update/UpdateRun.h"
+#include "quarvel/UpdateRun.h"
 
 namespace quarvel::cli {
 

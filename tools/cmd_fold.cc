@@ -8,7 +8,7 @@
 #include <string>
 
 #include "Commands.h"
-#include "quarvel/common/CommonLib.h"
+#include "quarvel/CommonLib.h"
 
 namespace quarvel::cli {
 

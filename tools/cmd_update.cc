@@ -11,18 +11,20 @@
 #include <iostream>
 
 #include "Commands.h"
-#include "ListServer.h"
+#include "server/ListServer.h"
 #include "TerminalUpdate.h"
 
 #ifdef QUARVEL_HAVE_GUI
 #include <QApplication>
 
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/update/UpdateWindowController.h"
+#include "quarvel/CVUserDefaults.h"
+#include "quarvel/UpdateWindowController.h"
 #endif
 
 namespace quarvel::cli {
 namespace {
+using server::ListServer;
+using server::ServeLimits;
 
 std::atomic<bool> interruptRequested{false};
 static_assert(std::atomic<bool>::is_always_lock_free);

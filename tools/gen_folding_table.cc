@@ -26,7 +26,7 @@
 #include <string>
 #include <vector>
 
-#include "quarvel/common/detail/FoldingRows.h"
+#include "common/detail/FoldingRows.h"
 
 namespace {
 

@@ -13,8 +13,8 @@
 #include <sstream>
 #include <string>
 
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/common/detail/CommonLibDetail.h"
+#include "quarvel/CommonLib.h"
+#include "common/detail/CommonLibDetail.h"
 
 namespace quarvel {
 namespace detail {

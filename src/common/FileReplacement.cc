@@ -1,4 +1,4 @@
-#include "quarvel/common/FileReplacement.h"
+#include "common/FileReplacement.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -18,7 +18,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "quarvel/common/Log.h"
+#include "common/Log.h"
 
 namespace quarvel {
 namespace {

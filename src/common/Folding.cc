@@ -25,7 +25,7 @@
 #include <string>
 #include <string_view>
 
-#include "quarvel/common/CommonLib.h"
+#include "quarvel/CommonLib.h"
 
 namespace quarvel {
 namespace {

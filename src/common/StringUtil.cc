@@ -1,4 +1,4 @@
-#include "quarvel/common/StringUtil.h"
+#include "common/StringUtil.h"
 
 #include <unicode/ustring.h>
 #include <unicode/utf8.h>

@@ -1,4 +1,4 @@
-#include "quarvel/common/TextCompare.h"
+#include "common/TextCompare.h"
 
 #include <unicode/uchar.h>
 #include <unicode/ustring.h>
@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "quarvel/common/StringUtil.h"
+#include "common/StringUtil.h"
 
 namespace quarvel {
 namespace {

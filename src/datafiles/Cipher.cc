@@ -14,11 +14,11 @@
 #include <cstring>
 #include <memory>
 
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/common/Log.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/datafiles/LineReader.h"
-#include "quarvel/datafiles/MacKorean.h"
+#include "quarvel/CommonLib.h"
+#include "common/Log.h"
+#include "common/StringUtil.h"
+#include "datafiles/LineReader.h"
+#include "datafiles/MacKorean.h"
 
 namespace quarvel {
 namespace {

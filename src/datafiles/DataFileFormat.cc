@@ -1,10 +1,10 @@
-#include "quarvel/datafiles/DataFileFormat.h"
+#include "datafiles/DataFileFormat.h"
 
 #include <optional>
 #include <string>
 
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/datafiles/MacKorean.h"
+#include "quarvel/CommonLib.h"
+#include "datafiles/MacKorean.h"
 
 namespace quarvel::datafile {
 

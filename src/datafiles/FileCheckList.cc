@@ -1,9 +1,9 @@
-#include "quarvel/datafiles/FileCheckList.h"
+#include "quarvel/FileCheckList.h"
 
 #include <algorithm>
 
-#include "quarvel/common/Log.h"
-#include "quarvel/datafiles/DataFileFormat.h"
+#include "common/Log.h"
+#include "datafiles/DataFileFormat.h"
 
 namespace quarvel {
 

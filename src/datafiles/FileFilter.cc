@@ -1,6 +1,6 @@
-#include "quarvel/datafiles/FileFilter.h"
+#include "quarvel/FileFilter.h"
 
-#include "quarvel/datafiles/DataFileFormat.h"
+#include "datafiles/DataFileFormat.h"
 
 namespace quarvel {
 

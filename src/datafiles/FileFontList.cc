@@ -1,6 +1,6 @@
-#include "quarvel/datafiles/FileFontList.h"
+#include "quarvel/FileFontList.h"
 
-#include "quarvel/datafiles/DataFileFormat.h"
+#include "datafiles/DataFileFormat.h"
 
 namespace quarvel {
 

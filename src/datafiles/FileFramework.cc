@@ -1,4 +1,4 @@
-#include "quarvel/datafiles/FileFramework.h"
+#include "quarvel/FileFramework.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,13 +10,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/common/FileReplacement.h"
-#include "quarvel/common/Log.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/datafiles/DataFileFormat.h"
-#include "quarvel/datafiles/MacKorean.h"
-#include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/CommonLib.h"
+#include "common/FileReplacement.h"
+#include "common/Log.h"
+#include "common/StringUtil.h"
+#include "datafiles/DataFileFormat.h"
+#include "datafiles/MacKorean.h"
+#include "quarvel/CVUserDefaults.h"
 
 namespace quarvel {
 

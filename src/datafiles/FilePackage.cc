@@ -1,8 +1,8 @@
-#include "quarvel/datafiles/FilePackage.h"
+#include "quarvel/FilePackage.h"
 
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/datafiles/DataFileFormat.h"
+#include "quarvel/CommonLib.h"
+#include "common/StringUtil.h"
+#include "datafiles/DataFileFormat.h"
 
 namespace quarvel {
 

@@ -1,11 +1,11 @@
-#include "quarvel/datafiles/LookupIndex.h"
+#include "quarvel/LookupIndex.h"
 
 #include <climits>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 
-#include "quarvel/common/StringUtil.h"
+#include "common/StringUtil.h"
 
 namespace quarvel {
 

@@ -1,4 +1,4 @@
-#include "quarvel/datafiles/MacKorean.h"
+#include "datafiles/MacKorean.h"
 
 #include <algorithm>
 #include <array>

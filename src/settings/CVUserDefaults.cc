@@ -1,6 +1,6 @@
 // The settings store: the shared instance, its start-up sequence, the key
 // access on defaultsDic and the domain file behind it.
-#include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/CVUserDefaults.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -15,12 +15,12 @@
 #include <sstream>
 #include <system_error>
 
-#include "quarvel/common/FileReplacement.h"
-#include "quarvel/common/Log.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/settings/HostEnvironment.h"
-#include "quarvel/settings/PropertyList.h"
-#include "quarvel/settings/WorkFolders.h"
+#include "common/FileReplacement.h"
+#include "common/Log.h"
+#include "common/StringUtil.h"
+#include "settings/HostEnvironment.h"
+#include "settings/PropertyList.h"
+#include "settings/WorkFolders.h"
 
 namespace quarvel {
 

@@ -6,10 +6,10 @@
 #include <thread>
 #include <vector>
 
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/settings/HttpRequest.h"
-#include "quarvel/settings/NetworkIdentity.h"
-#include "quarvel/settings/NetworkSources.h"
+#include "quarvel/CVUserDefaults.h"
+#include "settings/HttpRequest.h"
+#include "settings/NetworkIdentity.h"
+#include "settings/NetworkSources.h"
 
 namespace quarvel {
 

@@ -4,9 +4,9 @@
 #include <filesystem>
 #include <system_error>
 
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/settings/WorkFolders.h"
+#include "common/StringUtil.h"
+#include "quarvel/CVUserDefaults.h"
+#include "settings/WorkFolders.h"
 
 namespace quarvel {
 

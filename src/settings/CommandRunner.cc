@@ -1,4 +1,4 @@
-#include "quarvel/settings/CommandRunner.h"
+#include "settings/CommandRunner.h"
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -9,9 +9,9 @@
 #include <cstring>
 #include <thread>
 
-#include "quarvel/common/Log.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/settings/CVUserDefaults.h"
+#include "common/Log.h"
+#include "common/StringUtil.h"
+#include "quarvel/CVUserDefaults.h"
 
 extern char** environ;
 

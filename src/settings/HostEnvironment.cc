@@ -1,4 +1,4 @@
-#include "quarvel/settings/HostEnvironment.h"
+#include "settings/HostEnvironment.h"
 
 #include <pwd.h>
 #include <sys/stat.h>
@@ -11,8 +11,8 @@
 #include <system_error>
 #include <vector>
 
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/settings/MountTable.h"
+#include "common/StringUtil.h"
+#include "settings/MountTable.h"
 
 namespace quarvel {
 

@@ -1,6 +1,6 @@
 // HTTP requests for the settings object, run by one network thread of the
 // library's own that drives a libcurl multi handle.
-#include "quarvel/settings/HttpRequest.h"
+#include "settings/HttpRequest.h"
 
 #include <curl/curl.h>
 
@@ -12,9 +12,9 @@
 #include <thread>
 #include <vector>
 
-#include "quarvel/common/Log.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/settings/CVUserDefaults.h"
+#include "common/Log.h"
+#include "common/StringUtil.h"
+#include "quarvel/CVUserDefaults.h"
 
 namespace quarvel {
 

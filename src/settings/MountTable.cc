@@ -1,11 +1,11 @@
-#include "quarvel/settings/MountTable.h"
+#include "settings/MountTable.h"
 
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <system_error>
 
-#include "quarvel/common/StringUtil.h"
+#include "common/StringUtil.h"
 
 namespace quarvel {
 

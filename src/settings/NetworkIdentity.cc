@@ -1,8 +1,8 @@
-#include "quarvel/settings/NetworkIdentity.h"
+#include "settings/NetworkIdentity.h"
 
 #include <algorithm>
 
-#include "quarvel/common/StringUtil.h"
+#include "common/StringUtil.h"
 
 namespace quarvel {
 

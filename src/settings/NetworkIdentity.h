@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "quarvel/settings/NetworkSources.h"
+#include "settings/NetworkSources.h"
 
 namespace quarvel {
 

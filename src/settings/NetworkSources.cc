@@ -1,4 +1,4 @@
-#include "quarvel/settings/NetworkSources.h"
+#include "settings/NetworkSources.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -11,8 +11,8 @@
 #include <cstring>
 #include <thread>
 
-#include "quarvel/common/Log.h"
-#include "quarvel/settings/SysfsServices.h"
+#include "common/Log.h"
+#include "settings/SysfsServices.h"
 
 namespace quarvel {
 

@@ -1,4 +1,4 @@
-#include "quarvel/settings/PropertyList.h"
+#include "settings/PropertyList.h"
 
 #include <algorithm>
 #include <cmath>
@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "quarvel/common/Log.h"
-#include "quarvel/settings/PropertyListCodec.h"
+#include "common/Log.h"
+#include "settings/PropertyListCodec.h"
 
 namespace quarvel {
 

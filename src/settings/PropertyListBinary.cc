@@ -8,8 +8,8 @@
 #include <cstring>
 #include <vector>
 
-#include "quarvel/settings/PropertyList.h"
-#include "quarvel/settings/PropertyListCodec.h"
+#include "settings/PropertyList.h"
+#include "settings/PropertyListCodec.h"
 
 namespace quarvel {
 

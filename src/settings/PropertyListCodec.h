@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "quarvel/settings/PlistValue.h"
+#include "quarvel/PlistValue.h"
 
 namespace quarvel::plist_codec {
 

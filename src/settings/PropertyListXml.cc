@@ -10,8 +10,8 @@
 #include <memory>
 #include <vector>
 
-#include "quarvel/settings/PropertyList.h"
-#include "quarvel/settings/PropertyListCodec.h"
+#include "settings/PropertyList.h"
+#include "settings/PropertyListCodec.h"
 
 namespace quarvel {
 

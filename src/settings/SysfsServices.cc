@@ -1,4 +1,4 @@
-#include "quarvel/settings/SysfsServices.h"
+#include "settings/SysfsServices.h"
 
 #include <net/if.h>
 #include <net/if_arp.h>
@@ -10,7 +10,7 @@
 #include <sstream>
 #include <system_error>
 
-#include "quarvel/common/StringUtil.h"
+#include "common/StringUtil.h"
 
 namespace quarvel {
 

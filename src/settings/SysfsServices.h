@@ -29,7 +29,7 @@
 #include <string_view>
 #include <vector>
 
-#include "quarvel/settings/NetworkSources.h"
+#include "settings/NetworkSources.h"
 
 namespace quarvel {
 

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "quarvel/settings/HostEnvironment.h"
+#include "settings/HostEnvironment.h"
 
 namespace quarvel {
 

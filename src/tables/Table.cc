@@ -1,4 +1,4 @@
-#include "quarvel/tables/Table.h"
+#include "quarvel/Table.h"
 
 namespace quarvel {
 

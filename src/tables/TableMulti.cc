@@ -1,11 +1,11 @@
-#include "quarvel/tables/TableMulti.h"
+#include "quarvel/TableMulti.h"
 
 #include <algorithm>
 #include <stdexcept>
 
-#include "quarvel/common/Log.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/common/TextCompare.h"
+#include "common/Log.h"
+#include "common/StringUtil.h"
+#include "common/TextCompare.h"
 
 namespace quarvel {
 namespace {

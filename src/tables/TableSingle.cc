@@ -1,6 +1,6 @@
-#include "quarvel/tables/TableSingle.h"
+#include "quarvel/TableSingle.h"
 
-#include "quarvel/common/StringUtil.h"
+#include "common/StringUtil.h"
 
 namespace quarvel {
 namespace {

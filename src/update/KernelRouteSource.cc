@@ -1,4 +1,4 @@
-#include "quarvel/update/KernelRouteSource.h"
+#include "update/KernelRouteSource.h"
 
 #include <arpa/inet.h>
 #include <net/if.h>
@@ -16,7 +16,7 @@
 #include <fstream>
 #include <string_view>
 
-#include "quarvel/update/RouteMessages.h"
+#include "update/RouteMessages.h"
 
 namespace quarvel {
 

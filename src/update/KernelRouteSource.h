@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "quarvel/update/RouteSource.h"
+#include "update/RouteSource.h"
 
 namespace quarvel {
 

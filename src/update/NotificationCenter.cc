@@ -1,4 +1,4 @@
-#include "quarvel/update/NotificationCenter.h"
+#include "quarvel/NotificationCenter.h"
 
 #include <algorithm>
 

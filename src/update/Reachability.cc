@@ -1,4 +1,4 @@
-#include "quarvel/update/Reachability.h"
+#include "quarvel/Reachability.h"
 
 #include <arpa/inet.h>
 #include <glib-unix.h>
@@ -7,9 +7,9 @@
 #include <cstring>
 #include <string_view>
 
-#include "quarvel/common/Log.h"
-#include "quarvel/update/NotificationCenter.h"
-#include "quarvel/update/RouteSource.h"
+#include "common/Log.h"
+#include "quarvel/NotificationCenter.h"
+#include "update/RouteSource.h"
 
 namespace quarvel {
 

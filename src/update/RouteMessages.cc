@@ -1,4 +1,4 @@
-#include "quarvel/update/RouteMessages.h"
+#include "update/RouteMessages.h"
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "quarvel/update/Reachability.h"
+#include "quarvel/Reachability.h"
 
 namespace quarvel::netlink {
 

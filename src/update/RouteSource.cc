@@ -1,11 +1,11 @@
-#include "quarvel/update/RouteSource.h"
+#include "update/RouteSource.h"
 
 #include <arpa/inet.h>
 
 #include <cstring>
 #include <mutex>
 
-#include "quarvel/update/KernelRouteSource.h"
+#include "update/KernelRouteSource.h"
 
 namespace quarvel {
 

@@ -1,4 +1,4 @@
-#include "quarvel/update/UpdateRun.h"
+#include "quarvel/UpdateRun.h"
 
 #include <curl/curl.h>
 #include <dirent.h>
@@ -12,11 +12,11 @@
 #include <limits>
 #include <thread>
 
-#include "quarvel/common/FileReplacement.h"
-#include "quarvel/common/Log.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/update/Reachability.h"
+#include "common/FileReplacement.h"
+#include "common/Log.h"
+#include "common/StringUtil.h"
+#include "quarvel/CVUserDefaults.h"
+#include "quarvel/Reachability.h"
 
 #ifndef QUARVEL_LIST_SERVER_HOST
 #define QUARVEL_LIST_SERVER_HOST "lists.quarvel.example"

@@ -1,4 +1,4 @@
-#include "quarvel/update/UpdateWindowController.h"
+#include "quarvel/UpdateWindowController.h"
 
 #include <QCloseEvent>
 #include <QLabel>
@@ -13,7 +13,7 @@
 #include <functional>
 #include <mutex>
 
-#include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/CVUserDefaults.h"
 #include "ui_UpdateWindowController.h"
 
 namespace quarvel {

@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "quarvel/common/detail/FoldingRows.h"
+#include "common/detail/FoldingRows.h"
 
 namespace quarvel::foldref {
 namespace {

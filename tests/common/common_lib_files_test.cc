@@ -13,8 +13,8 @@
 #include <memory>
 #include <string>
 
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/common/detail/CommonLibDetail.h"
+#include "quarvel/CommonLib.h"
+#include "common/detail/CommonLibDetail.h"
 
 namespace quarvel {
 namespace {

@@ -18,8 +18,8 @@
 #include <utility>
 #include <vector>
 
-#include "quarvel/common/FileReplacement.h"
-#include "quarvel/common/Log.h"
+#include "common/FileReplacement.h"
+#include "common/Log.h"
 #include "support/FileText.h"
 
 namespace quarvel {

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "common/FoldingReference.h"
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/common/detail/FoldingRows.h"
+#include "quarvel/CommonLib.h"
+#include "common/detail/FoldingRows.h"
 
 namespace quarvel {
 namespace {

@@ -1,4 +1,4 @@
-#include "quarvel/common/Log.h"
+#include "common/Log.h"
 
 #include <gtest/gtest.h>
 

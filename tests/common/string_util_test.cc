@@ -1,4 +1,4 @@
-#include "quarvel/common/StringUtil.h"
+#include "common/StringUtil.h"
 
 #include <gtest/gtest.h>
 

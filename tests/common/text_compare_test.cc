@@ -3,7 +3,7 @@
 #include <random>
 #include <vector>
 
-#include "quarvel/common/TextCompare.h"
+#include "common/TextCompare.h"
 
 namespace quarvel {
 namespace {

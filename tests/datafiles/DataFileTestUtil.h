@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-#include "quarvel/datafiles/MacKorean.h"
+#include "datafiles/MacKorean.h"
 
 namespace quarvel::testing {
 

@@ -4,9 +4,9 @@
 #include <random>
 
 #include "datafiles/DataFileTestUtil.h"
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/common/Log.h"
-#include "quarvel/datafiles/LineReader.h"
+#include "quarvel/CommonLib.h"
+#include "common/Log.h"
+#include "datafiles/LineReader.h"
 
 namespace quarvel {
 namespace {

@@ -4,11 +4,11 @@
 #include <gtest/gtest.h>
 
 #include "datafiles/DataFileTestUtil.h"
-#include "quarvel/common/Log.h"
-#include "quarvel/datafiles/FileCheckList.h"
-#include "quarvel/datafiles/FileFilter.h"
-#include "quarvel/datafiles/FileFontList.h"
-#include "quarvel/datafiles/FilePackage.h"
+#include "common/Log.h"
+#include "quarvel/FileCheckList.h"
+#include "quarvel/FileFilter.h"
+#include "quarvel/FileFontList.h"
+#include "quarvel/FilePackage.h"
 
 namespace quarvel {
 namespace {

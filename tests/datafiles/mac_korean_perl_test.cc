@@ -11,7 +11,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "quarvel/datafiles/MacKorean.h"
+#include "datafiles/MacKorean.h"
 
 namespace quarvel {
 namespace {

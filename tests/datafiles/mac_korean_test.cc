@@ -3,7 +3,7 @@
 #include <random>
 #include <vector>
 
-#include "quarvel/datafiles/MacKorean.h"
+#include "datafiles/MacKorean.h"
 
 namespace quarvel {
 namespace {

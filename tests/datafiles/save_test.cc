@@ -9,14 +9,14 @@
 #include <memory>
 
 #include "datafiles/DataFileTestUtil.h"
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/common/Log.h"
-#include "quarvel/datafiles/FileCheckList.h"
-#include "quarvel/datafiles/FileFilter.h"
-#include "quarvel/datafiles/FileFontList.h"
-#include "quarvel/datafiles/FilePackage.h"
-#include "quarvel/datafiles/MacKorean.h"
-#include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/CommonLib.h"
+#include "common/Log.h"
+#include "quarvel/FileCheckList.h"
+#include "quarvel/FileFilter.h"
+#include "quarvel/FileFontList.h"
+#include "quarvel/FilePackage.h"
+#include "datafiles/MacKorean.h"
+#include "quarvel/CVUserDefaults.h"
 #include "support/SettingsSandbox.h"
 
 namespace quarvel {

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/common/Log.h"
-#include "quarvel/datafiles/FileFramework.h"
+#include "quarvel/CommonLib.h"
+#include "common/Log.h"
+#include "quarvel/FileFramework.h"
 
 namespace quarvel::fuzz {
 

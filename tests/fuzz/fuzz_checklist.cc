@@ -1,7 +1,7 @@
 // FileCheckList's open on any plain text, then its look-ups and writer.
 
 #include "DataFileFuzz.h"
-#include "quarvel/datafiles/FileCheckList.h"
+#include "quarvel/FileCheckList.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   return quarvel::fuzz::openAndProbe<quarvel::FileCheckList>(

@@ -13,8 +13,8 @@
 
 #include "CipherCommand.h"
 #include "FuzzFail.h"
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/common/Log.h"
+#include "quarvel/CommonLib.h"
+#include "common/Log.h"
 
 namespace {
 

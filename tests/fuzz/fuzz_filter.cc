@@ -1,7 +1,7 @@
 // FileFilter's open on any plain text, then its look-up and writer.
 
 #include "DataFileFuzz.h"
-#include "quarvel/datafiles/FileFilter.h"
+#include "quarvel/FileFilter.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   return quarvel::fuzz::openAndProbe<quarvel::FileFilter>(

@@ -1,7 +1,7 @@
 // FileFontList's open on any plain text, then its look-ups and writer.
 
 #include "DataFileFuzz.h"
-#include "quarvel/datafiles/FileFontList.h"
+#include "quarvel/FileFontList.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   return quarvel::fuzz::openAndProbe<quarvel::FileFontList>(

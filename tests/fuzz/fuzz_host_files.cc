@@ -22,12 +22,12 @@
 #include <string_view>
 
 #include "FuzzFail.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/common/detail/CommonLibDetail.h"
-#include "quarvel/settings/HostEnvironment.h"
-#include "quarvel/settings/MountTable.h"
-#include "quarvel/settings/SysfsServices.h"
-#include "quarvel/update/KernelRouteSource.h"
+#include "common/StringUtil.h"
+#include "common/detail/CommonLibDetail.h"
+#include "settings/HostEnvironment.h"
+#include "settings/MountTable.h"
+#include "settings/SysfsServices.h"
+#include "update/KernelRouteSource.h"
 
 namespace {
 

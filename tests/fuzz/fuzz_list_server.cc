@@ -20,7 +20,7 @@
 #include <map>
 #include <string>
 
-#include "ListServer.h"
+#include "server/ListServer.h"
 
 namespace {
 
@@ -97,10 +97,10 @@ bool quotable(const std::string& text) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const Folder& folder = Folder::folder();
   const std::string target(reinterpret_cast<const char*>(data), size);
-  const auto parsed = quarvel::cli::parseRequestTarget(target);
-  const auto name = quarvel::cli::listFileForRequest(parsed.path, parsed.params);
+  const auto parsed = quarvel::server::parseRequestTarget(target);
+  const auto name = quarvel::server::listFileForRequest(parsed.path, parsed.params);
   const auto expected = name ? folder.files.find(*name) : folder.files.end();
-  const auto file = quarvel::cli::openListFile(folder.fd, target);
+  const auto file = quarvel::server::openListFile(folder.fd, target);
   if (file.has_value() != (expected != folder.files.end()))
     fail("opened other than a plain file", parsed.path);
   if (file) {
@@ -110,6 +110,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         bytes != expected->second)
       fail("opened the wrong file", parsed.path);
   }
-  if (!quotable(quarvel::cli::escapeForLog(target))) fail("left unquotable bytes", parsed.path);
+  if (!quotable(quarvel::server::escapeForLog(target))) fail("left unquotable bytes", parsed.path);
   return 0;
 }

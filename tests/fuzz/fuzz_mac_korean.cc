@@ -16,8 +16,8 @@
 #include <string_view>
 
 #include "FuzzFail.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/datafiles/MacKorean.h"
+#include "common/StringUtil.h"
+#include "datafiles/MacKorean.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <span>
 
-#include "quarvel/update/RouteMessages.h"
+#include "update/RouteMessages.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quarvel::netlink;

@@ -1,7 +1,7 @@
 // FilePackage's open on any plain text, then its look-ups and writer.
 
 #include "DataFileFuzz.h"
-#include "quarvel/datafiles/FilePackage.h"
+#include "quarvel/FilePackage.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   return quarvel::fuzz::openAndProbe<quarvel::FilePackage>(

@@ -15,10 +15,10 @@
 
 #include "DataFileFuzz.h"
 #include "FuzzFail.h"
-#include "quarvel/datafiles/FileCheckList.h"
-#include "quarvel/datafiles/FileFilter.h"
-#include "quarvel/datafiles/FileFontList.h"
-#include "quarvel/datafiles/FilePackage.h"
+#include "quarvel/FileCheckList.h"
+#include "quarvel/FileFilter.h"
+#include "quarvel/FileFontList.h"
+#include "quarvel/FilePackage.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string>
 
-#include "quarvel/settings/NetworkIdentity.h"
-#include "quarvel/settings/SysfsServices.h"
+#include "settings/NetworkIdentity.h"
+#include "settings/SysfsServices.h"
 
 using namespace quarvel;
 

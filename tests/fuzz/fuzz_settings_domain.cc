@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "FuzzFail.h"
-#include "quarvel/common/Log.h"
-#include "quarvel/settings/PropertyList.h"
+#include "common/Log.h"
+#include "settings/PropertyList.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static quarvel::LogCapture quiet;  // dropped values log a line each

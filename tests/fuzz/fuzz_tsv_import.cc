@@ -19,9 +19,9 @@
 
 #include "DataFileTool.h"
 #include "FuzzFail.h"
-#include "quarvel/common/Log.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/datafiles/DataFileFormat.h"
+#include "common/Log.h"
+#include "common/StringUtil.h"
+#include "datafiles/DataFileFormat.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <optional>
 #include <vector>
 
-#include "quarvel/settings/NetworkSources.h"
+#include "settings/NetworkSources.h"
 
 namespace quarvel::testing {
 

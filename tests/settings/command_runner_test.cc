@@ -9,8 +9,8 @@
 #include <sstream>
 #include <string>
 
-#include "quarvel/common/Log.h"
-#include "quarvel/settings/CommandRunner.h"
+#include "common/Log.h"
+#include "settings/CommandRunner.h"
 
 namespace quarvel {
 namespace {

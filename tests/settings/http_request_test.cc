@@ -8,8 +8,8 @@
 #include <string>
 #include <thread>
 
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/settings/HttpRequest.h"
+#include "quarvel/CVUserDefaults.h"
+#include "settings/HttpRequest.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/SettingsSandbox.h"
 

@@ -1,4 +1,4 @@
-#include "quarvel/settings/MountTable.h"
+#include "settings/MountTable.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "quarvel/settings/HostEnvironment.h"
+#include "settings/HostEnvironment.h"
 
 namespace quarvel {
 namespace {

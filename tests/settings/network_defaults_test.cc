@@ -6,8 +6,8 @@
 #include <chrono>
 #include <thread>
 
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/settings/NetworkIdentity.h"
+#include "quarvel/CVUserDefaults.h"
+#include "settings/NetworkIdentity.h"
 #include "settings/NetworkFakes.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/SettingsSandbox.h"

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "quarvel/settings/NetworkIdentity.h"
+#include "settings/NetworkIdentity.h"
 #include "settings/NetworkFakes.h"
 
 namespace quarvel {

@@ -1,4 +1,4 @@
-#include "quarvel/settings/PlistValue.h"
+#include "quarvel/PlistValue.h"
 
 #include <gtest/gtest.h>
 

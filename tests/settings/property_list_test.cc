@@ -1,4 +1,4 @@
-#include "quarvel/settings/PropertyList.h"
+#include "settings/PropertyList.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -12,7 +12,7 @@
 #include <sstream>
 #include <vector>
 
-#include "quarvel/common/Log.h"
+#include "common/Log.h"
 
 namespace quarvel {
 namespace {

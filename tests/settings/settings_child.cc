@@ -26,9 +26,9 @@
 #include <utility>
 #include <vector>
 
-#include "quarvel/common/Log.h"
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/settings/PropertyList.h"
+#include "common/Log.h"
+#include "quarvel/CVUserDefaults.h"
+#include "settings/PropertyList.h"
 
 using quarvel::CVUserDefaults;
 using quarvel::PlistDictionary;

@@ -15,9 +15,9 @@
 #include <sstream>
 #include <thread>
 
-#include "quarvel/common/Log.h"
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/settings/PropertyList.h"
+#include "common/Log.h"
+#include "quarvel/CVUserDefaults.h"
+#include "settings/PropertyList.h"
 #include "support/SettingsSandbox.h"
 
 namespace quarvel {

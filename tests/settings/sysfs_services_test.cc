@@ -6,8 +6,8 @@
 #include <initializer_list>
 #include <string>
 
-#include "quarvel/settings/NetworkIdentity.h"
-#include "quarvel/settings/SysfsServices.h"
+#include "settings/NetworkIdentity.h"
+#include "settings/SysfsServices.h"
 #include "settings/NetworkFakes.h"
 
 namespace quarvel {

@@ -1,11 +1,11 @@
-#include "quarvel/settings/WorkFolders.h"
+#include "settings/WorkFolders.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
 
-#include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/CVUserDefaults.h"
 #include "support/SettingsSandbox.h"
 
 namespace quarvel {

@@ -34,10 +34,10 @@
 #include <vector>
 
 #include "../../bench/ListGenerator.h"
-#include "quarvel/datafiles/FileCheckList.h"
-#include "quarvel/datafiles/FileFilter.h"
-#include "quarvel/datafiles/FileFontList.h"
-#include "quarvel/datafiles/FilePackage.h"
+#include "quarvel/FileCheckList.h"
+#include "quarvel/FileFilter.h"
+#include "quarvel/FileFontList.h"
+#include "quarvel/FilePackage.h"
 
 #ifndef QUARVEL_SOAK_CHECK_RSS
 #define QUARVEL_SOAK_CHECK_RSS 1

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "audit/AuditLists.h"
-#include "quarvel/common/StringUtil.h"
+#include "common/StringUtil.h"
 
 namespace quarvel::testing {
 

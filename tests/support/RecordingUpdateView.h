@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "quarvel/update/UpdateView.h"
+#include "quarvel/UpdateView.h"
 
 namespace quarvel::testing {
 

@@ -29,8 +29,8 @@
 #include <utility>
 #include <vector>
 
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/settings/HostEnvironment.h"
+#include "quarvel/CVUserDefaults.h"
+#include "settings/HostEnvironment.h"
 
 namespace quarvel::testing {
 

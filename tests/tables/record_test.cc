@@ -1,4 +1,4 @@
-#include "quarvel/tables/Record.h"
+#include "quarvel/Record.h"
 
 #include <gtest/gtest.h>
 

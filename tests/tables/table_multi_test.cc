@@ -2,8 +2,8 @@
 
 #include <stdexcept>
 
-#include "quarvel/common/Log.h"
-#include "quarvel/tables/TableMulti.h"
+#include "common/Log.h"
+#include "quarvel/TableMulti.h"
 
 namespace quarvel {
 namespace {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "quarvel/tables/TableSingle.h"
+#include "quarvel/TableSingle.h"
 
 namespace quarvel {
 namespace {

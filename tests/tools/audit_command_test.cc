@@ -7,10 +7,10 @@
 #include <sstream>
 
 #include "audit/AuditCommand.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/datafiles/FileCheckList.h"
-#include "quarvel/datafiles/FileFilter.h"
-#include "quarvel/datafiles/FileFontList.h"
+#include "common/StringUtil.h"
+#include "quarvel/FileCheckList.h"
+#include "quarvel/FileFilter.h"
+#include "quarvel/FileFontList.h"
 #include "support/AuditFixtures.h"
 #include "support/SettingsSandbox.h"
 

@@ -9,8 +9,8 @@
 
 #include "CipherCommand.h"
 #include "datafiles/DataFileTestUtil.h"
-#include "quarvel/common/CommonLib.h"
-#include "quarvel/common/Log.h"
+#include "quarvel/CommonLib.h"
+#include "common/Log.h"
 
 namespace quarvel::cli {
 namespace {

@@ -10,9 +10,9 @@
 
 #include "DataFileTool.h"
 #include "datafiles/DataFileTestUtil.h"
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/datafiles/FileCheckList.h"
-#include "quarvel/datafiles/MacKorean.h"
+#include "common/StringUtil.h"
+#include "quarvel/FileCheckList.h"
+#include "datafiles/MacKorean.h"
 
 namespace quarvel::cli {
 namespace {

@@ -6,7 +6,7 @@
 
 #include <sstream>
 
-#include "quarvel/common/Log.h"
+#include "common/Log.h"
 #include "update/FakeRouteSource.h"
 
 namespace quarvel::cli {

@@ -13,7 +13,7 @@
 #include <mutex>
 #include <set>
 
-#include "quarvel/update/RouteSource.h"
+#include "update/RouteSource.h"
 
 namespace quarvel::test {
 

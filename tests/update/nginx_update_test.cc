@@ -16,8 +16,8 @@
 #include <sstream>
 #include <thread>
 
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/update/UpdateRun.h"
+#include "quarvel/CVUserDefaults.h"
+#include "quarvel/UpdateRun.h"
 #include "support/FreePort.h"
 #include "support/SettingsSandbox.h"
 

@@ -24,8 +24,8 @@
 #include <utility>
 #include <vector>
 
-#include "quarvel/update/NotificationCenter.h"
-#include "quarvel/update/Reachability.h"
+#include "quarvel/NotificationCenter.h"
+#include "quarvel/Reachability.h"
 #include "update/MainContextLoop.h"
 
 namespace {

@@ -13,9 +13,9 @@
 #include <sstream>
 #include <thread>
 
-#include "quarvel/update/KernelRouteSource.h"
-#include "quarvel/update/NotificationCenter.h"
-#include "quarvel/update/Reachability.h"
+#include "update/KernelRouteSource.h"
+#include "quarvel/NotificationCenter.h"
+#include "quarvel/Reachability.h"
 #include "update/MainContextLoop.h"
 
 namespace quarvel {

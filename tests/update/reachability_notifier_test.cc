@@ -7,8 +7,8 @@
 #include <future>
 #include <thread>
 
-#include "quarvel/update/NotificationCenter.h"
-#include "quarvel/update/Reachability.h"
+#include "quarvel/NotificationCenter.h"
+#include "quarvel/Reachability.h"
 #include "update/FakeRouteSource.h"
 #include "update/MainContextLoop.h"
 

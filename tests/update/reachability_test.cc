@@ -1,11 +1,11 @@
 // The status rules, the flag log line and the factories, from fed flags.
 
-#include "quarvel/update/Reachability.h"
+#include "quarvel/Reachability.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include "quarvel/common/Log.h"
+#include "common/Log.h"
 #include "update/FakeRouteSource.h"
 
 namespace quarvel {

@@ -1,7 +1,7 @@
 // Parsing what the kernel sends, and the flags derived from a route and its
 // link, from messages built byte by byte.
 
-#include "quarvel/update/RouteMessages.h"
+#include "update/RouteMessages.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -14,8 +14,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "quarvel/update/KernelRouteSource.h"
-#include "quarvel/update/Reachability.h"
+#include "update/KernelRouteSource.h"
+#include "quarvel/Reachability.h"
 
 namespace quarvel::netlink {
 namespace {

@@ -9,7 +9,7 @@
 
 #include "TerminalUpdate.h"
 #include "update/FakeRouteSource.h"
-#include "quarvel/settings/CVUserDefaults.h"
+#include "quarvel/CVUserDefaults.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/SettingsSandbox.h"
 

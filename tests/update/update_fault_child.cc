@@ -21,8 +21,8 @@
 #include <mutex>
 #include <string>
 
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/update/UpdateRun.h"
+#include "quarvel/CVUserDefaults.h"
+#include "quarvel/UpdateRun.h"
 
 namespace {
 

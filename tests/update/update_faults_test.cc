@@ -20,9 +20,9 @@
 #include <thread>
 #include <vector>
 
-#include "quarvel/common/Log.h"
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/update/UpdateRun.h"
+#include "common/Log.h"
+#include "quarvel/CVUserDefaults.h"
+#include "quarvel/UpdateRun.h"
 #include "support/DataFileTargets.h"
 #include "support/FileText.h"
 #include "support/FreePort.h"

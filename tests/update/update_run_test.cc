@@ -10,9 +10,9 @@
 #include <sstream>
 #include <vector>
 
-#include "quarvel/common/Log.h"
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/update/UpdateRun.h"
+#include "common/Log.h"
+#include "quarvel/CVUserDefaults.h"
+#include "quarvel/UpdateRun.h"
 #include "support/DataFileTargets.h"
 #include "support/FileText.h"
 #include "support/RecordingUpdateView.h"

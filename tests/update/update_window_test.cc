@@ -15,8 +15,8 @@
 #include <memory>
 #include <vector>
 
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/update/UpdateWindowController.h"
+#include "quarvel/CVUserDefaults.h"
+#include "quarvel/UpdateWindowController.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/SettingsSandbox.h"
 

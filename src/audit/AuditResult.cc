@@ -4,8 +4,8 @@
 #include <limits>
 #include <map>
 
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/common/TextCompare.h"
+#include "common/StringUtil.h"
+#include "common/TextCompare.h"
 
 namespace quarvel::audit {
 

@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "quarvel/tables/Record.h"
+#include "quarvel/Record.h"
 
 namespace quarvel {
 

@@ -8,7 +8,7 @@
 // of range, a two-key sort on an unknown field) throw std::out_of_range.
 // Callers check getCount first.
 
-#include "quarvel/tables/Table.h"
+#include "quarvel/Table.h"
 
 namespace quarvel {
 

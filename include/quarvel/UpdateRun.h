@@ -20,7 +20,7 @@
 #include <optional>
 #include <string>
 
-#include "quarvel/update/UpdateView.h"
+#include "quarvel/UpdateView.h"
 
 namespace quarvel {
 

@@ -13,11 +13,11 @@
 #include <string>
 #include <string_view>
 
-#include "quarvel/datafiles/FileFramework.h"
-#include "quarvel/datafiles/LookupIndex.h"
-#include "quarvel/settings/PlistValue.h"
-#include "quarvel/tables/TableMulti.h"
-#include "quarvel/tables/TableSingle.h"
+#include "quarvel/FileFramework.h"
+#include "quarvel/LookupIndex.h"
+#include "quarvel/PlistValue.h"
+#include "quarvel/TableMulti.h"
+#include "quarvel/TableSingle.h"
 
 namespace quarvel {
 

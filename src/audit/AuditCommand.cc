@@ -6,8 +6,8 @@
 #include <memory>
 
 #include "audit/ProgressLine.h"
-#include "quarvel/common/FileReplacement.h"
-#include "quarvel/settings/CVUserDefaults.h"
+#include "common/FileReplacement.h"
+#include "quarvel/CVUserDefaults.h"
 
 namespace quarvel::audit {
 

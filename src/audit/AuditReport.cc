@@ -7,8 +7,8 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
-#include "quarvel/common/StringUtil.h"
-#include "quarvel/common/TextCompare.h"
+#include "common/StringUtil.h"
+#include "common/TextCompare.h"
 
 namespace quarvel::audit {
 

@@ -14,7 +14,7 @@
 #include <string>
 #include <string_view>
 
-namespace quarvel::cli {
+namespace quarvel::server {
 
 // Query parameters as decoded from the request (a name may repeat; the
 // first value counts).
@@ -110,4 +110,4 @@ class ListServer {
   std::unique_ptr<State> state_;
 };
 
-}  // namespace quarvel::cli
+}  // namespace quarvel::server

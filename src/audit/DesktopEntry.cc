@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <fstream>
 
-#include "quarvel/common/StringUtil.h"
+#include "common/StringUtil.h"
 
 namespace quarvel::audit {
 

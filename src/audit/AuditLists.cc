@@ -1,9 +1,9 @@
 #include "audit/AuditLists.h"
 
-#include "quarvel/datafiles/FileCheckList.h"
-#include "quarvel/datafiles/FileFilter.h"
-#include "quarvel/datafiles/FileFontList.h"
-#include "quarvel/tables/Table.h"
+#include "quarvel/FileCheckList.h"
+#include "quarvel/FileFilter.h"
+#include "quarvel/FileFontList.h"
+#include "quarvel/Table.h"
 
 namespace quarvel::audit {
 

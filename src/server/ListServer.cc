@@ -1,4 +1,4 @@
-#include "ListServer.h"
+#include "server/ListServer.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -19,9 +19,9 @@
 #include <thread>
 #include <unordered_map>
 
-#include "quarvel/common/Log.h"
+#include "common/Log.h"
 
-namespace quarvel::cli {
+namespace quarvel::server {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -501,4 +501,4 @@ void ListServer::stop() {
   if (listenFd >= 0) ::close(listenFd);
 }
 
-}  // namespace quarvel::cli
+}  // namespace quarvel::server

@@ -36,9 +36,9 @@
 #include <string_view>
 #include <vector>
 
-#include "quarvel/datafiles/LookupIndex.h"
-#include "quarvel/tables/Table.h"
-#include "quarvel/tables/TableMulti.h"
+#include "quarvel/LookupIndex.h"
+#include "quarvel/Table.h"
+#include "quarvel/TableMulti.h"
 
 namespace quarvel {
 

@@ -19,10 +19,10 @@
 #include <thread>
 #include <vector>
 
-#include "ListServer.h"
-#include "quarvel/common/Log.h"
-#include "quarvel/settings/CVUserDefaults.h"
-#include "quarvel/update/UpdateRun.h"
+#include "server/ListServer.h"
+#include "common/Log.h"
+#include "quarvel/CVUserDefaults.h"
+#include "quarvel/UpdateRun.h"
 #include "support/SettingsSandbox.h"
 
 // The system's cpp-httplib is not built with ThreadSanitizer: hand-overs
@@ -30,7 +30,7 @@
 // races inside it. The server's own code is still checked.
 extern "C" const char* __tsan_default_suppressions() { return "race:libcpp-httplib.so\n"; }
 
-namespace quarvel::cli {
+namespace quarvel::server {
 namespace {
 
 using namespace std::chrono_literals;
@@ -556,4 +556,4 @@ TEST_F(ServedFolderTest, UpdateRunFetchesFromItInBothVariants) {
 }
 
 }  // namespace
-}  // namespace quarvel::cli
+}  // namespace quarvel::server

@@ -16,8 +16,8 @@
 #include <optional>
 #include <string>
 
-#include "quarvel/update/CheckListUpdateProtocol.h"
-#include "quarvel/update/UpdateRun.h"
+#include "quarvel/CheckListUpdateProtocol.h"
+#include "quarvel/UpdateRun.h"
 
 class QLabel;
 class QProgressBar;

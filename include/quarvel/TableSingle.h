@@ -1,7 +1,7 @@
 #pragma once
 // A table of exactly one record: a data file's "#HEADER" section.
 
-#include "quarvel/tables/Table.h"
+#include "quarvel/Table.h"
 
 namespace quarvel {
 

@@ -21,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-#include "quarvel/settings/PlistValue.h"
+#include "quarvel/PlistValue.h"
 
 namespace quarvel {
 

@@ -7,7 +7,7 @@
 #include <unordered_set>
 
 #include "audit/DesktopEntry.h"
-#include "quarvel/common/StringUtil.h"
+#include "common/StringUtil.h"
 
 namespace quarvel::audit {
 
