@@ -1,0 +1,3 @@
+#include "quarvel/Version.h"
+
+int main() { return 0; }
