@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "quarvel/CommonLib.h"
-#include "datafiles/LineReader.h"
+#include "format/LineReader.h"
 
 namespace {
 

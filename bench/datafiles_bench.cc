@@ -16,7 +16,7 @@
 #include "ListGenerator.h"
 #include "quarvel/CommonLib.h"
 #include "quarvel/FileCheckList.h"
-#include "datafiles/MacKorean.h"
+#include "format/MacKorean.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "datafiles/MacKorean.h"
+#include "format/MacKorean.h"
 
 namespace {
 

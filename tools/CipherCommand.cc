@@ -9,8 +9,8 @@
 
 #include "quarvel/CommonLib.h"
 #include "common/FileReplacement.h"
-#include "datafiles/LineReader.h"
-#include "datafiles/MacKorean.h"
+#include "format/LineReader.h"
+#include "format/MacKorean.h"
 
 namespace quarvel::cli {
 namespace {
@@ -74,10 +74,10 @@ std::optional<std::string> encipherText(std::string_view utf8, TextProblem* prob
                   error.character == U'\uFFFD'
                       ? "the text is not UTF-8"
                       : codePoint(error.character) + " has no Mac Korean form");
-    if (bytes->size() > datafile::kReaderLineLimit)
+    if (bytes->size() > datafile::kMaxLineBytes)
       return fail(lineNumber, 1,
                   "the line takes " + std::to_string(bytes->size()) + " bytes, more than the " +
-                      std::to_string(datafile::kReaderLineLimit) + " a data file allows");
+                      std::to_string(datafile::kMaxLineBytes) + " a data file allows");
     plain += *bytes;
     plain += "\r\n";
   }

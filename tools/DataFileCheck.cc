@@ -17,11 +17,11 @@
 #include "DataFileTool.h"
 #include "quarvel/CommonLib.h"
 #include "common/StringUtil.h"
-#include "datafiles/DataFileFormat.h"
+#include "format/DataFileFormat.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
 #include "quarvel/LookupIndex.h"
-#include "datafiles/MacKorean.h"
+#include "format/MacKorean.h"
 
 namespace quarvel::cli {
 

@@ -11,7 +11,7 @@
 
 #include "quarvel/CommonLib.h"
 #include "common/StringUtil.h"
-#include "datafiles/DataFileFormat.h"
+#include "format/DataFileFormat.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
 #include "quarvel/FileFontList.h"

@@ -1,8 +1,8 @@
 #!/usr/bin/env perl
-# Writes src/datafiles/MacKoreanTable.inc, the mapping tables of the Mac
+# Writes src/format/MacKoreanTable.inc, the mapping tables of the Mac
 # Korean codec, from Perl's Encode module ("MacKorean").
 #
-#   perl tools/gen_mackorean_table.pl > src/datafiles/MacKoreanTable.inc
+#   perl tools/gen_mackorean_table.pl > src/format/MacKoreanTable.inc
 #
 # The output is committed, so building the library does not need Perl.
 # Every byte and every two-byte sequence is decoded; every code point is

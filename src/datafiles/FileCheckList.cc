@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "common/Log.h"
-#include "datafiles/DataFileFormat.h"
+#include "format/DataFileFormat.h"
 
 namespace quarvel {
 

@@ -1,6 +1,6 @@
 #include "quarvel/FileFontList.h"
 
-#include "datafiles/DataFileFormat.h"
+#include "format/DataFileFormat.h"
 
 namespace quarvel {
 

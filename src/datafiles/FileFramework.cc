@@ -14,8 +14,8 @@
 #include "common/FileReplacement.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
-#include "datafiles/DataFileFormat.h"
-#include "datafiles/MacKorean.h"
+#include "format/DataFileFormat.h"
+#include "format/MacKorean.h"
 #include "quarvel/CVUserDefaults.h"
 
 namespace quarvel {

@@ -2,7 +2,7 @@
 
 #include "quarvel/CommonLib.h"
 #include "common/StringUtil.h"
-#include "datafiles/DataFileFormat.h"
+#include "format/DataFileFormat.h"
 
 namespace quarvel {
 

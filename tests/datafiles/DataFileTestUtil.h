@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-#include "datafiles/MacKorean.h"
+#include "format/MacKorean.h"
 
 namespace quarvel::testing {
 

@@ -15,7 +15,7 @@
 #include "quarvel/FileFilter.h"
 #include "quarvel/FileFontList.h"
 #include "quarvel/FilePackage.h"
-#include "datafiles/MacKorean.h"
+#include "format/MacKorean.h"
 #include "quarvel/CVUserDefaults.h"
 #include "support/SettingsSandbox.h"
 

@@ -17,7 +17,7 @@
 
 #include "FuzzFail.h"
 #include "common/StringUtil.h"
-#include "datafiles/MacKorean.h"
+#include "format/MacKorean.h"
 
 namespace {
 

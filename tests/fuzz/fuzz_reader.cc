@@ -9,7 +9,7 @@
 
 #include "quarvel/CommonLib.h"
 #include "common/Log.h"
-#include "datafiles/LineReader.h"
+#include "format/LineReader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static quarvel::LogCapture* quiet = new quarvel::LogCapture();  // keep stderr clean
@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::vector<std::string> lines;
   quarvel::datafile::splitLines(data, size, lines);
   for (const std::string& line : lines)
-    if (line.size() > 3 * quarvel::datafile::kReaderLineLimit) __builtin_trap();
+    if (line.size() > 3 * quarvel::datafile::kMaxLineBytes) __builtin_trap();
 
   if (size == 0) return 0;
   std::string copy(reinterpret_cast<const char*>(data), size);

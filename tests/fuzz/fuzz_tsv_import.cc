@@ -21,7 +21,7 @@
 #include "FuzzFail.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
-#include "datafiles/DataFileFormat.h"
+#include "format/DataFileFormat.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include "datafiles/DataFileTestUtil.h"
 #include "common/StringUtil.h"
 #include "quarvel/FileCheckList.h"
-#include "datafiles/MacKorean.h"
+#include "format/MacKorean.h"
 
 namespace quarvel::cli {
 namespace {

@@ -1,10 +1,10 @@
-#include "datafiles/DataFileFormat.h"
+#include "format/DataFileFormat.h"
 
 #include <optional>
 #include <string>
 
 #include "quarvel/CommonLib.h"
-#include "datafiles/MacKorean.h"
+#include "format/MacKorean.h"
 
 namespace quarvel::datafile {
 

@@ -11,7 +11,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "datafiles/MacKorean.h"
+#include "format/MacKorean.h"
 
 namespace quarvel {
 namespace {

@@ -8,12 +8,9 @@
 #include <string>
 #include <vector>
 
-namespace quarvel::datafile {
+#include "format/DataFileFormat.h"
 
-// Longest line the reader keeps, without its line end: its line buffer is
-// 2,048 bytes with a terminating zero. Longer lines are dropped whole, with
-// a log line.
-inline constexpr std::size_t kReaderLineLimit = 2047;
+namespace quarvel::datafile {
 
 // Deciphers in place: reverses the buffer, then XORs byte i with the key's
 // byte i & 15. The exact inverse of CommonLib::Encrypt.
@@ -25,7 +22,7 @@ void decipher(unsigned char* buffer, std::uint32_t size);
 // - a zero byte, or the end of the text, stops the scan, and the bytes
 //   since the last line end never become a line (a CR as the very last
 //   byte included: the scan stops at the end instead of stepping past it);
-// - a line longer than kReaderLineLimit bytes is dropped, and logged.
+// - a line longer than kMaxLineBytes bytes (DataFileFormat.h) is dropped, and logged.
 void splitLines(const unsigned char* text, std::size_t size, std::vector<std::string>& lines);
 
 }  // namespace quarvel::datafile

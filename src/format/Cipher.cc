@@ -17,8 +17,8 @@
 #include "quarvel/CommonLib.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
-#include "datafiles/LineReader.h"
-#include "datafiles/MacKorean.h"
+#include "format/LineReader.h"
+#include "format/MacKorean.h"
 
 namespace quarvel {
 namespace {
@@ -92,14 +92,14 @@ void decipher(unsigned char* buffer, std::uint32_t size) {
 }
 
 void splitLines(const unsigned char* text, std::size_t size, std::vector<std::string>& lines) {
-  char line[kReaderLineLimit + 1] = {};
+  char line[kMaxLineBytes + 1] = {};
   std::size_t length = 0;
   bool overlong = false;
   std::size_t lineNumber = 1;
   auto endLine = [&] {
     if (overlong) {
       logf("ERROR : line %zu is longer than %zu bytes and was dropped", lineNumber,
-           kReaderLineLimit);
+           kMaxLineBytes);
     } else if (std::optional<std::string> decoded =
                    MacKorean::decode(std::string_view(line, length))) {
       lines.push_back(std::move(*decoded));
@@ -119,7 +119,7 @@ void splitLines(const unsigned char* text, std::size_t size, std::vector<std::st
       if (i + 1 < size && text[i + 1] == '\n') endLine();
       i += 2;  // CR LF, or a CR and whatever follows it
     } else {
-      if (length < kReaderLineLimit)
+      if (length < kMaxLineBytes)
         line[length++] = static_cast<char>(c);
       else
         overlong = true;

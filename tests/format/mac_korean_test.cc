@@ -3,7 +3,7 @@
 #include <random>
 #include <vector>
 
-#include "datafiles/MacKorean.h"
+#include "format/MacKorean.h"
 
 namespace quarvel {
 namespace {

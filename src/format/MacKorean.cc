@@ -1,4 +1,4 @@
-#include "datafiles/MacKorean.h"
+#include "format/MacKorean.h"
 
 #include <algorithm>
 #include <array>

@@ -6,7 +6,7 @@
 #include "datafiles/DataFileTestUtil.h"
 #include "quarvel/CommonLib.h"
 #include "common/Log.h"
-#include "datafiles/LineReader.h"
+#include "format/LineReader.h"
 
 namespace quarvel {
 namespace {
@@ -87,7 +87,7 @@ TEST(LineReader, SplitsAtLineEndsAndDropsTheUnfinishedTail) {
 }
 
 TEST(LineReader, LinesBeyondTheBufferAreDroppedAndLogged) {
-  const std::string longest(datafile::kReaderLineLimit, 'x');
+  const std::string longest(datafile::kMaxLineBytes, 'x');
   LogCapture log;
   EXPECT_EQ(readLines(longest + "\r\n" + longest + "y\r\nz\r\n"), (Lines{longest, "z"}));
   EXPECT_EQ(log.lines(), Lines{"ERROR : line 2 is longer than 2047 bytes and was dropped"});
