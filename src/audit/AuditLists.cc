@@ -1,5 +1,6 @@
 #include "audit/AuditLists.h"
 
+#include "format/DataFileFormat.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
 #include "quarvel/FileFontList.h"
@@ -15,7 +16,7 @@ template <class File>
 class DataFileList : public ListSource {
  public:
   explicit DataFileList(std::unique_ptr<File> file)
-      : file_(std::move(file)), table_(file_->getTableByTag("#CHECKLIST")) {}
+      : file_(std::move(file)), table_(file_->getTableByTag(datafile::kCheckListTag)) {}
 
   std::size_t recordCount() override {
     return table_ ? static_cast<std::size_t>(table_->getDataCount()) : 0;

@@ -8,10 +8,13 @@
 
 #include "audit/DesktopEntry.h"
 #include "common/StringUtil.h"
+#include "format/DataFileFormat.h"
 
 namespace quarvel::audit {
 
 namespace {
+
+namespace df = datafile;
 
 bool endsWithCaseless(std::string_view name, std::string_view suffix) {
   if (name.size() < suffix.size()) return false;
@@ -30,8 +33,8 @@ bool isExecutableFile(const FoundFile& file) {
 }
 
 std::string propertyKey(ListSource& list, int row) {
-  return lowercase(list.value(row, "COMPANY") + "\t" + list.value(row, "PRODUCT") + "\t" +
-                   list.value(row, "VERSION") + "\t" + list.value(row, "ORIGINAL_FILE"));
+  return lowercase(list.value(row, df::kFieldCompany) + "\t" + list.value(row, df::kFieldProduct) + "\t" +
+                   list.value(row, df::kFieldVersionValue) + "\t" + list.value(row, df::kFieldOriginalFile));
 }
 
 // Lower-cased "EXE_FILE" values of a list: a name outside this set cannot
@@ -40,7 +43,7 @@ std::unordered_set<std::string> fileNameKeys(ListSource& list) {
   std::unordered_set<std::string> keys;
   const std::size_t count = list.recordCount();
   for (std::size_t row = 0; row < count && row <= INT_MAX; ++row)
-    keys.insert(lowercase(list.value(static_cast<int>(row), "EXE_FILE")));
+    keys.insert(lowercase(list.value(static_cast<int>(row), df::kFieldExeFile)));
   return keys;
 }
 
@@ -93,10 +96,10 @@ struct Auditor::State {
       f.kind = kind;
       f.list = listName;
       f.record = row;
-      f.id = list.value(row, "DB_ID");
-      f.maker = list.value(row, "DISP_COMPANY");
-      f.product = list.value(row, "DISP_PRODUCT");
-      f.version = list.value(row, "VERSION");
+      f.id = list.value(row, df::kFieldDbId);
+      f.maker = list.value(row, df::kFieldDispCompany);
+      f.product = list.value(row, df::kFieldDispProduct);
+      f.version = list.value(row, df::kFieldVersionValue);
       f.priceText = list.value(row, "PRICE");
       f.price = Money::parse(f.priceText);
       f.softwareType = list.value(row, "SW_TYPE");

@@ -9,6 +9,7 @@
 // field lists are fixed by each class. The text is folded, stored as Mac
 // Korean bytes and enciphered as a whole (CommonLib::Encrypt).
 
+#include <array>
 #include <cstddef>
 #include <string_view>
 
@@ -70,11 +71,7 @@ inline constexpr std::string_view kSubFields = "PACKAGE_ID\tNAME\tPRICE\tSUIT";
 inline constexpr std::string_view kSwListFields = "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE";
 
 // Field counts of a record line (tabs + 1).
-inline constexpr std::size_t kCheckListFieldCount = 17;
 inline constexpr std::size_t kFontListFieldCount = 14;
-inline constexpr std::size_t kPackageFieldCount = 8;
-inline constexpr std::size_t kSubFieldCount = 4;
-inline constexpr std::size_t kSwListFieldCount = 4;
 
 // Field names the classes interpret.
 inline constexpr std::string_view kFieldVersion = "Version";
@@ -89,14 +86,11 @@ inline constexpr std::string_view kFieldDispProduct = "DISP_PRODUCT";
 inline constexpr std::string_view kFieldName = "NAME";
 
 // Positions of those fields in a check list / font list record.
-inline constexpr std::size_t kDbIdIndex = 0;
 inline constexpr std::size_t kCompanyIndex = 1;
 inline constexpr std::size_t kProductIndex = 2;
 inline constexpr std::size_t kVersionIndex = 3;
 inline constexpr std::size_t kOriginalFileIndex = 4;
 inline constexpr std::size_t kExeFileIndex = 5;
-inline constexpr std::size_t kDispCompanyIndex = 6;
-inline constexpr std::size_t kDispProductIndex = 7;
 
 // The files' names inside the library folder.
 inline constexpr std::string_view kCheckListFileName = "macchecklist.dat";
@@ -104,5 +98,29 @@ inline constexpr std::string_view kUserCheckListFileName = "userchecklist.dat";
 inline constexpr std::string_view kPackageFileName = "macpcklist.dat";
 inline constexpr std::string_view kFilterFileName = "macfilterlist.dat";
 inline constexpr std::string_view kFontListFileName = "fontchecklist.dat";
+
+// The lists a client fetches and a list server hands out, in the update
+// run's order: the file's name in the library folder and the public list
+// server's path that answers with it.
+struct ListEndpoint {
+  std::string_view fileName;
+  std::string_view publicPath;
+};
+inline constexpr std::array<ListEndpoint, 5> kListEndpoints{{
+    {kCheckListFileName, "/quarvel/download/list/check/mac/"},
+    {kPackageFileName, "/quarvel/download/list/package/mac/"},
+    {kFilterFileName, "/quarvel/download/list/filter/mac/"},
+    {kUserCheckListFileName, "/quarvel/download/list/user/mac/"},
+    {kFontListFileName, "/quarvel/download/list/font/mac/"},
+}};
+
+// The in-house web server's download endpoint, asked with
+// "?type=keyfile&filename=NAME" for a list and "?type=file&filename=NAME"
+// (on the fixed file server) for any other file.
+inline constexpr std::string_view kDownloadEndpoint = "/cmmn/download.nis";
+inline constexpr std::string_view kKeyFileQuery = "?type=keyfile&filename=";
+inline constexpr std::string_view kFileQuery = "?type=file&filename=";
+// The Windows package server's path; a file's name follows it.
+inline constexpr std::string_view kWindowsPackagePath = "/file/keyfile60";
 
 }  // namespace quarvel::datafile

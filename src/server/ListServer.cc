@@ -20,27 +20,13 @@
 #include <unordered_map>
 
 #include "common/Log.h"
+#include "format/DataFileFormat.h"
 
 namespace quarvel::server {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-struct PublicPath {
-  std::string_view path;
-  std::string_view file;
-};
-
-constexpr std::array<PublicPath, 5> kPublicPaths{{
-    {"/quarvel/download/list/check/mac/", "macchecklist.dat"},
-    {"/quarvel/download/list/package/mac/", "macpcklist.dat"},
-    {"/quarvel/download/list/filter/mac/", "macfilterlist.dat"},
-    {"/quarvel/download/list/user/mac/", "userchecklist.dat"},
-    {"/quarvel/download/list/font/mac/", "fontchecklist.dat"},
-}};
-
-constexpr std::string_view kDownloadEndpoint = "/cmmn/download.nis";
-constexpr std::string_view kWindowsPackagePrefix = "/file/keyfile60/";
 constexpr char kNotFound[] = "Not Found\n";
 
 std::optional<std::string> firstParam(const QueryParams& params, const std::string& name) {
@@ -207,18 +193,19 @@ bool isPlainFileName(std::string_view name) {
 }
 
 std::optional<std::string> listFileForRequest(std::string_view path, const QueryParams& params) {
-  for (const PublicPath& entry : kPublicPaths) {
-    if (path == entry.path) return std::string(entry.file);
+  for (const datafile::ListEndpoint& list : datafile::kListEndpoints) {
+    if (path == list.publicPath) return std::string(list.fileName);
   }
-  if (path == kDownloadEndpoint) {
+  if (path == datafile::kDownloadEndpoint) {
     auto type = firstParam(params, "type");
     if (!type || (*type != "keyfile" && *type != "file")) return std::nullopt;
     auto name = firstParam(params, "filename");
     if (!name) return std::nullopt;
     return plainName(*name);
   }
-  if (path.starts_with(kWindowsPackagePrefix)) {
-    return plainName(path.substr(kWindowsPackagePrefix.size()));
+  if (path.starts_with(datafile::kWindowsPackagePath) &&
+      path.substr(datafile::kWindowsPackagePath.size()).starts_with('/')) {
+    return plainName(path.substr(datafile::kWindowsPackagePath.size() + 1));
   }
   return std::nullopt;
 }

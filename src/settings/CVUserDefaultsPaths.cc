@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "common/StringUtil.h"
+#include "format/DataFileFormat.h"
 #include "quarvel/CVUserDefaults.h"
 #include "settings/WorkFolders.h"
 
@@ -12,9 +13,10 @@ namespace quarvel {
 
 namespace {
 
-std::optional<std::string> joined(const std::optional<std::string>& folder, const char* name) {
+std::optional<std::string> joined(const std::optional<std::string>& folder,
+                                  std::string_view name) {
   if (!folder) return std::nullopt;
-  return *folder + "/" + name;
+  return *folder + "/" + std::string(name);
 }
 
 bool existsAt(const std::string& path) {
@@ -99,31 +101,31 @@ std::optional<std::string> CVUserDefaults::libraryPath() const {
 }
 
 std::optional<std::string> CVUserDefaults::checkListFilePath() const {
-  return joined(libraryPath(), "macchecklist.dat");
+  return joined(libraryPath(), datafile::kCheckListFileName);
 }
 std::optional<std::string> CVUserDefaults::filterFilePath() const {
-  return joined(libraryPath(), "macfilterlist.dat");
+  return joined(libraryPath(), datafile::kFilterFileName);
 }
 std::optional<std::string> CVUserDefaults::editionFilePath() const {
   return joined(libraryPath(), "edition.dat");
 }
 std::optional<std::string> CVUserDefaults::packageFilePath() const {
-  return joined(libraryPath(), "macpcklist.dat");
+  return joined(libraryPath(), datafile::kPackageFileName);
 }
 std::optional<std::string> CVUserDefaults::windowPackageFilePath() const {
   return joined(libraryPath(), "package.dat");
 }
 std::optional<std::string> CVUserDefaults::verFilePath() const { return joined(libraryPath(), "ver.dat"); }
 std::optional<std::string> CVUserDefaults::fontListFilePath() const {
-  return joined(libraryPath(), "fontchecklist.dat");
+  return joined(libraryPath(), datafile::kFontListFileName);
 }
 
 std::optional<std::string> CVUserDefaults::userCheckListFilePath() const {
   // Asks the volume test itself rather than going through libraryPath; the
   // answer is the same file.
   auto environment = HostEnvironment::current();
-  if (isPortableRun(*environment)) return joined(defaultPath(), "userchecklist.dat");
-  return joined(joined(environment->userLibraryDirectory(), "Quarvel"), "userchecklist.dat");
+  if (isPortableRun(*environment)) return joined(defaultPath(), datafile::kUserCheckListFileName);
+  return joined(joined(environment->userLibraryDirectory(), "Quarvel"), datafile::kUserCheckListFileName);
 }
 
 }  // namespace quarvel

@@ -15,6 +15,7 @@
 #include "common/FileReplacement.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
+#include "format/DataFileFormat.h"
 #include "quarvel/CVUserDefaults.h"
 #include "quarvel/Reachability.h"
 
@@ -33,29 +34,27 @@ namespace {
 
 using PathGetter = std::optional<std::string> (CVUserDefaults::*)() const;
 
-// One row of the file table. Null texts mean "none": no in-house name and no
-// public path send the request to the fixed file server; no log format
-// writes no line.
+// One row of the file table. No endpoint sends the request to the fixed file
+// server; no log format writes no line.
 struct FileRow {
   PathGetter localPath;
   const char* statusText;
-  const char* webFileName;
-  const char* publicPath;
+  const datafile::ListEndpoint* list;
   const char* logFormat;
 };
 
 const FileRow kFileTable[] = {
-    {&CVUserDefaults::verFilePath, "버전 체크 중입니다.", nullptr, nullptr, nullptr},
-    {&CVUserDefaults::checkListFilePath, "체크리스트 DB를 업데이트 중입니다.", "macchecklist.dat",
-     "/quarvel/download/list/check/mac/", "체크리스트 : %s"},
-    {&CVUserDefaults::packageFilePath, "패키지 DB를 업데이트 중입니다.", "macpcklist.dat",
-     "/quarvel/download/list/package/mac/", "패키지 : %s"},
-    {&CVUserDefaults::filterFilePath, "필터 DB를 업데이트 중입니다.", "macfilterlist.dat",
-     "/quarvel/download/list/filter/mac/", "필터 : %s"},
+    {&CVUserDefaults::verFilePath, "버전 체크 중입니다.", nullptr, nullptr},
+    {&CVUserDefaults::checkListFilePath, "체크리스트 DB를 업데이트 중입니다.",
+     &datafile::kListEndpoints[0], "체크리스트 : %s"},
+    {&CVUserDefaults::packageFilePath, "패키지 DB를 업데이트 중입니다.",
+     &datafile::kListEndpoints[1], "패키지 : %s"},
+    {&CVUserDefaults::filterFilePath, "필터 DB를 업데이트 중입니다.", &datafile::kListEndpoints[2],
+     "필터 : %s"},
     {&CVUserDefaults::userCheckListFilePath, "유저 체크 리스트 DB를 업데이트 중입니다.",
-     "userchecklist.dat", "/quarvel/download/list/user/mac/", "유저 체크리스트 : %s"},
-    {&CVUserDefaults::fontListFilePath, "폰트리스트 DB를 업데이트 중입니다.", "fontchecklist.dat",
-     "/quarvel/download/list/font/mac/", "폰트리스트 : %s"},
+     &datafile::kListEndpoints[3], "유저 체크리스트 : %s"},
+    {&CVUserDefaults::fontListFilePath, "폰트리스트 DB를 업데이트 중입니다.",
+     &datafile::kListEndpoints[4], "폰트리스트 : %s"},
 };
 constexpr std::int64_t kFileTableSize = sizeof(kFileTable) / sizeof(kFileTable[0]);
 
@@ -65,8 +64,6 @@ std::string localPathOf(const CVUserDefaults& settings, std::int64_t index) {
   return (settings.*kFileTable[index].localPath)().value_or("");
 }
 
-constexpr const char* kWebKeyFileQuery = "/cmmn/download.nis?type=keyfile&filename=";
-constexpr const char* kFileServerQuery = "/cmmn/download.nis?type=file&filename=";
 
 // A setting as "%@" prints it: text as it stands, numbers in decimal,
 // nothing as "(null)".
@@ -261,7 +258,7 @@ UpdateOptions UpdateOptions::defaults() {
   options.listServer = std::string("http://") + QUARVEL_LIST_SERVER_HOST;
   options.fileServer = std::string("http://") + QUARVEL_FILE_SERVER_HOST + ":8080";
   options.windowsPackageServer =
-      std::string("http://") + QUARVEL_WINDOWS_SERVER_HOST + "/file/keyfile60";
+      std::string("http://") + QUARVEL_WINDOWS_SERVER_HOST + std::string(datafile::kWindowsPackagePath);
   return options;
 }
 
@@ -372,13 +369,14 @@ std::optional<DownloadError> UpdateRun::downloadKeyFile(std::int64_t index) {
   const std::string localPath = localPathOf(*settings, index);
 
   std::string url;
-  if (row && row->webFileName) {
+  if (row && row->list) {
     if (_isWebQuarvel) {
       // The configured address goes in as it stands; it may carry a port.
       std::string address = describe(CVUserDefaults::standardUserDefaults()->webQuarvelIPAddress());
-      url = "http://" + address + kWebKeyFileQuery + row->webFileName;
+      url = "http://" + address + std::string(datafile::kDownloadEndpoint) +
+            std::string(datafile::kKeyFileQuery) + std::string(row->list->fileName);
     } else {
-      url = options_.listServer + row->publicPath;
+      url = options_.listServer + std::string(row->list->publicPath);
     }
   }
 
@@ -389,7 +387,9 @@ std::optional<DownloadError> UpdateRun::downloadKeyFile(std::int64_t index) {
     else if (index == 1)
       logf("WebQuarvel : %s", url.c_str());
   }
-  if (url.empty()) url = options_.fileServer + kFileServerQuery + lastPathComponent(localPath);
+  if (url.empty())
+    url = options_.fileServer + std::string(datafile::kDownloadEndpoint) +
+          std::string(datafile::kFileQuery) + lastPathComponent(localPath);
 
   view_->setBytesReceived(0);
   if (auto error = httpGet(url, localPath, options_.dataFileTimeout, options_.transferLimit,
