@@ -31,12 +31,15 @@ std::string codePoint(char32_t c) {
 }  // namespace
 
 int runDecrypt(const std::string& path, std::ostream& out, std::ostream& err) {
+  // Refused before reading, as `check` and the data-file classes refuse it.
+  if (const datafile::ReadRefusal refusal = datafile::readRefusal(path);
+      refusal != datafile::ReadRefusal::kNone && refusal != datafile::ReadRefusal::kEmpty) {
+    err << "quarvel: " << path << ": " << datafile::describe(refusal) << '\n';
+    return 1;
+  }
   std::vector<std::string> lines;
   if (!CommonLib::Decrypt(lines, path)) {
-    std::error_code ec;
-    const bool exists = std::filesystem::exists(path, ec);
-    err << "quarvel: " << path << (exists ? ": empty or unreadable data file" : ": no such file")
-        << '\n';
+    err << "quarvel: " << path << ": empty or unreadable data file\n";
     return 1;
   }
   for (const std::string& line : lines) out << line << '\n';

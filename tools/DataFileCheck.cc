@@ -1,9 +1,8 @@
 // `quarvel check`: what the reader would make of a data file, line by line.
 //
-// The file is deciphered and split here with the reader's own rules (CR LF
-// or LF ends a line, a lone CR swallows the byte after it, a zero byte ends
-// the text, text after the last line end is lost) so that findings carry
-// the line numbers of the plain text, including lines the reader drops.
+// The file is deciphered and scanned by the reader's own code (LineReader.h),
+// which hands every line over with its number, those the reader drops too,
+// so that findings carry the line numbers of the plain text.
 
 #include <algorithm>
 #include <cstdio>
@@ -21,6 +20,7 @@
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
 #include "quarvel/LookupIndex.h"
+#include "format/LineReader.h"
 #include "format/MacKorean.h"
 
 namespace quarvel::cli {
@@ -64,49 +64,42 @@ struct Findings {
   }
 };
 
-std::string decipher(std::string bytes) {
-  std::reverse(bytes.begin(), bytes.end());
-  for (std::size_t i = 0; i < bytes.size(); ++i)
-    bytes[i] = static_cast<char>(bytes[i] ^ CommonLib::kKey[i & 15]);
-  return bytes;
-}
-
-std::vector<RawLine> splitLines(const std::string& plain, Findings& findings) {
+// The reader's own scan of the deciphered text, keeping every line with its
+// number (those the reader drops too) and noting what it passes over.
+class CheckingScan : public df::LineScan {
+ public:
+  CheckingScan(std::size_t size, Findings& findings) : size_(size), findings_(findings) {}
   std::vector<RawLine> lines;
-  std::string current;
-  std::size_t number = 1;
-  std::size_t i = 0;
-  auto endLine = [&] {
+
+  void line(std::size_t number, std::string_view bytes) override {
     RawLine line;
-    line.number = number++;
-    line.text = MacKorean::decode(current);
-    line.bytes = std::move(current);
-    current.clear();
-    lines.push_back(std::move(line));
-  };
-  for (; i < plain.size(); ++i) {
-    const char c = plain[i];
-    if (c == '\n') {
-      endLine();
-    } else if (c == '\r') {
-      if (i + 1 < plain.size() && plain[i + 1] == '\n') {
-        endLine();
-        ++i;
-      } else {
-        findings.warning(number, "a CR without LF swallows the byte after it");
-        ++i;
-      }
-    } else if (c == '\0') {
-      findings.warning(number, "the text ends at a zero byte (offset " + std::to_string(i) + "); " +
-                                   std::to_string(plain.size() - i) + " bytes ignored");
-      break;
+    line.number = number;
+    line.bytes = std::string(bytes);
+    if (bytes.size() > df::kMaxLineBytes) {
+      findings_.error(number, std::to_string(bytes.size()) + " bytes, longer than the " +
+                                  std::to_string(df::kMaxLineBytes) +
+                                  " a line may hold; the reader drops this line");
     } else {
-      current += c;
+      line.text = MacKorean::decode(bytes);
+      if (!line.text) findings_.error(number, "not Mac Korean text; the reader drops this line");
     }
+    lines.push_back(std::move(line));
   }
-  if (!current.empty()) findings.warning(number, "the last line has no line end and is ignored");
-  return lines;
-}
+  void loneCarriageReturn(std::size_t number) override {
+    findings_.warning(number, "a CR without LF swallows the byte after it");
+  }
+  void zeroByte(std::size_t number, std::size_t offset) override {
+    findings_.warning(number, "the text ends at a zero byte (offset " + std::to_string(offset) +
+                                  "); " + std::to_string(size_ - offset) + " bytes ignored");
+  }
+  void unterminatedLine(std::size_t number) override {
+    findings_.warning(number, "the last line has no line end and is ignored");
+  }
+
+ private:
+  std::size_t size_;
+  Findings& findings_;
+};
 
 // Quoted, with tabs shown as \t.
 std::string inQuotes(std::string_view text) {
@@ -173,30 +166,31 @@ void checkCharacters(const RawLine& line, const FieldList& fields, Findings& fin
 
 int checkDataFile(const std::string& path, std::optional<DataFileKind> kind, std::ostream& out,
                   std::ostream& err) {
+  // Refused as the reader and `decrypt` refuse it, before anything is read.
+  if (const df::ReadRefusal refusal = df::readRefusal(path); refusal != df::ReadRefusal::kNone) {
+    if (refusal == df::ReadRefusal::kEmpty) {
+      out << path << ": error: the file is empty\n";
+    } else {
+      err << path << ": " << df::describe(refusal) << '\n';
+    }
+    return 1;
+  }
   std::ifstream in(path, std::ios::binary);
-  std::error_code ec;
-  if (!in || !std::filesystem::is_regular_file(path, ec)) {
+  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (!in && !in.eof()) {
     err << path << ": cannot be read\n";
     return 1;
   }
-  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   Findings findings;
   if (bytes.empty()) {
     out << path << ": error: the file is empty\n";
     return 1;
   }
-  std::vector<RawLine> lines = splitLines(decipher(bytes), findings);
-  for (RawLine& line : lines) {
-    if (line.bytes.size() > df::kMaxLineBytes) {
-      findings.error(line.number, std::to_string(line.bytes.size()) + " bytes, longer than the " +
-                                      std::to_string(df::kMaxLineBytes) +
-                                      " a line may hold; the reader drops this line");
-      line.text.reset();
-    } else if (!line.text) {
-      findings.error(line.number, "not Mac Korean text; the reader drops this line");
-    }
-  }
-
+  auto* text = reinterpret_cast<unsigned char*>(bytes.data());
+  df::decipher(text, static_cast<std::uint32_t>(bytes.size()));
+  CheckingScan scan(bytes.size(), findings);
+  df::scanLines(text, bytes.size(), scan);
+  std::vector<RawLine>& lines = scan.lines;
   std::vector<std::string> decoded;
   for (const RawLine& line : lines) decoded.push_back(line.text.value_or(""));
   if (!kind) kind = detectDataFileKind(decoded, path);

@@ -12,6 +12,7 @@
 #include "quarvel/CommonLib.h"
 #include "common/StringUtil.h"
 #include "format/DataFileFormat.h"
+#include "format/LineReader.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
 #include "quarvel/FileFontList.h"
@@ -144,6 +145,11 @@ std::string versionOf(FileFramework& file) {
 // Opens a file with its kind's class; null with a message when it fails.
 std::unique_ptr<FileFramework> openForTool(const std::string& path,
                                            std::optional<DataFileKind>& kind, std::ostream& err) {
+  if (const datafile::ReadRefusal refusal = datafile::readRefusal(path);
+      refusal != datafile::ReadRefusal::kNone) {
+    err << path << ": " << datafile::describe(refusal) << '\n';
+    return nullptr;
+  }
   if (!kind) {
     std::vector<std::string> lines;
     if (!CommonLib::Decrypt(lines, path)) {

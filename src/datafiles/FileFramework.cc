@@ -15,6 +15,7 @@
 #include "common/Log.h"
 #include "common/StringUtil.h"
 #include "format/DataFileFormat.h"
+#include "format/LineReader.h"
 #include "format/MacKorean.h"
 #include "quarvel/CVUserDefaults.h"
 
@@ -67,18 +68,18 @@ FileFramework::ReadResult FileFramework::readSections(const std::string& path,
                                                       bool traceLines) {
   ReadResult result;
   // Only regular files are read: a folder, a pipe or a device would give the
-  // cipher a meaningless size or block it for ever.
-  struct stat info {};
-  if (::stat(path.c_str(), &info) == 0) {
-    if (!S_ISREG(info.st_mode)) {
+  // cipher a meaningless size or block it for ever; and the cipher counts
+  // sizes in 32 bits.
+  switch (datafile::readRefusal(path)) {
+    case datafile::ReadRefusal::kFolder:
+    case datafile::ReadRefusal::kNotRegularFile:
       result.status = ReadStatus::kOpenFailed;
       return result;
-    }
-    // The cipher counts sizes in 32 bits; no data file comes near 4 GiB.
-    if (static_cast<std::uint64_t>(info.st_size) > UINT32_MAX) {
+    case datafile::ReadRefusal::kTooLarge:
       result.status = ReadStatus::kDecryptFailed;
       return result;
-    }
+    default:
+      break;
   }
   std::FILE* stream = std::fopen(path.c_str(), "rb");
   if (stream == nullptr) {

@@ -6,8 +6,10 @@
 // two ends at once, as byte-swapped 64-bit words, so each byte is loaded and
 // stored once.
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -91,41 +93,104 @@ void decipher(unsigned char* buffer, std::uint32_t size) {
   if (size > 0) reverseXor<false>(buffer, size);
 }
 
-void splitLines(const unsigned char* text, std::size_t size, std::vector<std::string>& lines) {
-  char line[kMaxLineBytes + 1] = {};
-  std::size_t length = 0;
-  bool overlong = false;
-  std::size_t lineNumber = 1;
-  auto endLine = [&] {
-    if (overlong) {
-      logf("ERROR : line %zu is longer than %zu bytes and was dropped", lineNumber,
-           kMaxLineBytes);
-    } else if (std::optional<std::string> decoded =
-                   MacKorean::decode(std::string_view(line, length))) {
-      lines.push_back(std::move(*decoded));
-    }
-    std::memset(line, 0, length);
-    length = 0;
-    overlong = false;
-    ++lineNumber;
-  };
-  for (std::size_t i = 0; i < size;) {
-    const unsigned char c = text[i];
-    if (c == 0) break;
-    if (c == '\n') {
-      endLine();
-      ++i;
-    } else if (c == '\r') {
-      if (i + 1 < size && text[i + 1] == '\n') endLine();
-      i += 2;  // CR LF, or a CR and whatever follows it
+void scanLines(const unsigned char* text, std::size_t size, LineScan& scan) {
+  // A line is a run of bytes between line ends unless a lone CR cut a piece
+  // out of it; only then are its pieces gathered in `pieced`.
+  std::string pieced;
+  bool isPieced = false;
+  std::size_t number = 1;
+  std::size_t start = 0;
+  std::size_t i = 0;
+  auto endLine = [&](std::size_t end) {
+    const std::string_view tail(reinterpret_cast<const char*>(text) + start, end - start);
+    if (isPieced) {
+      pieced.append(tail);
+      scan.line(number, pieced);
+      pieced.clear();
+      isPieced = false;
     } else {
-      if (length < kMaxLineBytes)
-        line[length++] = static_cast<char>(c);
-      else
-        overlong = true;
-      ++i;
+      scan.line(number, tail);
+    }
+    ++number;
+  };
+  while (i < size) {
+    const unsigned char* stop = static_cast<const unsigned char*>(
+        std::memchr(text + i, '\n', size - i));
+    const std::size_t limit = stop ? static_cast<std::size_t>(stop - text) : size;
+    // Within [i, limit) only a CR or a zero byte interrupts the line.
+    for (; i < limit; ++i) {
+      const unsigned char c = text[i];
+      if (c == 0) {
+        scan.zeroByte(number, i);
+        if (!pieced.empty() || i > start) scan.unterminatedLine(number);
+        return;
+      }
+      if (c != '\r') continue;
+      if (i + 1 == limit && stop != nullptr) break;  // CR LF
+      scan.loneCarriageReturn(number);
+      pieced.append(reinterpret_cast<const char*>(text) + start, i - start);
+      isPieced = true;
+      i += 1;  // the loop's ++i steps over the swallowed byte
+      start = std::min(i + 1, size);
+    }
+    if (i >= size) break;
+    if (text[i] == '\r') {  // CR LF
+      endLine(i);
+      i += 2;
+    } else {  // LF
+      endLine(i);
+      i += 1;
+    }
+    start = i;
+  }
+  if (!pieced.empty() || start < size) scan.unterminatedLine(number);
+}
+
+namespace {
+
+// The reader's own scan: decodes each line, drops overlong and undecodable ones.
+class DecodingScan : public LineScan {
+ public:
+  explicit DecodingScan(std::vector<std::string>& lines) : lines_(lines) {}
+  void line(std::size_t number, std::string_view bytes) override {
+    if (bytes.size() > kMaxLineBytes) {
+      logf("ERROR : line %zu is longer than %zu bytes and was dropped", number, kMaxLineBytes);
+    } else if (std::optional<std::string> decoded = MacKorean::decode(bytes)) {
+      lines_.push_back(std::move(*decoded));
     }
   }
+
+ private:
+  std::vector<std::string>& lines_;
+};
+
+}  // namespace
+
+void splitLines(const unsigned char* text, std::size_t size, std::vector<std::string>& lines) {
+  DecodingScan scan(lines);
+  scanLines(text, size, scan);
+}
+
+ReadRefusal readRefusal(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return ReadRefusal::kMissing;
+  if (S_ISDIR(info.st_mode)) return ReadRefusal::kFolder;
+  if (!S_ISREG(info.st_mode)) return ReadRefusal::kNotRegularFile;
+  if (static_cast<std::uint64_t>(info.st_size) > UINT32_MAX) return ReadRefusal::kTooLarge;
+  if (info.st_size == 0) return ReadRefusal::kEmpty;
+  return ReadRefusal::kNone;
+}
+
+std::string_view describe(ReadRefusal refusal) {
+  switch (refusal) {
+    case ReadRefusal::kNone: return "readable";
+    case ReadRefusal::kMissing: return "no such file";
+    case ReadRefusal::kFolder: return "is a folder";
+    case ReadRefusal::kNotRegularFile: return "not a regular file";
+    case ReadRefusal::kTooLarge: return "larger than the 4 GiB a data file can hold";
+    case ReadRefusal::kEmpty: return "empty data file";
+  }
+  return "unreadable";
 }
 
 }  // namespace datafile
@@ -181,6 +246,13 @@ bool CommonLib::Decrypt(std::vector<std::string>& lines, std::FILE* targetFile) 
 }
 
 bool CommonLib::Decrypt(std::vector<std::string>& lines, const std::string& targetFilePath) {
+  // A folder opens as a stream of unknown size, a pipe may never end.
+  const datafile::ReadRefusal refusal = datafile::readRefusal(targetFilePath);
+  if (refusal == datafile::ReadRefusal::kFolder ||
+      refusal == datafile::ReadRefusal::kNotRegularFile) {
+    logf("ERROR : %s is not a regular file", targetFilePath.c_str());
+    return false;
+  }
   std::FILE* file = std::fopen(targetFilePath.c_str(), "rb");
   if (!file) return false;
   if (int error = std::ferror(file)) {

@@ -1,28 +1,58 @@
 #pragma once
-// The two steps of the data-file reader behind CommonLib::Decrypt, exposed
-// for the benchmarks, the fuzzer and anyone holding a file already in
-// memory.
+// The steps of the data-file reader behind CommonLib::Decrypt, exposed for
+// `quarvel check`, the benchmarks, the fuzzer and anyone holding a file
+// already in memory.
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "format/DataFileFormat.h"
 
 namespace quarvel::datafile {
 
+// Why the reader will not read the file at `path`, asked before anything is
+// read: what CommonLib::Decrypt, the data-file classes and the tool refuse.
+enum class ReadRefusal {
+  kNone,
+  kMissing,         // nothing there, or it cannot be looked at
+  kFolder,          // a folder
+  kNotRegularFile,  // a pipe, socket or device, which could block or never end
+  kTooLarge,        // more than UINT32_MAX bytes: the cipher counts in 32 bits
+  kEmpty,           // no bytes: there is nothing to decipher
+};
+ReadRefusal readRefusal(const std::string& path);
+// A few words for a person: "no such file", "is a folder", ...
+std::string_view describe(ReadRefusal refusal);
+
 // Deciphers in place: reverses the buffer, then XORs byte i with the key's
 // byte i & 15. The exact inverse of CommonLib::Encrypt.
 void decipher(unsigned char* buffer, std::uint32_t size);
 
-// Appends the lines of deciphered text to `lines`, decoded from Mac Korean:
-// - LF, or CR LF, ends a line; a line that does not decode is dropped;
+// What the line scan meets in deciphered text. The reader's rules:
+// - LF, or CR LF, ends a line;
 // - a CR followed by anything else is skipped together with that byte;
 // - a zero byte, or the end of the text, stops the scan, and the bytes
 //   since the last line end never become a line (a CR as the very last
-//   byte included: the scan stops at the end instead of stepping past it);
-// - a line longer than kMaxLineBytes bytes (DataFileFormat.h) is dropped, and logged.
+//   byte included: the scan stops at the end instead of stepping past it).
+class LineScan {
+ public:
+  virtual ~LineScan() = default;
+  // A whole line, `number` counting from 1, as stored (Mac Korean), of any
+  // length; the view lasts until the next call.
+  virtual void line(std::size_t number, std::string_view bytes) = 0;
+  // The irregularities the reader passes over without a word.
+  virtual void loneCarriageReturn(std::size_t /*number*/) {}
+  virtual void zeroByte(std::size_t /*number*/, std::size_t /*offset*/) {}
+  virtual void unterminatedLine(std::size_t /*number*/) {}
+};
+void scanLines(const unsigned char* text, std::size_t size, LineScan& scan);
+
+// Appends the lines of deciphered text to `lines`, decoded from Mac Korean,
+// by scanLines' rules. A line that does not decode is dropped; a line
+// longer than kMaxLineBytes bytes is dropped, and logged.
 void splitLines(const unsigned char* text, std::size_t size, std::vector<std::string>& lines);
 
 }  // namespace quarvel::datafile

@@ -86,6 +86,44 @@ TEST(LineReader, SplitsAtLineEndsAndDropsTheUnfinishedTail) {
   EXPECT_TRUE(log.lines().empty());
 }
 
+// The scan hands over every line with its number, however long or
+// undecodable, and names what the reader passes over.
+TEST(LineReader, TheScanNumbersLinesAndNamesWhatItPassesOver) {
+  struct Events : datafile::LineScan {
+    Lines seen;
+    void line(std::size_t n, std::string_view bytes) override {
+      seen.push_back(std::to_string(n) + ":" + std::string(bytes));
+    }
+    void loneCarriageReturn(std::size_t n) override { seen.push_back(std::to_string(n) + ":CR"); }
+    void zeroByte(std::size_t n, std::size_t at) override {
+      seen.push_back(std::to_string(n) + ":NUL@" + std::to_string(at));
+    }
+    void unterminatedLine(std::size_t n) override { seen.push_back(std::to_string(n) + ":TAIL"); }
+  };
+  struct Case {
+    std::string plain;
+    Lines events;
+  } cases[] = {
+      {"a\r\nb\n", {"1:a", "2:b"}},
+      {"ab\rcd\r\n", {"1:CR", "1:abd"}},
+      {std::string("a\r\0b\r\n", 6), {"1:CR", "1:ab"}},
+      {"x\r\r\ny\n", {"1:CR", "1:x", "2:y"}},  // the swallowed CR cannot start a CR LF
+      {std::string("a\nb\0c\n", 7), {"1:a", "2:NUL@3", "2:TAIL"}},
+      {std::string("a\n\0", 3), {"1:a", "2:NUL@2"}},
+      {"a\nb\r", {"1:a", "2:CR", "2:TAIL"}},
+      {"\r", {"1:CR"}},
+      {"a\nbc", {"1:a", "2:TAIL"}},
+      {std::string(3000, 'x') + "\n", {"1:" + std::string(3000, 'x')}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.plain));
+    Events events;
+    datafile::scanLines(reinterpret_cast<const unsigned char*>(c.plain.data()), c.plain.size(),
+                        events);
+    EXPECT_EQ(events.seen, c.events);
+  }
+}
+
 TEST(LineReader, LinesBeyondTheBufferAreDroppedAndLogged) {
   const std::string longest(datafile::kMaxLineBytes, 'x');
   LogCapture log;

@@ -1,13 +1,17 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <functional>
 #include <sstream>
 
 #include "CipherCommand.h"
+#include "DataFileTool.h"
 #include "datafiles/DataFileTestUtil.h"
 #include "quarvel/CommonLib.h"
 #include "common/Log.h"
@@ -115,15 +119,41 @@ TEST(CipherCommands, AFailedWriteLeavesOutAsItWas) {
   EXPECT_EQ(names, (std::vector<std::string>{"new.txt", "old.txt", "out.dat"}));
 }
 
-TEST(CipherCommands, DecryptOfAMissingOrEmptyFileFails) {
+// decrypt, check and show refuse the same files, before reading them, and
+// say why; a FIFO would block a reader for ever.
+TEST(CipherCommands, DataFileCommandsRefuseTheSameFilesBeforeReading) {
   TempDir dir;
   quarvel::testing::writeBytes(dir.path() / "empty.dat", "");
-  std::ostringstream out, err;
-  EXPECT_EQ(runDecrypt(dir.file("missing.dat"), out, err), 1);
-  EXPECT_EQ(runDecrypt(dir.file("empty.dat"), out, err), 1);
-  EXPECT_EQ(out.str(), "");
-  EXPECT_NE(err.str().find("missing.dat: no such file"), std::string::npos);
-  EXPECT_NE(err.str().find("empty.dat: empty or unreadable"), std::string::npos);
+  std::filesystem::create_directory(dir.path() / "folder.dat");
+  ASSERT_EQ(::mkfifo(dir.file("fifo.dat").c_str(), 0600), 0);
+  const struct {
+    const char* name;
+    const char* reason;
+  } cases[] = {
+      {"missing.dat", "no such file"},
+      {"folder.dat", "is a folder"},
+      {"fifo.dat", "not a regular file"},
+      {"empty.dat", "empty"},
+  };
+  using Command = std::function<int(const std::string&, std::ostream&, std::ostream&)>;
+  const std::pair<const char*, Command> commands[] = {
+      {"decrypt", [](auto& path, auto& out, auto& err) { return runDecrypt(path, out, err); }},
+      {"check",
+       [](auto& path, auto& out, auto& err) { return checkDataFile(path, {}, out, err); }},
+      {"show",
+       [](auto& path, auto& out, auto& err) {
+         return showDataFile(path, {}, OutputFormat::Table, out, err);
+       }},
+  };
+  for (const auto& [command, call] : commands) {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(std::string(command) + " " + c.name);
+      std::ostringstream out, err;
+      EXPECT_EQ(call(dir.file(c.name), out, err), 1);
+      EXPECT_NE((out.str() + err.str()).find(c.reason), std::string::npos)
+          << out.str() << err.str();
+    }
+  }
 }
 
 // The bundled sample is the enciphered form of its text.
