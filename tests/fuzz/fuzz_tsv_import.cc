@@ -17,7 +17,7 @@
 #include <string_view>
 #include <vector>
 
-#include "DataFileTool.h"
+#include "datafiles/TsvImport.h"
 #include "FuzzFail.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
@@ -27,7 +27,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace quarvel;
-using namespace quarvel::cli;
+using namespace quarvel::datafile;
 
 using quarvel::fuzz::fail;
 

@@ -4,6 +4,8 @@
 // which hands every line over with its number, those the reader drops too,
 // so that findings carry the line numbers of the plain text.
 
+#include "datafiles/DataFileCheck.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -13,7 +15,8 @@
 #include <ostream>
 #include <set>
 
-#include "DataFileTool.h"
+#include "datafiles/DataFileKind.h"
+#include "quarvel/Table.h"
 #include "quarvel/CommonLib.h"
 #include "common/StringUtil.h"
 #include "format/DataFileFormat.h"
@@ -23,7 +26,7 @@
 #include "format/LineReader.h"
 #include "format/MacKorean.h"
 
-namespace quarvel::cli {
+namespace quarvel::datafile {
 
 namespace df = quarvel::datafile;
 
@@ -291,4 +294,4 @@ int checkDataFile(const std::string& path, std::optional<DataFileKind> kind, std
   return findings.errors > 0 || damaged ? 1 : 0;
 }
 
-}  // namespace quarvel::cli
+}  // namespace quarvel::datafile
