@@ -27,7 +27,6 @@ namespace quarvel {
 
 struct NetworkIdentityState;
 struct NetworkIdentityRun;
-struct NetworkSources;
 
 class CVUserDefaults {
  public:
@@ -51,11 +50,6 @@ class CVUserDefaults {
   // text at "/ip". The build sets the default (QUARVEL_ECHO_SERVER_HOST).
   static void setEchoServiceHost(std::string hostAndPort);
   static std::string echoServiceHost();
-
-  // For tests: forgets the shared instance and empties defaultsDic, so that
-  // the next class call runs the start-up sequence again. Like a reset, it
-  // stops and joins the start-up job first.
-  static void discardSharedInstanceForTesting();
 
   ~CVUserDefaults();
   CVUserDefaults(const CVUserDefaults&) = delete;
@@ -202,9 +196,6 @@ class CVUserDefaults {
   // The working state of the last identity run that finished (services,
   // interfaces, adapter records, text); absent before the first.
   std::optional<NetworkIdentityRun> lastNetworkIdentityRun() const;
-  // Where identity runs take their facts from, process-wide; members left
-  // empty use the system's (getifaddrs, sysfs, a real 2-second sleep).
-  static void setNetworkSourcesForTesting(const NetworkSources& sources);
 
   // --- Command runner and HTTP ----------------------------------------------------
   // Runs `/bin/sh -c command` and answers its standard output ("" when it

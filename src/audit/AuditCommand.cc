@@ -7,6 +7,7 @@
 
 #include "audit/ProgressLine.h"
 #include "common/FileReplacement.h"
+#include "common/Platform.h"
 #include "quarvel/CVUserDefaults.h"
 
 namespace quarvel::audit {
@@ -35,7 +36,7 @@ std::unique_ptr<Source> openList(const char* what, const std::optional<std::stri
 }
 
 std::string localTimeStamp() {
-  std::time_t now = std::time(nullptr);
+  std::time_t now = std::chrono::system_clock::to_time_t(Platform::current()->wallNow());
   std::tm local{};
   ::localtime_r(&now, &local);
   char text[32];

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "quarvel/CommonLib.h"
+#include "common/Platform.h"
 #include "common/detail/CommonLibDetail.h"
 
 namespace quarvel {
@@ -105,7 +106,7 @@ std::string systemVersionText(std::string_view osRelease, std::string_view kerne
 }  // namespace detail
 
 std::string CommonLib::getToday() {
-  return detail::stamp(std::time(nullptr), "%d%.2d%.2d%.2d%.2d%.2d");
+  return detail::stamp(std::chrono::system_clock::to_time_t(Platform::current()->wallNow()), "%d%.2d%.2d%.2d%.2d%.2d");
 }
 
 std::string CommonLib::getFileCreateDate(const char* path) {

@@ -19,6 +19,7 @@
 #include <system_error>
 
 #include "common/Log.h"
+#include "common/Platform.h"
 
 namespace quarvel {
 namespace {
@@ -119,9 +120,9 @@ int resolveTarget(std::string path, std::string& target, struct stat& info, bool
 
 // Writes all of `size` bytes at the file offset, through short writes and
 // interruptions. Answers 0 or an errno value.
-int writeAll(int fd, const char* data, std::size_t size) {
+int writeAll(Platform& platform, int fd, const char* data, std::size_t size) {
   while (size > 0) {
-    const ssize_t n = ::write(fd, data, size < kWriteChunk ? size : kWriteChunk);
+    const ssize_t n = platform.write(fd, data, size < kWriteChunk ? size : kWriteChunk);
     if (n < 0) {
       if (errno == EINTR) continue;
       return errno;
@@ -136,6 +137,8 @@ int writeAll(int fd, const char* data, std::size_t size) {
 }  // namespace
 
 struct FileReplacement::State {
+  // Taken once, so that a replacement runs on one platform throughout.
+  std::shared_ptr<Platform> platform = Platform::current();
   std::string path;      // as given, for the log
   std::string name;      // the final target's name in its folder
   int folderFd = -1;     // O_PATH of the target's folder
@@ -190,7 +193,7 @@ bool FileReplacement::State::openFor(const std::string& given, mode_t newFileMod
     if (!S_ISREG(target.st_mode)) return fail("not a regular file", 0);
     // Opening it is the exact test of whether a write through the path would
     // be allowed. Non-blocking, in case it became a pipe since lstat.
-    targetFd = ::open(resolved.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC);
+    targetFd = platform->openAt(AT_FDCWD, resolved.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC, 0);
     if (targetFd >= 0) break;
     if (errno != ENOENT || attempt == 2) return fail("cannot open the file for writing", errno);
   }
@@ -284,7 +287,7 @@ int FileReplacement::State::createTemporary(const std::string& prefix, mode_t mo
   int error = EEXIST;
   for (int attempt = 0; attempt < 100; ++attempt) {
     std::string candidate = prefix + randomLetters();
-    int fd = ::openat(folderFd, candidate.c_str(),
+    int fd = platform->openAt(folderFd, candidate.c_str(),
                       O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, mode);
     if (fd < 0) {
       if (errno == EEXIST) continue;
@@ -319,7 +322,7 @@ int FileReplacement::State::createStaging() {
   std::error_code ec;
   std::string folder = std::filesystem::temp_directory_path(ec).string();
   if (ec) folder = "/tmp";
-  tempFd = ::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  tempFd = platform->openAt(AT_FDCWD, folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
   if (tempFd >= 0) return 0;
   std::string pattern = folder + "/.qv-staging-XXXXXX";
   tempFd = ::mkostemp(pattern.data(), O_CLOEXEC);
@@ -348,8 +351,8 @@ int FileReplacement::State::copyInPlace() {
     }
     if (n == 0) return EIO;  // the staging file is shorter than written
     for (ssize_t done = 0; done < n;) {
-      const ssize_t w = ::pwrite(targetFd, buffer.get() + done, static_cast<std::size_t>(n - done),
-                                 offset + done);
+      const ssize_t w = platform->writeAt(targetFd, buffer.get() + done,
+                                          static_cast<std::size_t>(n - done), offset + done);
       if (w < 0) {
         if (errno == EINTR) continue;
         return errno;
@@ -359,8 +362,8 @@ int FileReplacement::State::copyInPlace() {
     }
     offset += n;
   }
-  if (::ftruncate(targetFd, size) != 0) return errno;
-  if (::fsync(targetFd) != 0) return errno;
+  if (platform->truncate(targetFd, size) != 0) return errno;
+  if (platform->sync(targetFd) != 0) return errno;
   return 0;
 }
 
@@ -385,7 +388,7 @@ bool FileReplacement::write(const void* data, std::size_t size) {
   if (s.sizeLimit != RLIM_INFINITY &&
       (s.written + size < s.written || s.written + size > s.sizeLimit))
     return s.fail("the file would pass the file-size limit", EFBIG);
-  if (int error = writeAll(s.tempFd, static_cast<const char*>(data), size))
+  if (int error = writeAll(*s.platform, s.tempFd, static_cast<const char*>(data), size))
     return s.fail("cannot write the new contents", error);
   s.written += size;
   return true;
@@ -403,10 +406,10 @@ bool FileReplacement::commit() {
   // set before it; they are set again once the contents are complete.
   if (s.exists && (s.target.st_mode & (S_ISUID | S_ISGID)) != 0)
     (void)::fchmod(s.tempFd, s.target.st_mode & 07777);
-  if (::fsync(s.tempFd) != 0) return s.fail("cannot flush the new contents", errno);
+  if (s.platform->sync(s.tempFd) != 0) return s.fail("cannot flush the new contents", errno);
   // The lock is held until the name is gone, so that no scan takes the file
   // for a stale one.
-  if (::renameat(s.folderFd, s.tempName.c_str(), s.folderFd, s.name.c_str()) != 0) {
+  if (s.platform->renameAt(s.folderFd, s.tempName.c_str(), s.folderFd, s.name.c_str()) != 0) {
     const int error = errno;
     // A sticky folder lets only the file's owner replace it; its other
     // writers may still write it in place.
@@ -419,7 +422,7 @@ bool FileReplacement::commit() {
   s.tempName.clear();
   const int syncFd = ::openat(s.folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (syncFd >= 0) {
-    (void)::fsync(syncFd);  // the rename is done; a folder that cannot be flushed is no failure
+    (void)s.platform->sync(syncFd);  // the rename is done; a folder that cannot be flushed is no failure
     ::close(syncFd);
   }
   s.close();

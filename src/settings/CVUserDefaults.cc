@@ -1,6 +1,7 @@
 // The settings store: the shared instance, its start-up sequence, the key
 // access on defaultsDic and the domain file behind it.
 #include "quarvel/CVUserDefaults.h"
+#include "settings/SettingsForTesting.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -16,6 +17,7 @@
 #include <system_error>
 
 #include "common/FileReplacement.h"
+#include "common/Platform.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
 #include "settings/HostEnvironment.h"
@@ -67,7 +69,7 @@ std::atomic<bool>& lastWriteFailedFlag() {
 }
 
 std::string localStamp() {
-  std::time_t now = std::time(nullptr);
+  std::time_t now = std::chrono::system_clock::to_time_t(Platform::current()->wallNow());
   std::tm local{};
   localtime_r(&now, &local);
   char text[32];
@@ -141,14 +143,14 @@ CVUserDefaults* CVUserDefaults::createShared(std::optional<bool> isLiteVer) {
 }
 
 void CVUserDefaults::resetStandardUserDefaults() {
-  stopBackgroundJobs();
+  stopNetworkIdentityJobs();
   std::lock_guard<std::recursive_mutex> lock(sharedMutex());
   if (userdefaultsInstance) retiredInstances().push_back(userdefaultsInstance);
   userdefaultsInstance = new CVUserDefaults();
 }
 
-void CVUserDefaults::discardSharedInstanceForTesting() {
-  stopBackgroundJobs();
+void discardSharedSettingsForTesting() {
+  stopNetworkIdentityJobs();
   std::lock_guard<std::recursive_mutex> lock(sharedMutex());
   if (userdefaultsInstance) retiredInstances().push_back(userdefaultsInstance);
   userdefaultsInstance = nullptr;

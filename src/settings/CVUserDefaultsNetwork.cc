@@ -7,9 +7,11 @@
 #include <vector>
 
 #include "quarvel/CVUserDefaults.h"
+#include "common/Platform.h"
 #include "settings/HttpRequest.h"
 #include "settings/NetworkIdentity.h"
 #include "settings/NetworkSources.h"
+#include "settings/SettingsForTesting.h"
 
 namespace quarvel {
 
@@ -31,15 +33,11 @@ std::string& echoHost() {
   return host;
 }
 
-std::mutex sourcesMutex;
-NetworkSources& configuredSourcesSlot() {
-  static NetworkSources sources;
-  return sources;
-}
-
+// Where identity runs take their facts from: the current Platform's sources,
+// members left empty standing for the system's.
 NetworkSources configuredSources() {
-  std::lock_guard<std::mutex> lock(sourcesMutex);
-  return configuredSourcesSlot();
+  if (auto sources = Platform::current()->networkSources()) return *sources;
+  return {};
 }
 
 // Runs the start-up identity jobs, each on a thread of its own, in place of
@@ -132,14 +130,9 @@ std::string CVUserDefaults::echoServiceHost() {
   return echoHost();
 }
 
-void CVUserDefaults::stopBackgroundJobs() { BackgroundJobs::shared().stopAll(); }
+void stopNetworkIdentityJobs() { BackgroundJobs::shared().stopAll(); }
 
-void CVUserDefaults::setNetworkSourcesForTesting(const NetworkSources& sources) {
-  // A running job still holds the sources it was handed.
-  stopBackgroundJobs();
-  std::lock_guard<std::mutex> lock(sourcesMutex);
-  configuredSourcesSlot() = sources;
-}
+void CVUserDefaults::stopBackgroundJobs() { stopNetworkIdentityJobs(); }
 
 void CVUserDefaults::startExternalAddressLookup() { getOutIpAddress(); }
 

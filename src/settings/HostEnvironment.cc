@@ -11,6 +11,7 @@
 #include <system_error>
 #include <vector>
 
+#include "common/Platform.h"
 #include "common/StringUtil.h"
 #include "settings/MountTable.h"
 
@@ -19,12 +20,6 @@ namespace quarvel {
 namespace fs = std::filesystem;
 
 namespace {
-
-std::mutex currentMutex;
-std::shared_ptr<const HostEnvironment>& installed() {
-  static std::shared_ptr<const HostEnvironment> environment;
-  return environment;
-}
 
 std::optional<std::string> environmentValue(const char* name) {
   const char* value = std::getenv(name);
@@ -66,14 +61,9 @@ std::optional<std::string> userDirsEntry(const std::string& file, const std::str
 }  // namespace
 
 std::shared_ptr<const HostEnvironment> HostEnvironment::current() {
-  std::lock_guard<std::mutex> lock(currentMutex);
-  if (!installed()) installed() = std::make_shared<SystemHostEnvironment>();
-  return installed();
-}
-
-void HostEnvironment::setCurrent(std::shared_ptr<const HostEnvironment> environment) {
-  std::lock_guard<std::mutex> lock(currentMutex);
-  installed() = std::move(environment);
+  if (auto environment = Platform::current()->hostEnvironment()) return environment;
+  static const auto system = std::make_shared<const SystemHostEnvironment>();
+  return system;
 }
 
 SystemHostEnvironment::SystemHostEnvironment(std::string systemRoot)

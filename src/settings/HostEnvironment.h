@@ -3,7 +3,7 @@
 // what the volume under it is like, and where the user's folders are.
 //
 // The system implementation reads the process, the environment, the mount
-// table and sysfs; tests install their own with HostEnvironment::setCurrent.
+// table and sysfs; a Platform may answer another (common/Platform.h).
 
 #include <memory>
 #include <optional>
@@ -40,11 +40,8 @@ class HostEnvironment {
   // The user Library folder: $XDG_DATA_HOME, by default home + "/.local/share".
   virtual std::optional<std::string> userLibraryDirectory() const = 0;
 
-  // The environment in use: the one installed last, else the system one.
+  // The environment in use: the current Platform's, else the system one.
   static std::shared_ptr<const HostEnvironment> current();
-  // Installs `environment` for the whole process; null restores the system
-  // one. For tests and embedders; not meant to change while others read it.
-  static void setCurrent(std::shared_ptr<const HostEnvironment> environment);
 };
 
 // The real platform. `systemRoot` is where /proc and /sys are looked for

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "common/Log.h"
+#include "common/Platform.h"
 #include "common/StringUtil.h"
 #include "quarvel/CVUserDefaults.h"
 
@@ -22,7 +23,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::atomic<std::int64_t> idleTimeoutMs{60'000};
 
 struct Transfer {
   CURL* easy = nullptr;
@@ -184,13 +184,7 @@ class HttpDispatcher {
 
 }  // namespace
 
-void setHttpIdleTimeoutForTesting(std::chrono::milliseconds timeout) {
-  idleTimeoutMs = timeout.count();
-}
-
-std::chrono::milliseconds httpIdleTimeout() {
-  return std::chrono::milliseconds(idleTimeoutMs.load());
-}
+std::chrono::milliseconds httpIdleTimeout() { return Platform::current()->httpIdleTimeout(); }
 
 void sendHttpRequest(const std::string& url, const std::string& body,
                      std::function<void(std::optional<std::string>)> done) {

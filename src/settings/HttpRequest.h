@@ -21,9 +21,8 @@ void sendHttpRequest(const std::string& url, const std::string& body,
                      std::function<void(std::optional<std::string>)> done);
 
 // A request fails after this long without any byte moving, connection
-// included. 60 seconds unless a test shortens it; applies to requests sent
-// afterwards.
-void setHttpIdleTimeoutForTesting(std::chrono::milliseconds timeout);
+// included: the current Platform's, 60 seconds on the system's; applies to
+// requests sent afterwards.
 std::chrono::milliseconds httpIdleTimeout();
 
 }  // namespace quarvel

@@ -5,14 +5,10 @@
 #include <cstring>
 #include <mutex>
 
+#include "common/Platform.h"
 #include "update/KernelRouteSource.h"
 
 namespace quarvel {
-
-namespace {
-std::mutex sourceMutex;
-std::shared_ptr<RouteSource> installedSource;  // guarded by sourceMutex; null: the kernel
-}  // namespace
 
 std::optional<IpAddress> IpAddress::parse(const std::string& text) {
   in_addr v4{};
@@ -41,18 +37,9 @@ bool operator==(const IpAddress& a, const IpAddress& b) {
 }
 
 std::shared_ptr<RouteSource> RouteSource::current() {
-  {
-    std::lock_guard lock(sourceMutex);
-    if (installedSource) return installedSource;
-  }
+  if (auto source = Platform::current()->routeSource()) return source;
   static const auto kernel = std::make_shared<KernelRouteSource>();
   return kernel;
-}
-
-std::shared_ptr<RouteSource> RouteSource::setCurrent(std::shared_ptr<RouteSource> source) {
-  std::lock_guard lock(sourceMutex);
-  std::swap(installedSource, source);
-  return source;
 }
 
 }  // namespace quarvel

@@ -63,12 +63,9 @@ class RouteSource {
   // A new subscription, or null when none can be made.
   virtual std::unique_ptr<Watch> watch() = 0;
 
-  // The source that new monitors use: the kernel unless a test installed
-  // another. Monitors keep the source they were created with.
+  // The source that new monitors use: the current Platform's, else the
+  // kernel. Monitors keep the source they were created with.
   static std::shared_ptr<RouteSource> current();
-  // Installs `source` for monitors created from now on; null puts the kernel
-  // back. Answers the source it replaced (null when that was the kernel).
-  static std::shared_ptr<RouteSource> setCurrent(std::shared_ptr<RouteSource> source);
 };
 
 }  // namespace quarvel

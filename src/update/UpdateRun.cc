@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "common/FileReplacement.h"
+#include "common/Platform.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
 #include "format/DataFileFormat.h"
@@ -80,7 +81,7 @@ std::string describe(const std::optional<PlistValue>& value) {
 }
 
 std::string localDayOfMonth() {
-  std::time_t now = std::time(nullptr);
+  std::time_t now = std::chrono::system_clock::to_time_t(Platform::current()->wallNow());
   std::tm local{};
   localtime_r(&now, &local);
   char day[8];
@@ -115,7 +116,7 @@ void removeOldRunTemporaries(const std::string& localPath) {
     ::close(folderFd);
     return;
   }
-  const time_t now = std::time(nullptr);
+  const time_t now = std::chrono::system_clock::to_time_t(Platform::current()->wallNow());
   while (const dirent* entry = ::readdir(dir)) {
     const std::string_view candidate(entry->d_name);
     if (candidate.size() != prefix.size() + kRandomLength || !candidate.starts_with(prefix))
@@ -154,7 +155,8 @@ struct Transfer {
   UpdateView* view = nullptr;  // told the bytes received, or nobody
   std::uint64_t received = 0;
   bool overCeiling = false;
-  std::chrono::steady_clock::time_point lastByte = std::chrono::steady_clock::now();
+  std::shared_ptr<Platform> platform = Platform::current();  // its clock times the transfer
+  std::chrono::steady_clock::time_point lastByte = platform->steadyNow();
   std::chrono::steady_clock::time_point lastReport{};
 };
 
@@ -164,7 +166,7 @@ constexpr auto kReportInterval = std::chrono::milliseconds(100);
 size_t writeBody(char* data, size_t size, size_t count, void* target) {
   auto* transfer = static_cast<Transfer*>(target);
   const size_t bytes = size * count;
-  const auto now = std::chrono::steady_clock::now();
+  const auto now = transfer->platform->steadyNow();
   transfer->lastByte = now;
   if (bytes > transfer->ceiling - std::min(transfer->received, transfer->ceiling)) {
     transfer->overCeiling = true;
@@ -186,7 +188,7 @@ size_t writeBody(char* data, size_t size, size_t count, void* target) {
 // Ends the transfer once no byte has arrived for the idle time-out.
 int checkIdle(void* target, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
   const auto* transfer = static_cast<const Transfer*>(target);
-  return std::chrono::steady_clock::now() - transfer->lastByte > transfer->idleTimeout ? 1 : 0;
+  return transfer->platform->steadyNow() - transfer->lastByte > transfer->idleTimeout ? 1 : 0;
 }
 
 // libcurl's receive buffer: larger pieces mean fewer writes for big lists.

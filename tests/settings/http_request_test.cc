@@ -12,6 +12,7 @@
 #include "settings/HttpRequest.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/SettingsSandbox.h"
+#include "support/TestPlatform.h"
 
 namespace quarvel {
 namespace {
@@ -67,7 +68,6 @@ class HttpRequestTest : public ::testing::Test {
     CVUserDefaults::resetStandardUserDefaults();  // a bare instance: no start-up work
     defaults_ = CVUserDefaults::standardUserDefaults();
   }
-  ~HttpRequestTest() override { setHttpIdleTimeoutForTesting(std::chrono::seconds(60)); }
 
   quarvel::testing::SettingsSandbox sandbox_;
   CVUserDefaults* defaults_ = nullptr;
@@ -143,7 +143,8 @@ TEST_F(HttpRequestTest, UnusableTargetsCompleteOnceWithEmptyText) {
 
 TEST_F(HttpRequestTest, SilentServerFailsAfterTheIdleTimeout) {
   EXPECT_EQ(httpIdleTimeout(), std::chrono::seconds(60));
-  setHttpIdleTimeoutForTesting(std::chrono::milliseconds(300));
+  quarvel::testing::TestPlatform platform;
+  platform->httpIdle = std::chrono::milliseconds(300);
   LoopbackHttpServer server([](const HttpReceived&) { return HttpReply::silence(); });
   Completion completion;
   auto start = std::chrono::steady_clock::now();

@@ -11,6 +11,7 @@
 #include "settings/NetworkFakes.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/SettingsSandbox.h"
+#include "support/TestPlatform.h"
 
 namespace quarvel {
 namespace {
@@ -34,12 +35,15 @@ class NetworkDefaultsTest : public ::testing::Test {
   NetworkDefaultsTest()
       : services_(
             std::make_shared<FakeServices>(ServiceList{{"eth0", "Ethernet"}, {"wlan0", "Wi-Fi"}})) {
-    CVUserDefaults::setNetworkSourcesForTesting(
-        {std::make_shared<FakeInterfaces>(kMachine), services_, sleeps_.function()});
+    useSources({std::make_shared<FakeInterfaces>(kMachine), services_, sleeps_.function()});
   }
-  ~NetworkDefaultsTest() override {
-    CVUserDefaults::discardSharedInstanceForTesting();
-    CVUserDefaults::setNetworkSourcesForTesting({});
+  ~NetworkDefaultsTest() override { discardSharedSettingsForTesting(); }
+
+  // Identity runs started from now on take `sources`; a running start-up
+  // job still holds the ones it was handed, so it is stopped first.
+  void useSources(NetworkSources sources) {
+    stopNetworkIdentityJobs();
+    platform_->network = std::make_shared<const NetworkSources>(std::move(sources));
   }
 
   // A bare instance: no lookup, no start-up job.
@@ -49,6 +53,7 @@ class NetworkDefaultsTest : public ::testing::Test {
   }
 
   quarvel::testing::SettingsSandbox sandbox_;
+  quarvel::testing::TestPlatform platform_;
   RecordedSleeps sleeps_;
   std::shared_ptr<FakeServices> services_;
 };
@@ -122,14 +127,13 @@ TEST_F(NetworkDefaultsTest, CallersRacingTheStartUpJobAgree) {
 // wait for it, or it would call them after they are gone.
 TEST_F(NetworkDefaultsTest, RetiringTheInstanceJoinsItsStartUpJob) {
   std::atomic<bool> jobEnded{false};
-  CVUserDefaults::setNetworkSourcesForTesting(
-      {std::make_shared<FakeInterfaces>(kMachine), services_,
-       [&jobEnded](std::chrono::milliseconds) {
-         std::this_thread::sleep_for(100ms);
-         jobEnded = true;
-       }});
+  useSources({std::make_shared<FakeInterfaces>(kMachine), services_,
+              [&jobEnded](std::chrono::milliseconds) {
+                std::this_thread::sleep_for(100ms);
+                jobEnded = true;
+              }});
   CVUserDefaults::standardUserDefaults();
-  CVUserDefaults::discardSharedInstanceForTesting();
+  discardSharedSettingsForTesting();
   EXPECT_TRUE(jobEnded);
   EXPECT_EQ(services_->calls, 1);  // the job ran to its end, not cut off
 

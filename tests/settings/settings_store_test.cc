@@ -19,6 +19,7 @@
 #include "quarvel/CVUserDefaults.h"
 #include "settings/PropertyList.h"
 #include "support/SettingsSandbox.h"
+#include "settings/SettingsForTesting.h"
 
 namespace quarvel {
 namespace {
@@ -346,7 +347,7 @@ TEST(CVUserDefaultsTest, ValuesTheStoreDidNotChangeAreKeptExactly) {
     d->setInteger(1, "count");
     d->setInteger(2, "count");
     EXPECT_FALSE(CVUserDefaults::lastWriteFailed());
-    CVUserDefaults::discardSharedInstanceForTesting();
+    discardSharedSettingsForTesting();
     d = CVUserDefaults::standardUserDefaults();
     ASSERT_TRUE(d->objectForKey("theirs").has_value());
     EXPECT_TRUE(*d->objectForKey("theirs") == c.value);
@@ -372,7 +373,7 @@ TEST(CVUserDefaultsTest, AValueTooDeepToReadBackIsRefused) {
 
   d->setObject(deep, "deep");  // 256 levels: the deepest the reader takes
   EXPECT_FALSE(CVUserDefaults::lastWriteFailed());
-  CVUserDefaults::discardSharedInstanceForTesting();
+  discardSharedSettingsForTesting();
   EXPECT_TRUE(CVUserDefaults::standardUserDefaults()->objectForKey("deep") == deep);
 }
 

@@ -7,6 +7,7 @@
 
 #include "quarvel/CVUserDefaults.h"
 #include "support/SettingsSandbox.h"
+#include "support/TestPlatform.h"
 
 namespace quarvel {
 namespace {
@@ -93,7 +94,8 @@ TEST(WorkFoldersTest, StartUpPlacesFoldersByVolume) {
     SCOPED_TRACE(c.why);
     testing::SettingsSandbox sandbox;
     const std::string& root = sandbox.root();
-    HostEnvironment::setCurrent(std::make_shared<FakeHostEnvironment>(root, c.facts));
+    testing::TestPlatform platform;
+    platform->host = std::make_shared<FakeHostEnvironment>(root, c.facts);
     CVUserDefaults* defaults = CVUserDefaults::standardUserDefaultsWithisLiteVer(c.isLite);
 
     EXPECT_EQ(defaults->defaultPath(), root + c.base);
@@ -111,14 +113,13 @@ TEST(WorkFoldersTest, StartUpPlacesFoldersByVolume) {
 TEST(WorkFoldersTest, LibraryPathFollowsTheVolumeDuringARun) {
   testing::SettingsSandbox sandbox;
   const std::string& root = sandbox.root();
-  HostEnvironment::setCurrent(
-      std::make_shared<FakeHostEnvironment>(root, facts(true, true, true, "vfat")));
+  testing::TestPlatform platform;
+  platform->host = std::make_shared<FakeHostEnvironment>(root, facts(true, true, true, "vfat"));
   CVUserDefaults* defaults = CVUserDefaults::standardUserDefaults();
   EXPECT_EQ(defaults->libraryPath(), root + "/volume/.Quarvel");
 
   // The disk turns read-only: data files move home; the base path stays.
-  HostEnvironment::setCurrent(
-      std::make_shared<FakeHostEnvironment>(root, facts(true, false, true, "vfat")));
+  platform->host = std::make_shared<FakeHostEnvironment>(root, facts(true, false, true, "vfat"));
   EXPECT_EQ(defaults->libraryPath(), root + "/data/Quarvel");
   EXPECT_EQ(defaults->verFilePath(), root + "/data/Quarvel/ver.dat");
   EXPECT_EQ(defaults->defaultPath(), root + "/volume/.Quarvel");

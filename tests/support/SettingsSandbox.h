@@ -15,8 +15,8 @@
 // removable or shared volume, so the run is not portable: the work folder is
 // home/Documents/.Quarvel and the library folder data/Quarvel.
 //
-// Both ends also put back the system HostEnvironment, so a test may install
-// a fake one inside a sandbox. The destructor forgets the shared instance
+// A test installs its own platform pieces with TestPlatform (TestPlatform.h),
+// inside or around a sandbox. The destructor forgets the shared instance
 // again, restores the environment variables and removes the folder. One sandbox at a time per process.
 
 #include <stdlib.h>
@@ -30,7 +30,7 @@
 #include <vector>
 
 #include "quarvel/CVUserDefaults.h"
-#include "settings/HostEnvironment.h"
+#include "settings/SettingsForTesting.h"
 
 namespace quarvel::testing {
 
@@ -51,13 +51,11 @@ class SettingsSandbox {
     unset("APPIMAGE");
     previousEchoHost_ = CVUserDefaults::echoServiceHost();
     CVUserDefaults::setEchoServiceHost("127.0.0.1:1");
-    HostEnvironment::setCurrent(nullptr);
-    CVUserDefaults::discardSharedInstanceForTesting();
+    discardSharedSettingsForTesting();
   }
 
   ~SettingsSandbox() {
-    CVUserDefaults::discardSharedInstanceForTesting();
-    HostEnvironment::setCurrent(nullptr);
+    discardSharedSettingsForTesting();
     CVUserDefaults::setEchoServiceHost(previousEchoHost_);
     for (auto it = saved_.rbegin(); it != saved_.rend(); ++it) {
       if (it->second)

@@ -8,6 +8,7 @@
 #include "Commands.h"
 
 #include "support/SettingsSandbox.h"
+#include "settings/SettingsForTesting.h"
 
 namespace quarvel::cli {
 namespace {
@@ -86,7 +87,7 @@ TEST(SettingsToolTest, SetAndDeleteFailWhenTheDomainCannotBeWritten) {
   std::filesystem::remove(config);
   std::filesystem::rename(config + ".away", config);
   // The failed delete left the file as it was.
-  CVUserDefaults::discardSharedInstanceForTesting();
+  discardSharedSettingsForTesting();
   EXPECT_EQ(runSettings("get kept"), 0);
   EXPECT_EQ(runSettings("get other"), 1);
 }

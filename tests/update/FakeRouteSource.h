@@ -14,6 +14,7 @@
 #include <set>
 
 #include "update/RouteSource.h"
+#include "support/TestPlatform.h"
 
 namespace quarvel::test {
 
@@ -104,14 +105,13 @@ class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<
 // Installs a fresh fake for monitors created while it lives.
 class ScopedFakeRouteSource {
  public:
-  ScopedFakeRouteSource() : fake_(std::make_shared<FakeRouteSource>()) { previous_ = RouteSource::setCurrent(fake_); }
-  ~ScopedFakeRouteSource() { RouteSource::setCurrent(previous_); }
+  ScopedFakeRouteSource() : fake_(std::make_shared<FakeRouteSource>()) { platform_->routes = fake_; }
   FakeRouteSource& operator*() { return *fake_; }
   FakeRouteSource* operator->() { return fake_.get(); }
 
  private:
+  quarvel::testing::TestPlatform platform_;
   std::shared_ptr<FakeRouteSource> fake_;
-  std::shared_ptr<RouteSource> previous_;
 };
 
 }  // namespace quarvel::test

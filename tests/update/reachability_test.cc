@@ -31,7 +31,7 @@ TEST(Reachability, StatusRules) {
   auto r = forAddress("192.0.2.9");
   LogCapture capture;
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << std::hex << "flags 0x" << c.flags);
+    SCOPED_TRACE(::testing::Message() << std::hex << "flags 0x" << c.flags);
     EXPECT_EQ(r->networkStatusForFlags(c.flags), c.general);
     EXPECT_EQ(r->localWiFiStatusForFlags(c.flags), c.local);
   }

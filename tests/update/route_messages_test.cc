@@ -341,7 +341,7 @@ TEST(RouteMessages, FlagsForRoute) {
 }
 
 TEST(KernelRouteSource, CellularLinkFromSysfs) {
-  fs::path root = fs::path(testing::TempDir()) / ("sysfs-" + std::to_string(getpid()));
+  fs::path root = fs::path(::testing::TempDir()) / ("sysfs-" + std::to_string(getpid()));
   fs::remove_all(root);
   auto device = [&](const std::string& name, const std::string& uevent) {
     fs::create_directories(root / "class/net" / name);

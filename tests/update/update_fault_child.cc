@@ -1,15 +1,14 @@
-// A second process for the disk-fault tests of the update run. It takes on
-// the fault while it still has one thread, runs one update against the list
-// server HOST:PORT in the settings environment it inherits, and prints the
-// outcome as lines of NAME=VALUE.
+// A second process for the read-only-folder test of the update run, the one
+// fault the platform seam cannot stand in for: the kernel's own permission
+// checks. It drops root's permission override while it still has one
+// thread, runs one update against the list server HOST:PORT in the settings
+// environment it inherits, and prints the outcome as lines of NAME=VALUE.
 //
-//   update_fault_child fsize BYTES HOST:PORT   writes beyond BYTES fail (EFBIG)
 //   update_fault_child readonly HOST:PORT      file permissions bind, even as root
 //
 // Exit status 0 after a run, 77 when permissions do not bind this process,
 // 2 on bad arguments or a run that does not end.
 #include <linux/capability.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -67,25 +66,13 @@ bool dropPermissionOverrides() {
 int main(int argc, char** argv) {
   using namespace std::chrono_literals;
   std::string server;
-  bool readOnly = false;
-  if (argc == 4 && std::strcmp(argv[1], "fsize") == 0) {
-    std::signal(SIGXFSZ, SIG_IGN);  // a write past the limit fails instead
-    rlimit limit{};
-    ::getrlimit(RLIMIT_FSIZE, &limit);
-    limit.rlim_cur = std::strtoull(argv[2], nullptr, 10);
-    if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
-    server = argv[3];
-  } else if (argc == 3 && std::strcmp(argv[1], "readonly") == 0) {
-    if (!dropPermissionOverrides()) return 77;
-    readOnly = true;
-    server = argv[2];
-  } else {
-    return 2;
-  }
+  if (argc != 3 || std::strcmp(argv[1], "readonly") != 0) return 2;
+  if (!dropPermissionOverrides()) return 77;
+  server = argv[2];
 
   auto* settings = quarvel::CVUserDefaults::standardUserDefaults();
   const std::string library = settings->libraryPath().value_or("");
-  if (readOnly && ::access(library.c_str(), W_OK) == 0) return 77;
+  if (::access(library.c_str(), W_OK) == 0) return 77;
 
   quarvel::UpdateOptions options;
   options.listServer = "http://" + server;

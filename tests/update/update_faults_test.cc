@@ -29,6 +29,7 @@
 #include "support/LoopbackHttpServer.h"
 #include "support/RecordingUpdateView.h"
 #include "support/SettingsSandbox.h"
+#include "support/TestPlatform.h"
 
 namespace quarvel {
 namespace {
@@ -448,8 +449,40 @@ TEST_F(UpdateFaultsTest, ErrorPagesAreWrittenOverTheFiles) {
   expectNoStrayFiles();
 }
 
-// The disk faults run in a child process (update_fault_child): a write limit
-// and a dropped file-permission override belong to a process of their own.
+// A failed write, flush or rename keeps the file's old content and leaves
+// nothing behind; the run, which does not notice failed writes, ends as a
+// success. With a full disk only the files too large for it keep theirs.
+TEST_F(UpdateFaultsTest, DiskFaultsKeepTheOldFilesWhole) {
+  constexpr std::size_t kLimit = 16 * 1024;
+  const struct {
+    const char* name;
+    testing::FaultyDisk::Fault fault;
+    std::vector<int> kept;  // files that keep their old content
+  } cases[] = {
+      {"full disk", testing::FaultyDisk::Fault::kFull, {1, 3}},
+      {"flush fails", testing::FaultyDisk::Fault::kFlush, {0, 1, 2, 3, 4}},
+      {"rename fails", testing::FaultyDisk::Fault::kRename, {0, 1, 2, 3, 4}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    startAfresh();
+    for (int file = 0; file < 5; ++file) setBody(file, newContent(file, file % 2 ? 4 * kLimit : 100));
+    quarvel::testing::ScopedPlatform disk(std::make_shared<testing::FaultyDisk>(c.fault, kLimit));
+    auto run = UpdateRun::create(view, options(1s));
+    runWithin(run, 0);
+    EXPECT_EQ(run->updateStatus(), UpdateStatusDone);
+    for (int file = 0; file < 5; ++file) {
+      SCOPED_TRACE(kDataFileTargets[file].name);
+      const bool kept = std::find(c.kept.begin(), c.kept.end(), file) != c.kept.end();
+      EXPECT_CONTENT(readFile(path(file)),
+                     kept ? oldContent(file) : newContent(file, file % 2 ? 4 * kLimit : 100));
+    }
+    expectNoStrayFiles();
+  }
+}
+
+// A read-only folder runs in a child process (update_fault_child): the
+// dropped file-permission override belongs to a process of its own.
 struct ChildOutcome {
   int exitStatus = -1;
   std::map<std::string, std::string> fields;  // "outcome", "alerts", ...
@@ -470,26 +503,6 @@ ChildOutcome runChild(const std::string& arguments) {
   int status = ::pclose(pipe);
   outcome.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return outcome;
-}
-
-// A write limit below the size of some files stands in for a full disk: the
-// files that fit are replaced, the others keep their old content, and the
-// failed writes go unnoticed, so the run ends as a success.
-TEST_F(UpdateFaultsTest, AFullDiskKeepsTheFilesThatDoNotFitWhole) {
-  constexpr std::size_t kLimit = 16 * 1024;
-  for (int file : {1, 3}) setBody(file, newContent(file, 4 * kLimit));
-  for (int file : {0, 2, 4}) setBody(file, newContent(file, 100));
-
-  ChildOutcome child = runChild("fsize " + std::to_string(kLimit) + " " + server.hostAndPort());
-  ASSERT_EQ(child.exitStatus, 0) << "the child was killed or failed";
-  EXPECT_EQ(child.fields["outcome"], "0");
-  EXPECT_EQ(child.fields["alerts"], "DOWNLOAD_DONE");
-  EXPECT_EQ(child.fields["status"], kDoneText);
-  for (int file = 0; file < 5; ++file) {
-    SCOPED_TRACE(kDataFileTargets[file].name);
-    EXPECT_CONTENT(readFile(path(file)), file % 2 ? oldContent(file) : newContent(file, 100));
-  }
-  expectNoStrayFiles();
 }
 
 // A folder that takes no new entry still lets its writable files be written,
