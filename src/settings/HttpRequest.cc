@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/HttpClient.h"
 #include "common/Log.h"
 #include "common/Platform.h"
 #include "common/StringUtil.h"
@@ -21,45 +22,16 @@ namespace quarvel {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
+// The longest answer kept: the texts asked for are a few lines; a larger
+// body fails the request instead of filling memory.
+constexpr std::uint64_t kMaxAnswerBytes = 16 * 1024 * 1024;
 
 struct Transfer {
-  CURL* easy = nullptr;
-  curl_slist* headers = nullptr;
-  std::string body;
+  std::unique_ptr<HttpExchange> exchange;
   std::string received;
   std::function<void(std::optional<std::string>)> done;
-  std::chrono::milliseconds idleTimeout{};
-  Clock::time_point lastActivity = Clock::now();
-  curl_off_t lastDown = 0;
-  curl_off_t lastUp = 0;
-
-  Transfer() = default;
-  Transfer(const Transfer&) = delete;
-  Transfer& operator=(const Transfer&) = delete;
-  ~Transfer() {
-    if (easy) curl_easy_cleanup(easy);
-    curl_slist_free_all(headers);
-  }
+  CURL* easy() const { return exchange->handle(); }
 };
-
-size_t onData(char* data, size_t size, size_t count, void* user) {
-  auto* t = static_cast<Transfer*>(user);
-  t->received.append(data, size * count);
-  t->lastActivity = Clock::now();
-  return size * count;
-}
-
-int onProgress(void* user, curl_off_t, curl_off_t down, curl_off_t, curl_off_t up) {
-  auto* t = static_cast<Transfer*>(user);
-  if (down != t->lastDown || up != t->lastUp) {
-    t->lastDown = down;
-    t->lastUp = up;
-    t->lastActivity = Clock::now();
-  }
-  return 0;
-}
 
 // Owns the network thread. It lives in a function-local static, so that its
 // destructor (at exit or when the library is unloaded) stops the thread
@@ -88,7 +60,7 @@ class HttpDispatcher {
     }
     curl_multi_wakeup(multi_);
     thread_.join();
-    for (auto& t : active_) curl_multi_remove_handle(multi_, t->easy);
+    for (auto& t : active_) curl_multi_remove_handle(multi_, t->easy());
     active_.clear();
     incoming_.clear();
     curl_multi_cleanup(multi_);
@@ -110,8 +82,7 @@ class HttpDispatcher {
         added.swap(incoming_);
       }
       for (auto& t : added) {
-        t->lastActivity = Clock::now();
-        curl_multi_add_handle(multi_, t->easy);
+        curl_multi_add_handle(multi_, t->easy());
         active_.push_back(std::move(t));
       }
       int running = 0;
@@ -139,17 +110,16 @@ class HttpDispatcher {
   }
 
   void failSilent() {
-    auto now = Clock::now();
     std::vector<CURL*> silent;
     for (auto& t : active_) {
-      if (now - t->lastActivity >= t->idleTimeout) silent.push_back(t->easy);
+      if (t->exchange->idle()) silent.push_back(t->easy());
     }
     for (CURL* easy : silent) complete(easy, std::nullopt);
   }
 
   Transfer* find(CURL* easy) {
     for (auto& t : active_) {
-      if (t->easy == easy) return t.get();
+      if (t->easy() == easy) return t.get();
     }
     return nullptr;
   }
@@ -157,7 +127,7 @@ class HttpDispatcher {
   void complete(CURL* easy, std::optional<std::string> text) {
     std::unique_ptr<Transfer> transfer;
     for (auto it = active_.begin(); it != active_.end(); ++it) {
-      if ((*it)->easy == easy) {
+      if ((*it)->easy() == easy) {
         transfer = std::move(*it);
         active_.erase(it);
         break;
@@ -190,33 +160,22 @@ void sendHttpRequest(const std::string& url, const std::string& body,
                      std::function<void(std::optional<std::string>)> done) {
   HttpDispatcher& dispatcher = HttpDispatcher::shared();
   auto t = std::make_unique<Transfer>();
-  t->body = body;
   t->done = std::move(done);
-  t->idleTimeout = httpIdleTimeout();
-  t->easy = curl_easy_init();
-  t->headers = curl_slist_append(nullptr, "content-type: application/x-www-form-urlencoded");
-  t->headers = curl_slist_append(t->headers, "Expect:");  // send the body without waiting
-  CURL* e = t->easy;
-  curl_easy_setopt(e, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(e, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(e, CURLOPT_MAXREDIRS, 10L);
-  curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
-  // Teardown must not wait for a name lookup still running.
-  curl_easy_setopt(e, CURLOPT_QUICK_EXIT, 1L);
-  curl_easy_setopt(e, CURLOPT_HTTPHEADER, t->headers);
-  if (!t->body.empty()) {
-    curl_easy_setopt(e, CURLOPT_POSTFIELDS, t->body.data());
-    curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(t->body.size()));
+  HttpExchange::Options options;
+  options.idleTimeout = httpIdleTimeout();
+  options.maxBodyBytes = kMaxAnswerBytes;
+  options.body = body;
+  options.headers = {"content-type: application/x-www-form-urlencoded",
+                     "Expect:"};  // send the body without waiting
+  t->exchange = std::make_unique<HttpExchange>(
+      url, std::move(options), [received = &t->received](std::string_view piece) {
+        received->append(piece);
+        return true;
+      });
+  if (!t->exchange->handle()) {
+    t->done(std::nullopt);
+    return;
   }
-  curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, "GET");
-  curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(t->idleTimeout.count()));
-  curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, onData);
-  curl_easy_setopt(e, CURLOPT_WRITEDATA, t.get());
-  curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, onProgress);
-  curl_easy_setopt(e, CURLOPT_XFERINFODATA, t.get());
-  curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
   dispatcher.submit(std::move(t));
 }
 

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "common/FileReplacement.h"
+#include "common/HttpClient.h"
 #include "common/Platform.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
@@ -141,116 +142,65 @@ void removeOldRunTemporaries(const std::string& localPath) {
   ::close(folderFd);
 }
 
-// One transfer's state, shared by libcurl's callbacks. The body goes
-// straight to the replacement of the local file as it arrives; none of it is
-// kept here.
-struct Transfer {
-  const std::string* localPath;
-  // Opened with the first byte, so that a transfer that brings none leaves
-  // the folder untouched. One that cannot be opened (an empty path, a
-  // missing folder) has logged why; the bytes are then dropped.
-  std::optional<FileReplacement> file;
-  std::uint64_t ceiling;
-  std::chrono::milliseconds idleTimeout;
-  UpdateView* view = nullptr;  // told the bytes received, or nobody
-  std::uint64_t received = 0;
-  bool overCeiling = false;
-  std::shared_ptr<Platform> platform = Platform::current();  // its clock times the transfer
-  std::chrono::steady_clock::time_point lastByte = platform->steadyNow();
-  std::chrono::steady_clock::time_point lastReport{};
-};
-
+// libcurl's receive buffer: larger pieces mean fewer writes for big lists.
+constexpr long kReceiveBuffer = 512 * 1024;
 // Reports the bytes received at most this often.
 constexpr auto kReportInterval = std::chrono::milliseconds(100);
 
-size_t writeBody(char* data, size_t size, size_t count, void* target) {
-  auto* transfer = static_cast<Transfer*>(target);
-  const size_t bytes = size * count;
-  const auto now = transfer->platform->steadyNow();
-  transfer->lastByte = now;
-  if (bytes > transfer->ceiling - std::min(transfer->received, transfer->ceiling)) {
-    transfer->overCeiling = true;
-    return 0;  // ends the transfer with CURLE_WRITE_ERROR
-  }
-  transfer->received += bytes;
-  // A failed write abandons the replacement, which then refuses every later
-  // write: the rest of the body is received and dropped, and the old file
-  // stays, as a failed write has always left it.
-  if (!transfer->file) transfer->file.emplace(*transfer->localPath);
-  if (transfer->file->isOpen()) (void)transfer->file->write(data, bytes);
-  if (transfer->view && now - transfer->lastReport >= kReportInterval) {
-    transfer->lastReport = now;
-    transfer->view->setBytesReceived(transfer->received);
-  }
-  return bytes;
-}
-
-// Ends the transfer once no byte has arrived for the idle time-out.
-int checkIdle(void* target, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  const auto* transfer = static_cast<const Transfer*>(target);
-  return transfer->platform->steadyNow() - transfer->lastByte > transfer->idleTimeout ? 1 : 0;
-}
-
-// libcurl's receive buffer: larger pieces mean fewer writes for big lists.
-constexpr long kReceiveBuffer = 512 * 1024;
-
-// One synchronous GET whose body replaces `localPath` as it arrives. Nothing
-// is cached on this side; the request also asks caches on the way not to
-// answer from theirs. The HTTP status is not looked at: any body that
-// arrives is the answer. `timeout` is an idle time-out; `limit` bounds the
-// whole transfer and `ceiling` the body's size. The new file is put in place
-// only when the transfer completed; otherwise the old one stays. Whether it
-// could be written is not part of the answer.
+// One synchronous GET whose body replaces `localPath` as it arrives; none of
+// it is kept here. Nothing is cached on this side; the request also asks
+// caches on the way not to answer from theirs. The HTTP status is not looked
+// at: any body that arrives is the answer. `timeout` is an idle time-out;
+// `limit` bounds the whole transfer and `ceiling` the body's size. The new
+// file is put in place only when the transfer completed; otherwise the old
+// one stays. Whether it could be written is not part of the answer.
 std::optional<DownloadError> httpGet(const std::string& url, const std::string& localPath,
                                      std::chrono::milliseconds timeout,
                                      std::chrono::milliseconds limit, std::uint64_t ceiling,
                                      UpdateView* view) {
-  static std::once_flag curlReady;
-  std::call_once(curlReady, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-
-  CURL* curl = curl_easy_init();
-  if (!curl) return DownloadError{CURLE_FAILED_INIT, "could not start a transfer"};
-  char errorText[CURL_ERROR_SIZE] = {0};
-  curl_slist* headers = curl_slist_append(nullptr, "Cache-Control: no-cache");
-  headers = curl_slist_append(headers, "Pragma: no-cache");
-  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
-  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 10L);
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout.count()));
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(limit.count()));
-  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
-  curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kReceiveBuffer);
-  // A body announced larger than the ceiling is refused before it comes.
-  if (ceiling <= static_cast<std::uint64_t>(std::numeric_limits<curl_off_t>::max()))
-    curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(ceiling));
-  Transfer transfer{&localPath, {}, ceiling, timeout, view};
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeBody);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &transfer);
-  curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, checkIdle);
-  curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &transfer);
-  curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
-  CURLcode code = curl_easy_perform(curl);
-  curl_easy_cleanup(curl);
-  curl_slist_free_all(headers);
-  if (view) view->setBytesReceived(transfer.received);
+  // Opened with the first byte, so that a transfer that brings none leaves
+  // the folder untouched. One that cannot be opened (an empty path, a
+  // missing folder) has logged why; the bytes are then dropped. A failed
+  // write abandons the replacement, which then refuses every later write:
+  // the rest of the body is received and dropped, and the old file stays.
+  std::optional<FileReplacement> file;
+  std::uint64_t received = 0;
+  const std::shared_ptr<Platform> platform = Platform::current();
+  std::chrono::steady_clock::time_point lastReport{};
+  HttpExchange::Options options;
+  options.idleTimeout = timeout;
+  options.totalLimit = limit;
+  options.maxBodyBytes = ceiling;
+  options.headers = {"Cache-Control: no-cache", "Pragma: no-cache"};
+  options.receiveBuffer = kReceiveBuffer;
+  HttpExchange exchange(url, options, [&](std::string_view piece) {
+    received += piece.size();
+    if (!file) file.emplace(localPath);
+    if (file->isOpen()) (void)file->write(piece.data(), piece.size());
+    if (view) {
+      const auto now = platform->steadyNow();
+      if (now - lastReport >= kReportInterval) {
+        lastReport = now;
+        view->setBytesReceived(received);
+      }
+    }
+    return true;
+  });
+  const CURLcode code = exchange.perform();
+  if (view) view->setBytesReceived(received);
   if (code == CURLE_OK) {
     // A failed write goes unnoticed, as the run has always done; the old
     // file then stays whole.
-    if (!transfer.file) transfer.file.emplace(localPath);  // an empty body
-    (void)transfer.file->commit();
+    if (!file) file.emplace(localPath);  // an empty body
+    (void)file->commit();
     return std::nullopt;
   }
-  if (transfer.file) transfer.file->abandon();
-  if (transfer.overCeiling || code == CURLE_FILESIZE_EXCEEDED) {
+  if (file) file->abandon();
+  if (exchange.overCeiling()) {
     logf("download of %s ended: the body passed %llu bytes", url.c_str(),
          static_cast<unsigned long long>(ceiling));
-    return DownloadError{CURLE_FILESIZE_EXCEEDED,
-                         "the body passed " + std::to_string(ceiling) + " bytes"};
   }
-  return DownloadError{code, errorText[0] ? errorText : curl_easy_strerror(code)};
+  return DownloadError{code, exchange.describe(code)};
 }
 
 }  // namespace

@@ -116,6 +116,7 @@ TEST_F(HttpRequestTest, CompletionRunsOnceOnTheLibrarysThreadWithWhatArrived) {
       {HttpReply::text(""), "", "empty answer"},
       {HttpReply::text("\xFF\xFE"), "", "answer that is not UTF-8"},
       {HttpReply::closeWithoutAnswer(), "", "server closes without answering"},
+      {HttpReply::text(std::string(16 * 1024 * 1024 + 1, 'x')), "", "an answer past 16 MiB"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.why);

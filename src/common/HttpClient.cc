@@ -1,0 +1,98 @@
+#include "common/HttpClient.h"
+
+#include <algorithm>
+#include <mutex>
+
+#include "common/Platform.h"
+
+namespace quarvel {
+
+HttpExchange::HttpExchange(const std::string& url, Options options, BodySink sink)
+    : options_(std::move(options)), sink_(std::move(sink)), platform_(Platform::current()) {
+  static std::once_flag curlReady;
+  std::call_once(curlReady, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+  lastActivity_ = platform_->steadyNow();
+  easy_ = curl_easy_init();
+  if (!easy_) return;
+  for (const std::string& header : options_.headers)
+    headers_ = curl_slist_append(headers_, header.c_str());
+  CURL* e = easy_;
+  curl_easy_setopt(e, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(e, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(e, CURLOPT_MAXREDIRS, 10L);
+  curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(e, CURLOPT_QUICK_EXIT, 1L);
+  curl_easy_setopt(e, CURLOPT_HTTPHEADER, headers_);
+  curl_easy_setopt(e, CURLOPT_ERRORBUFFER, errorText_);
+  if (!options_.body.empty()) {
+    curl_easy_setopt(e, CURLOPT_POSTFIELDS, options_.body.data());
+    curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE,
+                     static_cast<curl_off_t>(options_.body.size()));
+  }
+  curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, "GET");
+  curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(options_.idleTimeout.count()));
+  if (options_.totalLimit.count() > 0)
+    curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(options_.totalLimit.count()));
+  if (options_.receiveBuffer > 0) curl_easy_setopt(e, CURLOPT_BUFFERSIZE, options_.receiveBuffer);
+  // A body announced larger than the ceiling is refused before it comes.
+  if (options_.maxBodyBytes <= static_cast<std::uint64_t>(std::numeric_limits<curl_off_t>::max()))
+    curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(options_.maxBodyBytes));
+  curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, onBody);
+  curl_easy_setopt(e, CURLOPT_WRITEDATA, this);
+  curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, onProgress);
+  curl_easy_setopt(e, CURLOPT_XFERINFODATA, this);
+  curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
+}
+
+HttpExchange::~HttpExchange() {
+  if (easy_) curl_easy_cleanup(easy_);
+  curl_slist_free_all(headers_);
+}
+
+CURLcode HttpExchange::perform() {
+  if (!easy_) return CURLE_FAILED_INIT;
+  const CURLcode code = curl_easy_perform(easy_);
+  if (code == CURLE_FILESIZE_EXCEEDED) overCeiling_ = true;
+  return overCeiling_ ? CURLE_FILESIZE_EXCEEDED : code;
+}
+
+bool HttpExchange::idle() const {
+  return platform_->steadyNow() - lastActivity_ >= options_.idleTimeout;
+}
+
+std::string HttpExchange::describe(CURLcode code) const {
+  if (code == CURLE_FILESIZE_EXCEEDED || overCeiling_)
+    return "the body passed " + std::to_string(options_.maxBodyBytes) + " bytes";
+  return errorText_[0] ? errorText_ : curl_easy_strerror(code);
+}
+
+void HttpExchange::touch() { lastActivity_ = platform_->steadyNow(); }
+
+size_t HttpExchange::onBody(char* data, size_t size, size_t count, void* self) {
+  auto* exchange = static_cast<HttpExchange*>(self);
+  const size_t bytes = size * count;
+  exchange->touch();
+  const std::uint64_t room =
+      exchange->options_.maxBodyBytes - std::min(exchange->received_, exchange->options_.maxBodyBytes);
+  if (bytes > room) {
+    exchange->overCeiling_ = true;
+    return 0;  // ends the exchange with CURLE_WRITE_ERROR
+  }
+  exchange->received_ += bytes;
+  if (exchange->sink_ && !exchange->sink_(std::string_view(data, bytes))) return 0;
+  return bytes;
+}
+
+int HttpExchange::onProgress(void* self, curl_off_t, curl_off_t down, curl_off_t, curl_off_t up) {
+  auto* exchange = static_cast<HttpExchange*>(self);
+  if (down != exchange->lastDown_ || up != exchange->lastUp_) {
+    exchange->lastDown_ = down;
+    exchange->lastUp_ = up;
+    exchange->touch();
+  }
+  return exchange->idle() ? 1 : 0;  // 1 ends the exchange
+}
+
+}  // namespace quarvel
