@@ -33,17 +33,17 @@ echo "== data files"
   2> >(grep -v '^[0-9-]* ?= [0-9]*$' >&2) || failed=1
 
 # --- List server under load ---------------------------------------------------
-# quarvel serve on the samples, as a child process on a loopback port: 200
-# clients for 30 seconds making the update run's GETs (every tenth keeping
-# its connection), HEADs and requests that must get 404, each with a
-# 10-second deadline and checked byte for byte against the files, beside 4
-# clients that connect and say nothing and 4 that send their request a byte
-# every 200 ms. No request may fail or stall; the server's resident memory
-# (the last third's peak within 10 % or 2 MiB of the first third's, after a
-# 5-second warm-up) and open descriptors must stay flat, and it must give
-# them back after the load. SIGTERM, sent while the slow clients still hold
-# their connections, must end it within 5 seconds with status 0 and leave
-# the port free for a new server. About 45 seconds.
+# quarvel serve on the samples, as a child process on a loopback port, under
+# wrk (tests/load): 200 connections for 30 seconds making the update run's
+# GETs and requests that must get 404, each with a 10-second deadline and
+# checked byte for byte against the files, beside 4 clients that connect and
+# say nothing and 4 that send their request a byte every 200 ms. No request
+# may fail or time out; the server's resident memory (the last third's peak
+# within 10 % or 2 MiB of the first third's, after a 5-second warm-up) must
+# stay flat, and it must give its sockets back after the load. SIGTERM, sent
+# while the slow clients still hold their connections, must end it within 5
+# seconds with status 0 and leave the port free for a new server. About 40
+# seconds.
 echo "== list server load"
-"$build/tools/quarvel-list-load" --quarvel "$build/tools/quarvel" --folder samples \
+python3 tests/load/list_server_load.py --quarvel "$build/tools/quarvel" --folder samples \
   --clients "${LOAD_CLIENTS:-200}" --seconds "${LOAD_SECONDS:-30}" || failed=1
