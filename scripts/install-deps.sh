@@ -8,7 +8,7 @@ packages=(
   libicu-dev libcurl4-openssl-dev libglib2.0-dev qt6-base-dev
   libcli11-dev nlohmann-json3-dev libcpp-httplib-dev libmicrohttpd-dev libfontconfig-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  perl python3 nginx-light iproute2 fontconfig wrk
+  perl python3 nginx-light iproute2 fontconfig wrk doxygen
 )
 
 missing=()

@@ -1,11 +1,12 @@
 #pragma once
-// The filter list ("macfilterlist.dat"): sections "#HEADER" (one field
-// "Version") and "#SWLIST" (COMPANY, PRODUCT, VERSION, ORIGINAL_FILE).
-//
-// getIdByFilter answers the record whose four values, joined by tabs, equal
-// the key regardless of letter case (full Unicode lower-casing), or -1. The
-// index is filled while the file is read; the last of repeated keys wins.
-// Nothing is logged.
+/// @file
+/// The filter list ("macfilterlist.dat"): sections "#HEADER" (one field
+/// "Version") and "#SWLIST" (COMPANY, PRODUCT, VERSION, ORIGINAL_FILE).
+///
+/// getIdByFilter answers the record whose four values, joined by tabs, equal
+/// the key regardless of letter case (full Unicode lower-casing), or -1. The
+/// index is filled while the file is read; the last of repeated keys wins.
+/// Nothing is logged.
 
 #include <cstdint>
 #include <memory>
@@ -24,17 +25,17 @@ class FileFilter : public FileFramework {
   FileFilter();
   ~FileFilter() override;
 
-  // "#HEADER" or "#SWLIST" (exact); null otherwise.
+  /// "#HEADER" or "#SWLIST" (exact); null otherwise.
   Table* getTableByTag(std::string_view tag) override;
   bool openWithFileName(const std::string& fileName, bool isFullPath) override;
   bool saveAsFileName(const std::string& fileName, bool isFullPath) override;
-  // As FileCheckList::getContents.
+  /// As FileCheckList::getContents.
   std::unique_ptr<unsigned char[]> getContents(std::uint64_t& size);
 
-  // `filter` is "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE".
+  /// `filter` is "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE".
   int getIdByFilter(std::string_view filter) const;
 
-  // The lower-cased filter key of a record's four values.
+  /// The lower-cased filter key of a record's four values.
   static std::string filterKey(std::string_view company, std::string_view product,
                                std::string_view version, std::string_view originalFile);
 

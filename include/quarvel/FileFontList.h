@@ -1,13 +1,14 @@
 #pragma once
-// The font check list ("fontchecklist.dat"): sections "#HEADER" (one field
-// "Version") and "#CHECKLIST" with the first 14 fields of the software check
-// list (up to REG_PATH); a 17-field software check list line is refused here
-// and a 14-field font line there.
-//
-// getIdByFileName: the "EXE_FILE" value (the font's file name), case-blind,
-// indexed while the file is read. getIndex: the "DB_ID" value, exact,
-// indexed by the first call that finds records and never rebuilt. Repeated
-// keys: the last record wins. Nothing is logged.
+/// @file
+/// The font check list ("fontchecklist.dat"): sections "#HEADER" (one field
+/// "Version") and "#CHECKLIST" with the first 14 fields of the software check
+/// list (up to REG_PATH); a 17-field software check list line is refused here
+/// and a 14-field font line there.
+///
+/// getIdByFileName: the "EXE_FILE" value (the font's file name), case-blind,
+/// indexed while the file is read. getIndex: the "DB_ID" value, exact,
+/// indexed by the first call that finds records and never rebuilt. Repeated
+/// keys: the last record wins. Nothing is logged.
 
 #include <cstdint>
 #include <memory>
@@ -26,11 +27,11 @@ class FileFontList : public FileFramework {
   FileFontList();
   ~FileFontList() override;
 
-  // "#HEADER" or "#CHECKLIST" (exact); null otherwise.
+  /// "#HEADER" or "#CHECKLIST" (exact); null otherwise.
   Table* getTableByTag(std::string_view tag) override;
   bool openWithFileName(const std::string& fileName, bool isFullPath) override;
   bool saveAsFileName(const std::string& fileName, bool isFullPath) override;
-  // As FileCheckList::getContents.
+  /// As FileCheckList::getContents.
   std::unique_ptr<unsigned char[]> getContents(std::uint64_t& size);
 
   int getIdByFileName(std::string_view fileName) const;

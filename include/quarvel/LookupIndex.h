@@ -1,12 +1,13 @@
 #pragma once
-// The look-up indexes of the data-file classes: key text -> record index.
-// Keys are held as given; callers lower-case both sides where the look-up is
-// case-blind (lowerKey). On a repeated key the last record entered wins.
-//
-// An open-addressing table over one buffer of key bytes: a record costs a
-// 16-byte slot (at most half of the slots are used) plus its key's bytes,
-// and a look-up allocates nothing. The key bytes are addressed in 32 bits:
-// keys beyond 4 GiB of key text in all are not entered.
+/// @file
+/// The look-up indexes of the data-file classes: key text -> record index.
+/// Keys are held as given; callers lower-case both sides where the look-up is
+/// case-blind (lowerKey). On a repeated key the last record entered wins.
+///
+/// An open-addressing table over one buffer of key bytes: a record costs a
+/// 16-byte slot (at most half of the slots are used) plus its key's bytes,
+/// and a look-up allocates nothing. The key bytes are addressed in 32 bits:
+/// keys beyond 4 GiB of key text in all are not entered.
 
 #include <array>
 #include <cstdint>
@@ -16,43 +17,43 @@
 
 namespace quarvel {
 
-// Full Unicode lower-casing (the same answer as quarvel::lowercase), with a
-// fast path for keys of ASCII, Hangul and CJK characters.
+/// Full Unicode lower-casing (the same answer as quarvel::lowercase), with a
+/// fast path for keys of ASCII, Hangul and CJK characters.
 std::string lowerKey(std::string_view text);
-// The same into `out`, reusing its storage.
+/// The same into `out`, reusing its storage.
 void lowerKeyInto(std::string& out, std::string_view text);
-// The lower-cased key "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE" of a record:
-// the check list's property key and the filter list's filter key.
+/// The lower-cased key "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE" of a record:
+/// the check list's property key and the filter list's filter key.
 std::string lowerRecordKey(std::string_view company, std::string_view product,
                            std::string_view version, std::string_view originalFile);
 
 class LookupIndex {
  public:
-  // Enters `key` -> `index` (0 <= index <= INT32_MAX), replacing an earlier
-  // entry of the same key.
+  /// Enters `key` -> `index` (0 <= index <= INT32_MAX), replacing an earlier
+  /// entry of the same key.
   void set(std::string_view key, std::int64_t index);
-  // The index entered under `key`, or -1.
+  /// The index entered under `key`, or -1.
   std::int64_t find(std::string_view key) const;
-  // Enters the key of every row from `first` to `first + count - 1`, in row
-  // order, exactly as set() would. keyOf(row, scratch) answers the row's key:
-  // a view of `scratch` or of text that outlives the call. Slots are fetched
-  // a few keys ahead, which is what an index larger than the caches needs.
+  /// Enters the key of every row from `first` to `first + count - 1`, in row
+  /// order, exactly as set() would. keyOf(row, scratch) answers the row's key:
+  /// a view of `scratch` or of text that outlives the call. Slots are fetched
+  /// a few keys ahead, which is what an index larger than the caches needs.
   template <typename KeyOf>
   void setRows(std::int64_t first, std::size_t count, KeyOf&& keyOf);
-  // find(lowerKey(key)) without allocating.
+  /// find(lowerKey(key)) without allocating.
   std::int64_t findLowered(std::string_view key) const;
   bool empty() const { return size_ == 0; }
   std::size_t size() const { return size_; }
-  // Makes room for `count` keys without regrowing.
+  /// Makes room for `count` keys without regrowing.
   void reserve(std::size_t count);
   void clear();
 
  private:
   struct Slot {
-    std::uint32_t hash = 0;    // places the slot and screens comparisons
-    std::uint32_t offset = 0;  // of the key in keys_
+    std::uint32_t hash = 0;    ///< places the slot and screens comparisons
+    std::uint32_t offset = 0;  ///< of the key in keys_
     std::uint32_t length = 0;
-    std::int32_t value = -1;  // -1: the slot is free
+    std::int32_t value = -1;  ///< -1: the slot is free
   };
   static std::uint32_t hashOf(std::string_view key);
   std::size_t slotOf(std::string_view key, std::uint32_t hash) const;
@@ -60,7 +61,7 @@ class LookupIndex {
   void rehash(std::size_t slotCount);
 
   std::string keys_;
-  std::vector<Slot> slots_;  // a power of two in size, or empty
+  std::vector<Slot> slots_;  ///< a power of two in size, or empty
   std::size_t size_ = 0;
 };
 

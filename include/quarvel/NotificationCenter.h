@@ -1,11 +1,12 @@
 #pragma once
-// A process-wide list of observers, each called when a notification with
-// its name (and, if it asked, its object) is posted.
-//
-// Observers run on the thread that posts, one after the other, in the order
-// they were added. The centre is safe to use from any thread, and an
-// observer may add or remove observers while it runs. remove() does not wait
-// for a call already running on another thread.
+/// @file
+/// A process-wide list of observers, each called when a notification with
+/// its name (and, if it asked, its object) is posted.
+///
+/// Observers run on the thread that posts, one after the other, in the order
+/// they were added. The centre is safe to use from any thread, and an
+/// observer may add or remove observers while it runs. remove() does not wait
+/// for a call already running on another thread.
 
 #include <cstdint>
 #include <functional>
@@ -18,15 +19,15 @@ namespace quarvel {
 
 struct Notification {
   std::string name;
-  // The object that posted, as given to post(); its type depends on the
-  // notification (a Reachability* for kReachabilityChangedNotification).
+  /// The object that posted, as given to post(); its type depends on the
+  /// notification (a Reachability* for kReachabilityChangedNotification).
   void* object = nullptr;
 };
 
 class NotificationCenter {
  public:
   using Observer = std::function<void(const Notification&)>;
-  // Identifies one added observer; never 0.
+  /// Identifies one added observer; never 0.
   using Token = std::uint64_t;
 
   static NotificationCenter& defaultCenter();
@@ -35,10 +36,10 @@ class NotificationCenter {
   NotificationCenter(const NotificationCenter&) = delete;
   NotificationCenter& operator=(const NotificationCenter&) = delete;
 
-  // Calls `observer` for every notification named `name` (every name when
-  // empty) posted with `object` (any object when null).
+  /// Calls `observer` for every notification named `name` (every name when
+  /// empty) posted with `object` (any object when null).
   Token add(std::string name, void* object, Observer observer);
-  // Forgets the observer; an unknown token is ignored.
+  /// Forgets the observer; an unknown token is ignored.
   void remove(Token token);
   void post(const std::string& name, void* object);
 
@@ -50,8 +51,8 @@ class NotificationCenter {
     std::shared_ptr<Observer> observer;
   };
   std::mutex mutex_;
-  std::vector<Entry> entries_;  // guarded by mutex_
-  Token lastToken_ = 0;         // guarded by mutex_
+  std::vector<Entry> entries_;  ///< guarded by mutex_
+  Token lastToken_ = 0;         ///< guarded by mutex_
 };
 
 }  // namespace quarvel

@@ -1,16 +1,17 @@
 #pragma once
-// A property-list value: what the settings store holds under each key.
-//
-// Readings follow the original platform: a number's boolean reading is
-// "non-zero" (a real truncated toward zero first); a string's boolean reading
-// skips leading white space, takes Y/y/T/t as true, and otherwise true only
-// when an optional sign, any zeros and then a digit 1-9 follow ("YES",
-// " +0012" true; "NO", "0x1", "00y" false).
-//
-// An integer is a signed 64-bit number, or an unsigned one of 2^63 or more
-// (property lists hold both). Such a large unsigned integer is still of kind
-// Integer: its integerValue is the same 64 bits read as signed, its
-// doubleValue the unsigned number.
+/// @file
+/// A property-list value: what the settings store holds under each key.
+///
+/// Readings follow the original platform: a number's boolean reading is
+/// "non-zero" (a real truncated toward zero first); a string's boolean reading
+/// skips leading white space, takes Y/y/T/t as true, and otherwise true only
+/// when an optional sign, any zeros and then a digit 1-9 follow ("YES",
+/// " +0012" true; "NO", "0x1", "00y" false).
+///
+/// An integer is a signed 64-bit number, or an unsigned one of 2^63 or more
+/// (property lists hold both). Such a large unsigned integer is still of kind
+/// Integer: its integerValue is the same 64 bits read as signed, its
+/// doubleValue the unsigned number.
 
 #include <cstdint>
 #include <map>
@@ -31,7 +32,7 @@ class PlistValue {
  public:
   enum class Kind { None, Boolean, Integer, Real, String, Data, Date, URL, Array, Dictionary };
 
-  // Seconds since 2001-01-01 00:00:00 UTC, as property lists count dates.
+  /// Seconds since 2001-01-01 00:00:00 UTC, as property lists count dates.
   struct Date {
     double secondsSinceReferenceDate = 0;
     bool operator==(const Date&) const = default;
@@ -41,10 +42,10 @@ class PlistValue {
     bool operator==(const URL&) const = default;
   };
 
-  PlistValue() = default;  // Kind::None
+  PlistValue() = default;  ///< Kind::None
   static PlistValue boolean(bool value);
   static PlistValue integer(std::int64_t value);
-  // An integer of kind Integer; below 2^63 the same as integer(value).
+  /// An integer of kind Integer; below 2^63 the same as integer(value).
   static PlistValue unsignedInteger(std::uint64_t value);
   static PlistValue real(double value);
   static PlistValue string(std::string value);
@@ -56,19 +57,19 @@ class PlistValue {
 
   Kind kind() const;
   bool isNone() const { return kind() == Kind::None; }
-  // Boolean, Integer or Real: the platform's number objects.
+  /// Boolean, Integer or Real: the platform's number objects.
   bool isNumber() const;
 
-  // The platform readings (see above); 0 / false for kinds without one.
+  /// The platform readings (see above); 0 / false for kinds without one.
   bool boolValue() const;
-  std::int64_t integerValue() const;  // numbers truncate toward zero
+  std::int64_t integerValue() const;  ///< numbers truncate toward zero
   double doubleValue() const;
-  // True for an integer of 2^63 or more, held as unsigned.
+  /// True for an integer of 2^63 or more, held as unsigned.
   bool isUnsignedInteger() const { return unsigned_; }
-  // The integer's 64 bits as unsigned (0 for other kinds).
+  /// The integer's 64 bits as unsigned (0 for other kinds).
   std::uint64_t unsignedIntegerValue() const;
 
-  // The held value when it is of that kind, else null.
+  /// The held value when it is of that kind, else null.
   const std::string* asString() const;
   const PlistData* asData() const;
   const Date* asDate() const;
@@ -76,8 +77,8 @@ class PlistValue {
   const PlistArray* asArray() const;
   const PlistDictionary* asDictionary() const;
 
-  // Same kind and value; two NaN reals (or dates) are equal, as a value kept unchanged
-  // must compare equal to itself.
+  /// Same kind and value; two NaN reals (or dates) are equal, as a value kept unchanged
+  /// must compare equal to itself.
   bool operator==(const PlistValue& other) const;
 
  private:
@@ -85,10 +86,10 @@ class PlistValue {
                                Date, URL, std::shared_ptr<const PlistArray>,
                                std::shared_ptr<const PlistDictionary>>;
   Storage value_;
-  bool unsigned_ = false;  // an Integer of 2^63 or more
+  bool unsigned_ = false;  ///< an Integer of 2^63 or more
 };
 
-// The boolean reading of a string, on its own.
+/// The boolean reading of a string, on its own.
 bool boolValueOfString(const std::string& text);
 
 }  // namespace quarvel

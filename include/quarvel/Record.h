@@ -1,16 +1,17 @@
 #pragma once
-// One record of a table: an ordered list of text values.
-//
-// A loaded check list holds hundreds of thousands of records, so a record is
-// kept compact: one heap block holding the value count, the end offset of
-// each value, and the values' text joined by tabs. Building a record from a
-// tab-separated line is one copy of the line; writing it back out is one
-// copy of the text. A value may itself hold a tab (set() accepts anything):
-// the offsets, not the tabs, say where values end, and joining the values
-// with "\t" still gives exactly the stored text.
-//
-// Values are read as string_views into the block; they stay valid until the
-// record is changed or destroyed.
+/// @file
+/// One record of a table: an ordered list of text values.
+///
+/// A loaded check list holds hundreds of thousands of records, so a record is
+/// kept compact: one heap block holding the value count, the end offset of
+/// each value, and the values' text joined by tabs. Building a record from a
+/// tab-separated line is one copy of the line; writing it back out is one
+/// copy of the text. A value may itself hold a tab (set() accepts anything):
+/// the offsets, not the tabs, say where values end, and joining the values
+/// with "\t" still gives exactly the stored text.
+///
+/// Values are read as string_views into the block; they stay valid until the
+/// record is changed or destroyed.
 
 #include <cstddef>
 #include <cstdint>
@@ -54,14 +55,14 @@ class Record {
     std::size_t index_ = 0;
   };
 
-  // A record of no values.
+  /// A record of no values.
   Record() = default;
   Record(std::initializer_list<std::string_view> values);
   explicit Record(const std::vector<std::string>& values);
-  // The values of `line` split on every tab ("" is one empty value).
+  /// The values of `line` split on every tab ("" is one empty value).
   static Record fromTabbedLine(std::string_view line);
-  // The same when the line holds exactly `valueCount` values; nothing
-  // otherwise.
+  /// The same when the line holds exactly `valueCount` values; nothing
+  /// otherwise.
   static std::optional<Record> fromTabbedLine(std::string_view line, std::size_t valueCount);
 
   Record(const Record& other);
@@ -72,29 +73,29 @@ class Record {
 
   std::size_t size() const { return block_ ? block_[0] : 0; }
   bool empty() const { return size() == 0; }
-  // Value `index`; the index must be below size().
+  /// Value `index`; the index must be below size().
   std::string_view operator[](std::size_t index) const {
     const std::uint32_t* ends = block_.get() + 1;
     const std::uint32_t begin = index == 0 ? 0 : ends[index - 1] + 1;
     return std::string_view(text() + begin, ends[index] - begin);
   }
-  // Value `index`; throws std::out_of_range beyond the values.
+  /// Value `index`; throws std::out_of_range beyond the values.
   std::string_view at(std::size_t index) const;
   const_iterator begin() const { return const_iterator(this, 0); }
   const_iterator end() const { return const_iterator(this, size()); }
 
-  // Replaces value `index`; throws std::out_of_range beyond the values.
+  /// Replaces value `index`; throws std::out_of_range beyond the values.
   void set(std::size_t index, std::string_view value);
-  // Drops values beyond `count`, or appends copies of `fill` up to it.
+  /// Drops values beyond `count`, or appends copies of `fill` up to it.
   void resize(std::size_t count, std::string_view fill);
-  // Removes value `index` (below size()).
+  /// Removes value `index` (below size()).
   void erase(std::size_t index);
   void clear() { block_.reset(); }
 
-  // The values joined by tabs: the stored text itself.
+  /// The values joined by tabs: the stored text itself.
   std::string_view tabbedText() const;
-  // Values `first` to `last` (inclusive, last below size()) joined by tabs,
-  // as a view of the stored text.
+  /// Values `first` to `last` (inclusive, last below size()) joined by tabs,
+  /// as a view of the stored text.
   std::string_view joined(std::size_t first, std::size_t last) const {
     const std::uint32_t* ends = block_.get() + 1;
     const std::uint32_t begin = first == 0 ? 0 : ends[first - 1] + 1;
@@ -105,18 +106,18 @@ class Record {
   friend bool operator==(const Record& a, const Record& b);
 
  private:
-  // Builds the block for `count` values whose tab-joined text is `text`;
-  // `ends` receives each value's end offset.
+  /// Builds the block for `count` values whose tab-joined text is `text`;
+  /// `ends` receives each value's end offset.
   static Record withText(std::size_t count, std::string_view text, std::uint32_t** ends);
   static Record fromValues(std::size_t count, const std::string_view* values);
   std::size_t textSize() const;
   const char* text() const { return reinterpret_cast<const char*>(block_.get() + 1 + block_[0]); }
 
-  // [0] value count n, [1..n] end offsets, then the text (n > 0), or null.
+  /// [0] value count n, [1..n] end offsets, then the text (n > 0), or null.
   std::unique_ptr<std::uint32_t[]> block_;
 };
 
-// Prints the values as {"a", "b"} (test failure messages).
+/// Prints the values as {"a", "b"} (test failure messages).
 std::ostream& operator<<(std::ostream& out, const Record& record);
 
 }  // namespace quarvel

@@ -1,12 +1,17 @@
 #pragma once
-// A table of any number of records sharing one field list: the body of every
-// data-file section but "#HEADER".
-//
-// Bounds are tested as `count - 1 < index` in unsigned arithmetic, so on an
-// empty table the test passes and the access itself fails: those accesses
-// (getAt, removeAt, setValue, swapNum1 on an empty table, replaceAtIndex out
-// of range, a two-key sort on an unknown field) throw std::out_of_range.
-// Callers check getCount first.
+/// @file
+/// A table of any number of records sharing one field list: the body of every
+/// data-file section but "#HEADER".
+///
+/// Bounds are tested as `count - 1 < index` in unsigned arithmetic, so on an
+/// empty table the test passes and the access itself fails: those accesses
+/// (getAt, removeAt, setValue, swapNum1 on an empty table, replaceAtIndex out
+/// of range, a two-key sort on an unknown field) throw std::out_of_range.
+/// Callers check getCount first.
+///
+/// Not thread-safe: one thread at a time per table (and per shared record).
+/// Records are shared pointers: a copy() and the records handed out share
+/// them with the table.
 
 #include "quarvel/Table.h"
 
@@ -17,42 +22,54 @@ class TableMulti : public Table {
   TableMulti();
   ~TableMulti() override;
 
-  // A new table holding a copy of the field list and a new record array that
-  // shares the same records; tag "" and positions -1.
+  /// A new table holding a copy of the field list and a new record array that
+  /// shares the same records; tag "" and positions -1.
   std::unique_ptr<Table> copy() const override;
-  // Empties the field list and the records.
+  /// Empties the field list and the records.
   void close() override;
+  /// Sets the field list to `line` split on `separator`.
   void initWithRecord(std::string_view line, std::string_view separator) override;
+  /// The number of records.
   std::uint64_t getCount() override;
+  /// The index of `field` (exact match, first wins), or kNotFound.
   std::uint64_t getFieldIndex(std::string_view field) override;
-  // Appends a copy of `values` when their count equals the field count and
-  // answers 0; otherwise logs "ERROR : " and answers -1.
+  /// Appends a copy of `values` when their count equals the field count and
+  /// answers 0; otherwise logs "ERROR : " and answers -1.
   std::int64_t add(const std::vector<std::string>& values) override;
-  // Appends the split line when its count equals the field count and answers
-  // its index; otherwise answers -1 silently.
+  /// Appends the split line when its count equals the field count and answers
+  /// its index; otherwise answers -1 silently.
   std::int64_t add(std::string_view line, std::string_view separator) override;
-  // Appends the records unchecked.
+  /// Appends the records unchecked.
   void addArrayItems(const std::vector<RecordPtr>& records);
   void addArrayItems(std::vector<RecordPtr>&& records);
+  /// Removes record `index`; false when there is none.
   bool remove(std::int64_t index) override;
+  /// Sets `field` of record `row` in place (seen by every table sharing the
+  /// record); false for a row past the end or an unknown field.
   bool setValue(int row, std::string_view field, std::string_view value) override;
+  /// Record `index`, shared with the table; null for a negative index or
+  /// one past the end.
   RecordPtr getAt(std::int64_t index) override;
+  /// Removes record `index`; false past the end.
   bool removeAt(std::uint64_t index);
+  /// Removes every record (the field list stays); always true.
   bool removeAll();
-  // Replaces the record with `line` split on "\t", whatever separator the
-  // table was read with; no checks.
+  /// Replaces the record with `line` split on "\t", whatever separator the
+  /// table was read with; no checks.
   bool replaceAtIndex(int index, std::string_view line) override;
+  /// Swaps two records; false for a negative, equal or out-of-range index.
   bool swapNum1(int num1, int num2);
-  // Kept as an empty operation: answers true and changes nothing.
+  /// Kept as an empty operation: answers true and changes nothing.
   bool sortByKey(int key, bool ascending);
-  // Sort on one field (nothing happens for an unknown field) or on two
-  // (unknown fields throw std::out_of_range while sorting). Values compare
-  // case-insensitively, literally and numerically (compareCaselessNumeric).
+  /// Sort on one field (nothing happens for an unknown field) or on two
+  /// (unknown fields throw std::out_of_range while sorting). Values compare
+  /// case-insensitively, literally and numerically (compareCaselessNumeric).
   void sortByFieldName(std::string_view field, bool ascending);
   void sortByFieldName(std::string_view field, std::string_view subField, bool ascending);
+  /// The field list itself, owned by the table; never null.
   FieldList* getFields() override;
 
-  // The two arrays as properties.
+  /// The two arrays as properties; the references live as long as the table.
   const FieldList& m_arrField() const;
   void setM_arrField(FieldList fields);
   const std::vector<RecordPtr>& m_arrData() const;

@@ -2,7 +2,7 @@
 
 namespace quarvel {
 
-// The library's version, "MAJOR.MINOR.PATCH".
+/// The library's version, "MAJOR.MINOR.PATCH".
 const char* version();
 
 }  // namespace quarvel

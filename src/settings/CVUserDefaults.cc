@@ -378,14 +378,6 @@ bool storedBool(const char* key) {
   std::optional<PlistValue> CVUserDefaults::getter() const { return storedCopy(key); } \
   void CVUserDefaults::setter(PlistValue value) { setObject(std::move(value), key); }
 
-// These also flush the shared instance's store at once.
-#define QUARVEL_SYNCED_SETTING(getter, setter, key)                                    \
-  std::optional<PlistValue> CVUserDefaults::getter() const { return storedCopy(key); } \
-  void CVUserDefaults::setter(PlistValue value) {                                      \
-    setObject(std::move(value), key);                                                  \
-    sharedOr(this)->synchronize();                                                     \
-  }
-
 QUARVEL_BOOL_SETTING(precisionInspect, setPrecisionInspect, "precisionInspect")
 QUARVEL_BOOL_SETTING(closeAgterInspect, setCloseAfterInspect, "closeAfterInspect")
 QUARVEL_BOOL_SETTING(redundantProcessing, setRedundantProcessing, "redundantProcessing")
@@ -403,23 +395,22 @@ QUARVEL_OBJECT_SETTING(selectedPathArrInPrecisionInspect, setSelectedPathArrInPr
 QUARVEL_OBJECT_SETTING(filterPathArrInPrecisionInspect, setfilterPathArrInPrecisionInspect,
                        "filterArr")
 
-QUARVEL_SYNCED_SETTING(lastUpdateDate, setUpdated, "lastUpdateDate")
-QUARVEL_SYNCED_SETTING(webQuarvelIPAddress, setWebQuarvelIPAddress, "WebQuarvelIPAddress")
-QUARVEL_SYNCED_SETTING(webQuarvelUserName, setWebQuarvelUserName, "WebQuarvelUserName")
-QUARVEL_SYNCED_SETTING(webQuarvelDepartmentName, setWebQuarvelDepartmentName,
+QUARVEL_OBJECT_SETTING(lastUpdateDate, setUpdated, "lastUpdateDate")
+QUARVEL_OBJECT_SETTING(webQuarvelIPAddress, setWebQuarvelIPAddress, "WebQuarvelIPAddress")
+QUARVEL_OBJECT_SETTING(webQuarvelUserName, setWebQuarvelUserName, "WebQuarvelUserName")
+QUARVEL_OBJECT_SETTING(webQuarvelDepartmentName, setWebQuarvelDepartmentName,
                        "WebQuarvelDepartmentName")
-QUARVEL_SYNCED_SETTING(webQuarvelIPAddressTemp, setWebQuarvelIPAddressTemp,
+QUARVEL_OBJECT_SETTING(webQuarvelIPAddressTemp, setWebQuarvelIPAddressTemp,
                        "WebQuarvelIPAddressTemp")
-QUARVEL_SYNCED_SETTING(webQuarvelUserNameTemp, setWebQuarvelUserNameTemp, "WebQuarvelUserNameTemp")
-QUARVEL_SYNCED_SETTING(webQuarvelDepartmentNameTemp, setWebQuarvelDepartmentNameTemp,
+QUARVEL_OBJECT_SETTING(webQuarvelUserNameTemp, setWebQuarvelUserNameTemp, "WebQuarvelUserNameTemp")
+QUARVEL_OBJECT_SETTING(webQuarvelDepartmentNameTemp, setWebQuarvelDepartmentNameTemp,
                        "WebQuarvelDepartmentNameTemp")
-QUARVEL_SYNCED_SETTING(webQuarvelForceQuarvelTime, setWebQuarvelForceQuarvelTime,
+QUARVEL_OBJECT_SETTING(webQuarvelForceQuarvelTime, setWebQuarvelForceQuarvelTime,
                        "forceQuarvelTime")
-QUARVEL_SYNCED_SETTING(webQuarvelDateQuarvelTime, setWebQuarvelDateQuarvelTime, "dateQuarvelTime")
+QUARVEL_OBJECT_SETTING(webQuarvelDateQuarvelTime, setWebQuarvelDateQuarvelTime, "dateQuarvelTime")
 
 #undef QUARVEL_BOOL_SETTING
 #undef QUARVEL_OBJECT_SETTING
-#undef QUARVEL_SYNCED_SETTING
 
 bool CVUserDefaults::isLite() const { return _isLite; }
 void CVUserDefaults::setIsLite(bool value) { _isLite = value; }
