@@ -6,8 +6,8 @@
 #include <random>
 #include <vector>
 
-#include "quarvel/CommonLib.h"
 #include "format/LineReader.h"
+#include "quarvel/CommonLib.h"
 
 namespace {
 

@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "ListGenerator.h"
+#include "format/MacKorean.h"
 #include "quarvel/CommonLib.h"
 #include "quarvel/FileCheckList.h"
-#include "format/MacKorean.h"
 
 namespace {
 

@@ -13,8 +13,8 @@
 
 #include <fcntl.h>
 #include <malloc.h>
-#include <spawn.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -104,10 +104,9 @@ int main(int argc, char** argv) {
     // costs both clients as little as it can.
     ::mallopt(M_MMAP_THRESHOLD, 1 << 30);
     ::mallopt(M_TRIM_THRESHOLD, 1 << 30);
-    quarvel::testing::LoopbackHttpServer server(
-        [&body](const quarvel::testing::HttpReceived&) {
-          return quarvel::testing::HttpReply::text(body);
-        });
+    quarvel::testing::LoopbackHttpServer server([&body](const quarvel::testing::HttpReceived&) {
+      return quarvel::testing::HttpReply::text(body);
+    });
     const std::string hostAndPort = server.hostAndPort();
     (void)!::write(portPipe[1], hostAndPort.data(), hostAndPort.size());
     ::close(portPipe[1]);

@@ -14,7 +14,8 @@ int main(int argc, char** argv) {
     return 2;
   }
   const std::size_t records = std::strtoull(argv[1], nullptr, 10);
-  const auto variant = static_cast<std::uint32_t>(argc > 3 ? std::strtoul(argv[3], nullptr, 10) : 1);
+  const auto variant =
+      static_cast<std::uint32_t>(argc > 3 ? std::strtoul(argv[3], nullptr, 10) : 1);
   if (!quarvel::bench::writeCheckListFile(argv[2], records, variant)) {
     std::fprintf(stderr, "%s: not written\n", argv[2]);
     return 1;

@@ -7,10 +7,10 @@
 #include <ostream>
 #include <vector>
 
-#include "quarvel/CommonLib.h"
 #include "common/FileReplacement.h"
 #include "format/LineReader.h"
 #include "format/MacKorean.h"
+#include "quarvel/CommonLib.h"
 
 namespace quarvel::cli {
 namespace {

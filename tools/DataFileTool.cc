@@ -9,10 +9,10 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
-#include "quarvel/CommonLib.h"
 #include "common/StringUtil.h"
 #include "format/DataFileFormat.h"
 #include "format/LineReader.h"
+#include "quarvel/CommonLib.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
 #include "quarvel/FileFontList.h"

@@ -28,7 +28,6 @@ using datafile::makeDataFile;
 using datafile::parseDataFileKind;
 using datafile::sectionTags;
 
-
 enum class OutputFormat { Table, Json, Tsv };
 
 // Opens `path` with the class of `kind` (detected when absent) and prints
@@ -49,8 +48,6 @@ struct LookupQuery {
 // query does not fit the kind or the file does not open.
 int lookupDataFile(const std::string& path, std::optional<DataFileKind> kind,
                    const LookupQuery& query, bool json, std::ostream& out, std::ostream& err);
-
-
 
 // Terminal width of UTF-8 text: East Asian wide characters count 2.
 std::size_t displayWidth(std::string_view text);

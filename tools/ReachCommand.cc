@@ -28,12 +28,14 @@ std::unique_ptr<Reachability> makeReachMonitor(const ReachOptions& options) {
 std::string describeReach(Reachability& monitor, bool localWiFi) {
   auto flags = monitor.currentFlags();
   std::int64_t status = ReachabilityNone;
-  if (flags) status = localWiFi ? monitor.localWiFiStatusForFlags(*flags) : monitor.networkStatusForFlags(*flags);
+  if (flags)
+    status =
+        localWiFi ? monitor.localWiFiStatusForFlags(*flags) : monitor.networkStatusForFlags(*flags);
   const char* meaning = status == ReachabilityViaCellular       ? "reachable via cellular"
                         : status == ReachabilityViaLocalNetwork ? "reachable via local network"
                                                                 : "not reachable";
-  return (flags ? reachabilityFlagLetters(*flags) : std::string("unreadable")) + "  " + std::to_string(status) +
-         " (" + meaning + ")";
+  return (flags ? reachabilityFlagLetters(*flags) : std::string("unreadable")) + "  " +
+         std::to_string(status) + " (" + meaning + ")";
 }
 
 int runReach(const ReachOptions& options, std::ostream& out, std::ostream& err) {

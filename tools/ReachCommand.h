@@ -12,7 +12,7 @@ namespace quarvel::cli {
 
 struct ReachOptions {
   std::string target = {};  // an IPv4 or IPv6 address or a host name; empty: the internet
-  bool localWiFi = false;    // the link-local network instead of a target
+  bool localWiFi = false;   // the link-local network instead of a target
   bool watch = false;
 };
 

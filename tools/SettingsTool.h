@@ -24,8 +24,8 @@ std::string describeValue(const PlistValue& value);
 std::string describeSettings(const PlistDictionary& settings);
 
 // The kinds `settings set --type` accepts.
-inline constexpr const char* kValueTypes[] = {"string", "bool", "int", "real", "date",
-                                              "data", "url", "json"};
+inline constexpr const char* kValueTypes[] = {"string", "bool", "int", "real",
+                                              "date",   "data", "url", "json"};
 
 // Reads `text` as a value of `type`: bool takes YES/NO/true/false/1/0 (any
 // case); int a signed 64-bit decimal; real a decimal or exponent number;

@@ -49,8 +49,7 @@ std::string formatBytes(std::uint64_t bytes);
 // WAYLAND_DISPLAY; offscreen, minimal, vnc, linuxfb, eglfs and the like need
 // none; a platform named that is not known here is left to Qt. `env` reads
 // a variable (null when unset), as getenv does.
-std::optional<std::string> windowDisplayProblem(
-    const std::function<const char*(const char*)>& env);
+std::optional<std::string> windowDisplayProblem(const std::function<const char*(const char*)>& env);
 
 // Runs the update and answers its exit status. Writes progress and the
 // outcome to `out`; nothing is written to `out` after it returns.

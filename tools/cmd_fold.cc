@@ -15,7 +15,8 @@ namespace quarvel::cli {
 void addFoldCommand(CLI::App& app) {
   auto text = std::make_shared<std::string>();
   auto* fold = app.add_subcommand(
-      "fold", "Print TEXT (or standard input) as a data-file save stores it, special characters folded");
+      "fold",
+      "Print TEXT (or standard input) as a data-file save stores it, special characters folded");
   auto* option = fold->add_option("TEXT", *text, "The text to fold; standard input when absent");
   fold->callback([text, option] {
     if (option->count() > 0) {

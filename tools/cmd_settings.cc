@@ -50,7 +50,8 @@ void addSettingsCommands(CLI::App& app) {
   set->add_option("VALUE", options->text, "Value, read as --type says")->required();
   set->add_option("-t,--type", options->type,
                   "string, bool, int, real, date (ISO 8601 UTC), data (hex), url or json")
-      ->check(CLI::IsMember(std::vector<std::string>(std::begin(kValueTypes), std::end(kValueTypes))));
+      ->check(
+          CLI::IsMember(std::vector<std::string>(std::begin(kValueTypes), std::end(kValueTypes))));
   set->callback([options] {
     auto value = parseValue(options->text, options->type);
     if (!value) fail("not a valid " + options->type + ": " + options->text, 2);

@@ -11,8 +11,8 @@
 #include <iostream>
 
 #include "Commands.h"
-#include "server/ListServer.h"
 #include "TerminalUpdate.h"
+#include "server/ListServer.h"
 
 #ifdef QUARVEL_HAVE_GUI
 #include <QApplication>

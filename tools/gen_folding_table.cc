@@ -38,8 +38,7 @@ constexpr int kBlockSize = 1 << kBlockShift;
 
 // Value layout, shared with Folding.cc; kind 0 is a plain character.
 constexpr unsigned kKindExtend = 1, kKindLead = 2, kKindSpecial = 3;
-constexpr unsigned kSpecialBrokenBar = 1, kSpecialMacron = 2, kSpecialMu = 3,
-                   kSpecialFraction = 4;
+constexpr unsigned kSpecialBrokenBar = 1, kSpecialMacron = 2, kSpecialMu = 3, kSpecialFraction = 4;
 
 [[noreturn]] void fail(const std::string& what) {
   std::fprintf(stderr, "gen_folding_table: %s\n", what.c_str());

@@ -82,9 +82,9 @@ class PlistValue {
   bool operator==(const PlistValue& other) const;
 
  private:
-  using Storage = std::variant<std::monostate, bool, std::int64_t, double, std::string, PlistData,
-                               Date, URL, std::shared_ptr<const PlistArray>,
-                               std::shared_ptr<const PlistDictionary>>;
+  using Storage =
+      std::variant<std::monostate, bool, std::int64_t, double, std::string, PlistData, Date, URL,
+                   std::shared_ptr<const PlistArray>, std::shared_ptr<const PlistDictionary>>;
   Storage value_;
   bool unsigned_ = false;  ///< an Integer of 2^63 or more
 };

@@ -33,8 +33,9 @@ bool isExecutableFile(const FoundFile& file) {
 }
 
 std::string propertyKey(ListSource& list, int row) {
-  return lowercase(list.value(row, df::kFieldCompany) + "\t" + list.value(row, df::kFieldProduct) + "\t" +
-                   list.value(row, df::kFieldVersionValue) + "\t" + list.value(row, df::kFieldOriginalFile));
+  return lowercase(list.value(row, df::kFieldCompany) + "\t" + list.value(row, df::kFieldProduct) +
+                   "\t" + list.value(row, df::kFieldVersionValue) + "\t" +
+                   list.value(row, df::kFieldOriginalFile));
 }
 
 // Lower-cased "EXE_FILE" values of a list: a name outside this set cannot

@@ -13,9 +13,9 @@
 #include <sstream>
 #include <string>
 
-#include "quarvel/CommonLib.h"
 #include "common/Platform.h"
 #include "common/detail/CommonLibDetail.h"
+#include "quarvel/CommonLib.h"
 
 namespace quarvel {
 namespace detail {
@@ -106,7 +106,8 @@ std::string systemVersionText(std::string_view osRelease, std::string_view kerne
 }  // namespace detail
 
 std::string CommonLib::getToday() {
-  return detail::stamp(std::chrono::system_clock::to_time_t(Platform::current()->wallNow()), "%d%.2d%.2d%.2d%.2d%.2d");
+  return detail::stamp(std::chrono::system_clock::to_time_t(Platform::current()->wallNow()),
+                       "%d%.2d%.2d%.2d%.2d%.2d");
 }
 
 std::string CommonLib::getFileCreateDate(const char* path) {

@@ -193,7 +193,8 @@ bool FileReplacement::State::openFor(const std::string& given, mode_t newFileMod
     if (!S_ISREG(target.st_mode)) return fail("not a regular file", 0);
     // Opening it is the exact test of whether a write through the path would
     // be allowed. Non-blocking, in case it became a pipe since lstat.
-    targetFd = platform->openAt(AT_FDCWD, resolved.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC, 0);
+    targetFd = platform->openAt(AT_FDCWD, resolved.c_str(),
+                                O_WRONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC, 0);
     if (targetFd >= 0) break;
     if (errno != ENOENT || attempt == 2) return fail("cannot open the file for writing", errno);
   }
@@ -288,7 +289,7 @@ int FileReplacement::State::createTemporary(const std::string& prefix, mode_t mo
   for (int attempt = 0; attempt < 100; ++attempt) {
     std::string candidate = prefix + randomLetters();
     int fd = platform->openAt(folderFd, candidate.c_str(),
-                      O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, mode);
+                              O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, mode);
     if (fd < 0) {
       if (errno == EEXIST) continue;
       return errno;
@@ -300,9 +301,10 @@ int FileReplacement::State::createTemporary(const std::string& prefix, mode_t mo
     error = errno;
     struct stat held {};
     struct stat named {};
-    const bool stillNamed = ::fstat(fd, &held) == 0 &&
-                            ::fstatat(folderFd, candidate.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-                            sameFile(held, named);
+    const bool stillNamed =
+        ::fstat(fd, &held) == 0 &&
+        ::fstatat(folderFd, candidate.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+        sameFile(held, named);
     if (locked && stillNamed) {
       tempFd = fd;
       tempName = std::move(candidate);
@@ -422,7 +424,8 @@ bool FileReplacement::commit() {
   s.tempName.clear();
   const int syncFd = ::openat(s.folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (syncFd >= 0) {
-    (void)s.platform->sync(syncFd);  // the rename is done; a folder that cannot be flushed is no failure
+    (void)s.platform->sync(
+        syncFd);  // the rename is done; a folder that cannot be flushed is no failure
     ::close(syncFd);
   }
   s.close();

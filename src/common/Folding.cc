@@ -34,8 +34,7 @@ namespace {
 
 // Value layout of the table (see the generator); kind 0 is a plain character.
 constexpr unsigned kKindExtend = 1, kKindLead = 2, kKindSpecial = 3;
-constexpr unsigned kSpecialBrokenBar = 1, kSpecialMacron = 2, kSpecialMu = 3,
-                   kSpecialFraction = 4;
+constexpr unsigned kSpecialBrokenBar = 1, kSpecialMacron = 2, kSpecialMu = 3, kSpecialFraction = 4;
 constexpr char32_t kGraphemeJoiner = 0x034F;
 constexpr char32_t kInvalid = 0xFFFFFFFF;
 constexpr std::size_t kNone = static_cast<std::size_t>(-1);

@@ -28,8 +28,7 @@ HttpExchange::HttpExchange(const std::string& url, Options options, BodySink sin
   curl_easy_setopt(e, CURLOPT_ERRORBUFFER, errorText_);
   if (!options_.body.empty()) {
     curl_easy_setopt(e, CURLOPT_POSTFIELDS, options_.body.data());
-    curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE,
-                     static_cast<curl_off_t>(options_.body.size()));
+    curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(options_.body.size()));
   }
   curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, "GET");
   curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(options_.idleTimeout.count()));
@@ -74,8 +73,8 @@ size_t HttpExchange::onBody(char* data, size_t size, size_t count, void* self) {
   auto* exchange = static_cast<HttpExchange*>(self);
   const size_t bytes = size * count;
   exchange->touch();
-  const std::uint64_t room =
-      exchange->options_.maxBodyBytes - std::min(exchange->received_, exchange->options_.maxBodyBytes);
+  const std::uint64_t room = exchange->options_.maxBodyBytes -
+                             std::min(exchange->received_, exchange->options_.maxBodyBytes);
   if (bytes > room) {
     exchange->overCeiling_ = true;
     return 0;  // ends the exchange with CURLE_WRITE_ERROR

@@ -99,7 +99,8 @@ std::string trimIf(std::string_view text, Pred drop) {
     if (c < 0 || !drop(c)) break;
     end = previous;
   }
-  return std::string(text.substr(static_cast<std::size_t>(begin), static_cast<std::size_t>(end - begin)));
+  return std::string(
+      text.substr(static_cast<std::size_t>(begin), static_cast<std::size_t>(end - begin)));
 }
 
 std::string normalisePath(std::string_view path) {
@@ -173,8 +174,8 @@ void appendUtf8(std::string& out, char32_t c) {
 std::size_t utf16Length(std::string_view utf8) {
   std::size_t units = 0;
   for (unsigned char c : utf8) {
-    if ((c & 0xC0) != 0x80) ++units;     // a lead byte or ASCII starts a code point
-    if ((c & 0xF8) == 0xF0) ++units;     // four-byte sequences need a surrogate pair
+    if ((c & 0xC0) != 0x80) ++units;  // a lead byte or ASCII starts a code point
+    if ((c & 0xF8) == 0xF0) ++units;  // four-byte sequences need a surrogate pair
   }
   return units;
 }

@@ -15,16 +15,16 @@
 #include <ostream>
 #include <set>
 
-#include "datafiles/DataFileKind.h"
-#include "quarvel/Table.h"
-#include "quarvel/CommonLib.h"
 #include "common/StringUtil.h"
+#include "datafiles/DataFileKind.h"
 #include "format/DataFileFormat.h"
+#include "format/LineReader.h"
+#include "format/MacKorean.h"
+#include "quarvel/CommonLib.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
 #include "quarvel/LookupIndex.h"
-#include "format/LineReader.h"
-#include "format/MacKorean.h"
+#include "quarvel/Table.h"
 
 namespace quarvel::datafile {
 

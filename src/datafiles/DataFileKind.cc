@@ -77,8 +77,7 @@ DataFileKind detectDataFileKind(const std::vector<std::string>& lines, std::stri
   }
   const std::string name = lowercase(lastPathComponent(path));
   if (checkList && firstRecordFields) {
-    return *firstRecordFields == kFontListFieldCount ? DataFileKind::Font
-                                                         : DataFileKind::CheckList;
+    return *firstRecordFields == kFontListFieldCount ? DataFileKind::Font : DataFileKind::CheckList;
   }
   if (name.find("font") != std::string::npos) return DataFileKind::Font;
   if (checkList) return DataFileKind::CheckList;

@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "quarvel/CommonLib.h"
 #include "common/FileReplacement.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
@@ -18,6 +17,7 @@
 #include "format/LineReader.h"
 #include "format/MacKorean.h"
 #include "quarvel/CVUserDefaults.h"
+#include "quarvel/CommonLib.h"
 
 namespace quarvel {
 

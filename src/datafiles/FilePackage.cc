@@ -1,8 +1,8 @@
 #include "quarvel/FilePackage.h"
 
-#include "quarvel/CommonLib.h"
 #include "common/StringUtil.h"
 #include "format/DataFileFormat.h"
+#include "quarvel/CommonLib.h"
 
 namespace quarvel {
 

@@ -16,11 +16,11 @@
 #include <cstring>
 #include <memory>
 
-#include "quarvel/CommonLib.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
 #include "format/LineReader.h"
 #include "format/MacKorean.h"
+#include "quarvel/CommonLib.h"
 
 namespace quarvel {
 namespace {
@@ -114,8 +114,8 @@ void scanLines(const unsigned char* text, std::size_t size, LineScan& scan) {
     ++number;
   };
   while (i < size) {
-    const unsigned char* stop = static_cast<const unsigned char*>(
-        std::memchr(text + i, '\n', size - i));
+    const unsigned char* stop =
+        static_cast<const unsigned char*>(std::memchr(text + i, '\n', size - i));
     const std::size_t limit = stop ? static_cast<std::size_t>(stop - text) : size;
     // Within [i, limit) only a CR or a zero byte interrupts the line.
     for (; i < limit; ++i) {
@@ -183,12 +183,18 @@ ReadRefusal readRefusal(const std::string& path) {
 
 std::string_view describe(ReadRefusal refusal) {
   switch (refusal) {
-    case ReadRefusal::kNone: return "readable";
-    case ReadRefusal::kMissing: return "no such file";
-    case ReadRefusal::kFolder: return "is a folder";
-    case ReadRefusal::kNotRegularFile: return "not a regular file";
-    case ReadRefusal::kTooLarge: return "larger than the 4 GiB a data file can hold";
-    case ReadRefusal::kEmpty: return "empty data file";
+    case ReadRefusal::kNone:
+      return "readable";
+    case ReadRefusal::kMissing:
+      return "no such file";
+    case ReadRefusal::kFolder:
+      return "is a folder";
+    case ReadRefusal::kNotRegularFile:
+      return "not a regular file";
+    case ReadRefusal::kTooLarge:
+      return "larger than the 4 GiB a data file can hold";
+    case ReadRefusal::kEmpty:
+      return "empty data file";
   }
   return "unreadable";
 }

@@ -3,8 +3,8 @@
 #include <optional>
 #include <string>
 
-#include "quarvel/CommonLib.h"
 #include "format/MacKorean.h"
+#include "quarvel/CommonLib.h"
 
 namespace quarvel::datafile {
 

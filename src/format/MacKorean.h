@@ -16,8 +16,8 @@ class MacKorean {
 
   // Where and why encoding failed.
   struct EncodeError {
-    std::size_t offset = 0;   // byte offset of the character in the UTF-8 input
-    char32_t character = 0;   // the character that has no mapping (or U+FFFD for bad UTF-8)
+    std::size_t offset = 0;  // byte offset of the character in the UTF-8 input
+    char32_t character = 0;  // the character that has no mapping (or U+FFFD for bad UTF-8)
   };
 
   // Mac Korean bytes to UTF-8; nothing when any byte sequence has no mapping.

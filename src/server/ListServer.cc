@@ -120,8 +120,8 @@ int listenOn(const std::string& address, int port, int backlog) {
   hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
   addrinfo* found = nullptr;
   const std::string service = std::to_string(port);
-  if (::getaddrinfo(address.empty() ? nullptr : address.c_str(), service.c_str(), &hints,
-                    &found) != 0)
+  if (::getaddrinfo(address.empty() ? nullptr : address.c_str(), service.c_str(), &hints, &found) !=
+      0)
     return -1;
   int fd = -1;
   for (addrinfo* at = found; at && fd < 0; at = at->ai_next) {
@@ -222,8 +222,9 @@ RequestTarget parseRequestTarget(std::string_view target) {
     query = end == std::string_view::npos ? std::string_view() : query.substr(end + 1);
     if (pair.empty()) continue;
     const size_t equals = pair.find('=');
-    std::string value =
-        equals == std::string_view::npos ? std::string() : percentDecode(pair.substr(equals + 1), true);
+    std::string value = equals == std::string_view::npos
+                            ? std::string()
+                            : percentDecode(pair.substr(equals + 1), true);
     parsed.params.emplace(percentDecode(pair.substr(0, equals), true), std::move(value));
   }
   return parsed;
@@ -268,7 +269,8 @@ namespace {
 
 using State = ListServer::State;
 
-void onConnection(void* cls, MHD_Connection* connection, void**, MHD_ConnectionNotificationCode code) {
+void onConnection(void* cls, MHD_Connection* connection, void**,
+                  MHD_ConnectionNotificationCode code) {
   auto* state = static_cast<State*>(cls);
   std::lock_guard lock(state->mutex);
   if (code == MHD_CONNECTION_NOTIFY_STARTED) {
@@ -333,12 +335,18 @@ MHD_Result onRequest(void* cls, MHD_Connection* connection, const char*, const c
 
 const char* terminationName(MHD_RequestTerminationCode code) {
   switch (code) {
-    case MHD_REQUEST_TERMINATED_COMPLETED_OK: return "";
-    case MHD_REQUEST_TERMINATED_WITH_ERROR: return " (cut: error)";
-    case MHD_REQUEST_TERMINATED_TIMEOUT_REACHED: return " (cut: idle)";
-    case MHD_REQUEST_TERMINATED_DAEMON_SHUTDOWN: return " (cut: stopping)";
-    case MHD_REQUEST_TERMINATED_READ_ERROR: return " (cut: read error)";
-    case MHD_REQUEST_TERMINATED_CLIENT_ABORT: return " (cut: client gone)";
+    case MHD_REQUEST_TERMINATED_COMPLETED_OK:
+      return "";
+    case MHD_REQUEST_TERMINATED_WITH_ERROR:
+      return " (cut: error)";
+    case MHD_REQUEST_TERMINATED_TIMEOUT_REACHED:
+      return " (cut: idle)";
+    case MHD_REQUEST_TERMINATED_DAEMON_SHUTDOWN:
+      return " (cut: stopping)";
+    case MHD_REQUEST_TERMINATED_READ_ERROR:
+      return " (cut: read error)";
+    case MHD_REQUEST_TERMINATED_CLIENT_ABORT:
+      return " (cut: client gone)";
   }
   return " (cut)";
 }
@@ -380,9 +388,8 @@ void onLibraryMessage(void*, const char* format, va_list arguments) {
 // would otherwise hold its connection for as long as the client likes.
 // shutdown() makes the library see the connection end and close it itself.
 void ListServer::State::watchHeaders() {
-  const auto tick = std::clamp<Clock::duration>(limits.headerDeadline / 4,
-                                                std::chrono::milliseconds(10),
-                                                std::chrono::milliseconds(250));
+  const auto tick = std::clamp<Clock::duration>(
+      limits.headerDeadline / 4, std::chrono::milliseconds(10), std::chrono::milliseconds(250));
   std::unique_lock lock(mutex);
   while (watching) {
     wake.wait_for(lock, tick);
@@ -437,13 +444,12 @@ int ListServer::start(const std::string& address, int port) {
       MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_ERROR_LOG, 0, nullptr, nullptr,
       &onRequest, &state, MHD_OPTION_EXTERNAL_LOGGER, &onLibraryMessage, &state,
       MHD_OPTION_LISTEN_SOCKET, listenFd, MHD_OPTION_ARRAY, pool, MHD_OPTION_CONNECTION_LIMIT,
-      static_cast<unsigned>(maxConnections),
-      MHD_OPTION_PER_IP_CONNECTION_LIMIT, static_cast<unsigned>(std::max(1, limits.maxPerAddress)),
-      MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned>(std::max<long long>(1, limits.idle.count())),
+      static_cast<unsigned>(maxConnections), MHD_OPTION_PER_IP_CONNECTION_LIMIT,
+      static_cast<unsigned>(std::max(1, limits.maxPerAddress)), MHD_OPTION_CONNECTION_TIMEOUT,
+      static_cast<unsigned>(std::max<long long>(1, limits.idle.count())),
       MHD_OPTION_NOTIFY_CONNECTION, &onConnection, &state, MHD_OPTION_NOTIFY_COMPLETED,
       &onCompleted, &state, MHD_OPTION_URI_LOG_CALLBACK, &onRequestLine, &state,
-      MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1,
-      MHD_OPTION_END);
+      MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_END);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   if (!state.daemon) {
     ::close(listenFd);
@@ -476,7 +482,8 @@ void ListServer::stop() {
     if (open == 0 || Clock::now() >= until) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  if (open > 0) logf("serve: stopping, cut %zu connection%s still open", open, open == 1 ? "" : "s");
+  if (open > 0)
+    logf("serve: stopping, cut %zu connection%s still open", open, open == 1 ? "" : "s");
   {
     std::lock_guard lock(state.mutex);
     state.watching = false;

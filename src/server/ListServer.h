@@ -74,9 +74,9 @@ std::optional<ServedFile> openListFile(int folderFd, std::string_view target);
 // How the server holds its connections. A few threads each wait on many
 // connections at once, so a slow client costs a descriptor, not a worker.
 struct ServeLimits {
-  int threads = 4;              // event loops, each with its own share of the connections
-  int maxConnections = 1024;    // in all; more are accepted and closed at once
-  int maxPerAddress = 256;      // from one client address
+  int threads = 4;               // event loops, each with its own share of the connections
+  int maxConnections = 1024;     // in all; more are accepted and closed at once
+  int maxPerAddress = 256;       // from one client address
   std::chrono::seconds idle{5};  // of silence before a connection is closed
   // From a connection's start, or from its previous answer, until its
   // request header is complete; the connection is closed when it passes,

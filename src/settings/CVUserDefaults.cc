@@ -1,7 +1,6 @@
 // The settings store: the shared instance, its start-up sequence, the key
 // access on defaultsDic and the domain file behind it.
 #include "quarvel/CVUserDefaults.h"
-#include "settings/SettingsForTesting.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,11 +16,12 @@
 #include <system_error>
 
 #include "common/FileReplacement.h"
-#include "common/Platform.h"
 #include "common/Log.h"
+#include "common/Platform.h"
 #include "common/StringUtil.h"
 #include "settings/HostEnvironment.h"
 #include "settings/PropertyList.h"
+#include "settings/SettingsForTesting.h"
 #include "settings/WorkFolders.h"
 
 namespace quarvel {

@@ -6,8 +6,8 @@
 #include <thread>
 #include <vector>
 
-#include "quarvel/CVUserDefaults.h"
 #include "common/Platform.h"
+#include "quarvel/CVUserDefaults.h"
 #include "settings/HttpRequest.h"
 #include "settings/NetworkIdentity.h"
 #include "settings/NetworkSources.h"

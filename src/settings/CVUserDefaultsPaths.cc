@@ -13,8 +13,7 @@ namespace quarvel {
 
 namespace {
 
-std::optional<std::string> joined(const std::optional<std::string>& folder,
-                                  std::string_view name) {
+std::optional<std::string> joined(const std::optional<std::string>& folder, std::string_view name) {
   if (!folder) return std::nullopt;
   return *folder + "/" + std::string(name);
 }
@@ -61,8 +60,9 @@ std::optional<std::string> chooseBasePath(const HostEnvironment& environment, bo
 void createWorkFolders(const std::optional<std::string>& base,
                        const std::optional<std::string>& userLibrary) {
   if (base) {
-    for (const char* folder : {"/CheckOut/IPT", "/CheckOut/TLS", "/CheckOut/RST", "/CheckOut/TMP_IPT",
-                               "/CheckOut/TMP_TLS", "/CheckOut/TMP_RST", "/CheckOut/Logs"})
+    for (const char* folder :
+         {"/CheckOut/IPT", "/CheckOut/TLS", "/CheckOut/RST", "/CheckOut/TMP_IPT",
+          "/CheckOut/TMP_TLS", "/CheckOut/TMP_RST", "/CheckOut/Logs"})
       makeFolderIfMissing(*base + folder);
   }
   if (userLibrary) makeFolderIfMissing(*userLibrary + "/Quarvel");
@@ -78,9 +78,15 @@ std::optional<std::string> CVUserDefaults::checkOutPath() const {
   return joined(defaultPath(), "CheckOut");
 }
 
-std::optional<std::string> CVUserDefaults::IPTFolderPath() const { return joined(checkOutPath(), "IPT"); }
-std::optional<std::string> CVUserDefaults::RSTFolderPath() const { return joined(checkOutPath(), "RST"); }
-std::optional<std::string> CVUserDefaults::TLSFolderPath() const { return joined(checkOutPath(), "TLS"); }
+std::optional<std::string> CVUserDefaults::IPTFolderPath() const {
+  return joined(checkOutPath(), "IPT");
+}
+std::optional<std::string> CVUserDefaults::RSTFolderPath() const {
+  return joined(checkOutPath(), "RST");
+}
+std::optional<std::string> CVUserDefaults::TLSFolderPath() const {
+  return joined(checkOutPath(), "TLS");
+}
 std::optional<std::string> CVUserDefaults::tempIPTFolderPath() const {
   return joined(checkOutPath(), "TMP_IPT");
 }
@@ -90,7 +96,9 @@ std::optional<std::string> CVUserDefaults::tempRSTFolderPath() const {
 std::optional<std::string> CVUserDefaults::tempTLSFolderPath() const {
   return joined(checkOutPath(), "TMP_TLS");
 }
-std::optional<std::string> CVUserDefaults::LOGSFolderPath() const { return joined(checkOutPath(), "Logs"); }
+std::optional<std::string> CVUserDefaults::LOGSFolderPath() const {
+  return joined(checkOutPath(), "Logs");
+}
 
 std::optional<std::string> CVUserDefaults::libraryPath() const {
   auto environment = HostEnvironment::current();
@@ -115,7 +123,9 @@ std::optional<std::string> CVUserDefaults::packageFilePath() const {
 std::optional<std::string> CVUserDefaults::windowPackageFilePath() const {
   return joined(libraryPath(), "package.dat");
 }
-std::optional<std::string> CVUserDefaults::verFilePath() const { return joined(libraryPath(), "ver.dat"); }
+std::optional<std::string> CVUserDefaults::verFilePath() const {
+  return joined(libraryPath(), "ver.dat");
+}
 std::optional<std::string> CVUserDefaults::fontListFilePath() const {
   return joined(libraryPath(), datafile::kFontListFileName);
 }
@@ -125,7 +135,8 @@ std::optional<std::string> CVUserDefaults::userCheckListFilePath() const {
   // answer is the same file.
   auto environment = HostEnvironment::current();
   if (isPortableRun(*environment)) return joined(defaultPath(), datafile::kUserCheckListFileName);
-  return joined(joined(environment->userLibraryDirectory(), "Quarvel"), datafile::kUserCheckListFileName);
+  return joined(joined(environment->userLibraryDirectory(), "Quarvel"),
+                datafile::kUserCheckListFileName);
 }
 
 }  // namespace quarvel

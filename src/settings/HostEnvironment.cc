@@ -89,7 +89,8 @@ std::optional<VolumeFacts> SystemHostEnvironment::volumeFacts(const std::string&
   VolumeFacts facts;
   facts.writable = !mount->readOnly() && ::access(real.c_str(), W_OK) == 0;
   facts.unmountable = mount->mountPoint != "/";
-  facts.removable = mount->major != 0 && isRemovableBlockDevice(systemRoot_, mount->major, mount->minor);
+  facts.removable =
+      mount->major != 0 && isRemovableBlockDevice(systemRoot_, mount->major, mount->minor);
   facts.type = volumeTypeName(mount->fsType);
   facts.isVolumeRoot = real.string() == mount->mountPoint;
   return facts;

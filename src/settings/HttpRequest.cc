@@ -167,11 +167,11 @@ void sendHttpRequest(const std::string& url, const std::string& body,
   options.body = body;
   options.headers = {"content-type: application/x-www-form-urlencoded",
                      "Expect:"};  // send the body without waiting
-  t->exchange = std::make_unique<HttpExchange>(
-      url, std::move(options), [received = &t->received](std::string_view piece) {
-        received->append(piece);
-        return true;
-      });
+  t->exchange = std::make_unique<HttpExchange>(url, std::move(options),
+                                               [received = &t->received](std::string_view piece) {
+                                                 received->append(piece);
+                                                 return true;
+                                               });
   if (!t->exchange->handle()) {
     t->done(std::nullopt);
     return;

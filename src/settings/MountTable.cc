@@ -113,9 +113,8 @@ const MountEntry* findMountForPath(const std::vector<MountEntry>& table, std::st
   const MountEntry* best = nullptr;
   for (const MountEntry& entry : table) {
     const std::string& point = entry.mountPoint;
-    bool covers = point == "/" ||
-                  (path.substr(0, point.size()) == point &&
-                   (path.size() == point.size() || path[point.size()] == '/'));
+    bool covers = point == "/" || (path.substr(0, point.size()) == point &&
+                                   (path.size() == point.size() || path[point.size()] == '/'));
     if (covers && (!best || point.size() >= best->mountPoint.size())) best = &entry;
   }
   return best;

@@ -108,7 +108,8 @@ std::int64_t PlistValue::integerValue() const {
 double PlistValue::doubleValue() const {
   if (auto b = std::get_if<bool>(&value_)) return *b ? 1.0 : 0.0;
   if (auto i = std::get_if<std::int64_t>(&value_))
-    return unsigned_ ? static_cast<double>(static_cast<std::uint64_t>(*i)) : static_cast<double>(*i);
+    return unsigned_ ? static_cast<double>(static_cast<std::uint64_t>(*i))
+                     : static_cast<double>(*i);
   if (auto d = std::get_if<double>(&value_)) return *d;
   return 0.0;
 }

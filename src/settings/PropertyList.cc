@@ -205,8 +205,8 @@ std::u16string toUtf16(std::string_view text) {
       if (text.size() - i >= 3 && static_cast<unsigned char>(text[i]) == 0xED &&
           (static_cast<unsigned char>(text[i + 1]) & 0xE0) == 0xA0 &&
           (static_cast<unsigned char>(text[i + 2]) & 0xC0) == 0x80) {
-        units.push_back(static_cast<char16_t>(0xD000 | ((text[i + 1] & 0x3F) << 6) |
-                                              (text[i + 2] & 0x3F)));
+        units.push_back(
+            static_cast<char16_t>(0xD000 | ((text[i + 1] & 0x3F) << 6) | (text[i + 2] & 0x3F)));
         i += 3;
       } else {
         units.push_back(u'\uFFFD');

@@ -133,7 +133,8 @@ class BinaryReader {
           std::memcpy(&value, &bits, sizeof value);
           return PlistValue::real(value);
         }
-        if (low == 3 && fits(at, 1, 8)) return PlistValue::real(bigEndianDouble(bytes_.data() + at));
+        if (low == 3 && fits(at, 1, 8))
+          return PlistValue::real(bigEndianDouble(bytes_.data() + at));
         break;
       case 0x3:
         if (low == 3 && fits(at, 1, 8))
@@ -166,7 +167,8 @@ class BinaryReader {
       case 0x8:
         if (!fits(at, 1, low + 1)) return std::nullopt;
         if (low > 7) break;
-        return PlistValue::integer(static_cast<std::int64_t>(bigEndian(bytes_.data() + at, low + 1)));
+        return PlistValue::integer(
+            static_cast<std::int64_t>(bigEndian(bytes_.data() + at, low + 1)));
       case 0xA:
       case 0xC: {  // array, set
         std::uint64_t length = 0;

@@ -110,16 +110,30 @@ std::optional<PlistData> parseBase64(std::string_view text) {
   return out;
 }
 
-enum class Element { Plist, Dict, Array, Key, String, Integer, Real, True, False, Date, Data, Unknown };
+enum class Element {
+  Plist,
+  Dict,
+  Array,
+  Key,
+  String,
+  Integer,
+  Real,
+  True,
+  False,
+  Date,
+  Data,
+  Unknown
+};
 
 Element elementOf(const char* name) {
   static const struct {
     const char* name;
     Element element;
-  } kNames[] = {{"plist", Element::Plist},     {"dict", Element::Dict},   {"array", Element::Array},
-                {"key", Element::Key},         {"string", Element::String},
-                {"integer", Element::Integer}, {"real", Element::Real},   {"true", Element::True},
-                {"false", Element::False},     {"date", Element::Date},   {"data", Element::Data}};
+  } kNames[] = {
+      {"plist", Element::Plist}, {"dict", Element::Dict},     {"array", Element::Array},
+      {"key", Element::Key},     {"string", Element::String}, {"integer", Element::Integer},
+      {"real", Element::Real},   {"true", Element::True},     {"false", Element::False},
+      {"date", Element::Date},   {"data", Element::Data}};
   for (const auto& n : kNames)
     if (std::strcmp(name, n.name) == 0) return n.element;
   return Element::Unknown;
@@ -127,9 +141,9 @@ Element elementOf(const char* name) {
 
 struct Frame {
   Element element;
-  int depth;           // of the value; a key's is its dictionary's
-  std::string path;    // where the value lies, for the log
-  std::string text;    // a scalar's or key's text
+  int depth;         // of the value; a key's is its dictionary's
+  std::string path;  // where the value lies, for the log
+  std::string text;  // a scalar's or key's text
   PlistArray items;
   PlistDictionary entries;
   std::optional<std::string> pendingKey;
@@ -296,10 +310,18 @@ void appendEscaped(std::string& out, std::string_view text) {
       continue;
     }
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '\r': out += "&#13;"; break;  // a raw CR would read back as LF
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '\r':
+        out += "&#13;";
+        break;  // a raw CR would read back as LF
       default:
         if ((c < 0x20 && c != '\t' && c != '\n') || c == 0xFFFE || c == 0xFFFF)
           out += "\xEF\xBF\xBD";

@@ -1,10 +1,10 @@
 #include "update/KernelRouteSource.h"
 
 #include <arpa/inet.h>
-#include <net/if.h>
-#include <net/if_arp.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <net/if_arp.h>
 #include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -58,8 +58,8 @@ class NetlinkSocket {
   bool send(const std::vector<std::uint8_t>& message) {
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
-    ssize_t n = ::sendto(fd_, message.data(), message.size(), 0, reinterpret_cast<sockaddr*>(&kernel),
-                         sizeof kernel);
+    ssize_t n = ::sendto(fd_, message.data(), message.size(), 0,
+                         reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
     return n == static_cast<ssize_t>(message.size());
   }
 
@@ -69,8 +69,8 @@ class NetlinkSocket {
     for (;;) {
       sockaddr_nl from{};
       socklen_t fromLen = sizeof from;
-      ssize_t n = ::recvfrom(fd_, buffer_.data(), buffer_.size(), flags, reinterpret_cast<sockaddr*>(&from),
-                             &fromLen);
+      ssize_t n = ::recvfrom(fd_, buffer_.data(), buffer_.size(), flags,
+                             reinterpret_cast<sockaddr*>(&from), &fromLen);
       if (n < 0) {
         if (errno == EINTR) continue;
         return std::nullopt;
@@ -92,7 +92,8 @@ class NetlinkSocket {
 class KernelWatch : public RouteSource::Watch {
  public:
   KernelWatch()
-      : socket_(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_IFADDR | RTMGRP_IPV6_ROUTE,
+      : socket_(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_IFADDR |
+                    RTMGRP_IPV6_ROUTE,
                 true) {}
   bool ok() const { return socket_.ok(); }
   int fd() const override { return socket_.fd(); }
@@ -130,7 +131,8 @@ bool readsDevTypeWwan(const fs::path& uevent) {
 // the answer to the next one.
 std::optional<std::vector<netlink::RouteEntry>> dumpRoutes(std::uint8_t family) {
   NetlinkSocket socket(0, false);
-  if (!socket.ok() || !socket.send(netlink::routeDumpRequest(nextSeq++, family))) return std::nullopt;
+  if (!socket.ok() || !socket.send(netlink::routeDumpRequest(nextSeq++, family)))
+    return std::nullopt;
   std::vector<netlink::RouteEntry> all;
   for (;;) {
     auto batch = socket.receive();
@@ -157,7 +159,8 @@ bool KernelRouteSource::isCellularLink(const std::string& sysfsRoot, const std::
   // A ppp link carries no device of its own; it counts as cellular when the
   // machine has a modem for it to run over.
   fs::path wwanClass = fs::path(sysfsRoot) / "class" / "wwan";
-  if (fs::is_directory(wwanClass, ec) && fs::directory_iterator(wwanClass, ec) != fs::directory_iterator())
+  if (fs::is_directory(wwanClass, ec) &&
+      fs::directory_iterator(wwanClass, ec) != fs::directory_iterator())
     return true;
   for (fs::directory_iterator it(net, ec), end; !ec && it != end; it.increment(ec))
     if (readsDevTypeWwan(it->path() / "uevent")) return true;

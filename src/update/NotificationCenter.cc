@@ -9,10 +9,12 @@ NotificationCenter& NotificationCenter::defaultCenter() {
   return center;
 }
 
-NotificationCenter::Token NotificationCenter::add(std::string name, void* object, Observer observer) {
+NotificationCenter::Token NotificationCenter::add(std::string name, void* object,
+                                                  Observer observer) {
   std::lock_guard lock(mutex_);
   Token token = ++lastToken_;
-  entries_.push_back({token, std::move(name), object, std::make_shared<Observer>(std::move(observer))});
+  entries_.push_back(
+      {token, std::move(name), object, std::make_shared<Observer>(std::move(observer))});
   return token;
 }
 
@@ -37,7 +39,8 @@ void NotificationCenter::post(const std::string& name, void* object) {
     {
       // One removed by an earlier observer of this same post is skipped.
       std::lock_guard lock(mutex_);
-      if (std::none_of(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.token == token; }))
+      if (std::none_of(entries_.begin(), entries_.end(),
+                       [&](const Entry& e) { return e.token == token; }))
         continue;
     }
     (*match.second)(notification);

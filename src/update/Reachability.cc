@@ -35,8 +35,8 @@ bool isWellFormedHostName(std::string_view name) {
       label = 0;
       continue;
     }
-    bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-              c == '_';
+    bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+              c == '-' || c == '_';
     if (!ok || ++label > 63) return false;
   }
   return label > 0;
@@ -44,8 +44,8 @@ bool isWellFormedHostName(std::string_view name) {
 
 void logFlags(std::uint32_t flags, const char* comment) {
   std::string letters = reachabilityFlagLetters(flags);
-  logf("Reachability Flag Status: %c%c %c%c%c%c%c%c%c %s\n", letters[0], letters[1], letters[3], letters[4],
-       letters[5], letters[6], letters[7], letters[8], letters[9], comment);
+  logf("Reachability Flag Status: %c%c %c%c%c%c%c%c%c %s\n", letters[0], letters[1], letters[3],
+       letters[4], letters[5], letters[6], letters[7], letters[8], letters[9], comment);
 }
 
 }  // namespace
@@ -118,14 +118,16 @@ std::unique_ptr<Reachability> Reachability::reachabilityWithHostName(const std::
   return r;
 }
 
-std::unique_ptr<Reachability> Reachability::reachabilityWithAddress(const sockaddr_in* hostAddress) {
+std::unique_ptr<Reachability> Reachability::reachabilityWithAddress(
+    const sockaddr_in* hostAddress) {
   if (!hostAddress || hostAddress->sin_family != AF_INET) return nullptr;
   std::unique_ptr<Reachability> r(new Reachability());
   r->reachabilityRef->address = hostAddress->sin_addr;
   return r;
 }
 
-std::unique_ptr<Reachability> Reachability::reachabilityWithAddress(const sockaddr_in6* hostAddress) {
+std::unique_ptr<Reachability> Reachability::reachabilityWithAddress(
+    const sockaddr_in6* hostAddress) {
   if (!hostAddress || hostAddress->sin6_family != AF_INET6) return nullptr;
   std::unique_ptr<Reachability> r(new Reachability());
   r->reachabilityRef->address = hostAddress->sin6_addr;
@@ -156,7 +158,8 @@ bool Reachability::startNotifier() {
   // The baseline against which changes are judged.
   impl.lastFlags = impl.readFlags();
   impl.context = g_main_context_ref_thread_default();
-  impl.gsource = g_unix_fd_source_new(impl.watch->fd(), static_cast<GIOCondition>(G_IO_IN | G_IO_ERR));
+  impl.gsource =
+      g_unix_fd_source_new(impl.watch->fd(), static_cast<GIOCondition>(G_IO_IN | G_IO_ERR));
   g_source_set_callback(impl.gsource, G_SOURCE_FUNC(&Impl::onReadable), &impl, nullptr);
   if (g_source_attach(impl.gsource, impl.context) == 0) {
     stopNotifier();
@@ -195,8 +198,10 @@ bool Reachability::connectionRequired() {
 
 std::int64_t Reachability::localWiFiStatusForFlags(std::uint32_t flags) {
   logFlags(flags, "localWiFiStatusForFlags");
-  constexpr std::uint32_t kDirectlyReachable = kReachabilityFlagReachable | kReachabilityFlagIsDirect;
-  return (flags & kDirectlyReachable) == kDirectlyReachable ? ReachabilityViaLocalNetwork : ReachabilityNone;
+  constexpr std::uint32_t kDirectlyReachable =
+      kReachabilityFlagReachable | kReachabilityFlagIsDirect;
+  return (flags & kDirectlyReachable) == kDirectlyReachable ? ReachabilityViaLocalNetwork
+                                                            : ReachabilityNone;
 }
 
 std::int64_t Reachability::networkStatusForFlags(std::uint32_t flags) {
@@ -206,7 +211,8 @@ std::int64_t Reachability::networkStatusForFlags(std::uint32_t flags) {
   if ((flags & (kReachabilityFlagConnectionOnDemand | kReachabilityFlagConnectionOnTraffic)) &&
       !(flags & kReachabilityFlagInterventionRequired))
     return ReachabilityViaLocalNetwork;
-  return (flags & kReachabilityFlagConnectionRequired) ? ReachabilityNone : ReachabilityViaLocalNetwork;
+  return (flags & kReachabilityFlagConnectionRequired) ? ReachabilityNone
+                                                       : ReachabilityViaLocalNetwork;
 }
 
 }  // namespace quarvel

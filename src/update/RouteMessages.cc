@@ -54,30 +54,41 @@ bool parseRoute(std::span<const std::uint8_t> payload, RouteEntry& route) {
   route.table = header.rtm_table;
   route.flags = header.rtm_flags;
   bool multipathSeen = false;
-  bool ok = forEachAttribute(payload.subspan(NLMSG_ALIGN(sizeof(rtmsg))), [&](unsigned type, auto value) {
-    switch (type) {
-      case RTA_OIF: route.oif = loadU32(value); break;
-      case RTA_TABLE: route.table = loadU32(value); break;
-      case RTA_PRIORITY: route.priority = loadU32(value); break;
-      case RTA_GATEWAY:
-      case RTA_VIA: route.hasGateway = true; break;
-      case RTA_MULTIPATH: {
-        // Only the first nexthop counts: it stands for the route.
-        if (multipathSeen || value.size() < sizeof(rtnexthop)) break;
-        multipathSeen = true;
-        auto hop = load<rtnexthop>(value);
-        if (hop.rtnh_len < sizeof(rtnexthop) || hop.rtnh_len > value.size()) break;
-        if (route.oif == 0) route.oif = static_cast<std::uint32_t>(hop.rtnh_ifindex);
-        route.flags |= hop.rtnh_flags;
-        forEachAttribute(value.subspan(RTNH_LENGTH(0), hop.rtnh_len - RTNH_LENGTH(0)),
-                         [&](unsigned hopType, auto) {
-                           if (hopType == RTA_GATEWAY || hopType == RTA_VIA) route.hasGateway = true;
-                         });
-        break;
-      }
-      default: break;
-    }
-  });
+  bool ok =
+      forEachAttribute(payload.subspan(NLMSG_ALIGN(sizeof(rtmsg))), [&](unsigned type, auto value) {
+        switch (type) {
+          case RTA_OIF:
+            route.oif = loadU32(value);
+            break;
+          case RTA_TABLE:
+            route.table = loadU32(value);
+            break;
+          case RTA_PRIORITY:
+            route.priority = loadU32(value);
+            break;
+          case RTA_GATEWAY:
+          case RTA_VIA:
+            route.hasGateway = true;
+            break;
+          case RTA_MULTIPATH: {
+            // Only the first nexthop counts: it stands for the route.
+            if (multipathSeen || value.size() < sizeof(rtnexthop)) break;
+            multipathSeen = true;
+            auto hop = load<rtnexthop>(value);
+            if (hop.rtnh_len < sizeof(rtnexthop) || hop.rtnh_len > value.size()) break;
+            if (route.oif == 0) route.oif = static_cast<std::uint32_t>(hop.rtnh_ifindex);
+            route.flags |= hop.rtnh_flags;
+            forEachAttribute(value.subspan(RTNH_LENGTH(0), hop.rtnh_len - RTNH_LENGTH(0)),
+                             [&](unsigned hopType, auto) {
+                               if (hopType == RTA_GATEWAY || hopType == RTA_VIA)
+                                 route.hasGateway = true;
+                             });
+            break;
+          }
+          default:
+            break;
+        }
+      });
   return ok;
 }
 
@@ -87,16 +98,17 @@ bool parseLink(std::span<const std::uint8_t> payload, LinkEntry& link) {
   link.index = static_cast<std::uint32_t>(header.ifi_index);
   link.flags = header.ifi_flags;
   link.type = header.ifi_type;
-  return forEachAttribute(payload.subspan(NLMSG_ALIGN(sizeof(ifinfomsg))), [&](unsigned type, auto value) {
-    if (type != IFLA_IFNAME) return;
-    auto end = std::find(value.begin(), value.end(), std::uint8_t{0});
-    link.name.assign(value.begin(), end);
-  });
+  return forEachAttribute(payload.subspan(NLMSG_ALIGN(sizeof(ifinfomsg))),
+                          [&](unsigned type, auto value) {
+                            if (type != IFLA_IFNAME) return;
+                            auto end = std::find(value.begin(), value.end(), std::uint8_t{0});
+                            link.name.assign(value.begin(), end);
+                          });
 }
 
 std::vector<std::uint8_t> request(std::uint16_t type, std::uint16_t flags, std::uint32_t seq,
-                                  const void* body, std::size_t bodyLen,
-                                  const void* attr = nullptr, std::size_t attrLen = 0) {
+                                  const void* body, std::size_t bodyLen, const void* attr = nullptr,
+                                  std::size_t attrLen = 0) {
   std::vector<std::uint8_t> out(NLMSG_SPACE(bodyLen) + (attr ? RTA_SPACE(attrLen) : 0), 0);
   nlmsghdr header{};
   header.nlmsg_len = static_cast<std::uint32_t>(out.size());
@@ -127,9 +139,13 @@ Batch parseBatch(std::span<const std::uint8_t> bytes) {
       batch.malformed = true;
       return batch;
     }
-    auto payload = bytes.subspan(offset + NLMSG_HDRLEN, header.nlmsg_len - std::min<std::size_t>(header.nlmsg_len, NLMSG_HDRLEN));
+    auto payload =
+        bytes.subspan(offset + NLMSG_HDRLEN,
+                      header.nlmsg_len - std::min<std::size_t>(header.nlmsg_len, NLMSG_HDRLEN));
     switch (header.nlmsg_type) {
-      case NLMSG_DONE: batch.done = true; break;
+      case NLMSG_DONE:
+        batch.done = true;
+        break;
       case NLMSG_ERROR:
         if (payload.size() < sizeof(int)) {
           batch.malformed = true;
@@ -155,8 +171,11 @@ Batch parseBatch(std::span<const std::uint8_t> bytes) {
       case RTM_DELROUTE:
       case RTM_DELLINK:
       case RTM_NEWADDR:
-      case RTM_DELADDR: batch.changed = true; break;
-      default: break;
+      case RTM_DELADDR:
+        batch.changed = true;
+        break;
+      default:
+        break;
     }
     offset += NLMSG_ALIGN(header.nlmsg_len);
   }
@@ -175,7 +194,8 @@ std::vector<std::uint8_t> routeGetRequest(const in6_addr& address, std::uint32_t
   rtmsg body{};
   body.rtm_family = AF_INET6;
   body.rtm_dst_len = 128;
-  return request(RTM_GETROUTE, NLM_F_REQUEST, seq, &body, sizeof body, address.s6_addr, sizeof address.s6_addr);
+  return request(RTM_GETROUTE, NLM_F_REQUEST, seq, &body, sizeof body, address.s6_addr,
+                 sizeof address.s6_addr);
 }
 
 std::vector<std::uint8_t> routeDumpRequest(std::uint32_t seq, std::uint8_t family) {
@@ -197,8 +217,10 @@ std::uint32_t flagsForRoute(const RouteEntry& route, const std::optional<LinkTra
     case RTN_LOCAL:
     case RTN_BROADCAST:
     case RTN_ANYCAST:
-    case RTN_MULTICAST: break;
-    default: return 0;  // unreachable, blackhole, prohibit, throw...
+    case RTN_MULTICAST:
+      break;
+    default:
+      return 0;  // unreachable, blackhole, prohibit, throw...
   }
   if (route.flags & (RTNH_F_DEAD | RTNH_F_LINKDOWN)) return 0;
   if (!link || !link->up) return 0;

@@ -18,13 +18,13 @@ namespace quarvel::netlink {
 // One IPv4 or IPv6 route as the kernel reports it (RTM_NEWROUTE).
 struct RouteEntry {
   std::uint8_t family = AF_INET;  // AF_INET or AF_INET6
-  std::uint8_t type = 0;      // RTN_UNICAST, RTN_LOCAL, RTN_UNREACHABLE...
-  std::uint8_t dstLen = 0;    // prefix length; 0 for a default route
-  std::uint32_t table = 0;    // RTA_TABLE, else rtm_table
-  std::uint32_t flags = 0;    // rtm_flags (RTNH_F_LINKDOWN, RTNH_F_DEAD...)
-  std::uint32_t oif = 0;      // outgoing interface index, 0 when none given
-  std::uint32_t priority = 0; // RTA_PRIORITY (metric)
-  bool hasGateway = false;    // RTA_GATEWAY or RTA_VIA (also in a first nexthop)
+  std::uint8_t type = 0;          // RTN_UNICAST, RTN_LOCAL, RTN_UNREACHABLE...
+  std::uint8_t dstLen = 0;        // prefix length; 0 for a default route
+  std::uint32_t table = 0;        // RTA_TABLE, else rtm_table
+  std::uint32_t flags = 0;        // rtm_flags (RTNH_F_LINKDOWN, RTNH_F_DEAD...)
+  std::uint32_t oif = 0;          // outgoing interface index, 0 when none given
+  std::uint32_t priority = 0;     // RTA_PRIORITY (metric)
+  bool hasGateway = false;        // RTA_GATEWAY or RTA_VIA (also in a first nexthop)
 };
 
 // One link as the kernel reports it (RTM_NEWLINK).

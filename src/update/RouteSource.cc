@@ -25,8 +25,10 @@ bool IpAddress::isUnspecified() const {
 
 std::string IpAddress::toString() const {
   char text[INET6_ADDRSTRLEN] = {};
-  if (family == AF_INET6) ::inet_ntop(AF_INET6, &v6, text, sizeof text);
-  else ::inet_ntop(AF_INET, &v4, text, sizeof text);
+  if (family == AF_INET6)
+    ::inet_ntop(AF_INET6, &v6, text, sizeof text);
+  else
+    ::inet_ntop(AF_INET, &v4, text, sizeof text);
   return text;
 }
 

@@ -14,8 +14,8 @@
 
 #include "common/FileReplacement.h"
 #include "common/HttpClient.h"
-#include "common/Platform.h"
 #include "common/Log.h"
+#include "common/Platform.h"
 #include "common/StringUtil.h"
 #include "format/DataFileFormat.h"
 #include "quarvel/CVUserDefaults.h"
@@ -65,7 +65,6 @@ std::string localPathOf(const CVUserDefaults& settings, std::int64_t index) {
   if (index < 0 || index >= kFileTableSize) return "";
   return (settings.*kFileTable[index].localPath)().value_or("");
 }
-
 
 // A setting as "%@" prints it: text as it stands, numbers in decimal,
 // nothing as "(null)".
@@ -209,8 +208,8 @@ UpdateOptions UpdateOptions::defaults() {
   UpdateOptions options;
   options.listServer = std::string("http://") + QUARVEL_LIST_SERVER_HOST;
   options.fileServer = std::string("http://") + QUARVEL_FILE_SERVER_HOST + ":8080";
-  options.windowsPackageServer =
-      std::string("http://") + QUARVEL_WINDOWS_SERVER_HOST + std::string(datafile::kWindowsPackagePath);
+  options.windowsPackageServer = std::string("http://") + QUARVEL_WINDOWS_SERVER_HOST +
+                                 std::string(datafile::kWindowsPackagePath);
   return options;
 }
 

@@ -1,9 +1,8 @@
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -13,8 +12,8 @@
 #include <memory>
 #include <string>
 
-#include "quarvel/CommonLib.h"
 #include "common/detail/CommonLibDetail.h"
+#include "quarvel/CommonLib.h"
 
 namespace quarvel {
 namespace {
@@ -131,14 +130,10 @@ TEST(CommonLibFilesTest, ExistenceAndFolderTests) {
     bool directory;
   };
   const Case cases[] = {
-      {dir / "file", true, false},
-      {dir / "folder", true, true},
-      {dir / "folder-link", true, true},
-      {dir / "dangling-link", false, false},
-      {dir / "missing", false, false},
-      {dir / "file/below-a-file", false, false},
-      {tooLong, false, false},
-      {"", false, false},
+      {dir / "file", true, false},       {dir / "folder", true, true},
+      {dir / "folder-link", true, true}, {dir / "dangling-link", false, false},
+      {dir / "missing", false, false},   {dir / "file/below-a-file", false, false},
+      {tooLong, false, false},           {"", false, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path);
@@ -224,7 +219,8 @@ TEST(CommonLibSystemTest, VersionTextFromOsReleaseAndKernel) {
        "VERSION_ID=\"12\"\nVERSION=\"12 (bookworm)\"\nID=debian\n",
        "6.1.0-18-amd64", "Debian GNU/Linux 12 (bookworm) (Kernel 6.1.0-18-amd64)"},
       {"# comment\n\nNAME=Fedora\r\nVERSION_ID=39\r\n", "6.5.6", "Fedora 39 (Kernel 6.5.6)"},
-      {"NAME='Odd \"Linux\"'\nVERSION=\"1 \\\"beta\\\"\"\n", "5.0", "Odd \"Linux\" 1 \"beta\" (Kernel 5.0)"},
+      {"NAME='Odd \"Linux\"'\nVERSION=\"1 \\\"beta\\\"\"\n", "5.0",
+       "Odd \"Linux\" 1 \"beta\" (Kernel 5.0)"},
       {"PRETTY_NAME=\"Arch Linux\"\nVERSION_ID=rolling\n", "6.6", "Arch Linux (Kernel 6.6)"},
       {"", "6.6", "Linux (Kernel 6.6)"},
       {"garbage without equals\n", "", "Linux"},

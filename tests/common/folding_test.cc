@@ -1,8 +1,7 @@
+#include <gtest/gtest.h>
 #include <unicode/locid.h>
 #include <unicode/normalizer2.h>
 #include <unicode/unistr.h>
-
-#include <gtest/gtest.h>
 
 #include <random>
 #include <set>
@@ -10,14 +9,14 @@
 #include <vector>
 
 #include "common/FoldingReference.h"
-#include "quarvel/CommonLib.h"
 #include "common/detail/FoldingRows.h"
+#include "quarvel/CommonLib.h"
 
 namespace quarvel {
 namespace {
 
-using foldref::FoldMatch;
 using foldref::findFolded;
+using foldref::FoldMatch;
 using foldref::referenceFold;
 using foldref::toUtf16;
 using foldref::toUtf8;
@@ -32,20 +31,21 @@ TEST(FoldingTest, FoldsTheDocumentedExamplesLikeThePasses) {
   const Case cases[] = {
       {"Crème brûlée", "CrEme brUlEe"},
       {"Ångström", "angstrOm"},
-      {"\u0178", "y"},                      // Ÿ has no row; row 58 (ÿ) catches it
+      {"\u0178", "y"},  // Ÿ has no row; row 58 (ÿ) catches it
       {"\u00FF", "y"},
-      {"\u00BD size", " size"},             // the space stays
-      {"e\u0301", "E"},                     // decomposed é
-      {"G\u00BC\u0303", "G"},               // removal joins G and the tilde
+      {"\u00BD size", " size"},  // the space stays
+      {"e\u0301", "E"},          // decomposed é
+      {"G\u00BC\u0303", "G"},    // removal joins G and the tilde
       {"n\u00BE\u0308x", "Nx"},
       {"\u00A6 \u00AF \u00B5", "| ? \u03BC"},
-      {"\u03BC\u039C", "\u03BC\u03BC"},     // Greek mu, small and capital
-      {"\u00E5\u00C5\u212B", "aaa"},        // row 37 comes before row 61
+      {"\u03BC\u039C", "\u03BC\u03BC"},      // Greek mu, small and capital
+      {"\u00E5\u00C5\u212B", "aaa"},         // row 37 comes before row 61
       {"\u00E9\u00F1\u00FC\u0142", "ENUL"},  // small letters caught by capitals
       {"\u0131\u0130", "iI"},
       {"\u212A\u030C \u017F\u0301", "K S"},  // Kelvin sign and long s fold to k and s
       {"g\u0303 \u1E96 h\u0331 \u01F0 n\u0308 \u1E97", "G H H J N T"},
-      {"\u017C\u017B\u0140\u00DF\u00E6\u0153\u00FE\u00F0", "\u017C\u017B\u0140\u00DF\u00E6\u0153\u00FE\u00F0"},
+      {"\u017C\u017B\u0140\u00DF\u00E6\u0153\u00FE\u00F0",
+       "\u017C\u017B\u0140\u00DF\u00E6\u0153\u00FE\u00F0"},
       {"\uD55C\uAD6D\uC5B4 ASCII 123 \u1100\u1161", "\uD55C\uAD6D\uC5B4 ASCII 123 \u1100\u1161"},
       {"", ""},
   };
@@ -59,16 +59,16 @@ TEST(FoldingTest, FoldsTheDocumentedExamplesLikeThePasses) {
 TEST(FoldingTest, LeavesMarkedAndUnlistedTextAsItIs) {
   // Nothing is normalised: what no row catches keeps its exact code points.
   const char* untouched[] = {
-      "e\u0301\u0301",        // a letter with two marks matches no target
-      "\u00E9\u0323",         // é with a mark after it
+      "e\u0301\u0301",  // a letter with two marks matches no target
+      "\u00E9\u0323",   // é with a mark after it
       "e\u0323\u0301",
-      "\u00B5\u0301",         // µ followed by a mark stays µ
-      "\u00A6\u034F",         // a grapheme joiner keeps the symbol
+      "\u00B5\u0301",  // µ followed by a mark stays µ
+      "\u00A6\u034F",  // a grapheme joiner keeps the symbol
       "\u00BC\u034F",
-      "\u01FF",               // ǿ: Ø with an accent, no row
-      "\u1EA5",               // ấ: two marks
+      "\u01FF",  // ǿ: Ø with an accent, no row
+      "\u1EA5",  // ấ: two marks
       "a\u200D\u0301",
-      "\xFF\xFE abc \xC3",    // ill-formed bytes pass through
+      "\xFF\xFE abc \xC3",  // ill-formed bytes pass through
   };
   for (const char* text : untouched) {
     SCOPED_TRACE(text);
@@ -125,11 +125,20 @@ std::u16string transformed(std::u16string_view s, int how) {
   icu::UnicodeString u(false, s.data(), static_cast<int32_t>(s.size()));
   UErrorCode status = U_ZERO_ERROR;
   switch (how) {
-    case 1: u.toUpper(icu::Locale::getRoot()); break;
-    case 2: u.toLower(icu::Locale::getRoot()); break;
-    case 3: u = icu::Normalizer2::getNFDInstance(status)->normalize(u, status); break;
-    case 4: u = icu::Normalizer2::getNFCInstance(status)->normalize(u, status); break;
-    default: break;
+    case 1:
+      u.toUpper(icu::Locale::getRoot());
+      break;
+    case 2:
+      u.toLower(icu::Locale::getRoot());
+      break;
+    case 3:
+      u = icu::Normalizer2::getNFDInstance(status)->normalize(u, status);
+      break;
+    case 4:
+      u = icu::Normalizer2::getNFCInstance(status)->normalize(u, status);
+      break;
+    default:
+      break;
   }
   return std::u16string(u.getBuffer(), static_cast<std::size_t>(u.length()));
 }
@@ -146,12 +155,45 @@ std::vector<std::string> targetForms() {
   return {forms.begin(), forms.end()};
 }
 
-const std::vector<std::string> kContexts = {
-    "", " ", "x", "G", "n", "\uD55C", "\u1100", "\u00BC", "\u00BD\u00BE", "\u0301", "\u0303",
-    "\u0308", "\u0323", "\u0331", "\u030C", "\u0340", "\u034F", "\u200C", "\u200D", "\uFE0F",
-    "\U0001F3FB", "\u00BC\u0301", "\u00BD\u0308", "\u00B5", "\u039C", "\u00A6", "\u00AF",
-    "\u00DF", "\u017F", "\u212A", "\u212B", "\u0130", "\u0131", "\u0178", "\u01FF", "\u0345",
-    "\uFB05", "\U00010400", "1"};
+const std::vector<std::string> kContexts = {"",
+                                            " ",
+                                            "x",
+                                            "G",
+                                            "n",
+                                            "\uD55C",
+                                            "\u1100",
+                                            "\u00BC",
+                                            "\u00BD\u00BE",
+                                            "\u0301",
+                                            "\u0303",
+                                            "\u0308",
+                                            "\u0323",
+                                            "\u0331",
+                                            "\u030C",
+                                            "\u0340",
+                                            "\u034F",
+                                            "\u200C",
+                                            "\u200D",
+                                            "\uFE0F",
+                                            "\U0001F3FB",
+                                            "\u00BC\u0301",
+                                            "\u00BD\u0308",
+                                            "\u00B5",
+                                            "\u039C",
+                                            "\u00A6",
+                                            "\u00AF",
+                                            "\u00DF",
+                                            "\u017F",
+                                            "\u212A",
+                                            "\u212B",
+                                            "\u0130",
+                                            "\u0131",
+                                            "\u0178",
+                                            "\u01FF",
+                                            "\u0345",
+                                            "\uFB05",
+                                            "\U00010400",
+                                            "1"};
 
 void expectSameAsPasses(const std::string& text) {
   ASSERT_EQ(fast(text), referenceFold(text)) << "text: " << text;
@@ -171,8 +213,8 @@ TEST(FoldingDifferentialTest, EveryTargetFormInEveryContext) {
 TEST(FoldingDifferentialTest, RandomMixtures) {
   std::vector<std::string> pieces = targetForms();
   pieces.insert(pieces.end(), kContexts.begin(), kContexts.end());
-  for (const char* extra : {"A", "e", "h", "J", "t", "y", "\uAC00\uB098", "Hello, ",
-                            "\u00C5", "\u00E5", "\u03BC"})
+  for (const char* extra :
+       {"A", "e", "h", "J", "t", "y", "\uAC00\uB098", "Hello, ", "\u00C5", "\u00E5", "\u03BC"})
     pieces.push_back(extra);
   std::mt19937 random(20240611);
   std::uniform_int_distribution<std::size_t> pick(0, pieces.size() - 1);

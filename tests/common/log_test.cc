@@ -10,7 +10,8 @@ TEST(Log, CaptureRecordsFormattedLinesFromEveryThread) {
   LogCapture capture;
   logf("%s(%d) // %s", "-[X y]", 85, "FAIL");
   std::thread([] { logLine("from another thread"); }).join();
-  EXPECT_EQ(capture.lines(), (std::vector<std::string>{"-[X y](85) // FAIL", "from another thread"}));
+  EXPECT_EQ(capture.lines(),
+            (std::vector<std::string>{"-[X y](85) // FAIL", "from another thread"}));
 }
 
 TEST(Log, LongLinesAreNotCut) {

@@ -1,6 +1,6 @@
-#include "common/StringUtil.h"
-
 #include <gtest/gtest.h>
+
+#include "common/StringUtil.h"
 
 namespace quarvel {
 
@@ -32,8 +32,8 @@ TEST(StringUtil, PathComponents) {
     const char* path;
     const char* last;
     const char* parent;
-  } cases[] = {{"a/", "a", ""},         {"/a/b/", "b", "/a"}, {"ver.dat", "ver.dat", ""},
-               {"/tmp", "tmp", "/"},    {"/", "/", "/"},      {"", "", ""},
+  } cases[] = {{"a/", "a", ""},      {"/a/b/", "b", "/a"}, {"ver.dat", "ver.dat", ""},
+               {"/tmp", "tmp", "/"}, {"/", "/", "/"},      {"", "", ""},
                {"//a//b", "b", "/a"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path);

@@ -10,8 +10,8 @@
 #include <memory>
 #include <typeinfo>
 
-#include "datafiles/DataFileTestUtil.h"
 #include "common/Log.h"
+#include "datafiles/DataFileTestUtil.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
 #include "quarvel/FileFontList.h"

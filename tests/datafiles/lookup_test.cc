@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "datafiles/DataFileTestUtil.h"
 #include "common/Log.h"
+#include "datafiles/DataFileTestUtil.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
 #include "quarvel/FileFontList.h"

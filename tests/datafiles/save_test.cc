@@ -8,15 +8,15 @@
 #include <functional>
 #include <memory>
 
-#include "datafiles/DataFileTestUtil.h"
-#include "quarvel/CommonLib.h"
 #include "common/Log.h"
+#include "datafiles/DataFileTestUtil.h"
+#include "format/MacKorean.h"
+#include "quarvel/CVUserDefaults.h"
+#include "quarvel/CommonLib.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
 #include "quarvel/FileFontList.h"
 #include "quarvel/FilePackage.h"
-#include "format/MacKorean.h"
-#include "quarvel/CVUserDefaults.h"
 #include "support/SettingsSandbox.h"
 
 namespace quarvel {

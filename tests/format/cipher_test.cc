@@ -3,10 +3,10 @@
 #include <cstring>
 #include <random>
 
-#include "datafiles/DataFileTestUtil.h"
-#include "quarvel/CommonLib.h"
 #include "common/Log.h"
+#include "datafiles/DataFileTestUtil.h"
 #include "format/LineReader.h"
+#include "quarvel/CommonLib.h"
 
 namespace quarvel {
 namespace {

@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "quarvel/CommonLib.h"
 #include "common/Log.h"
+#include "quarvel/CommonLib.h"
 #include "quarvel/FileFramework.h"
 
 namespace quarvel::fuzz {

@@ -13,8 +13,8 @@
 
 #include "CipherCommand.h"
 #include "FuzzFail.h"
-#include "quarvel/CommonLib.h"
 #include "common/Log.h"
+#include "quarvel/CommonLib.h"
 
 namespace {
 

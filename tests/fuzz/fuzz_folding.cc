@@ -11,8 +11,8 @@
 #include <string_view>
 
 #include "../common/FoldingReference.h"
-#include "quarvel/CommonLib.h"
 #include "common/StringUtil.h"
+#include "quarvel/CommonLib.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);

@@ -13,7 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string path = text.substr(0, text.find('\n'));
   for (const std::string& p : {path, std::string("/"), std::string("/media/usb/app")}) {
     const quarvel::MountEntry* found = quarvel::findMountForPath(table, p);
-    if (found && found->mountPoint != "/" && p.compare(0, found->mountPoint.size(), found->mountPoint) != 0)
+    if (found && found->mountPoint != "/" &&
+        p.compare(0, found->mountPoint.size(), found->mountPoint) != 0)
       std::abort();
   }
   for (const quarvel::MountEntry& entry : table) {

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "quarvel/CommonLib.h"
 #include "common/Log.h"
 #include "format/LineReader.h"
+#include "quarvel/CommonLib.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static quarvel::LogCapture* quiet = new quarvel::LogCapture();  // keep stderr clean

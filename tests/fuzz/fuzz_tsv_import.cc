@@ -17,10 +17,10 @@
 #include <string_view>
 #include <vector>
 
-#include "datafiles/TsvImport.h"
 #include "FuzzFail.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
+#include "datafiles/TsvImport.h"
 #include "format/DataFileFormat.h"
 
 namespace {

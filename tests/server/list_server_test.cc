@@ -19,10 +19,10 @@
 #include <thread>
 #include <vector>
 
-#include "server/ListServer.h"
 #include "common/Log.h"
 #include "quarvel/CVUserDefaults.h"
 #include "quarvel/UpdateRun.h"
+#include "server/ListServer.h"
 #include "support/SettingsSandbox.h"
 
 // The system's cpp-httplib is not built with ThreadSanitizer: hand-overs
@@ -125,20 +125,22 @@ TEST(EscapeForLog, LeavesOnlyPrintableUtf8) {
     const char* logged;
   };
   const Case cases[] = {
-      {"/cmmn/download.nis?type=file&filename=a.dat", "/cmmn/download.nis?type=file&filename=a.dat"},
+      {"/cmmn/download.nis?type=file&filename=a.dat",
+       "/cmmn/download.nis?type=file&filename=a.dat"},
       {"\"quoted\"", "\\x22quoted\\x22"},
       {"back\\slash", "back\\x5Cslash"},
       {"line\r\nbreak\ttab", "line\\x0D\\x0Abreak\\x09tab"},
       {std::string("nul\0del\x7f", 8), "nul\\x00del\\x7F"},
-      {"\xed\x95\x9c\xea\xb8\x80 \xe2\x82\xac \xf0\x9f\x98\x80", "\xed\x95\x9c\xea\xb8\x80 \xe2\x82\xac \xf0\x9f\x98\x80"},
+      {"\xed\x95\x9c\xea\xb8\x80 \xe2\x82\xac \xf0\x9f\x98\x80",
+       "\xed\x95\x9c\xea\xb8\x80 \xe2\x82\xac \xf0\x9f\x98\x80"},
       {"\xff\xfe", "\\xFF\\xFE"},
-      {"\xc0\xaf", "\\xC0\\xAF"},              // overlong '/'
-      {"\xe0\x80\xaf", "\\xE0\\x80\\xAF"},      // overlong, three bytes
-      {"\xed\xa0\x80", "\\xED\\xA0\\x80"},      // a surrogate
+      {"\xc0\xaf", "\\xC0\\xAF"},                    // overlong '/'
+      {"\xe0\x80\xaf", "\\xE0\\x80\\xAF"},           // overlong, three bytes
+      {"\xed\xa0\x80", "\\xED\\xA0\\x80"},           // a surrogate
       {"\xf4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},  // beyond U+10FFFF
-      {"\xe2\x82", "\\xE2\\x82"},               // cut short
-      {"\xc2\x85", "\\xC2\\x85"},               // C1 control (NEL)
-      {"\xc2\xa0", "\xc2\xa0"},                 // no-break space is printable
+      {"\xe2\x82", "\\xE2\\x82"},                    // cut short
+      {"\xc2\x85", "\\xC2\\x85"},                    // C1 control (NEL)
+      {"\xc2\xa0", "\xc2\xa0"},                      // no-break space is printable
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.logged);
@@ -204,13 +206,12 @@ TEST_F(ServedFolderTest, ServesPlainFilesOnlyAndLogsEachRequest) {
            "/cmmn/download.nis?type=file&filename=..%2Fsecret.txt",  // traversal
            "/cmmn/download.nis?type=file&filename=link.dat",         // a link
            "/cmmn/download.nis?type=file&filename=sub",              // a folder
-           "/file/keyfile60/sub%2Finner.dat",
-           "/file/keyfile60/../secret.txt",
-           "/file/keyfile60/%2E%2E%2Fsecret.txt",                    // encoded dots
+           "/file/keyfile60/sub%2Finner.dat", "/file/keyfile60/../secret.txt",
+           "/file/keyfile60/%2E%2E%2Fsecret.txt",  // encoded dots
            "/cmmn/download.nis?type=file&filename=%2e%2e",
            "/cmmn/download.nis?type=file&filename=package.dat%00x",  // NUL
            "/file/keyfile60/package.dat%00x",
-           "/cmmn/download.nis?type=file&filename=fifo",             // not a regular file
+           "/cmmn/download.nis?type=file&filename=fifo",  // not a regular file
        }) {
     SCOPED_TRACE(target);
     auto result = get(target);
@@ -453,9 +454,7 @@ TEST_F(ServedFolderTest, RefusesConnectionsBeyondItsCaps) {
 
 TEST_F(ServedFolderTest, SendsALargeFileToManyClientsWithoutHoldingIt) {
   constexpr std::uint64_t kSize = 100ull << 20;
-  {
-    std::ofstream(folder + "/macpcklist.dat");
-  }
+  { std::ofstream(folder + "/macpcklist.dat"); }
   fs::resize_file(folder + "/macpcklist.dat", kSize);  // sparse: all zeros
   const long before = residentKiB();
   std::atomic<bool> done{false};
@@ -472,11 +471,11 @@ TEST_F(ServedFolderTest, SendsALargeFileToManyClientsWithoutHoldingIt) {
       std::uint64_t received = 0;
       httplib::Client client("127.0.0.1", port);
       client.set_read_timeout(30, 0);
-      auto result = client.Get("/quarvel/download/list/package/mac/",
-                               [&](const char*, size_t length) {
-                                 received += length;
-                                 return true;
-                               });
+      auto result =
+          client.Get("/quarvel/download/list/package/mac/", [&](const char*, size_t length) {
+            received += length;
+            return true;
+          });
       return result && result->status == 200 ? received : 0;
     }));
   }
@@ -503,7 +502,8 @@ TEST_F(ServedFolderTest, EscapesRequestLinesInItsLog) {
     LogCapture log;
     const int fd = connectTo(port);
     ASSERT_GE(fd, 0);
-    ASSERT_TRUE(sendText(fd, "GET " + c.target + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n"));
+    ASSERT_TRUE(
+        sendText(fd, "GET " + c.target + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n"));
     EXPECT_TRUE(closedByServer(fd, 5s));
     ::close(fd);
     const std::string quoted = std::string(c.logged) + "\" 404";

@@ -1,5 +1,3 @@
-#include "settings/MountTable.h"
-
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -7,6 +5,7 @@
 #include <fstream>
 
 #include "settings/HostEnvironment.h"
+#include "settings/MountTable.h"
 
 namespace quarvel {
 namespace {
@@ -39,11 +38,11 @@ TEST(MountTableTest, ParsesFieldsEscapesAndOptionalTags) {
 TEST(MountTableTest, SkipsMalformedLines) {
   const std::string lines[] = {
       "",
-      "22 1 8:2 / / rw shared:1 ext4 /dev/sda2 rw",   // no separator
-      "22 1 8:2 / / rw - ext4",                        // no source
-      "22 1 eight:2 / / rw - ext4 /dev/sda2 rw",      // bad device number
-      "22 1 8:2 / relative rw - ext4 /dev/sda2 rw",   // mount point not absolute
-      "22 1 8 / / rw - ext4 /dev/sda2 rw",            // no minor
+      "22 1 8:2 / / rw shared:1 ext4 /dev/sda2 rw",  // no separator
+      "22 1 8:2 / / rw - ext4",                      // no source
+      "22 1 eight:2 / / rw - ext4 /dev/sda2 rw",     // bad device number
+      "22 1 8:2 / relative rw - ext4 /dev/sda2 rw",  // mount point not absolute
+      "22 1 8 / / rw - ext4 /dev/sda2 rw",           // no minor
   };
   for (const std::string& line : lines) {
     SCOPED_TRACE(line);
@@ -110,8 +109,9 @@ class SysfsTree : public ::testing::Test {
     fs::create_directory_symlink("../../devices/" + deviceFolder, root_ / "sys/dev/block" / number);
   }
   void markBus(const std::string& deviceFolder, const std::string& bus) {
-    fs::create_directory_symlink(fs::relative(root_ / "sys/bus" / bus, root_ / "sys/devices" / deviceFolder),
-                                 root_ / "sys/devices" / deviceFolder / "subsystem");
+    fs::create_directory_symlink(
+        fs::relative(root_ / "sys/bus" / bus, root_ / "sys/devices" / deviceFolder),
+        root_ / "sys/devices" / deviceFolder / "subsystem");
   }
   fs::path root_;
 };

@@ -7,8 +7,8 @@
 #include <thread>
 
 #include "quarvel/CVUserDefaults.h"
-#include "settings/NetworkIdentity.h"
 #include "settings/NetworkFakes.h"
+#include "settings/NetworkIdentity.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/SettingsSandbox.h"
 #include "support/TestPlatform.h"

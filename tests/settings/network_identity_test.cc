@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-#include "settings/NetworkIdentity.h"
 #include "settings/NetworkFakes.h"
+#include "settings/NetworkIdentity.h"
 
 namespace quarvel {
 namespace {

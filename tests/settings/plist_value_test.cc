@@ -1,9 +1,9 @@
-#include "quarvel/PlistValue.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
+
+#include "quarvel/PlistValue.h"
 
 namespace quarvel {
 namespace {

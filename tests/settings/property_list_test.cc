@@ -1,18 +1,17 @@
-#include "settings/PropertyList.h"
-
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <vector>
 
 #include "common/Log.h"
+#include "settings/PropertyList.h"
 
 namespace quarvel {
 namespace {
@@ -45,8 +44,8 @@ PlistValue everyKind() {
       {"text", PlistValue::string("한글 café ✓ <&>")},
       {"empty", PlistValue::string("")},
       {"data", PlistValue::data({0x00, 0x01, 0xFF, 0x80})},
-      {"leapDay", PlistValue::date({730902896.0})},   // 2024-02-29T12:34:56Z
-      {"beforeEpoch", PlistValue::date({-31622401.0})},  // 1999-12-31T23:59:59Z
+      {"leapDay", PlistValue::date({730902896.0})},          // 2024-02-29T12:34:56Z
+      {"beforeEpoch", PlistValue::date({-31622401.0})},      // 1999-12-31T23:59:59Z
       {"distantFuture", PlistValue::date({63113904000.0})},  // 4001-01-01T00:00:00Z
       {"late", PlistValue::date({2506161600.0})},            // 2080-06-01T12:00:00Z
       {"early", PlistValue::date({-2551046400.0})},          // 1920-03-01T00:00:00Z
@@ -54,13 +53,13 @@ PlistValue everyKind() {
       {"half", PlistValue::unsignedInteger(std::uint64_t{1} << 63)},
       {"up", PlistValue::real(INFINITY)},
       {"down", PlistValue::real(-INFINITY)},
-      {"list", PlistValue::array({PlistValue::integer(1), PlistValue::string("two"),
-                                  PlistValue::array({PlistValue::real(3.5)}),
-                                  PlistValue::array({})})},
-      {"nested", PlistValue::dictionary({{"키", PlistValue::string("값")},
-                                         {"inner", PlistValue::dictionary({{"flag",
-                                                                            PlistValue::boolean(false)}})},
-                                         {"hollow", PlistValue::dictionary({})}})},
+      {"list",
+       PlistValue::array({PlistValue::integer(1), PlistValue::string("two"),
+                          PlistValue::array({PlistValue::real(3.5)}), PlistValue::array({})})},
+      {"nested", PlistValue::dictionary(
+                     {{"키", PlistValue::string("값")},
+                      {"inner", PlistValue::dictionary({{"flag", PlistValue::boolean(false)}})},
+                      {"hollow", PlistValue::dictionary({})}})},
   });
 }
 
@@ -217,7 +216,8 @@ TEST(PropertyListTest, EachValueKeepsItsFormAndReadsBackEqual) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    const PlistValue document = PlistValue::dictionary({{"v", c.value}, {"n", PlistValue::integer(3)}});
+    const PlistValue document =
+        PlistValue::dictionary({{"v", c.value}, {"n", PlistValue::integer(3)}});
     std::optional<std::string> first = writePropertyList(document);
     ASSERT_TRUE(first.has_value());
     EXPECT_EQ(first->starts_with("<?xml"), c.xml);
@@ -302,9 +302,11 @@ TEST(PropertyListTest, DamagedDocumentsReadAsAbsent) {
       {"binary cycle", binaryDocument({std::string("\xA2\x00\x01", 3), "\x09"})},
       {"binary dictionary cycle", binaryDocument({std::string("\xD1\x01\x00", 3), "\x51k"})},
       // 40 arrays each holding the next one twice: 2^40 values from 200 bytes.
-      {"binary expansion", [] {
+      {"binary expansion",
+       [] {
          std::vector<std::string> objects;
-         for (char i = 0; i < 40; ++i) objects.push_back(std::string("\xA2") + char(i + 1) + char(i + 1));
+         for (char i = 0; i < 40; ++i)
+           objects.push_back(std::string("\xA2") + char(i + 1) + char(i + 1));
          objects.push_back("\x09");
          return binaryDocument(objects);
        }()},
@@ -322,7 +324,8 @@ TEST(PropertyListTest, DamagedDocumentsReadAsAbsent) {
 TEST(PropertyListTest, AnUnreadableValueCostsOnlyItsEntry) {
   auto xml = [](const std::string& inner) {
     return "<?xml version=\"1.0\"?>\n<!DOCTYPE plist PUBLIC \"x\" \"y\">\n<plist version=\"1.0\">"
-           "<dict><key>keep</key><integer>1</integer>" + inner + "</dict></plist>";
+           "<dict><key>keep</key><integer>1</integer>" +
+           inner + "</dict></plist>";
   };
   const PlistValue keep = PlistValue::integer(1);
   const struct {
@@ -332,9 +335,14 @@ TEST(PropertyListTest, AnUnreadableValueCostsOnlyItsEntry) {
     const char* logged;  // null: nothing left out
   } cases[] = {
       {"XML integer", xml("<key>bad</key><integer>abc</integer>"), {{"keep", keep}}, "/bad"},
-      {"XML integer past 64 bits", xml("<key>bad</key><integer>18446744073709551616</integer>"),
-       {{"keep", keep}}, "/bad"},
-      {"XML date", xml("<key>bad</key><date>2024-02-30T00:00:00Z</date>"), {{"keep", keep}}, "/bad"},
+      {"XML integer past 64 bits",
+       xml("<key>bad</key><integer>18446744073709551616</integer>"),
+       {{"keep", keep}},
+       "/bad"},
+      {"XML date",
+       xml("<key>bad</key><date>2024-02-30T00:00:00Z</date>"),
+       {{"keep", keep}},
+       "/bad"},
       {"XML data", xml("<key>bad</key><data>QUJD*</data>"), {{"keep", keep}}, "/bad"},
       {"XML unknown element", xml("<key>bad</key><set><x/></set>"), {{"keep", keep}}, "/bad"},
       {"XML array element",
@@ -346,30 +354,47 @@ TEST(PropertyListTest, AnUnreadableValueCostsOnlyItsEntry) {
        xml("<!-- note --><key>s</key><string>a&#13;b\r\nc<![CDATA[<&>]]>&#x1F600;</string>"
            "<key>d</key><date>2080Z</date><key>h</key><integer>0x10</integer>"
            "<key>r</key><real> -infinity </real><key>b</key><data>QU\n JD</data>"),
-       {{"keep", keep}, {"s", PlistValue::string("a\rb\nc<&>\xF0\x9F\x98\x80")},
-        {"d", PlistValue::date({2492985600.0})}, {"h", PlistValue::integer(16)},
-        {"r", PlistValue::real(-INFINITY)}, {"b", PlistValue::data({'A', 'B', 'C'})}},
+       {{"keep", keep},
+        {"s", PlistValue::string("a\rb\nc<&>\xF0\x9F\x98\x80")},
+        {"d", PlistValue::date({2492985600.0})},
+        {"h", PlistValue::integer(16)},
+        {"r", PlistValue::real(-INFINITY)},
+        {"b", PlistValue::data({'A', 'B', 'C'})}},
        nullptr},
       {"XML after a byte order mark",
        "\xEF\xBB\xBF" + xml("<key>t</key><true/>"),
        {{"keep", keep}, {"t", PlistValue::boolean(true)}},
        nullptr},
       {"binary bad marker",
-       binaryDocument({"\xD2\x01\x02\x03\x04", "\x54keep", "\x53" "bad", "\x10\x01", "\x77"}),
-       {{"keep", keep}}, "/bad"},
+       binaryDocument({"\xD2\x01\x02\x03\x04", "\x54keep",
+                       "\x53"
+                       "bad",
+                       "\x10\x01", "\x77"}),
+       {{"keep", keep}},
+       "/bad"},
       {"binary reference past the objects",
-       binaryDocument({"\xD2\x01\x02\x03\x09", "\x54keep", "\x53" "bad", "\x10\x01"}),
-       {{"keep", keep}}, "/bad"},
+       binaryDocument({"\xD2\x01\x02\x03\x09", "\x54keep",
+                       "\x53"
+                       "bad",
+                       "\x10\x01"}),
+       {{"keep", keep}},
+       "/bad"},
       {"binary length past the table",
-       binaryDocument({"\xD2\x01\x02\x03\x04", "\x54keep", "\x53" "bad", "\x10\x01", "\x5F\x10\xFF"}),
-       {{"keep", keep}}, "/bad"},
+       binaryDocument({"\xD2\x01\x02\x03\x04", "\x54keep",
+                       "\x53"
+                       "bad",
+                       "\x10\x01", "\x5F\x10\xFF"}),
+       {{"keep", keep}},
+       "/bad"},
       {"binary key that is no string",
        binaryDocument({"\xD2\x01\x03\x02\x02", "\x54keep", "\x10\x01", "\x10\x05"}),
-       {{"keep", keep}}, "(key 1)"},
+       {{"keep", keep}},
+       "(key 1)"},
       {"binary NUL in a key and a string",
-       binaryDocument({"\xD2\x01\x02\x03\x04", "\x54keep", std::string("\x53k\0y", 4),
-                       "\x10\x01", std::string("\x62\x00\x00\xD5\x5C", 5)}),
-       {{"keep", keep}, {std::string("k\0y", 3), PlistValue::string(std::string("\0\xED\x95\x9C", 4))}},
+       binaryDocument({"\xD2\x01\x02\x03\x04", "\x54keep", std::string("\x53k\0y", 4), "\x10\x01",
+                       std::string("\x62\x00\x00\xD5\x5C", 5)}),
+       {{"keep", keep},
+        {std::string("k\0y", 3), PlistValue::string(std::string("\0\xED\x95\x9C", 4))}},
        nullptr},
   };
   for (const auto& c : cases) {

@@ -18,8 +18,8 @@
 #include "common/Log.h"
 #include "quarvel/CVUserDefaults.h"
 #include "settings/PropertyList.h"
-#include "support/SettingsSandbox.h"
 #include "settings/SettingsForTesting.h"
+#include "support/SettingsSandbox.h"
 
 namespace quarvel {
 namespace {
@@ -231,14 +231,15 @@ TEST(CVUserDefaultsTest, UnreadableDomainIsKeptAsideAndTheStoreStartsEmpty) {
       {"garbage", std::string("\x89\0\xff garbage \x01\x02 <dict>", 20)},
       {"truncated XML", "<?xml version=\"1.0\"?><plist><dict><key>area</key><str"},
       {"truncated binary", kBinaryDomain.substr(0, 40)},
-      {"XML nested 200,000 deep", [] {
+      {"XML nested 200,000 deep",
+       [] {
          std::string xml = "<plist><dict><key>a</key>";
          for (int i = 0; i < 200000; ++i) xml += "<array>";
          return xml;
        }()},
-      {"binary reference cycle",
-       std::string("bplist00\xd1\x01\x00\x51k\x08\x0b\0\0\0\0\0\0\x01\x01"
-                   "\0\0\0\0\0\0\0\x02\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x0d", 47)},
+      {"binary reference cycle", std::string("bplist00\xd1\x01\x00\x51k\x08\x0b\0\0\0\0\0\0\x01\x01"
+                                             "\0\0\0\0\0\0\0\x02\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x0d",
+                                             47)},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -331,8 +332,8 @@ TEST(CVUserDefaultsTest, ValuesTheStoreDidNotChangeAreKeptExactly) {
       {"fractional date", PlistValue::date({-1e11 + 0.125})},
       {"unsigned", PlistValue::unsignedInteger(UINT64_MAX)},
       {"controls", PlistValue::string(std::string("a\0\x01\r\n", 5))},
-      {"NaN and infinity", PlistValue::array({PlistValue::real(std::nan("")),
-                                              PlistValue::real(-INFINITY)})},
+      {"NaN and infinity",
+       PlistValue::array({PlistValue::real(std::nan("")), PlistValue::real(-INFINITY)})},
       {"nested", PlistValue::dictionary({{"d", PlistValue::array({PlistValue::data({0, 1})})}})},
   };
   for (const auto& c : cases) {

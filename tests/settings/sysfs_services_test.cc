@@ -6,9 +6,9 @@
 #include <initializer_list>
 #include <string>
 
+#include "settings/NetworkFakes.h"
 #include "settings/NetworkIdentity.h"
 #include "settings/SysfsServices.h"
-#include "settings/NetworkFakes.h"
 
 namespace quarvel {
 namespace {

@@ -1,11 +1,10 @@
-#include "settings/WorkFolders.h"
-
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
 
 #include "quarvel/CVUserDefaults.h"
+#include "settings/WorkFolders.h"
 #include "support/SettingsSandbox.h"
 #include "support/TestPlatform.h"
 
@@ -26,7 +25,9 @@ class FakeHostEnvironment : public HostEnvironment {
     return facts_;
   }
   std::optional<std::string> homeDirectory() const override { return root_ + "/home"; }
-  std::optional<std::string> documentsDirectory() const override { return root_ + "/home/Documents"; }
+  std::optional<std::string> documentsDirectory() const override {
+    return root_ + "/home/Documents";
+  }
   std::optional<std::string> userLibraryDirectory() const override { return root_ + "/data"; }
 
  private:

@@ -17,7 +17,8 @@
 //
 // A test installs its own platform pieces with TestPlatform (TestPlatform.h),
 // inside or around a sandbox. The destructor forgets the shared instance
-// again, restores the environment variables and removes the folder. One sandbox at a time per process.
+// again, restores the environment variables and removes the folder. One sandbox at a time per
+// process.
 
 #include <stdlib.h>
 

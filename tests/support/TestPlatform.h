@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <chrono>
 #include <map>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <utility>
 
@@ -23,7 +23,9 @@ namespace quarvel::testing {
 // Installs `platform` until destroyed.
 class ScopedPlatform {
  public:
-  explicit ScopedPlatform(std::shared_ptr<Platform> platform) { Platform::install(std::move(platform)); }
+  explicit ScopedPlatform(std::shared_ptr<Platform> platform) {
+    Platform::install(std::move(platform));
+  }
   ~ScopedPlatform() { Platform::install(nullptr); }
   ScopedPlatform(const ScopedPlatform&) = delete;
   ScopedPlatform& operator=(const ScopedPlatform&) = delete;

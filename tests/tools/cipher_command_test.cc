@@ -7,11 +7,11 @@
 #include <sstream>
 
 #include "CipherCommand.h"
-#include "support/TestPlatform.h"
 #include "DataFileTool.h"
+#include "common/Log.h"
 #include "datafiles/DataFileTestUtil.h"
 #include "quarvel/CommonLib.h"
-#include "common/Log.h"
+#include "support/TestPlatform.h"
 
 namespace quarvel::cli {
 namespace {
@@ -127,12 +127,9 @@ TEST(CipherCommands, DataFileCommandsRefuseTheSameFilesBeforeReading) {
   using Command = std::function<int(const std::string&, std::ostream&, std::ostream&)>;
   const std::pair<const char*, Command> commands[] = {
       {"decrypt", [](auto& path, auto& out, auto& err) { return runDecrypt(path, out, err); }},
-      {"check",
-       [](auto& path, auto& out, auto& err) { return checkDataFile(path, {}, out, err); }},
-      {"show",
-       [](auto& path, auto& out, auto& err) {
-         return showDataFile(path, {}, OutputFormat::Table, out, err);
-       }},
+      {"check", [](auto& path, auto& out, auto& err) { return checkDataFile(path, {}, out, err); }},
+      {"show", [](auto& path, auto& out,
+                  auto& err) { return showDataFile(path, {}, OutputFormat::Table, out, err); }},
   };
   for (const auto& [command, call] : commands) {
     for (const auto& c : cases) {

@@ -9,10 +9,10 @@
 #include <sstream>
 
 #include "DataFileTool.h"
-#include "datafiles/DataFileTestUtil.h"
 #include "common/StringUtil.h"
-#include "quarvel/FileCheckList.h"
+#include "datafiles/DataFileTestUtil.h"
 #include "format/MacKorean.h"
+#include "quarvel/FileCheckList.h"
 
 namespace quarvel::cli {
 namespace {

@@ -1,11 +1,10 @@
 // quarvel reach: which monitor the arguments make and what it prints.
 
-#include "ReachCommand.h"
-
 #include <gtest/gtest.h>
 
 #include <sstream>
 
+#include "ReachCommand.h"
 #include "common/Log.h"
 #include "update/FakeRouteSource.h"
 

@@ -1,14 +1,12 @@
-#include "SettingsTool.h"
-
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
 
 #include "Commands.h"
-
-#include "support/SettingsSandbox.h"
+#include "SettingsTool.h"
 #include "settings/SettingsForTesting.h"
+#include "support/SettingsSandbox.h"
 
 namespace quarvel::cli {
 namespace {

@@ -1,8 +1,8 @@
 // `quarvel update --gui` as a whole process where no display can be had: it
 // must say so and exit with its own status, not abort inside Qt.
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -63,7 +63,8 @@ TEST(UpdateCommand, TheWindowWithoutADisplaySaysSoAndExits) {
   const Case cases[] = {
       {"nothing set", {home}, "neither DISPLAY nor WAYLAND_DISPLAY is set"},
       {"empty DISPLAY", {home, "DISPLAY="}, "neither DISPLAY nor WAYLAND_DISPLAY is set"},
-      {"xcb asked for, wayland only", {home, "QT_QPA_PLATFORM=xcb", "WAYLAND_DISPLAY=w-0"},
+      {"xcb asked for, wayland only",
+       {home, "QT_QPA_PLATFORM=xcb", "WAYLAND_DISPLAY=w-0"},
        "QT_QPA_PLATFORM=xcb needs DISPLAY"},
   };
   for (const Case& c : cases) {

@@ -13,8 +13,8 @@
 #include <mutex>
 #include <set>
 
-#include "update/RouteSource.h"
 #include "support/TestPlatform.h"
+#include "update/RouteSource.h"
 
 namespace quarvel::test {
 
@@ -73,7 +73,8 @@ class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<
  private:
   class FakeWatch : public Watch {
    public:
-    FakeWatch(std::shared_ptr<FakeRouteSource> source, int fd) : source_(std::move(source)), fd_(fd) {}
+    FakeWatch(std::shared_ptr<FakeRouteSource> source, int fd)
+        : source_(std::move(source)), fd_(fd) {}
     ~FakeWatch() override {
       {
         std::lock_guard lock(source_->mutex_);
@@ -105,7 +106,9 @@ class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<
 // Installs a fresh fake for monitors created while it lives.
 class ScopedFakeRouteSource {
  public:
-  ScopedFakeRouteSource() : fake_(std::make_shared<FakeRouteSource>()) { platform_->routes = fake_; }
+  ScopedFakeRouteSource() : fake_(std::make_shared<FakeRouteSource>()) {
+    platform_->routes = fake_;
+  }
   FakeRouteSource& operator*() { return *fake_; }
   FakeRouteSource* operator->() { return fake_.get(); }
 

@@ -11,7 +11,9 @@ namespace quarvel::test {
 
 class MainContextLoop {
  public:
-  MainContextLoop() : context_(g_main_context_new()) { g_main_context_push_thread_default(context_); }
+  MainContextLoop() : context_(g_main_context_new()) {
+    g_main_context_push_thread_default(context_);
+  }
   ~MainContextLoop() {
     while (g_main_context_iteration(context_, FALSE)) {
     }
@@ -28,9 +30,11 @@ class MainContextLoop {
     auto deadline = std::chrono::steady_clock::now() + limit;
     // A tick, so that a blocking iteration wakes up to look at the clock.
     GSource* tick = g_timeout_source_new(10);
-    g_source_set_callback(tick, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+    g_source_set_callback(
+        tick, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
     g_source_attach(tick, context_);
-    while (!done() && std::chrono::steady_clock::now() < deadline) g_main_context_iteration(context_, TRUE);
+    while (!done() && std::chrono::steady_clock::now() < deadline)
+      g_main_context_iteration(context_, TRUE);
     g_source_destroy(tick);
     g_source_unref(tick);
     return done();

@@ -34,13 +34,16 @@ using quarvel::Reachability;
 
 std::unique_ptr<Reachability> monitorFor(const std::string& target) {
   if (target == "internet") return Reachability::reachabilityForInternetConnection();
-  if (target.rfind("name:", 0) == 0) return Reachability::reachabilityWithHostName(target.substr(5));
+  if (target.rfind("name:", 0) == 0)
+    return Reachability::reachabilityWithHostName(target.substr(5));
   sockaddr_in v4{};
   v4.sin_family = AF_INET;
-  if (inet_pton(AF_INET, target.c_str(), &v4.sin_addr) == 1) return Reachability::reachabilityWithAddress(&v4);
+  if (inet_pton(AF_INET, target.c_str(), &v4.sin_addr) == 1)
+    return Reachability::reachabilityWithAddress(&v4);
   sockaddr_in6 v6{};
   v6.sin6_family = AF_INET6;
-  if (inet_pton(AF_INET6, target.c_str(), &v6.sin6_addr) == 1) return Reachability::reachabilityWithAddress(&v6);
+  if (inet_pton(AF_INET6, target.c_str(), &v6.sin6_addr) == 1)
+    return Reachability::reachabilityWithAddress(&v6);
   return nullptr;
 }
 

@@ -13,9 +13,9 @@
 #include <sstream>
 #include <thread>
 
-#include "update/KernelRouteSource.h"
 #include "quarvel/NotificationCenter.h"
 #include "quarvel/Reachability.h"
+#include "update/KernelRouteSource.h"
 #include "update/MainContextLoop.h"
 
 namespace quarvel {
@@ -86,12 +86,15 @@ TEST(ReachabilityKernel, StatusesAgreeWithIpRoute) {
       }
   }
   auto internet = Reachability::reachabilityForInternetConnection();
-  EXPECT_EQ(internet->currentReachabilityStatus() != ReachabilityNone, usableDefault) << anyDefaults;
+  EXPECT_EQ(internet->currentReachabilityStatus() != ReachabilityNone, usableDefault)
+      << anyDefaults;
 
   std::string linkLocal = run("ip -4 route get 169.254.0.0");
   auto local = Reachability::reachabilityForLocalWiFi();
-  bool direct = !linkLocal.empty() && !hasWord(linkLocal, "via") && !hasWord(linkLocal, "unreachable");
-  EXPECT_EQ(local->currentReachabilityStatus(), direct ? ReachabilityViaLocalNetwork : ReachabilityNone)
+  bool direct =
+      !linkLocal.empty() && !hasWord(linkLocal, "via") && !hasWord(linkLocal, "unreachable");
+  EXPECT_EQ(local->currentReachabilityStatus(),
+            direct ? ReachabilityViaLocalNetwork : ReachabilityNone)
       << linkLocal;
 
   // Each own address is local; the default gateway is direct, not local.
@@ -112,7 +115,8 @@ TEST(ReachabilityKernel, StatusesAgreeWithIpRoute) {
     if (w != "via" || !(words >> w)) continue;
     auto flags = forAddress(w.c_str())->currentFlags();
     ASSERT_TRUE(flags);
-    EXPECT_EQ(*flags & (kReachabilityFlagIsDirect | kReachabilityFlagIsLocalAddress), kReachabilityFlagIsDirect)
+    EXPECT_EQ(*flags & (kReachabilityFlagIsDirect | kReachabilityFlagIsLocalAddress),
+              kReachabilityFlagIsDirect)
         << "gateway " << w;
     break;
   }
@@ -125,10 +129,13 @@ class NetworkNamespace {
     ok_ = std::system(("ip netns add " + name_ + " 2>/dev/null").c_str()) == 0;
   }
   ~NetworkNamespace() {
-    if (ok_) [[maybe_unused]] int rc = std::system(("ip netns del " + name_).c_str());
+    if (ok_) [[maybe_unused]]
+      int rc = std::system(("ip netns del " + name_).c_str());
   }
   bool ok() const { return ok_; }
-  bool ip(const std::string& args) const { return std::system(("ip -n " + name_ + " " + args).c_str()) == 0; }
+  bool ip(const std::string& args) const {
+    return std::system(("ip -n " + name_ + " " + args).c_str()) == 0;
+  }
   // Moves the calling thread into the namespace.
   bool enter() const {
     int fd = open(("/run/netns/" + name_).c_str(), O_RDONLY | O_CLOEXEC);
@@ -212,7 +219,8 @@ std::map<std::string, std::string> probeLines(const std::string& output) {
 // veth pair (no dummy module needed) carrying 2001:db8::2/64 and, in the
 // second step, an IPv6 default route; there is no IPv4 route at any time.
 TEST(ReachabilityKernel, Ipv6OnlyNamespaceIsJudgedByItsRoutes) {
-  if (run("ip -V").empty() || run("command -v unshare").empty()) GTEST_SKIP() << "no ip or unshare command";
+  if (run("ip -V").empty() || run("command -v unshare").empty())
+    GTEST_SKIP() << "no ip or unshare command";
   if (run("unshare -n true && echo ok") != "ok\n") {
     // Only a refusal to make namespaces excuses the test (no CAP_SYS_ADMIN,
     // a container that forbids it); anything else is a fault to see.
@@ -225,7 +233,8 @@ TEST(ReachabilityKernel, Ipv6OnlyNamespaceIsJudgedByItsRoutes) {
   const std::string setup =
       "ip link set lo up && ip link add q6a type veth peer name q6b && ip link set q6b up && "
       "ip link set q6a up && ip -6 addr add 2001:db8::2/64 dev q6a nodad";
-  const std::string targets = "internet :: 2001:db8::7 2001:db8:ffff::1 ::1 192.0.2.1 name:2001:db8:ffff::1";
+  const std::string targets =
+      "internet :: 2001:db8::7 2001:db8:ffff::1 ::1 192.0.2.1 name:2001:db8:ffff::1";
   const std::string steps =
       " --then 'ip -6 route add default via 2001:db8::1 dev q6a'"
       " --then 'ip -6 route del default'";

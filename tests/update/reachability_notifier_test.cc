@@ -20,12 +20,12 @@ using namespace std::chrono_literals;
 // Counts the change notifications of one monitor and the threads they came on.
 struct ChangeRecorder {
   explicit ChangeRecorder(Reachability* monitor) {
-    token = NotificationCenter::defaultCenter().add(kReachabilityChangedNotification, monitor,
-                                                    [this, monitor](const Notification& n) {
-                                                      EXPECT_EQ(n.object, monitor);
-                                                      threads.push_back(std::this_thread::get_id());
-                                                      statuses.push_back(monitor->currentReachabilityStatus());
-                                                    });
+    token = NotificationCenter::defaultCenter().add(
+        kReachabilityChangedNotification, monitor, [this, monitor](const Notification& n) {
+          EXPECT_EQ(n.object, monitor);
+          threads.push_back(std::this_thread::get_id());
+          statuses.push_back(monitor->currentReachabilityStatus());
+        });
   }
   ~ChangeRecorder() { NotificationCenter::defaultCenter().remove(token); }
   NotificationCenter::Token token;
@@ -114,8 +114,8 @@ TEST(ReachabilityNotifier, ObserverMayDestroyTheMonitor) {
   test::MainContextLoop loop;
   auto monitor = Reachability::reachabilityForInternetConnection();
   bool called = false;
-  auto token = NotificationCenter::defaultCenter().add(kReachabilityChangedNotification, monitor.get(),
-                                                       [&](const Notification&) {
+  auto token = NotificationCenter::defaultCenter().add(kReachabilityChangedNotification,
+                                                       monitor.get(), [&](const Notification&) {
                                                          called = true;
                                                          monitor.reset();
                                                        });
@@ -133,7 +133,10 @@ TEST(NotificationCenter, FiltersByNameAndObject) {
   NotificationCenter center;
   int a = 0, b = 0;
   std::vector<std::string> calls;
-  auto record = [&](const char* who) { return [&calls, who](const Notification& n) { calls.push_back(std::string(who) + ":" + n.name); }; };
+  auto record = [&](const char* who) {
+    return
+        [&calls, who](const Notification& n) { calls.push_back(std::string(who) + ":" + n.name); };
+  };
   center.add("x", &a, record("x/a"));
   center.add("x", nullptr, record("x/any"));
   center.add("", &b, record("any/b"));
@@ -154,8 +157,9 @@ TEST(NotificationCenter, ObserversMayChangeTheListWhilePosting) {
   NotificationCenter::Token second = 0;
   center.add("n", nullptr, [&](const Notification&) {
     calls.push_back(1);
-    center.remove(second);                                                   // skipped in this post
-    center.add("n", nullptr, [&](const Notification&) { calls.push_back(3); });  // from the next post
+    center.remove(second);  // skipped in this post
+    center.add("n", nullptr,
+               [&](const Notification&) { calls.push_back(3); });  // from the next post
   });
   second = center.add("n", nullptr, [&](const Notification&) { calls.push_back(2); });
   center.post("n", nullptr);

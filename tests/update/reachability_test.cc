@@ -23,9 +23,9 @@ TEST(Reachability, StatusRules) {
     std::uint32_t flags;
     std::int64_t general, local;
   } cases[] = {
-      {0x0, 0, 0},     {0x2, 1, 0},     {0x6, 0, 0},         {0x26, 1, 0},        {0xE, 1, 0},
-      {0x1E, 0, 0},    {0x36, 0, 0},    {0x40002, 2, 0},     {0x40006, 2, 0},     {0x4001E, 2, 0},
-      {0x40000, 0, 0}, {0x20000, 0, 0}, {0x20002, 1, 1},     {0x60002, 2, 1},     {0x20006, 0, 1},
+      {0x0, 0, 0},     {0x2, 1, 0},        {0x6, 0, 0},     {0x26, 1, 0},    {0xE, 1, 0},
+      {0x1E, 0, 0},    {0x36, 0, 0},       {0x40002, 2, 0}, {0x40006, 2, 0}, {0x4001E, 2, 0},
+      {0x40000, 0, 0}, {0x20000, 0, 0},    {0x20002, 1, 1}, {0x60002, 2, 1}, {0x20006, 0, 1},
       {0x2000C, 0, 0}, {0xFFFFFFFD, 0, 0},
   };
   auto r = forAddress("192.0.2.9");
@@ -165,19 +165,21 @@ TEST(Reachability, Ipv6AddressesAndLiterals) {
     EXPECT_NE(Reachability::reachabilityWithHostName(c.address), nullptr);
   }
 
-  for (const char* bad : {"2001:db8:::1", "2001:db8::1%eth0", "fe80::1/64", "[2001:db8::1]", ":", "1:2:3"}) {
+  for (const char* bad :
+       {"2001:db8:::1", "2001:db8::1%eth0", "fe80::1/64", "[2001:db8::1]", ":", "1:2:3"}) {
     SCOPED_TRACE(bad);
     EXPECT_EQ(Reachability::reachabilityWithHostName(bad), nullptr);
   }
   sockaddr_in6 wrongFamily{};
   wrongFamily.sin6_family = AF_INET;
   EXPECT_EQ(Reachability::reachabilityWithAddress(&wrongFamily), nullptr);
-  EXPECT_EQ(Reachability::reachabilityWithAddress(static_cast<const sockaddr_in6*>(nullptr)), nullptr);
+  EXPECT_EQ(Reachability::reachabilityWithAddress(static_cast<const sockaddr_in6*>(nullptr)),
+            nullptr);
 }
 
 TEST(Reachability, FactoriesRefuseUnusableTargets) {
-  const char* bad[] = {"", ".", "a..b", ".example.com", "has space.example", "tab\there", "exa/mple",
-                       "name:80", "ünicode.example", "\x01"};
+  const char* bad[] = {"",          ".",        "a..b",    ".example.com",    "has space.example",
+                       "tab\there", "exa/mple", "name:80", "ünicode.example", "\x01"};
   for (const char* name : bad) {
     SCOPED_TRACE(name);
     EXPECT_EQ(Reachability::reachabilityWithHostName(name), nullptr);
@@ -193,7 +195,8 @@ TEST(Reachability, FactoriesRefuseUnusableTargets) {
   }
   EXPECT_NE(Reachability::reachabilityWithHostName(std::string(63, 'a') + ".example"), nullptr);
 
-  EXPECT_EQ(Reachability::reachabilityWithAddress(static_cast<const sockaddr_in*>(nullptr)), nullptr);
+  EXPECT_EQ(Reachability::reachabilityWithAddress(static_cast<const sockaddr_in*>(nullptr)),
+            nullptr);
   sockaddr_in wrongFamily{};
   wrongFamily.sin_family = AF_INET6;
   EXPECT_EQ(Reachability::reachabilityWithAddress(&wrongFamily), nullptr);

@@ -1,8 +1,6 @@
 // Parsing what the kernel sends, and the flags derived from a route and its
 // link, from messages built byte by byte.
 
-#include "update/RouteMessages.h"
-
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
@@ -14,8 +12,9 @@
 #include <filesystem>
 #include <fstream>
 
-#include "update/KernelRouteSource.h"
 #include "quarvel/Reachability.h"
+#include "update/KernelRouteSource.h"
+#include "update/RouteMessages.h"
 
 namespace quarvel::netlink {
 namespace {
@@ -86,8 +85,13 @@ rtmsg routeHeader(std::uint8_t type, std::uint8_t dstLen = 32, std::uint8_t fami
 
 TEST(RouteMessages, ParsesRoutesLinksErrorsAndChanges) {
   MessageBuilder m;
-  m.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST, 0)).address(RTA_GATEWAY, "192.0.2.1").u32(RTA_OIF, 4)
-      .u32(RTA_PRIORITY, 100).u32(RTA_TABLE, 1000).end();
+  m.begin(RTM_NEWROUTE)
+      .body(routeHeader(RTN_UNICAST, 0))
+      .address(RTA_GATEWAY, "192.0.2.1")
+      .u32(RTA_OIF, 4)
+      .u32(RTA_PRIORITY, 100)
+      .u32(RTA_TABLE, 1000)
+      .end();
   m.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST, 64, AF_INET6)).u32(RTA_OIF, 9).end();
   ifinfomsg link{};
   link.ifi_index = 7;
@@ -142,7 +146,10 @@ TEST(RouteMessages, MultipathRouteTakesItsFirstNexthop) {
   addHop(5, "198.51.100.1");
   addHop(6, "198.51.100.2");
   MessageBuilder m;
-  m.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST, 0)).attr(RTA_MULTIPATH, hops.data(), hops.size()).end();
+  m.begin(RTM_NEWROUTE)
+      .body(routeHeader(RTN_UNICAST, 0))
+      .attr(RTA_MULTIPATH, hops.data(), hops.size())
+      .end();
   Batch b = parseBatch(m.bytes());
   ASSERT_EQ(b.routes.size(), 1u);
   EXPECT_EQ(b.routes[0].oif, 5u);
@@ -184,8 +191,12 @@ TEST(RouteMessages, Ipv6RoutesAreParsedAndJudgedLikeIpv4Ones) {
   // that is not ours (an IPv4 multicast routing table entry).
   auto defaultRoute = [](std::uint16_t type) {
     MessageBuilder m;
-    m.begin(type).body(routeHeader(RTN_UNICAST, 0, AF_INET6)).address6(RTA_GATEWAY, "2001:db8::1")
-        .u32(RTA_OIF, 3).u32(RTA_PRIORITY, 1024).end();
+    m.begin(type)
+        .body(routeHeader(RTN_UNICAST, 0, AF_INET6))
+        .address6(RTA_GATEWAY, "2001:db8::1")
+        .u32(RTA_OIF, 3)
+        .u32(RTA_PRIORITY, 1024)
+        .end();
     return m.bytes();
   };
   ifaddrmsg addr{};
@@ -193,7 +204,10 @@ TEST(RouteMessages, Ipv6RoutesAreParsedAndJudgedLikeIpv4Ones) {
   addr.ifa_prefixlen = 64;
   MessageBuilder newAddress, otherFamily;
   newAddress.begin(RTM_NEWADDR).body(addr).address6(IFA_ADDRESS, "2001:db8::2").end();
-  otherFamily.begin(RTM_NEWROUTE).body(routeHeader(RTN_MULTICAST, 32, RTNL_FAMILY_IPMR)).u32(RTA_OIF, 2).end();
+  otherFamily.begin(RTM_NEWROUTE)
+      .body(routeHeader(RTN_MULTICAST, 32, RTNL_FAMILY_IPMR))
+      .u32(RTA_OIF, 2)
+      .end();
   struct Case {
     const char* what;
     std::vector<std::uint8_t> bytes;
@@ -223,8 +237,8 @@ TEST(RouteMessages, Ipv6RoutesAreParsedAndJudgedLikeIpv4Ones) {
 }
 
 TEST(RouteMessages, DefaultRoutesOfBothFamilies) {
-  auto route = [](std::uint8_t family, std::uint8_t type, std::uint8_t dstLen, std::uint32_t priority,
-                  std::uint32_t table = RT_TABLE_MAIN) {
+  auto route = [](std::uint8_t family, std::uint8_t type, std::uint8_t dstLen,
+                  std::uint32_t priority, std::uint32_t table = RT_TABLE_MAIN) {
     RouteEntry r;
     r.family = family;
     r.type = type;
@@ -239,11 +253,16 @@ TEST(RouteMessages, DefaultRoutesOfBothFamilies) {
     std::vector<RouteEntry> routes;
     std::vector<std::uint32_t> expected;  // oif of each default route, in order
   } cases[] = {
-      {"IPv6 only", {route(AF_INET6, RTN_UNICAST, 64, 256), route(AF_INET6, RTN_UNICAST, 0, 1024)}, {1024}},
+      {"IPv6 only",
+       {route(AF_INET6, RTN_UNICAST, 64, 256), route(AF_INET6, RTN_UNICAST, 0, 1024)},
+       {1024}},
       {"IPv4 before IPv6 whatever the metrics",
-       {route(AF_INET6, RTN_UNICAST, 0, 5), route(AF_INET, RTN_UNICAST, 0, 600), route(AF_INET, RTN_UNICAST, 0, 100)},
+       {route(AF_INET6, RTN_UNICAST, 0, 5), route(AF_INET, RTN_UNICAST, 0, 600),
+        route(AF_INET, RTN_UNICAST, 0, 100)},
        {100, 600, 5}},
-      {"IPv6 by metric", {route(AF_INET6, RTN_UNICAST, 0, 1024), route(AF_INET6, RTN_UNICAST, 0, 20)}, {20, 1024}},
+      {"IPv6 by metric",
+       {route(AF_INET6, RTN_UNICAST, 0, 1024), route(AF_INET6, RTN_UNICAST, 0, 20)},
+       {20, 1024}},
       {"not usable as a default",
        {route(AF_INET6, RTN_UNREACHABLE, 0, 7), route(AF_INET6, RTN_UNICAST, 0, 8, RT_TABLE_LOCAL),
         route(AF_INET6, RTN_MULTICAST, 0, 9)},
@@ -270,7 +289,11 @@ TEST(RouteMessages, RequestsOfBothFamilies) {
     std::vector<std::uint8_t> dst;  // RTA_DST payload, empty when none
   } cases[] = {
       {"get IPv4", routeGetRequest(v4, 7), NLM_F_REQUEST, AF_INET, 32, {192, 0, 2, 1}},
-      {"get IPv6", routeGetRequest(v6, 7), NLM_F_REQUEST, AF_INET6, 128,
+      {"get IPv6",
+       routeGetRequest(v6, 7),
+       NLM_F_REQUEST,
+       AF_INET6,
+       128,
        {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}},
       {"dump IPv4", routeDumpRequest(7), NLM_F_REQUEST | NLM_F_DUMP, AF_INET, 0, {}},
       {"dump IPv6", routeDumpRequest(7, AF_INET6), NLM_F_REQUEST | NLM_F_DUMP, AF_INET6, 0, {}},
@@ -298,8 +321,9 @@ TEST(RouteMessages, RequestsOfBothFamilies) {
     std::memcpy(&a, c.bytes.data() + at, sizeof a);
     EXPECT_EQ(a.rta_type, RTA_DST);
     EXPECT_EQ(a.rta_len, RTA_LENGTH(c.dst.size()));
-    EXPECT_EQ(std::vector<std::uint8_t>(c.bytes.begin() + static_cast<std::ptrdiff_t>(at + RTA_LENGTH(0)),
-                                        c.bytes.begin() + static_cast<std::ptrdiff_t>(at + RTA_LENGTH(c.dst.size()))),
+    EXPECT_EQ(std::vector<std::uint8_t>(
+                  c.bytes.begin() + static_cast<std::ptrdiff_t>(at + RTA_LENGTH(0)),
+                  c.bytes.begin() + static_cast<std::ptrdiff_t>(at + RTA_LENGTH(c.dst.size()))),
               c.dst);
   }
 }
@@ -315,8 +339,8 @@ TEST(RouteMessages, FlagsForRoute) {
   };
   const LinkTraits up{.up = true};
   constexpr std::uint32_t R = kReachabilityFlagReachable, d = kReachabilityFlagIsDirect,
-                          l = kReachabilityFlagIsLocalAddress, t = kReachabilityFlagTransientConnection,
-                          W = kReachabilityFlagIsWWAN;
+                          l = kReachabilityFlagIsLocalAddress,
+                          t = kReachabilityFlagTransientConnection, W = kReachabilityFlagIsWWAN;
   struct Case {
     const char* what;
     RouteEntry route;
@@ -326,7 +350,8 @@ TEST(RouteMessages, FlagsForRoute) {
       {"through a gateway", route(RTN_UNICAST, true), up, R},
       {"on the link", route(RTN_UNICAST, false), up, R | d},
       {"own address", route(RTN_LOCAL, false), up, R | d | l},
-      {"point-to-point", route(RTN_UNICAST, false), LinkTraits{.up = true, .pointToPoint = true}, R | d | t},
+      {"point-to-point", route(RTN_UNICAST, false), LinkTraits{.up = true, .pointToPoint = true},
+       R | d | t},
       {"mobile broadband", route(RTN_UNICAST, true), LinkTraits{.up = true, .wwan = true}, R | W},
       {"link down", route(RTN_UNICAST, true), LinkTraits{.up = false, .wwan = true}, 0},
       {"link unknown", route(RTN_UNICAST, true), std::nullopt, 0},
@@ -353,7 +378,8 @@ TEST(KernelRouteSource, CellularLinkFromSysfs) {
   const auto sys = root.string();
   EXPECT_FALSE(KernelRouteSource::isCellularLink(sys, "eth0", ARPHRD_ETHER));
   EXPECT_FALSE(KernelRouteSource::isCellularLink(sys, "wlan0", ARPHRD_ETHER));
-  EXPECT_FALSE(KernelRouteSource::isCellularLink(sys, "ppp0", ARPHRD_PPP)) << "no modem on this machine";
+  EXPECT_FALSE(KernelRouteSource::isCellularLink(sys, "ppp0", ARPHRD_PPP))
+      << "no modem on this machine";
   EXPECT_FALSE(KernelRouteSource::isCellularLink(sys, "missing", ARPHRD_ETHER));
   EXPECT_FALSE(KernelRouteSource::isCellularLink(sys, "../net/eth0", ARPHRD_ETHER));
 

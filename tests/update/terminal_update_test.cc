@@ -8,10 +8,10 @@
 #include <sstream>
 
 #include "TerminalUpdate.h"
-#include "update/FakeRouteSource.h"
 #include "quarvel/CVUserDefaults.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/SettingsSandbox.h"
+#include "update/FakeRouteSource.h"
 
 namespace quarvel::cli {
 namespace {
@@ -127,9 +127,11 @@ TEST_F(TerminalUpdateTest, ShowsTheBytesOfTheCurrentFile) {
   server.serve(kTargets[1], std::string(1536, 'x'));
   server.serve(kTargets[2], "");
   EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitDone);
-  EXPECT_TRUE(said("[##########--------------------]  33%  체크리스트 DB를 업데이트 중입니다.  3.0 MiB\n"))
+  EXPECT_TRUE(
+      said("[##########--------------------]  33%  체크리스트 DB를 업데이트 중입니다.  3.0 MiB\n"))
       << out.str();
-  EXPECT_TRUE(said("[###############---------------]  50%  패키지 DB를 업데이트 중입니다.  1.5 KiB\n"))
+  EXPECT_TRUE(
+      said("[###############---------------]  50%  패키지 DB를 업데이트 중입니다.  1.5 KiB\n"))
       << out.str();
   // A new file starts from nothing; an empty one shows no count.
   EXPECT_TRUE(said("[###############---------------]  50%  필터 DB를 업데이트 중입니다.\n"));
@@ -138,9 +140,14 @@ TEST_F(TerminalUpdateTest, ShowsTheBytesOfTheCurrentFile) {
 
 TEST(FormatBytes, PicksTheUnitByMagnitude) {
   const std::map<std::uint64_t, std::string> cases = {
-      {1, "1 B"},          {1023, "1023 B"},          {1024, "1.0 KiB"},
-      {1536, "1.5 KiB"},   {1048575, "1024.0 KiB"},   {1048576, "1.0 MiB"},
-      {53477376, "51.0 MiB"}, {std::uint64_t{1} << 40, "1048576.0 MiB"},
+      {1, "1 B"},
+      {1023, "1023 B"},
+      {1024, "1.0 KiB"},
+      {1536, "1.5 KiB"},
+      {1048575, "1024.0 KiB"},
+      {1048576, "1.0 MiB"},
+      {53477376, "51.0 MiB"},
+      {std::uint64_t{1} << 40, "1048576.0 MiB"},
   };
   for (const auto& [bytes, text] : cases) EXPECT_EQ(formatBytes(bytes), text) << bytes;
 }

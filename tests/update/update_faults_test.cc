@@ -397,12 +397,12 @@ TEST_F(UpdateFaultsTest, TheNextRunRemovesWhatAKilledEarlierRunLeft) {
   const Case cases[] = {
       {check + "A1b2C3", File, 0644, true, true},
       {font + "Zq9xW0", File, 0644, true, true},
-      {check + "backup", File, 0644, true, false},    // a word, not mkstemp's
-      {check + "A1b2C", File, 0644, true, false},     // five characters
-      {check + "A1b2C3x", File, 0644, true, false},   // seven
-      {check + "A1-2C3", File, 0644, true, false},    // not a letter or digit
-      {check + "A1b2C4", File, 0600, true, false},    // a mode the run never set
-      {check + "A1b2C5", File, 0644, false, false},   // an old run may still be on it
+      {check + "backup", File, 0644, true, false},   // a word, not mkstemp's
+      {check + "A1b2C", File, 0644, true, false},    // five characters
+      {check + "A1b2C3x", File, 0644, true, false},  // seven
+      {check + "A1-2C3", File, 0644, true, false},   // not a letter or digit
+      {check + "A1b2C4", File, 0600, true, false},   // a mode the run never set
+      {check + "A1b2C5", File, 0644, false, false},  // an old run may still be on it
       {check + "A1b2C6", Link, 0644, true, false},
       {check + "A1b2C7", Folder, 0755, true, false},
       {".ver.dat.A1b2C3", File, 0644, true, false},  // a name this run does not write
@@ -466,7 +466,8 @@ TEST_F(UpdateFaultsTest, DiskFaultsKeepTheOldFilesWhole) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     startAfresh();
-    for (int file = 0; file < 5; ++file) setBody(file, newContent(file, file % 2 ? 4 * kLimit : 100));
+    for (int file = 0; file < 5; ++file)
+      setBody(file, newContent(file, file % 2 ? 4 * kLimit : 100));
     quarvel::testing::ScopedPlatform disk(std::make_shared<testing::FaultyDisk>(c.fault, kLimit));
     auto run = UpdateRun::create(view, options(1s));
     runWithin(run, 0);
