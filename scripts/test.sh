@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Sets everything up and runs the whole test suite: a normal build, a build
+# Sets everything up and runs the whole test suite: the format and static
+# checks (scripts/lint.sh), a normal build, a build
 # under AddressSanitizer and UndefinedBehaviorSanitizer, a build under
 # ThreadSanitizer, and the fuzzers for a short while under ASan and UBSan.
 set -euo pipefail
@@ -29,6 +30,7 @@ run_ctest() {
 }
 
 ./scripts/build.sh build
+./scripts/lint.sh build
 run_ctest build
 
 ./scripts/build.sh build-asan -DQUARVEL_SANITIZE=address,undefined -DQUARVEL_BUILD_BENCH=OFF

@@ -51,7 +51,8 @@ bool isExtending(UChar32 c) {
 
 Stream toStream(const icu::UnicodeString& s) {
   Stream out;
-  for (int32_t i = 0; i < s.length(); i += U16_LENGTH(s.char32At(i))) out += s.char32At(i);
+  for (int32_t i = 0; i < s.length(); i += U16_LENGTH(s.char32At(i)))
+    out += static_cast<char32_t>(s.char32At(i));
   return out;
 }
 

@@ -34,6 +34,7 @@ struct Column {
 std::string alignedRows(const std::vector<Column>& columns,
                         const std::vector<std::vector<std::string>>& rows) {
   std::vector<std::size_t> widths;
+  widths.reserve(columns.size());
   for (const Column& column : columns) widths.push_back(displayWidth(column.title));
   for (const auto& row : rows)
     for (std::size_t i = 0; i < row.size(); ++i)
@@ -145,6 +146,7 @@ std::vector<MakerSum> sumsByMaker(const AuditResult& result) {
   for (const Finding& finding : result.findings)
     sums[finding.maker].hundredths += finding.price ? finding.price->hundredths : 0;
   std::vector<MakerSum> out;
+  out.reserve(sums.size());
   for (const auto& [maker, sum] : sums) out.push_back({maker, sum});
   std::stable_sort(out.begin(), out.end(), [](const MakerSum& a, const MakerSum& b) {
     if (a.sum.hundredths != b.sum.hundredths) return a.sum.hundredths > b.sum.hundredths;

@@ -113,7 +113,7 @@ int resolveTarget(std::string path, std::string& target, struct stat& info, bool
     } else {
       // A relative link is read from the folder that holds it.
       const std::size_t slash = path.rfind('/');
-      path = slash == std::string::npos ? link : path.substr(0, slash + 1) + link;
+      path = slash == std::string::npos ? link : path.substr(0, slash + 1).append(link);
     }
   }
 }

@@ -195,6 +195,7 @@ int checkDataFile(const std::string& path, std::optional<DataFileKind> kind, std
   df::scanLines(text, bytes.size(), scan);
   std::vector<RawLine>& lines = scan.lines;
   std::vector<std::string> decoded;
+  decoded.reserve(lines.size());
   for (const RawLine& line : lines) decoded.push_back(line.text.value_or(""));
   if (!kind) kind = detectDataFileKind(decoded, path);
   out << path << ": checked as a " << dataFileKindName(*kind) << " file\n";

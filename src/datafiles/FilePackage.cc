@@ -68,9 +68,9 @@ std::string FilePackage::getProductNameByPackageIndex(int packageIndex, int AndS
   const auto inRange = [](Table& table, int index) {
     return index >= 0 && static_cast<std::uint64_t>(index) < table.getDataCount();
   };
-  const std::string product = inRange(m_pPackage, packageIndex)
-                                  ? m_pPackage.select(packageIndex, datafile::kFieldProduct)
-                                  : std::string(Table::kOutOfBounds);
+  std::string product = inRange(m_pPackage, packageIndex)
+                            ? m_pPackage.select(packageIndex, datafile::kFieldProduct)
+                            : std::string(Table::kOutOfBounds);
   if (!inRange(m_pSub, AndSubIndex)) return product;
   const std::string name = m_pSub.select(AndSubIndex, datafile::kFieldName);
   if (name == "-") return product + "(" + name + ")";

@@ -1,9 +1,9 @@
 #include "settings/PropertyList.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -63,8 +63,8 @@ bool stringFitsXml(std::string_view text) {
 bool realFitsXml(double value) {
   if (!std::isnan(value)) return true;
   // The XML form writes NaN as "nan", which reads back as the plain quiet NaN.
-  double plain = std::numeric_limits<double>::quiet_NaN();
-  return std::memcmp(&value, &plain, sizeof value) == 0;
+  return std::bit_cast<std::uint64_t>(value) ==
+         std::bit_cast<std::uint64_t>(std::numeric_limits<double>::quiet_NaN());
 }
 
 }  // namespace

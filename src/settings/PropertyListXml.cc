@@ -407,7 +407,7 @@ void writeXmlValue(std::string& out, const PlistValue& value, int indent) {
         if (item.isNone()) continue;
         if (!any) out += "<dict>\n";
         any = true;
-        out.append(static_cast<std::size_t>(indent + 1), '\t');
+        out.append(static_cast<std::size_t>(indent) + 1, '\t');
         out += "<key>";
         appendEscaped(out, key);
         out += "</key>\n";
