@@ -18,6 +18,10 @@
 /// "%s(%d) // CHECKLIST DECRYPT FAIL.", "%s (%d) // ERROR: CHECKLIST DAMAGED",
 /// "%s (%d) // CHECKLIST INSERT FAIL : %s" for a refused record line; save
 /// without a file: "%s(%d) // CheckList file does not open.".
+///
+/// Not thread-safe: use an object from one thread at a time. The tables it
+/// hands out (getTableByTag) are its own and live as long as it does; the
+/// records in them are shared and may outlive it.
 
 #include <cstdint>
 #include <memory>
@@ -48,8 +52,13 @@ class FileCheckList : public FileFramework {
   /// that what it answers is always what a save would write.
   std::unique_ptr<unsigned char[]> getContents(std::uint64_t& size);
 
+  /// The record whose "EXE_FILE" is `fileName`, case-blind; -1 when none.
   int getIdByFileName(std::string_view fileName) const;
+  /// The record whose four property values, joined by tabs, are `property`,
+  /// case-blind; -1 when none.
   int getIdByProperty(std::string_view property) const;
+  /// The record whose "DB_ID" is `dbId` exactly; -1 when none. The first
+  /// call that finds records builds the index.
   int getIndex(std::string_view dbId);
 
   /// Rebuilds the display lists: "DISP_COMPANY" and "DISP_PRODUCT" of every

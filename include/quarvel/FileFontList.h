@@ -34,7 +34,10 @@ class FileFontList : public FileFramework {
   /// As FileCheckList::getContents.
   std::unique_ptr<unsigned char[]> getContents(std::uint64_t& size);
 
+  /// The record whose "EXE_FILE" (the font's file name) is `fileName`,
+  /// case-blind; -1 when none.
   int getIdByFileName(std::string_view fileName) const;
+  /// The record whose "DB_ID" is `dbId` exactly; -1 when none.
   int getIndex(std::string_view dbId);
 
  private:
