@@ -8,7 +8,10 @@
 namespace quarvel {
 
 HttpExchange::HttpExchange(const std::string& url, Options options, BodySink sink)
-    : options_(std::move(options)), sink_(std::move(sink)), platform_(Platform::current()) {
+    : url_(url),
+      options_(std::move(options)),
+      sink_(std::move(sink)),
+      platform_(Platform::current()) {
   static std::once_flag curlReady;
   std::call_once(curlReady, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
   lastActivity_ = platform_->steadyNow();
@@ -69,19 +72,21 @@ std::string HttpExchange::describe(CURLcode code) const {
 
 void HttpExchange::touch() { lastActivity_ = platform_->steadyNow(); }
 
-size_t HttpExchange::onBody(char* data, size_t size, size_t count, void* self) {
-  auto* exchange = static_cast<HttpExchange*>(self);
-  const size_t bytes = size * count;
-  exchange->touch();
-  const std::uint64_t room = exchange->options_.maxBodyBytes -
-                             std::min(exchange->received_, exchange->options_.maxBodyBytes);
-  if (bytes > room) {
-    exchange->overCeiling_ = true;
-    return 0;  // ends the exchange with CURLE_WRITE_ERROR
+bool HttpExchange::deliver(std::string_view piece) {
+  touch();
+  const std::uint64_t room = options_.maxBodyBytes - std::min(received_, options_.maxBodyBytes);
+  if (piece.size() > room) {
+    overCeiling_ = true;
+    return false;
   }
-  exchange->received_ += bytes;
-  if (exchange->sink_ && !exchange->sink_(std::string_view(data, bytes))) return 0;
-  return bytes;
+  received_ += piece.size();
+  return !sink_ || sink_(piece);
+}
+
+size_t HttpExchange::onBody(char* data, size_t size, size_t count, void* self) {
+  const size_t bytes = size * count;
+  // Zero ends the exchange with CURLE_WRITE_ERROR.
+  return static_cast<HttpExchange*>(self)->deliver(std::string_view(data, bytes)) ? bytes : 0;
 }
 
 int HttpExchange::onProgress(void* self, curl_off_t, curl_off_t down, curl_off_t, curl_off_t up) {

@@ -46,8 +46,15 @@ class HttpExchange {
 
   // Null when libcurl could not make a handle; perform() then fails.
   CURL* handle() const { return easy_; }
-  // Runs the exchange to its end on this thread.
+  // Runs the exchange to its end on this thread, through libcurl.
   CURLcode perform();
+  // Hands a piece of the body over as libcurl would: counted against the
+  // cap, then given to the sink. False when the exchange must end there
+  // (the cap passed, or the sink refused). For platforms that answer in
+  // libcurl's place.
+  bool deliver(std::string_view piece);
+  // The URL asked for.
+  const std::string& url() const { return url_; }
   // Whether no byte has moved for the idle time-out, for exchanges that a
   // multi handle drives.
   bool idle() const;
@@ -62,6 +69,7 @@ class HttpExchange {
   static int onProgress(void* self, curl_off_t, curl_off_t down, curl_off_t, curl_off_t up);
   void touch();
 
+  std::string url_;
   CURL* easy_ = nullptr;
   curl_slist* headers_ = nullptr;
   Options options_;

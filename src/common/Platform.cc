@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <mutex>
 
+#include "common/HttpClient.h"
+
 namespace quarvel {
 
 int Platform::openAt(int folder, const char* path, int flags, mode_t mode) {
@@ -41,6 +43,8 @@ std::shared_ptr<const NetworkSources> Platform::networkSources() { return nullpt
 std::shared_ptr<RouteSource> Platform::routeSource() { return nullptr; }
 
 std::chrono::milliseconds Platform::httpIdleTimeout() { return std::chrono::seconds(60); }
+
+int Platform::performHttp(HttpExchange& exchange) { return exchange.perform(); }
 
 namespace {
 

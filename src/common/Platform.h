@@ -18,6 +18,7 @@
 namespace quarvel {
 
 class HostEnvironment;
+class HttpExchange;
 struct NetworkSources;
 class RouteSource;
 
@@ -49,6 +50,11 @@ class Platform {
   // HTTP: how long a request of the settings' network thread may go without
   // a byte moving, connection included, before it fails.
   virtual std::chrono::milliseconds httpIdleTimeout();
+  // Runs a synchronous exchange (the update run's downloads) to its end on
+  // this thread and answers its CURLcode. The system's hands it to libcurl;
+  // a test answers in its place, feeding the body through
+  // HttpExchange::deliver and answering an error where the fault is.
+  virtual int performHttp(HttpExchange& exchange);
 
   // The system's platform; never null, lives as long as the process.
   static std::shared_ptr<Platform> system();
@@ -91,6 +97,7 @@ class PlatformWrapper : public Platform {
   }
   std::shared_ptr<RouteSource> routeSource() override { return target_->routeSource(); }
   std::chrono::milliseconds httpIdleTimeout() override { return target_->httpIdleTimeout(); }
+  int performHttp(HttpExchange& exchange) override { return target_->performHttp(exchange); }
 
  protected:
   Platform& target() { return *target_; }

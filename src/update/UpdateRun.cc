@@ -185,7 +185,8 @@ std::optional<DownloadError> httpGet(const std::string& url, const std::string& 
     }
     return true;
   });
-  const CURLcode code = exchange.perform();
+  CURLcode code = static_cast<CURLcode>(platform->performHttp(exchange));
+  if (exchange.overCeiling()) code = CURLE_FILESIZE_EXCEEDED;
   if (view) view->setBytesReceived(received);
   if (code == CURLE_OK) {
     // A failed write goes unnoticed, as the run has always done; the old

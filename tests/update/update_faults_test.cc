@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/HttpClient.h"
 #include "common/Log.h"
 #include "quarvel/CVUserDefaults.h"
 #include "quarvel/UpdateRun.h"
@@ -477,6 +478,67 @@ TEST_F(UpdateFaultsTest, DiskFaultsKeepTheOldFilesWhole) {
       const bool kept = std::find(c.kept.begin(), c.kept.end(), file) != c.kept.end();
       EXPECT_CONTENT(readFile(path(file)),
                      kept ? oldContent(file) : newContent(file, file % 2 ? 4 * kLimit : 100));
+    }
+    expectNoStrayFiles();
+  }
+}
+
+// Answers the exchanges for one file in libcurl's place and lets the others
+// reach the loopback server: a fault on the network injected in-process.
+class FaultyNetwork : public PlatformWrapper {
+ public:
+  // Delivers `body` (or its first `cut` bytes), then answers `code`.
+  FaultyNetwork(std::string target, std::string body, std::size_t cut, CURLcode code)
+      : target_(std::move(target)), body_(std::move(body)), cut_(cut), code_(code) {}
+  int performHttp(HttpExchange& exchange) override {
+    if (!exchange.url().ends_with(target_)) return PlatformWrapper::performHttp(exchange);
+    ++calls;
+    const std::string_view body = std::string_view(body_).substr(0, cut_);
+    for (std::size_t at = 0; at < body.size(); at += 1024)
+      if (!exchange.deliver(body.substr(at, 1024))) return CURLE_WRITE_ERROR;
+    return code_;
+  }
+  std::atomic<int> calls{0};
+
+ private:
+  std::string target_;
+  std::string body_;
+  std::size_t cut_;
+  CURLcode code_;
+};
+
+// Faults of the third file's transfer, without a server that makes them: a
+// connection reset mid-body and a name that does not resolve fail every
+// attempt and keep the old file; an answer the run takes (an error page)
+// replaces it.
+TEST_F(UpdateFaultsTest, NetworkFaultsInjectedInProcess) {
+  const struct {
+    const char* name;
+    std::size_t cut;
+    CURLcode code;
+    bool replaced;
+  } cases[] = {
+      {"reset mid-body", 4096, CURLE_RECV_ERROR, false},
+      {"name does not resolve", 0, CURLE_COULDNT_RESOLVE_HOST, false},
+      {"whole body", std::string::npos, CURLE_OK, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    startAfresh();
+    auto network =
+        std::make_shared<FaultyNetwork>(kDataFileTargets[2].target, newContent(2), c.cut, c.code);
+    quarvel::testing::ScopedPlatform platform(network);
+    auto run = UpdateRun::create(view, options(400ms));
+    runWithin(run, 0);
+    if (c.replaced) {
+      EXPECT_EQ(run->updateStatus(), UpdateStatusDone);
+      EXPECT_EQ(network->calls, 1);
+      for (int file = 0; file < 5; ++file) EXPECT_CONTENT(readFile(path(file)), newContent(file));
+    } else {
+      EXPECT_EQ(run->updateStatus(), UpdateStatusFailed);
+      EXPECT_EQ(network->calls, 5);
+      expectFailedAt(2);
+      expectWholeFiles(2);
     }
     expectNoStrayFiles();
   }
