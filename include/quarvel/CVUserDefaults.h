@@ -27,7 +27,6 @@
 namespace quarvel {
 
 struct NetworkIdentityState;
-struct NetworkIdentityRun;
 
 class CVUserDefaults {
  public:
@@ -197,9 +196,6 @@ class CVUserDefaults {
   /// The cached identity text; computed on this thread when not yet known.
   std::string IPAddress();
   void setIPAddress(const std::string& text);
-  /// The working state of the last identity run that finished (services,
-  /// interfaces, adapter records, text); absent before the first.
-  std::optional<NetworkIdentityRun> lastNetworkIdentityRun() const;
 
   /// --- Command runner and HTTP ----------------------------------------------------
   /// Runs `/bin/sh -c command` and answers its standard output ("" when it
@@ -211,6 +207,9 @@ class CVUserDefaults {
                    std::function<void(const std::string&)> completetion);
 
  private:
+  /// The library's network identity code reads the instance's state.
+  friend struct CVUserDefaultsInternals;
+
   CVUserDefaults();
   static CVUserDefaults* createShared(std::optional<bool> isLiteVer);
   void persist();

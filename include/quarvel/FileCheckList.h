@@ -30,7 +30,6 @@
 #include <vector>
 
 #include "quarvel/FileFramework.h"
-#include "quarvel/LookupIndex.h"
 #include "quarvel/TableMulti.h"
 #include "quarvel/TableSingle.h"
 
@@ -77,13 +76,13 @@ class FileCheckList : public FileFramework {
   static constexpr const char* kContentsMethod = "-[FileCheckList getContents:]";
 
  private:
-  LookupIndex m_pDicProperty;
-  LookupIndex m_pDicFileName;
+  /// The look-up indexes, built by openWithFileName and the first look-up.
+  struct Indexes;
+  std::unique_ptr<Indexes> indexes_;
   std::vector<std::string> m_pArrCompany_;
   std::vector<std::string> m_pArrProduct_;
   TableSingle m_pHeader;
   TableMulti m_pCheckList;
-  LookupIndex m_pDicDbToIdx;
 };
 
 }  // namespace quarvel

@@ -14,7 +14,6 @@
 #include <string_view>
 
 #include "quarvel/FileFramework.h"
-#include "quarvel/LookupIndex.h"
 #include "quarvel/TableMulti.h"
 #include "quarvel/TableSingle.h"
 
@@ -40,7 +39,9 @@ class FileFilter : public FileFramework {
                                std::string_view version, std::string_view originalFile);
 
  private:
-  LookupIndex m_pDicFilter;
+  /// The look-up indexes, built by openWithFileName and the first look-up.
+  struct Indexes;
+  std::unique_ptr<Indexes> indexes_;
   TableSingle m_pHeader;
   TableMulti m_pSWList;
 };

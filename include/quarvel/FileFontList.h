@@ -16,7 +16,6 @@
 #include <string_view>
 
 #include "quarvel/FileFramework.h"
-#include "quarvel/LookupIndex.h"
 #include "quarvel/TableMulti.h"
 #include "quarvel/TableSingle.h"
 
@@ -41,10 +40,11 @@ class FileFontList : public FileFramework {
   int getIndex(std::string_view dbId);
 
  private:
-  LookupIndex m_pDicFileName;
+  /// The look-up indexes, built by openWithFileName and the first look-up.
+  struct Indexes;
+  std::unique_ptr<Indexes> indexes_;
   TableSingle m_pHeader;
   TableMulti m_pFontList;
-  LookupIndex m_pDicDbToIdx;
 };
 
 }  // namespace quarvel

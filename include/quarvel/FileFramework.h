@@ -37,7 +37,6 @@
 #include <string_view>
 #include <vector>
 
-#include "quarvel/LookupIndex.h"
 #include "quarvel/Table.h"
 #include "quarvel/TableMulti.h"
 
@@ -130,23 +129,6 @@ class FileFramework {
     table.addArrayItems(std::move(batch));
     return row;
   }
-
-  /// Enters into `index`, case-blind, the key of every record of `table`
-  /// from row `first` on: keyOf(record) answers the key's text.
-  template <typename KeyOf>
-  static void indexLowered(LookupIndex& index, const TableMulti& table, std::int64_t first,
-                           KeyOf&& keyOf) {
-    const std::vector<RecordPtr>& records = table.m_arrData();
-    index.setRows(first, records.size() - static_cast<std::size_t>(first),
-                  [&](std::int64_t row, std::string& scratch) {
-                    lowerKeyInto(scratch, keyOf(*records[static_cast<std::size_t>(row)]));
-                    return std::string_view(scratch);
-                  });
-  }
-
-  /// Enters into `index`, exactly, every record's value of `field` as
-  /// select(row, field) answers it (kOutOfBounds for a record without one).
-  static void indexField(LookupIndex& index, TableMulti& table, std::string_view field);
 
   /// The folded, Mac Korean text of `tables` in section order as a buffer of
   /// size + 1 bytes (zero-terminated) that the caller owns; null with size 0

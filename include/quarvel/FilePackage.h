@@ -15,7 +15,6 @@
 #include <string_view>
 
 #include "quarvel/FileFramework.h"
-#include "quarvel/LookupIndex.h"
 #include "quarvel/PlistValue.h"
 #include "quarvel/TableMulti.h"
 #include "quarvel/TableSingle.h"
@@ -53,7 +52,9 @@ class FilePackage : public FileFramework {
   TableSingle m_pHeader;
   TableMulti m_pPackage;
   TableMulti m_pSub;
-  LookupIndex m_pDicPackageId2Idx;
+  /// The look-up indexes, built by openWithFileName and the first look-up.
+  struct Indexes;
+  std::unique_ptr<Indexes> indexes_;
   std::unique_ptr<PlistDictionary> m_pDicPackageId;
 };
 

@@ -17,13 +17,13 @@
 
 #include "common/StringUtil.h"
 #include "datafiles/DataFileKind.h"
+#include "datafiles/LookupIndex.h"
 #include "format/DataFileFormat.h"
 #include "format/LineReader.h"
 #include "format/MacKorean.h"
 #include "quarvel/CommonLib.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
-#include "quarvel/LookupIndex.h"
 #include "quarvel/Table.h"
 
 namespace quarvel::datafile {

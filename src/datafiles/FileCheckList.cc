@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "common/Log.h"
+#include "datafiles/LookupIndex.h"
 #include "format/DataFileFormat.h"
 
 namespace quarvel {
@@ -19,7 +20,13 @@ constexpr int kLineSaveNotOpen = 174;
 
 }  // namespace
 
-FileCheckList::FileCheckList() {
+struct FileCheckList::Indexes {
+  LookupIndex m_pDicProperty;
+  LookupIndex m_pDicFileName;
+  LookupIndex m_pDicDbToIdx;
+};
+
+FileCheckList::FileCheckList() : indexes_(std::make_unique<Indexes>()) {
   m_pHeader.setTag(std::string(datafile::kHeaderTag));
   m_pHeader.setFieldWithRecord(datafile::kHeaderFields, datafile::kSeparator);
   m_pCheckList.setTag(std::string(datafile::kCheckListTag));
@@ -73,10 +80,10 @@ bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPat
   static_assert(datafile::kProductIndex == datafile::kCompanyIndex + 1 &&
                 datafile::kVersionIndex == datafile::kCompanyIndex + 2 &&
                 datafile::kOriginalFileIndex == datafile::kCompanyIndex + 3);
-  indexLowered(m_pDicProperty, m_pCheckList, first, [](const Record& record) {
+  indexLowered(indexes_->m_pDicProperty, m_pCheckList, first, [](const Record& record) {
     return record.joined(datafile::kCompanyIndex, datafile::kOriginalFileIndex);
   });
-  indexLowered(m_pDicFileName, m_pCheckList, first,
+  indexLowered(indexes_->m_pDicFileName, m_pCheckList, first,
                [](const Record& record) { return record[datafile::kExeFileIndex]; });
   setM_strFileName(path);
   return true;
@@ -104,16 +111,17 @@ bool FileCheckList::save() {
 }
 
 int FileCheckList::getIdByFileName(std::string_view fileName) const {
-  return static_cast<int>(m_pDicFileName.findLowered(fileName));
+  return static_cast<int>(indexes_->m_pDicFileName.findLowered(fileName));
 }
 
 int FileCheckList::getIdByProperty(std::string_view property) const {
-  return static_cast<int>(m_pDicProperty.findLowered(property));
+  return static_cast<int>(indexes_->m_pDicProperty.findLowered(property));
 }
 
 int FileCheckList::getIndex(std::string_view dbId) {
-  if (m_pDicDbToIdx.empty()) indexField(m_pDicDbToIdx, m_pCheckList, datafile::kFieldDbId);
-  return static_cast<int>(m_pDicDbToIdx.find(dbId));
+  if (indexes_->m_pDicDbToIdx.empty())
+    indexField(indexes_->m_pDicDbToIdx, m_pCheckList, datafile::kFieldDbId);
+  return static_cast<int>(indexes_->m_pDicDbToIdx.find(dbId));
 }
 
 void FileCheckList::initCompanyAndProduct() {

@@ -1,10 +1,15 @@
 #include "quarvel/FileFilter.h"
 
+#include "datafiles/LookupIndex.h"
 #include "format/DataFileFormat.h"
 
 namespace quarvel {
 
-FileFilter::FileFilter() {
+struct FileFilter::Indexes {
+  LookupIndex m_pDicFilter;
+};
+
+FileFilter::FileFilter() : indexes_(std::make_unique<Indexes>()) {
   m_pHeader.setTag(std::string(datafile::kHeaderTag));
   m_pHeader.setFieldWithRecord(datafile::kHeaderFields, datafile::kSeparator);
   m_pSWList.setTag(std::string(datafile::kSwListTag));
@@ -35,7 +40,7 @@ bool FileFilter::openWithFileName(const std::string& fileName, bool isFullPath) 
   }
   const std::int64_t first = loadRecords(m_pSWList, lines, [](const std::string&) {});
   // A loaded record holds exactly the four key values, in key order.
-  indexLowered(m_pDicFilter, m_pSWList, first,
+  indexLowered(indexes_->m_pDicFilter, m_pSWList, first,
                [](const Record& record) { return record.tabbedText(); });
   setM_strFileName(path);
   return true;
@@ -54,7 +59,7 @@ bool FileFilter::saveAsFileName(const std::string& fileName, bool isFullPath) {
 }
 
 int FileFilter::getIdByFilter(std::string_view filter) const {
-  return static_cast<int>(m_pDicFilter.findLowered(filter));
+  return static_cast<int>(indexes_->m_pDicFilter.findLowered(filter));
 }
 
 }  // namespace quarvel

@@ -1,10 +1,16 @@
 #include "quarvel/FileFontList.h"
 
+#include "datafiles/LookupIndex.h"
 #include "format/DataFileFormat.h"
 
 namespace quarvel {
 
-FileFontList::FileFontList() {
+struct FileFontList::Indexes {
+  LookupIndex m_pDicFileName;
+  LookupIndex m_pDicDbToIdx;
+};
+
+FileFontList::FileFontList() : indexes_(std::make_unique<Indexes>()) {
   m_pHeader.setTag(std::string(datafile::kHeaderTag));
   m_pHeader.setFieldWithRecord(datafile::kHeaderFields, datafile::kSeparator);
   m_pFontList.setTag(std::string(datafile::kCheckListTag));
@@ -29,7 +35,7 @@ bool FileFontList::openWithFileName(const std::string& fileName, bool isFullPath
     m_pHeader.insertRecord(lines[i], datafile::kSeparator);
   }
   const std::int64_t first = loadRecords(m_pFontList, lines, [](const std::string&) {});
-  indexLowered(m_pDicFileName, m_pFontList, first,
+  indexLowered(indexes_->m_pDicFileName, m_pFontList, first,
                [](const Record& record) { return record[datafile::kExeFileIndex]; });
   setM_strFileName(path);
   return true;
@@ -48,12 +54,13 @@ bool FileFontList::saveAsFileName(const std::string& fileName, bool isFullPath) 
 }
 
 int FileFontList::getIdByFileName(std::string_view fileName) const {
-  return static_cast<int>(m_pDicFileName.findLowered(fileName));
+  return static_cast<int>(indexes_->m_pDicFileName.findLowered(fileName));
 }
 
 int FileFontList::getIndex(std::string_view dbId) {
-  if (m_pDicDbToIdx.empty()) indexField(m_pDicDbToIdx, m_pFontList, datafile::kFieldDbId);
-  return static_cast<int>(m_pDicDbToIdx.find(dbId));
+  if (indexes_->m_pDicDbToIdx.empty())
+    indexField(indexes_->m_pDicDbToIdx, m_pFontList, datafile::kFieldDbId);
+  return static_cast<int>(indexes_->m_pDicDbToIdx.find(dbId));
 }
 
 }  // namespace quarvel

@@ -144,17 +144,6 @@ FileFramework::ReadResult FileFramework::readSections(const std::string& path,
   return result;
 }
 
-void FileFramework::indexField(LookupIndex& index, TableMulti& table, std::string_view field) {
-  const std::uint64_t fieldIndex = table.getFieldIndex(field);
-  const std::vector<RecordPtr>& records = table.m_arrData();
-  index.setRows(0, records.size(), [&](std::int64_t row, std::string&) {
-    const RecordPtr& record = records[static_cast<std::size_t>(row)];
-    if (fieldIndex == Table::kNotFound || !record || fieldIndex >= record->size())
-      return std::string_view(Table::kOutOfBounds);
-    return (*record)[fieldIndex];
-  });
-}
-
 namespace {
 
 // The character as text for a log line; nothing for a surrogate.

@@ -1,12 +1,18 @@
 #include "quarvel/FilePackage.h"
 
 #include "common/StringUtil.h"
+#include "datafiles/LookupIndex.h"
 #include "format/DataFileFormat.h"
 #include "quarvel/CommonLib.h"
 
 namespace quarvel {
 
-FilePackage::FilePackage() : m_pDicPackageId(std::make_unique<PlistDictionary>()) {
+struct FilePackage::Indexes {
+  LookupIndex m_pDicPackageId2Idx;
+};
+
+FilePackage::FilePackage()
+    : indexes_(std::make_unique<Indexes>()), m_pDicPackageId(std::make_unique<PlistDictionary>()) {
   m_pHeader.setTag(std::string(datafile::kHeaderTag));
   m_pHeader.setFieldWithRecord(datafile::kHeaderFields, datafile::kSeparator);
   m_pPackage.setTag(std::string(datafile::kPackageTag));
@@ -57,9 +63,9 @@ bool FilePackage::saveAsFileName(const std::string& fileName, bool isFullPath) {
 }
 
 int FilePackage::getPackageIndex(std::string_view packageId) {
-  if (m_pDicPackageId2Idx.empty())
-    indexField(m_pDicPackageId2Idx, m_pPackage, datafile::kFieldDbId);
-  return static_cast<int>(m_pDicPackageId2Idx.find(packageId));
+  if (indexes_->m_pDicPackageId2Idx.empty())
+    indexField(indexes_->m_pDicPackageId2Idx, m_pPackage, datafile::kFieldDbId);
+  return static_cast<int>(indexes_->m_pDicPackageId2Idx.find(packageId));
 }
 
 std::string FilePackage::getProductNameByPackageIndex(int packageIndex, int AndSubIndex) {

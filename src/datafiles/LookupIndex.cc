@@ -1,4 +1,4 @@
-#include "quarvel/LookupIndex.h"
+#include "datafiles/LookupIndex.h"
 
 #include <climits>
 #include <cstdint>
@@ -130,6 +130,17 @@ void LookupIndex::setHashed(std::string_view key, std::uint32_t hash, std::int64
 std::int64_t LookupIndex::find(std::string_view key) const {
   if (slots_.empty()) return -1;
   return slots_[slotOf(key, hashOf(key))].value;
+}
+
+void indexField(LookupIndex& index, TableMulti& table, std::string_view field) {
+  const std::uint64_t fieldIndex = table.getFieldIndex(field);
+  const std::vector<RecordPtr>& records = table.m_arrData();
+  index.setRows(0, records.size(), [&](std::int64_t row, std::string&) {
+    const RecordPtr& record = records[static_cast<std::size_t>(row)];
+    if (fieldIndex == Table::kNotFound || !record || fieldIndex >= record->size())
+      return std::string_view(Table::kOutOfBounds);
+    return (*record)[fieldIndex];
+  });
 }
 
 }  // namespace quarvel

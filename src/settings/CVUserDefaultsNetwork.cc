@@ -165,7 +165,8 @@ std::string CVUserDefaults::getIpAddress() {
 }
 
 void CVUserDefaults::refresh() {
-  NetworkIdentityRun run = lastNetworkIdentityRun().value_or(NetworkIdentityRun{});
+  NetworkIdentityRun run =
+      CVUserDefaultsInternals::lastNetworkIdentityRun(*this).value_or(NetworkIdentityRun{});
   NetworkSources sources = withSystemDefaults(configuredSources());
   refreshInterfaces(run, *sources.interfaces);
   std::lock_guard<std::mutex> lock(network_->mutex);
@@ -192,9 +193,10 @@ void CVUserDefaults::setIPAddress(const std::string& text) {
   network_->ipAddress = text;
 }
 
-std::optional<NetworkIdentityRun> CVUserDefaults::lastNetworkIdentityRun() const {
-  std::lock_guard<std::mutex> lock(network_->mutex);
-  return network_->lastRun;
+std::optional<NetworkIdentityRun> CVUserDefaultsInternals::lastNetworkIdentityRun(
+    const CVUserDefaults& defaults) {
+  std::lock_guard<std::mutex> lock(defaults.network_->mutex);
+  return defaults.network_->lastRun;
 }
 
 }  // namespace quarvel

@@ -59,4 +59,14 @@ std::string renderIdentityText(const std::vector<AdapterRecord>& records,
 NetworkIdentityRun buildNetworkIdentity(ServiceSource& services, InterfaceSource& interfaces,
                                         const std::optional<std::string>& outIpAddress);
 
+class CVUserDefaults;
+
+// What the library reads of a settings instance beyond its public face.
+struct CVUserDefaultsInternals {
+  // The working state of the instance's last identity run that finished
+  // (services, interfaces, adapter records, text); absent before the first.
+  // Safe from any thread.
+  static std::optional<NetworkIdentityRun> lastNetworkIdentityRun(const CVUserDefaults& defaults);
+};
+
 }  // namespace quarvel

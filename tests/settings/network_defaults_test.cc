@@ -93,7 +93,7 @@ TEST_F(NetworkDefaultsTest, IPAddressComputesOnceThenAnswersTheKeptText) {
   EXPECT_EQ(defaults->IPAddress(), "set<br>");
   EXPECT_EQ(services_->calls, 1);
 
-  auto run = defaults->lastNetworkIdentityRun();
+  auto run = CVUserDefaultsInternals::lastNetworkIdentityRun(*defaults);
   ASSERT_TRUE(run);
   ASSERT_EQ(run->addressArray.size(), 2u);
   EXPECT_EQ(run->addressArray[1].adapter, "Wi-Fi");
@@ -102,7 +102,7 @@ TEST_F(NetworkDefaultsTest, IPAddressComputesOnceThenAnswersTheKeptText) {
 TEST_F(NetworkDefaultsTest, StartUpJobKeepsTheText) {
   CVUserDefaults* defaults = CVUserDefaults::standardUserDefaults();
   for (auto until = std::chrono::steady_clock::now() + 10s;
-       !defaults->lastNetworkIdentityRun() && std::chrono::steady_clock::now() < until;) {
+       !CVUserDefaultsInternals::lastNetworkIdentityRun(*defaults) && std::chrono::steady_clock::now() < until;) {
     std::this_thread::sleep_for(10ms);
   }
   EXPECT_EQ(

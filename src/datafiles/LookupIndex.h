@@ -15,6 +15,8 @@
 #include <string_view>
 #include <vector>
 
+#include "quarvel/TableMulti.h"
+
 namespace quarvel {
 
 /// Full Unicode lower-casing (the same answer as quarvel::lowercase), with a
@@ -90,5 +92,21 @@ void LookupIndex::setRows(std::int64_t first, std::size_t count, KeyOf&& keyOf) 
     if (i + kAhead < count) prepare(i + kAhead);
   }
 }
+
+/// Enters into `index`, case-blind, the key of every record of `table`
+/// from row `first` on: keyOf(record) answers the key's text.
+template <typename KeyOf>
+void indexLowered(LookupIndex& index, const TableMulti& table, std::int64_t first, KeyOf&& keyOf) {
+  const std::vector<RecordPtr>& records = table.m_arrData();
+  index.setRows(first, records.size() - static_cast<std::size_t>(first),
+                [&](std::int64_t row, std::string& scratch) {
+                  lowerKeyInto(scratch, keyOf(*records[static_cast<std::size_t>(row)]));
+                  return std::string_view(scratch);
+                });
+}
+
+/// Enters into `index`, exactly, every record's value of `field` as
+/// select(row, field) answers it (kOutOfBounds for a record without one).
+void indexField(LookupIndex& index, TableMulti& table, std::string_view field);
 
 }  // namespace quarvel
