@@ -1,8 +1,13 @@
 #include "common/HttpClient.h"
 
 #include <algorithm>
+#include <condition_variable>
+#include <exception>
 #include <mutex>
+#include <thread>
+#include <vector>
 
+#include "common/Log.h"
 #include "common/Platform.h"
 
 namespace quarvel {
@@ -97,6 +102,116 @@ int HttpExchange::onProgress(void* self, curl_off_t, curl_off_t down, curl_off_t
     exchange->touch();
   }
   return exchange->idle() ? 1 : 0;  // 1 ends the exchange
+}
+
+namespace {
+
+// Owns the network thread and its multi handle. It lives in a function-local
+// static, so that its destructor (at exit or when the library is unloaded)
+// stops the thread before anything the callbacks might use goes away.
+class HttpDispatcher {
+ public:
+  struct Transfer {
+    std::shared_ptr<HttpExchange> exchange;
+    std::function<void(int)> finished;
+  };
+
+  static HttpDispatcher& shared() {
+    static HttpDispatcher dispatcher;
+    return dispatcher;
+  }
+
+  void submit(Transfer transfer) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (stopping_) return;
+      incoming_.push_back(std::move(transfer));
+    }
+    curl_multi_wakeup(multi_);
+  }
+
+  ~HttpDispatcher() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+    }
+    curl_multi_wakeup(multi_);
+    thread_.join();
+    for (auto& t : active_) curl_multi_remove_handle(multi_, t.exchange->handle());
+    active_.clear();
+    incoming_.clear();
+    curl_multi_cleanup(multi_);
+  }
+
+  HttpDispatcher(const HttpDispatcher&) = delete;
+  HttpDispatcher& operator=(const HttpDispatcher&) = delete;
+
+ private:
+  HttpDispatcher() : multi_(curl_multi_init()), thread_([this] { run(); }) {}
+
+  void run() {
+    for (;;) {
+      std::vector<Transfer> added;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stopping_) return;
+        added.swap(incoming_);
+      }
+      for (auto& t : added) {
+        curl_multi_add_handle(multi_, t.exchange->handle());
+        active_.push_back(std::move(t));
+      }
+      int running = 0;
+      curl_multi_perform(multi_, &running);
+      int left = 0;
+      while (CURLMsg* msg = curl_multi_info_read(multi_, &left)) {
+        if (msg->msg == CURLMSG_DONE) complete(msg->easy_handle, msg->data.result);
+      }
+      std::vector<CURL*> silent;
+      for (auto& t : active_) {
+        if (t.exchange->idle()) silent.push_back(t.exchange->handle());
+      }
+      for (CURL* easy : silent) complete(easy, CURLE_OPERATION_TIMEDOUT);
+      // Wake at least a few times a second while exchanges run, to notice
+      // silence; otherwise sleep until an exchange or the teardown wakes us.
+      const int waitMs = active_.empty() ? 60'000 : 100;
+      curl_multi_poll(multi_, nullptr, 0, waitMs, nullptr);
+    }
+  }
+
+  void complete(CURL* easy, CURLcode code) {
+    auto it = std::find_if(active_.begin(), active_.end(),
+                           [easy](const Transfer& t) { return t.exchange->handle() == easy; });
+    if (it == active_.end()) return;
+    Transfer transfer = std::move(*it);
+    active_.erase(it);
+    curl_multi_remove_handle(multi_, easy);
+    try {
+      transfer.finished(code);
+    } catch (const std::exception& e) {
+      logf("HTTP completion failed: %s", e.what());
+    } catch (...) {
+      logf("HTTP completion failed");
+    }
+  }
+
+  CURLM* multi_;
+  std::mutex mutex_;
+  bool stopping_ = false;           // guarded by mutex_
+  std::vector<Transfer> incoming_;  // guarded by mutex_
+  std::vector<Transfer> active_;    // network thread only
+  std::thread thread_;              // last: starts once the rest is ready
+};
+
+}  // namespace
+
+void HttpExchange::startInBackground(std::shared_ptr<HttpExchange> exchange,
+                                     std::function<void(int code)> finished) {
+  if (!exchange || !exchange->handle()) {
+    finished(CURLE_FAILED_INIT);
+    return;
+  }
+  HttpDispatcher::shared().submit({std::move(exchange), std::move(finished)});
 }
 
 }  // namespace quarvel

@@ -48,6 +48,16 @@ class HttpExchange {
   CURL* handle() const { return easy_; }
   // Runs the exchange to its end on this thread, through libcurl.
   CURLcode perform();
+  // Hands the exchange to the library's network thread, which drives every
+  // such exchange through one libcurl multi handle and calls `finished`
+  // there, once, with the outcome (CURLE_OPERATION_TIMEDOUT when it went
+  // idle). The thread lives in a static, so at exit or unload it stops
+  // before what the callbacks use goes away: exchanges still in flight are
+  // dropped then, their callbacks never called. An exception thrown by a
+  // callback is logged and swallowed. An exchange without a handle fails at
+  // once, on this thread, with CURLE_FAILED_INIT.
+  static void startInBackground(std::shared_ptr<HttpExchange> exchange,
+                                std::function<void(int code)> finished);
   // Hands a piece of the body over as libcurl would: counted against the
   // cap, then given to the sink. False when the exchange must end there
   // (the cap passed, or the sink refused). For platforms that answer in

@@ -46,6 +46,11 @@ std::chrono::milliseconds Platform::httpIdleTimeout() { return std::chrono::seco
 
 int Platform::performHttp(HttpExchange& exchange) { return exchange.perform(); }
 
+void Platform::startHttp(std::shared_ptr<HttpExchange> exchange,
+                         std::function<void(int code)> finished) {
+  HttpExchange::startInBackground(std::move(exchange), std::move(finished));
+}
+
 namespace {
 
 std::mutex installedMutex;

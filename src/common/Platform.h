@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 
 namespace quarvel {
@@ -55,6 +56,13 @@ class Platform {
   // a test answers in its place, feeding the body through
   // HttpExchange::deliver and answering an error where the fault is.
   virtual int performHttp(HttpExchange& exchange);
+  // Starts an exchange (the settings' requests) and returns at once;
+  // `finished` is called once with its CURLcode, on another thread, unless
+  // the library is torn down first. The system's hands it to the library's
+  // network thread, which drives libcurl and fails an idle exchange; a test
+  // answers in its place as for performHttp, from any thread.
+  virtual void startHttp(std::shared_ptr<HttpExchange> exchange,
+                         std::function<void(int code)> finished);
 
   // The system's platform; never null, lives as long as the process.
   static std::shared_ptr<Platform> system();
@@ -98,6 +106,10 @@ class PlatformWrapper : public Platform {
   std::shared_ptr<RouteSource> routeSource() override { return target_->routeSource(); }
   std::chrono::milliseconds httpIdleTimeout() override { return target_->httpIdleTimeout(); }
   int performHttp(HttpExchange& exchange) override { return target_->performHttp(exchange); }
+  void startHttp(std::shared_ptr<HttpExchange> exchange,
+                 std::function<void(int code)> finished) override {
+    target_->startHttp(std::move(exchange), std::move(finished));
+  }
 
  protected:
   Platform& target() { return *target_; }

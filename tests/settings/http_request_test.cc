@@ -7,7 +7,9 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "common/HttpClient.h"
 #include "quarvel/CVUserDefaults.h"
 #include "settings/HttpRequest.h"
 #include "support/LoopbackHttpServer.h"
@@ -154,6 +156,71 @@ TEST_F(HttpRequestTest, SilentServerFailsAfterTheIdleTimeout) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
   EXPECT_EQ(completion.calls(), 1);
   EXPECT_EQ(completion.text(), "");
+}
+
+// Answers every started exchange from a thread of its own, in libcurl's
+// place: `body` in pieces of `piece` bytes, then `code`.
+class AnsweringNetwork : public PlatformWrapper {
+ public:
+  AnsweringNetwork(std::string body, std::size_t piece, CURLcode code)
+      : body_(std::move(body)), piece_(piece), code_(code) {}
+  // The answering threads hold the exchanges, and those the platform: a test
+  // joins them before letting go of it.
+  void join() {
+    for (std::thread& t : threads_) t.join();
+    threads_.clear();
+  }
+  void startHttp(std::shared_ptr<HttpExchange> exchange,
+                 std::function<void(int)> finished) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    urls.push_back(exchange->url());
+    threads_.emplace_back([this, exchange, finished] {
+      for (std::size_t at = 0; at < body_.size(); at += piece_) {
+        if (!exchange->deliver(std::string_view(body_).substr(at, piece_)))
+          return finished(CURLE_WRITE_ERROR);
+      }
+      finished(code_);
+    });
+  }
+  std::vector<std::string> urls;  // guarded by mutex_
+
+ private:
+  std::string body_;
+  std::size_t piece_;
+  CURLcode code_;
+  std::mutex mutex_;
+  std::vector<std::thread> threads_;
+};
+
+// The transfer's own faults, made in-process: only a whole, valid answer
+// reaches the completion; a cut transfer, a time-out and an answer past the
+// cap delivered piece by piece all read as empty text.
+TEST_F(HttpRequestTest, TransferFaultsInjectedInProcess) {
+  const std::string past(16 * 1024 * 1024 + 1, 'x');
+  const struct {
+    std::string body;
+    std::size_t piece;
+    CURLcode code;
+    std::string expected;
+    const char* why;
+  } cases[] = {
+      {"203.0.113.9\n", 4, CURLE_OK, "203.0.113.9\n", "an answer in pieces"},
+      {"203.0.", 3, CURLE_RECV_ERROR, "", "connection reset mid-body"},
+      {"", 1, CURLE_OPERATION_TIMEDOUT, "", "gone idle"},
+      {past, 1 << 20, CURLE_OK, "", "past the cap"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.why);
+    auto network = std::make_shared<AnsweringNetwork>(c.body, c.piece, c.code);
+    quarvel::testing::ScopedPlatform scope(network);
+    Completion completion;
+    defaults_->sendRequest("http://198.51.100.1/ip", "", nullptr, completion.callback());
+    ASSERT_TRUE(completion.wait());
+    EXPECT_EQ(completion.calls(), 1);
+    EXPECT_EQ(completion.text(), c.expected);
+    network->join();
+    EXPECT_THAT(network->urls, ::testing::ElementsAre("http://198.51.100.1/ip"));
+  }
 }
 
 // A process may end while a request waits for an answer: it exits at once and
