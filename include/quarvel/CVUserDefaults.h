@@ -55,7 +55,13 @@ class CVUserDefaults {
   CVUserDefaults(const CVUserDefaults&) = delete;
   CVUserDefaults& operator=(const CVUserDefaults&) = delete;
 
-  // --- Generic key access (all on defaultsDic) ------------------------------
+  /// --- Generic key access (all on defaultsDic) ---------------------------------
+  /// Getters answer a copy of the stored value; absent when the key is not
+  /// stored or (the typed ones) its value is of another kind. Setters store
+  /// the value and write the domain at once; a failed write is logged and
+  /// shows in lastWriteFailed(). Setting a value of Kind::None removes the
+  /// key; a value nested deeper than the store can read back is not stored,
+  /// and counts as a failed write.
   std::optional<PlistValue> objectForKey(const std::string& key) const;
   void setObject(PlistValue value, const std::string& forKey);
   void removeObjectForKey(const std::string& key);
@@ -183,6 +189,8 @@ class CVUserDefaults {
   std::optional<std::string> userCheckListFilePath() const;
 
   /// --- Network identity ---------------------------------------------------------
+  /// The identity members may be called from any thread; the text is kept
+  /// in state shared with the background jobs.
   /// Starts the external-address lookup and returns at once.
   void getOutIpAddress();
   /// Builds the network identity text (blocks; may wait 2 seconds for the

@@ -3,6 +3,8 @@
 /// Static utilities shared by the library and its host: the data-file cipher
 /// and its line reader, date stamps, file tests, folder creation, the system
 /// version and the special-character folding applied before text is stored.
+///
+/// Every member is static, keeps no state, and may be called from any thread.
 
 #include <cstdint>
 #include <cstdio>

@@ -30,6 +30,7 @@ class NotificationCenter {
   /// Identifies one added observer; never 0.
   using Token = std::uint64_t;
 
+  /// The process's centre: made on first use, lives until the process ends.
   static NotificationCenter& defaultCenter();
 
   NotificationCenter() = default;
@@ -41,6 +42,9 @@ class NotificationCenter {
   Token add(std::string name, void* object, Observer observer);
   /// Forgets the observer; an unknown token is ignored.
   void remove(Token token);
+  /// Calls, on this thread, every observer whose name and object match. An
+  /// exception thrown by an observer reaches the caller of post and skips
+  /// the observers after it.
   void post(const std::string& name, void* object);
 
  private:

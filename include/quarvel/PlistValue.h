@@ -12,6 +12,11 @@
 /// (property lists hold both). Such a large unsigned integer is still of kind
 /// Integer: its integerValue is the same 64 bits read as signed, its
 /// doubleValue the unsigned number.
+///
+/// A value is immutable but for assignment: copies share their nested arrays
+/// and dictionaries, which nothing changes afterwards, so any number of
+/// threads may read values (and copies of one value) at once. The factories
+/// never fail.
 
 #include <cstdint>
 #include <map>
@@ -69,7 +74,8 @@ class PlistValue {
   /// The integer's 64 bits as unsigned (0 for other kinds).
   std::uint64_t unsignedIntegerValue() const;
 
-  /// The held value when it is of that kind, else null.
+  /// The held value when it is of that kind, else null. The pointer belongs
+  /// to this value and lives as long as it does, unassigned.
   const std::string* asString() const;
   const PlistData* asData() const;
   const Date* asDate() const;

@@ -12,6 +12,9 @@
 ///
 /// Values are read as string_views into the block; they stay valid until the
 /// record is changed or destroyed.
+///
+/// Not thread-safe to change: readers on several threads are fine while no
+/// thread changes the record.
 
 #include <cstddef>
 #include <cstdint>

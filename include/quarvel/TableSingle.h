@@ -1,6 +1,9 @@
 #pragma once
 /// @file
 /// A table of exactly one record: a data file's "#HEADER" section.
+///
+/// Not thread-safe: use a table from one thread at a time. The record is
+/// shared with whoever holds the pointer getAt answered.
 
 #include "quarvel/Table.h"
 
