@@ -102,7 +102,8 @@ TEST_F(NetworkDefaultsTest, IPAddressComputesOnceThenAnswersTheKeptText) {
 TEST_F(NetworkDefaultsTest, StartUpJobKeepsTheText) {
   CVUserDefaults* defaults = CVUserDefaults::standardUserDefaults();
   for (auto until = std::chrono::steady_clock::now() + 10s;
-       !CVUserDefaultsInternals::lastNetworkIdentityRun(*defaults) && std::chrono::steady_clock::now() < until;) {
+       !CVUserDefaultsInternals::lastNetworkIdentityRun(*defaults) &&
+       std::chrono::steady_clock::now() < until;) {
     std::this_thread::sleep_for(10ms);
   }
   EXPECT_EQ(
