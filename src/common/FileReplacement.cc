@@ -165,9 +165,9 @@ struct FileReplacement::State {
 
   bool fail(const char* what, int error) {
     if (error != 0)
-      logf("%s not written: %s (%s)", path.c_str(), what, std::strerror(error));
+      logWarningf("%s not written: %s (%s)", path.c_str(), what, std::strerror(error));
     else
-      logf("%s not written: %s", path.c_str(), what);
+      logWarningf("%s not written: %s", path.c_str(), what);
     close();
     return false;
   }

@@ -21,6 +21,7 @@ LogCapture*& currentCapture() {
 }
 
 std::atomic<bool> debugEnabled{false};
+std::atomic<LogEcho> echoLevel{LogEcho::kAll};
 std::atomic<int> activeCaptures{0};
 
 }  // namespace
@@ -37,6 +38,9 @@ void LogSink::write(int priority, std::string_view line) {
     capture->lines_.emplace_back(line);
     return;
   }
+  const LogEcho echoing = echoLevel.load(std::memory_order_relaxed);
+  if (echoing == LogEcho::kNone || (echoing == LogEcho::kWarnings && priority > LOG_WARNING))
+    return;
   std::string echo(line);
   if (echo.empty() || echo.back() != '\n') echo.push_back('\n');
   std::fwrite(echo.data(), 1, echo.size(), stderr);
@@ -82,6 +86,15 @@ void logDebugf(const char* format, ...) {
   vwrite(LOG_DEBUG, format, args);
   va_end(args);
 }
+
+void logWarningf(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vwrite(LOG_WARNING, format, args);
+  va_end(args);
+}
+
+void setLogEcho(LogEcho echo) { echoLevel = echo; }
 
 void setDebugLogging(bool enabled) { debugEnabled = enabled; }
 bool debugLoggingEnabled() { return debugEnabled; }

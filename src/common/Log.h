@@ -1,9 +1,10 @@
 #pragma once
 // The library's one way of writing a log line.
 //
-// Lines go to the system log (syslog, facility user, level notice) and are
-// echoed to standard error, as the original platform's log does. Tests can
-// capture them with LogCapture. Safe to call from any thread.
+// Lines go to the system log (syslog, facility user) and, by default, are
+// echoed to standard error, as the original platform's log does; a program
+// may narrow the echo (setLogEcho). Tests can capture them with LogCapture.
+// Safe to call from any thread.
 
 #include <string>
 #include <string_view>
@@ -17,6 +18,15 @@ void logf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Writes one already formatted line.
 void logLine(std::string_view line);
+
+// A line the user has to act on (a settings file put aside, a write that
+// failed), at warning priority: echoed unless the echo is off.
+void logWarningf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// Which lines reach standard error besides the system log: every line (the
+// default), warnings only, or none. The system log receives all of them.
+enum class LogEcho { kAll, kWarnings, kNone };
+void setLogEcho(LogEcho echo);
 
 // Trace lines (every line of a file being read, a whole deciphered text) go
 // at debug priority. They are formatted and written only while debug

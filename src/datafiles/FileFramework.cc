@@ -187,8 +187,8 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
       if (const RecordPtr record = table->select(static_cast<int>(i))) {
         const std::string_view values = record->tabbedText();
         if (datafile::holdsLineBreak(values)) {
-          logf("%s // SAVE REFUSED: a CR or LF inside a value (section %s, record %lld)", owner,
-               table->getTag().c_str(), static_cast<long long>(i));
+          logWarningf("%s // SAVE REFUSED: a CR or LF inside a value (section %s, record %lld)",
+                      owner, table->getTag().c_str(), static_cast<long long>(i));
           return nullptr;
         }
         text += values;
@@ -221,9 +221,9 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
     const char* tag = nullptr;
     long long record = 0;
     locate(at, tag, record);
-    logf("%s // SAVE REFUSED: U+%04X \"%s\" has no Mac Korean form (section %s, record %lld)",
-         owner, static_cast<unsigned>(error.character), utf8Of(error.character).c_str(), tag,
-         record);
+    logWarningf(
+        "%s // SAVE REFUSED: U+%04X \"%s\" has no Mac Korean form (section %s, record %lld)", owner,
+        static_cast<unsigned>(error.character), utf8Of(error.character).c_str(), tag, record);
     return nullptr;
   }
   // No value holds a CR or LF, and neither folding nor Mac Korean makes one
@@ -242,8 +242,9 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
       const char* tag = nullptr;
       long long record = 0;
       locate(at, tag, record);
-      logf("%s // SAVE REFUSED: a line of %zu bytes, longer than %zu (section %s, record %lld)",
-           owner, bytes, datafile::kMaxLineBytes, tag, record);
+      logWarningf(
+          "%s // SAVE REFUSED: a line of %zu bytes, longer than %zu (section %s, record %lld)",
+          owner, bytes, datafile::kMaxLineBytes, tag, record);
       return nullptr;
     }
     from = lf + 1;

@@ -86,11 +86,12 @@ void moveAside(const std::string& path) {
   for (int n = 2; ::lstat(candidate.c_str(), &info) == 0 && n < 1000; ++n)
     candidate = target + "-" + std::to_string(n);
   if (std::rename(path.c_str(), candidate.c_str()) == 0) {
-    logf("Settings domain %s could not be read; kept it as %s and started empty", path.c_str(),
-         candidate.c_str());
+    logWarningf("Settings domain %s could not be read; kept it as %s and started empty",
+                path.c_str(), candidate.c_str());
   } else {
-    logf("Settings domain %s could not be read and could not be moved aside (%s); started empty",
-         path.c_str(), std::strerror(errno));
+    logWarningf(
+        "Settings domain %s could not be read and could not be moved aside (%s); started empty",
+        path.c_str(), std::strerror(errno));
   }
 }
 
@@ -335,14 +336,14 @@ bool CVUserDefaults::setPersistentDomain(const PlistDictionary& domain,
                                          const std::string& forName) {
   auto path = persistentDomainPath(forName);
   if (!path) {
-    logf("Settings domain %s not written: no configuration folder", forName.c_str());
+    logWarningf("Settings domain %s not written: no configuration folder", forName.c_str());
     return false;
   }
   std::optional<std::string> bytes = writePropertyList(PlistValue::dictionary(domain));
   if (!bytes) {
     // The next start would refuse such a file and set every setting aside.
-    logf("Settings domain %s not written: a value is nested deeper than %d levels", path->c_str(),
-         kMaxPropertyListDepth);
+    logWarningf("Settings domain %s not written: a value is nested deeper than %d levels",
+                path->c_str(), kMaxPropertyListDepth);
     return false;
   }
   return replaceFileAtomically(*path, *bytes);

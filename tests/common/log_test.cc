@@ -44,4 +44,26 @@ TEST(Log, DebugLinesReachCapturesEvenWhenDebugLoggingIsOff) {
   EXPECT_EQ(capture.lines(), std::vector<std::string>{"#HEADER_START\n"});
 }
 
+TEST(LogEcho, StandardErrorGetsWhatTheEchoLevelLetsThrough) {
+  const struct {
+    LogEcho echo;
+    bool notice;
+    bool warning;
+  } cases[] = {
+      {LogEcho::kAll, true, true},
+      {LogEcho::kWarnings, false, true},
+      {LogEcho::kNone, false, false},
+  };
+  for (const auto& c : cases) {
+    setLogEcho(c.echo);
+    ::testing::internal::CaptureStderr();
+    logf("a notice %d", 1);
+    logWarningf("a warning %d", 2);
+    const std::string echoed = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(echoed.find("a notice 1\n") != std::string::npos, c.notice) << echoed;
+    EXPECT_EQ(echoed.find("a warning 2\n") != std::string::npos, c.warning) << echoed;
+  }
+  setLogEcho(LogEcho::kAll);
+}
+
 }  // namespace quarvel
