@@ -30,16 +30,18 @@ std::string codePoint(char32_t c) {
 
 }  // namespace
 
-int runDecrypt(const std::string& path, std::ostream& out, std::ostream& err) {
+int runDecrypt(const std::string& path, std::ostream& out, std::ostream& err,
+               const std::string& label) {
+  const std::string& name = label.empty() ? path : label;
   // Refused before reading, as `check` and the data-file classes refuse it.
   if (const datafile::ReadRefusal refusal = datafile::readRefusal(path);
       refusal != datafile::ReadRefusal::kNone && refusal != datafile::ReadRefusal::kEmpty) {
-    err << "quarvel: " << path << ": " << datafile::describe(refusal) << '\n';
+    err << "quarvel: " << name << ": " << datafile::describe(refusal) << '\n';
     return 1;
   }
   std::vector<std::string> lines;
   if (!CommonLib::Decrypt(lines, path)) {
-    err << "quarvel: " << path << ": empty or unreadable data file\n";
+    err << "quarvel: " << name << ": empty or unreadable data file\n";
     return 1;
   }
   for (const std::string& line : lines) out << line << '\n';

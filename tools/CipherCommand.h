@@ -11,7 +11,9 @@ namespace quarvel::cli {
 // Prints the lines the data-file reader keeps from the enciphered file at
 // `path`, as UTF-8, one per line. Answers the exit status: 0, or 1 (with a
 // message on `err`) when the file is missing, empty or unreadable.
-int runDecrypt(const std::string& path, std::ostream& out, std::ostream& err);
+// `label` names the file in messages (default: `path`; "-" for standard input).
+int runDecrypt(const std::string& path, std::ostream& out, std::ostream& err,
+               const std::string& label = {});
 
 // Where a text cannot become a data file, 1-based; column counts characters.
 struct TextProblem {

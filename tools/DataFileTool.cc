@@ -69,23 +69,25 @@ std::string versionOf(FileFramework& file) {
 
 // Opens a file with its kind's class; null with a message when it fails.
 std::unique_ptr<FileFramework> openForTool(const std::string& path,
-                                           std::optional<DataFileKind>& kind, std::ostream& err) {
+                                           std::optional<DataFileKind>& kind, std::ostream& err,
+                                           const std::string& label) {
+  const std::string& name = label.empty() ? path : label;
   if (const datafile::ReadRefusal refusal = datafile::readRefusal(path);
       refusal != datafile::ReadRefusal::kNone) {
-    err << path << ": " << datafile::describe(refusal) << '\n';
+    err << name << ": " << datafile::describe(refusal) << '\n';
     return nullptr;
   }
   if (!kind) {
     std::vector<std::string> lines;
     if (!CommonLib::Decrypt(lines, path)) {
-      err << path << ": cannot be read as a data file\n";
+      err << name << ": cannot be read as a data file\n";
       return nullptr;
     }
     kind = detectDataFileKind(lines, path);
   }
   std::unique_ptr<FileFramework> file = makeDataFile(*kind);
   if (!file->openWithFileName(path, true)) {
-    err << path << ": does not open as a " << dataFileKindName(*kind)
+    err << name << ": does not open as a " << dataFileKindName(*kind)
         << " file (missing, unreadable or damaged; `quarvel check` tells more)\n";
     return nullptr;
   }
@@ -137,8 +139,9 @@ std::string unescapeTabs(std::string text) {
 }  // namespace
 
 int showDataFile(const std::string& path, std::optional<DataFileKind> kind, OutputFormat format,
-                 std::ostream& out, std::ostream& err) {
-  std::unique_ptr<FileFramework> file = openForTool(path, kind, err);
+                 std::ostream& out, std::ostream& err, const std::string& label) {
+  const std::string& name = label.empty() ? path : label;
+  std::unique_ptr<FileFramework> file = openForTool(path, kind, err, name);
   if (!file) return 1;
   const std::vector<std::string> tags = sectionTags(*kind);
   if (format == OutputFormat::Json) {
@@ -155,7 +158,7 @@ int showDataFile(const std::string& path, std::optional<DataFileKind> kind, Outp
       sections[tags[s]] = std::move(records);
     }
     doc["sections"] = std::move(sections);
-    out << doc.dump(2) << '\n';
+    out << doc.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
     return 0;
   }
   if (format == OutputFormat::Tsv) {
@@ -169,7 +172,7 @@ int showDataFile(const std::string& path, std::optional<DataFileKind> kind, Outp
     }
     return 0;
   }
-  out << path << ": " << dataFileKindName(*kind) << " file, version " << versionOf(*file) << '\n';
+  out << name << ": " << dataFileKindName(*kind) << " file, version " << versionOf(*file) << '\n';
   for (std::size_t s = 1; s < tags.size(); ++s) {
     Table* table = file->getTableByTag(tags[s]);
     const std::vector<RecordPtr> records = recordsOf(table);
@@ -182,8 +185,9 @@ int showDataFile(const std::string& path, std::optional<DataFileKind> kind, Outp
 }
 
 int lookupDataFile(const std::string& path, std::optional<DataFileKind> kind,
-                   const LookupQuery& query, bool json, std::ostream& out, std::ostream& err) {
-  std::unique_ptr<FileFramework> file = openForTool(path, kind, err);
+                   const LookupQuery& query, bool json, std::ostream& out, std::ostream& err,
+                   const std::string& label) {
+  std::unique_ptr<FileFramework> file = openForTool(path, kind, err, label.empty() ? path : label);
   if (!file) return 2;
   std::string tag;
   int index = -1;
@@ -241,6 +245,8 @@ int lookupDataFile(const std::string& path, std::optional<DataFileKind> kind,
     }
   }
   if (index < 0) {
+    // JSON readers get a document either way: null for no record.
+    if (json) out << "null\n";
     err << "not found\n";
     return 1;
   }
@@ -258,7 +264,7 @@ int lookupDataFile(const std::string& path, std::optional<DataFileKind> kind,
       if (*query.sub >= 0 && static_cast<std::uint64_t>(*query.sub) < sub->getDataCount())
         doc["sub"] = recordJson(*sub->getFields(), *sub->select(*query.sub));
     }
-    out << doc.dump(2) << '\n';
+    out << doc.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
     return 0;
   }
   out << tag << " record " << index << '\n';

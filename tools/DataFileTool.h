@@ -32,8 +32,9 @@ enum class OutputFormat { Table, Json, Tsv };
 
 // Opens `path` with the class of `kind` (detected when absent) and prints
 // its version and records. 0, or 1 when the file does not open.
+// `label` names the file in messages (default: `path`; "-" for standard input).
 int showDataFile(const std::string& path, std::optional<DataFileKind> kind, OutputFormat format,
-                 std::ostream& out, std::ostream& err);
+                 std::ostream& out, std::ostream& err, const std::string& label = {});
 
 struct LookupQuery {
   std::optional<std::string> exe = {};       // check list, font list
@@ -47,7 +48,8 @@ struct LookupQuery {
 // or filter key stands for a tab. 0 when found, 1 when not, 2 when the
 // query does not fit the kind or the file does not open.
 int lookupDataFile(const std::string& path, std::optional<DataFileKind> kind,
-                   const LookupQuery& query, bool json, std::ostream& out, std::ostream& err);
+                   const LookupQuery& query, bool json, std::ostream& out, std::ostream& err,
+                   const std::string& label = {});
 
 // Terminal width of UTF-8 text: East Asian wide characters count 2.
 std::size_t displayWidth(std::string_view text);

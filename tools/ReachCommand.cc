@@ -25,12 +25,13 @@ std::unique_ptr<Reachability> makeReachMonitor(const ReachOptions& options) {
   return Reachability::reachabilityWithHostName(options.target);
 }
 
-std::string describeReach(Reachability& monitor, bool localWiFi) {
+std::string describeReach(Reachability& monitor, bool localWiFi, std::int64_t* answer) {
   auto flags = monitor.currentFlags();
   std::int64_t status = ReachabilityNone;
   if (flags)
     status =
         localWiFi ? monitor.localWiFiStatusForFlags(*flags) : monitor.networkStatusForFlags(*flags);
+  if (answer) *answer = status;
   const char* meaning = status == ReachabilityViaCellular       ? "reachable via cellular"
                         : status == ReachabilityViaLocalNetwork ? "reachable via local network"
                                                                 : "not reachable";
@@ -42,10 +43,14 @@ int runReach(const ReachOptions& options, std::ostream& out, std::ostream& err) 
   auto monitor = makeReachMonitor(options);
   if (!monitor) {
     err << "reach: not a usable host name: \"" << options.target << "\"\n";
-    return 2;
+    return kReachExitUnusable;
   }
-  out << describeReach(*monitor, options.localWiFi) << std::endl;
-  if (!options.watch) return 0;
+  std::int64_t status = ReachabilityNone;
+  out << describeReach(*monitor, options.localWiFi, &status) << std::endl;
+  auto exitFor = [&status] {
+    return status == ReachabilityNone ? kReachExitUnreachable : kReachExitReachable;
+  };
+  if (!options.watch) return exitFor();
 
   GMainContext* context = g_main_context_new();
   g_main_context_push_thread_default(context);
@@ -61,15 +66,16 @@ int runReach(const ReachOptions& options, std::ostream& out, std::ostream& err) 
   g_source_attach(interrupt, context);
 
   auto token = NotificationCenter::defaultCenter().add(
-      kReachabilityChangedNotification, monitor.get(),
-      [&](const Notification&) { out << describeReach(*monitor, options.localWiFi) << std::endl; });
-  int status = 0;
+      kReachabilityChangedNotification, monitor.get(), [&](const Notification&) {
+        out << describeReach(*monitor, options.localWiFi, &status) << std::endl;
+      });
+  int exitStatus = kReachExitNoWatch;
   if (monitor->startNotifier()) {
     g_main_loop_run(loop);
     monitor->stopNotifier();
+    exitStatus = exitFor();
   } else {
     err << "reach: cannot watch for changes\n";
-    status = 1;
   }
   NotificationCenter::defaultCenter().remove(token);
   g_source_destroy(interrupt);
@@ -77,7 +83,7 @@ int runReach(const ReachOptions& options, std::ostream& out, std::ostream& err) 
   g_main_loop_unref(loop);
   g_main_context_pop_thread_default(context);
   g_main_context_unref(context);
-  return status;
+  return exitStatus;
 }
 
 }  // namespace quarvel::cli

@@ -2,6 +2,7 @@
 // The work behind `quarvel reach`: make the monitor the arguments name,
 // describe its flags and status, and optionally watch for changes.
 
+#include <cstdint>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -21,12 +22,21 @@ std::unique_ptr<Reachability> makeReachMonitor(const ReachOptions& options);
 
 // "<flag letters>  <status> (<meaning>)", e.g. "-R -----ld  1 (reachable
 // via local network)", or "unreadable  0 (not reachable)" when the flags
-// cannot be read. `localWiFi` selects the local rule.
-std::string describeReach(Reachability& monitor, bool localWiFi);
+// cannot be read. `localWiFi` selects the local rule. `status`, when given,
+// receives the status described.
+std::string describeReach(Reachability& monitor, bool localWiFi, std::int64_t* status = nullptr);
+
+// Exit statuses of `quarvel reach`.
+enum ReachExit : int {
+  kReachExitReachable = 0,
+  kReachExitUnreachable = 1,  // status 0, the flags unreadable included
+  kReachExitUnusable = 2,     // not a usable target: a usage error
+  kReachExitNoWatch = 3,      // --watch could not watch for changes
+};
 
 // Prints the description once and, with options.watch, once more after each
-// change notification until SIGINT. Answers the exit status: 0, or 2 when
-// the target is unusable.
+// change notification until SIGINT. Answers the exit status for the last
+// status printed, as ReachExit.
 int runReach(const ReachOptions& options, std::ostream& out, std::ostream& err);
 
 }  // namespace quarvel::cli

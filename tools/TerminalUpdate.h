@@ -17,11 +17,16 @@ namespace quarvel::cli {
 enum TerminalUpdateExit : int {
   kUpdateExitDone = 0,
   kUpdateExitFailed = 1,
-  kUpdateExitCancelled = 2,
   kUpdateExitNoNetwork = 3,
   // --gui with no display the window could open on; nothing was run.
   kUpdateExitNoDisplay = 4,
+  // Ctrl-C, or the window closed during the run: what a shell reports for
+  // a command ended by SIGINT.
+  kUpdateExitCancelled = 130,
 };
+
+// The update window's own program, run by `quarvel update --gui`.
+inline constexpr const char* kUpdateWindowProgram = "quarvel-update-window";
 
 struct TerminalUpdateRequest {
   // Fetch from the in-house web server named in the settings.

@@ -1,7 +1,9 @@
 #include <iostream>
 
 #include "Commands.h"
+#include "StandardStreams.h"
 #include "audit/AuditCommand.h"
+#include "format/DataFileFormat.h"
 
 namespace quarvel::cli {
 
@@ -28,12 +30,23 @@ void addAuditCommand(CLI::App& app) {
   jsonFlag->excludes(csvFlag);
   cmd->add_option("--html", options->htmlFile, "Also write the report as an HTML page to FILE");
   cmd->add_flag("--no-progress", *noProgress, "No progress line on standard error");
+  cmd->footer(
+      "Exit status: 0 done, 1 a list could not be opened or the HTML page could not be "
+      "written, 2 usage error. A list option may be - for standard input.");
   cmd->callback([options, json, csv, noFonts, noProgress] {
     options->format = *json  ? audit::ReportFormat::Json
                       : *csv ? audit::ReportFormat::Csv
                              : audit::ReportFormat::Table;
     options->fonts = !*noFonts;
-    options->progress = !*noProgress;
+    const bool quiet = verbosity() == Verbosity::kQuiet;
+    options->progress = !*noProgress && !quiet;
+    options->summary = !quiet;
+    for (std::optional<std::string>* list :
+         {&options->checkList, &options->userCheckList, &options->filterList, &options->fontList}) {
+      if (!*list) continue;
+      *list = inputPath(**list, datafile::kMaxFileBytes, std::cerr);
+      if (!*list) throw CLI::RuntimeError(1);
+    }
     int status = audit::runAudit(*options, std::cout, std::cerr);
     std::cout.flush();
     if (status != 0) throw CLI::RuntimeError(status);

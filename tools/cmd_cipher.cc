@@ -4,6 +4,8 @@
 #include "CipherCommand.h"
 #include "Commands.h"
 #include "DataFileTool.h"
+#include "StandardStreams.h"
+#include "format/DataFileFormat.h"
 
 namespace quarvel::cli {
 namespace {
@@ -14,7 +16,9 @@ void addDecryptCommand(CLI::App& app) {
       app.add_subcommand("decrypt", "Print the lines of an enciphered data file as UTF-8");
   decrypt->add_option("FILE", *path, "The enciphered data file")->required();
   decrypt->callback([path] {
-    if (int status = runDecrypt(*path, std::cout, std::cerr); status != 0)
+    const std::optional<std::string> input = inputPath(*path, datafile::kMaxFileBytes, std::cerr);
+    if (!input) throw CLI::RuntimeError(1);
+    if (int status = runDecrypt(*input, std::cout, std::cerr, *path); status != 0)
       throw CLI::RuntimeError(status);
   });
 }
@@ -40,7 +44,12 @@ void addEncryptCommand(CLI::App& app) {
       status = buildDataFileFromTsv(*parseDataFileKind(*kind), {options->textPath},
                                     options->outPath, std::cerr);
     } else {
-      status = runEncrypt(*options, std::cerr);
+      const std::optional<std::string> input =
+          inputPath(options->textPath, datafile::kMaxFileBytes, std::cerr);
+      if (!input) throw CLI::RuntimeError(1);
+      EncryptOptions fromInput = *options;
+      fromInput.textPath = *input;
+      status = runEncrypt(fromInput, std::cerr);
     }
     if (status != 0) throw CLI::RuntimeError(status);
   });

@@ -4,6 +4,8 @@
 
 #include "Commands.h"
 #include "DataFileTool.h"
+#include "StandardStreams.h"
+#include "format/DataFileFormat.h"
 
 namespace quarvel::cli {
 
@@ -37,11 +39,20 @@ void addKindOption(CLI::App* command, std::optional<DataFileKind>& kind) {
   command
       ->add_option("--kind", kind,
                    "checklist, package, filter or font (default: from the sections)")
-      ->transform(CLI::CheckedTransformer(kKinds, CLI::ignore_case));
+      ->transform(CLI::CheckedTransformer(kKinds, CLI::ignore_case))
+      ->option_text("checklist|package|filter|font");
 }
 
 void fail(int status) {
   if (status != 0) throw CLI::RuntimeError(status);
+}
+
+// FILE as given, or a copy of standard input for "-"; an unreadable
+// standard input fails as an unreadable file does (`failure`).
+std::string readable(const std::string& file, int failure) {
+  std::optional<std::string> path = inputPath(file, datafile::kMaxFileBytes, std::cerr);
+  if (!path) fail(failure);
+  return *path;
 }
 
 }  // namespace
@@ -57,7 +68,8 @@ void addDataFileCommands(CLI::App& app) {
     const OutputFormat format = show->json  ? OutputFormat::Json
                                 : show->tsv ? OutputFormat::Tsv
                                             : OutputFormat::Table;
-    fail(showDataFile(show->file, show->kind, format, std::cout, std::cerr));
+    fail(showDataFile(readable(show->file, 1), show->kind, format, std::cout, std::cerr,
+                      show->file));
   });
 
   auto lookup = std::make_shared<LookupOptions>();
@@ -74,7 +86,10 @@ void addDataFileCommands(CLI::App& app) {
   auto* package = lookupCommand->add_option("--package", lookup->query.package, "package DB_ID");
   lookupCommand->add_option("--sub", lookup->query.sub, "a #SUB record index, for the display name")
       ->needs(package);
-  lookupCommand->add_flag("--json", lookup->json, "as JSON");
+  lookupCommand->add_flag("--json", lookup->json, "as JSON (null when no record matches)");
+  lookupCommand->footer(
+      "Exit status: 0 a record matches, 1 none does, 2 usage error or a file that cannot be "
+      "read. FILE may be - for standard input.");
   std::vector<CLI::Option*> keys = {exe, property, id, filter, package};
   for (CLI::Option* key : keys)
     for (CLI::Option* other : keys)
@@ -85,17 +100,21 @@ void addDataFileCommands(CLI::App& app) {
     if (!any)
       throw CLI::ValidationError("lookup",
                                  "give one of --exe, --property, --id, --filter, --package");
-    fail(lookupDataFile(lookup->file, lookup->kind, lookup->query, lookup->json, std::cout,
-                        std::cerr));
+    fail(lookupDataFile(readable(lookup->file, 2), lookup->kind, lookup->query, lookup->json,
+                        std::cout, std::cerr, lookup->file));
   });
 
   auto check = std::make_shared<CheckOptions>();
   CLI::App* checkCommand = app.add_subcommand(
       "check", "Validate a data file: refused lines, repeated keys, characters lost on save");
   checkCommand->add_option("FILE", check->file, "the data file")->required();
+  checkCommand->footer(
+      "Exit status: 0 no errors (warnings allowed), 1 errors found or a file that cannot be "
+      "read, 2 usage error. FILE may be - for standard input.");
   addKindOption(checkCommand, check->kind);
-  checkCommand->callback(
-      [check] { fail(checkDataFile(check->file, check->kind, std::cout, std::cerr)); });
+  checkCommand->callback([check] {
+    fail(checkDataFile(readable(check->file, 1), check->kind, std::cout, std::cerr, check->file));
+  });
 }
 
 }  // namespace quarvel::cli

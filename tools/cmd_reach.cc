@@ -14,6 +14,9 @@ void addReachCommand(CLI::App& app) {
   reach->add_flag("--local-wifi", options->localWiFi,
                   "The link-local network (169.254.0.0) instead of a target");
   reach->add_flag("--watch", options->watch, "Print each change until interrupted");
+  reach->footer(
+      "Exit status: 0 reachable, 1 not reachable (with --watch: at the last change), 2 usage "
+      "error or unusable target, 3 cannot watch for changes.");
   reach->callback([options] {
     if (options->localWiFi && !options->target.empty())
       throw CLI::ValidationError("reach", "--local-wifi takes no target");

@@ -6,20 +6,19 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "Commands.h"
+#include "StandardStreams.h"
 #include "TerminalUpdate.h"
 #include "server/ListServer.h"
-
-#ifdef QUARVEL_HAVE_GUI
-#include <QApplication>
-
-#include "quarvel/CVUserDefaults.h"
-#include "quarvel/UpdateWindowController.h"
-#endif
 
 namespace quarvel::cli {
 namespace {
@@ -31,34 +30,52 @@ static_assert(std::atomic<bool>::is_always_lock_free);
 
 extern "C" void onInterrupt(int) { interruptRequested.store(true); }
 
+// The update window is a program of its own, so that no other command loads
+// Qt: beside this one in a build tree, in the libexec folder once installed.
+std::optional<std::string> updateWindowProgram() {
+  char self[4096];
+  const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
+  if (length <= 0) return std::nullopt;
+  std::string folder(self, static_cast<std::size_t>(length));
+  folder.erase(folder.rfind('/'));
+  for (const std::string& candidate :
+       {folder + "/" + kUpdateWindowProgram,
+        folder + "/" + QUARVEL_LIBEXEC_FROM_BIN + "/" + kUpdateWindowProgram}) {
+    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
+  }
+  return std::nullopt;
+}
+
 int runWindowUpdate(const TerminalUpdateRequest& request) {
-#ifdef QUARVEL_HAVE_GUI
   // Qt aborts the process when its platform cannot start; say why instead.
   if (auto problem = windowDisplayProblem([](const char* name) { return std::getenv(name); })) {
     std::cerr << "quarvel update --gui: " << *problem << "\n";
     return kUpdateExitNoDisplay;
   }
-  static int argc = 1;
-  static char name[] = "quarvel";
-  static char* argv[] = {name, nullptr};
-  QApplication app(argc, argv);
-  UpdateOptions options = request.options;
-  if (request.server) options.listServer = "http://" + *request.server;
-  UpdateWindowController window(false, options);
-  if (request.web) window.isWebQuarvelCheck();
-  return exitStatusForOutcome(window.showWindow());
-#else
-  (void)request;
-  std::cerr << "quarvel was built without the update window (QUARVEL_BUILD_GUI=OFF)\n";
+  const std::optional<std::string> program = updateWindowProgram();
+  if (!program) {
+    std::cerr << "quarvel update --gui: the update window (" << kUpdateWindowProgram
+              << ") is not installed; it is built with QUARVEL_BUILD_GUI=ON\n";
+    return kUpdateExitFailed;
+  }
+  std::vector<std::string> arguments = {*program};
+  if (request.web) arguments.emplace_back("--web");
+  if (request.server) arguments.insert(arguments.end(), {"--server", *request.server});
+  std::vector<char*> argv;
+  for (std::string& argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  std::cout.flush();
+  ::execv(program->c_str(), argv.data());
+  std::cerr << "quarvel update --gui: cannot start " << *program << ": " << std::strerror(errno)
+            << "\n";
   return kUpdateExitFailed;
-#endif
 }
 
 void addUpdate(CLI::App& app) {
-  auto* cmd = app.add_subcommand(
-      "update",
-      "Download the five data files into the work folder (exit 0 done, 1 failed, "
-      "2 cancelled, 3 no network, 4 no display for --gui)");
+  auto* cmd = app.add_subcommand("update", "Download the five data files into the work folder");
+  cmd->footer(
+      "Exit status: 0 done, 1 failed, 2 usage error, 3 no network, 4 no display for --gui, "
+      "130 cancelled (Ctrl-C, or the window closed).");
   struct Args {
     bool web = false;
     bool gui = false;
@@ -82,7 +99,8 @@ void addUpdate(CLI::App& app) {
       sigaction(SIGINT, &action, nullptr);
       request.interrupted = [] { return interruptRequested.load(); };
       request.redraw = ::isatty(STDOUT_FILENO) != 0;
-      status = runTerminalUpdate(request, std::cout);
+      // Progress and the outcome text are notes: -q leaves the exit status.
+      status = runTerminalUpdate(request, verbosity() == Verbosity::kQuiet ? info() : std::cout);
     }
     if (status != 0) throw CLI::RuntimeError(status);
   });

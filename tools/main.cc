@@ -4,6 +4,7 @@
 
 #include <clocale>
 #include <csignal>
+#include <iostream>
 
 #include "Commands.h"
 
@@ -13,15 +14,6 @@ int main(int argc, char** argv) {
   // is reported, instead of ending the tool part-way.
   std::signal(SIGXFSZ, SIG_IGN);
   CLI::App app{"quarvel: read, write, serve and update the audit check lists"};
-  app.require_subcommand(1);
-  quarvel::cli::addCipherCommands(app);
-  quarvel::cli::addFoldCommand(app);
-  quarvel::cli::addSettingsCommands(app);
-  quarvel::cli::addDataFileCommands(app);
-  quarvel::cli::addNetIdCommand(app);
-  quarvel::cli::addReachCommand(app);
-  quarvel::cli::addUpdateCommands(app);
-  quarvel::cli::addAuditCommand(app);
-  CLI11_PARSE(app, argc, argv);
-  return 0;
+  quarvel::cli::addAllCommands(app);
+  return quarvel::cli::run(app, argc, argv, std::cout, std::cerr);
 }

@@ -100,11 +100,13 @@ int runAudit(const AuditCommandOptions& options, std::ostream& out, std::ostream
   progress.finish();
 
   out << formatReport(result, options.format);
-  err << "audit: " << result.stats.files << " files in " << result.stats.folders
-      << " folders scanned";
-  if (result.fontFilesListed) err << ", " << result.fontFilesListed << " font files listed";
-  err << ", " << result.stats.unreadableFolders << " unreadable folders skipped, "
-      << result.filteredHits << " filtered\n";
+  if (options.summary) {
+    err << "audit: " << result.stats.files << " files in " << result.stats.folders
+        << " folders scanned";
+    if (result.fontFilesListed) err << ", " << result.fontFilesListed << " font files listed";
+    err << ", " << result.stats.unreadableFolders << " unreadable folders skipped, "
+        << result.filteredHits << " filtered\n";
+  }
 
   if (options.htmlFile) {
     ReportOptions page;
@@ -112,7 +114,7 @@ int runAudit(const AuditCommandOptions& options, std::ostream& out, std::ostream
     page.host = hostName();
     if (!FileReplacement::replace(*options.htmlFile, formatHtml(result, page))) {
       err << "audit: cannot write " << *options.htmlFile << "\n";
-      return 2;
+      return 1;
     }
   }
   return 0;

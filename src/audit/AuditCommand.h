@@ -27,14 +27,15 @@ struct AuditCommandOptions {
   ReportFormat format = ReportFormat::Table;
   std::optional<std::string> htmlFile;  // also write the page there, replaced whole
   bool progress = true;                 // on standard error when it is a terminal
+  bool summary = true;                  // the scan's counts as a note on `err`
   // Where a system scan looks (tests set these); defaults to the process's.
   std::optional<ScanEnvironment> environment;
   FontCatalog* fontCatalog = nullptr;  // null: fontconfig (system scans only)
 };
 
 // Runs the audit and writes the report to `out`, notes and the scan summary
-// to `err`. Answers the exit status: 0 done, 1 no list could be opened or a
-// list named by an option could not, 2 the HTML file could not be written.
+// to `err`. Answers the exit status: 0 done, 1 no list could be opened, a
+// list named by an option could not, or the HTML file could not be written.
 int runAudit(const AuditCommandOptions& options, std::ostream& out, std::ostream& err,
              std::FILE* progressStream = stderr);
 

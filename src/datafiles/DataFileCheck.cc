@@ -168,25 +168,26 @@ void checkCharacters(const RawLine& line, const FieldList& fields, Findings& fin
 }  // namespace
 
 int checkDataFile(const std::string& path, std::optional<DataFileKind> kind, std::ostream& out,
-                  std::ostream& err) {
+                  std::ostream& err, const std::string& label) {
+  const std::string& name = label.empty() ? path : label;
   // Refused as the reader and `decrypt` refuse it, before anything is read.
   if (const df::ReadRefusal refusal = df::readRefusal(path); refusal != df::ReadRefusal::kNone) {
     if (refusal == df::ReadRefusal::kEmpty) {
-      out << path << ": error: the file is empty\n";
+      out << name << ": error: the file is empty\n";
     } else {
-      err << path << ": " << df::describe(refusal) << '\n';
+      err << name << ": " << df::describe(refusal) << '\n';
     }
     return 1;
   }
   std::ifstream in(path, std::ios::binary);
   std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   if (!in && !in.eof()) {
-    err << path << ": cannot be read\n";
+    err << name << ": cannot be read\n";
     return 1;
   }
   Findings findings;
   if (bytes.empty()) {
-    out << path << ": error: the file is empty\n";
+    out << name << ": error: the file is empty\n";
     return 1;
   }
   auto* text = reinterpret_cast<unsigned char*>(bytes.data());
@@ -198,7 +199,7 @@ int checkDataFile(const std::string& path, std::optional<DataFileKind> kind, std
   decoded.reserve(lines.size());
   for (const RawLine& line : lines) decoded.push_back(line.text.value_or(""));
   if (!kind) kind = detectDataFileKind(decoded, path);
-  out << path << ": checked as a " << dataFileKindName(*kind) << " file\n";
+  out << name << ": checked as a " << dataFileKindName(*kind) << " file\n";
 
   // Locate the sections as the reader does: the last of repeated tag lines wins.
   const std::vector<std::string> tags = sectionTags(*kind);
@@ -290,7 +291,7 @@ int checkDataFile(const std::string& path, std::optional<DataFileKind> kind, std
     }
   }
   findings.print(out);
-  out << path << ": " << findings.errors << (findings.errors == 1 ? " error, " : " errors, ")
+  out << name << ": " << findings.errors << (findings.errors == 1 ? " error, " : " errors, ")
       << findings.warnings << (findings.warnings == 1 ? " warning\n" : " warnings\n");
   return findings.errors > 0 || damaged ? 1 : 0;
 }

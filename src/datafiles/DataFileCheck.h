@@ -15,8 +15,8 @@ namespace quarvel::datafile {
 // sections, text outside them, keys that repeat (the last record wins, the
 // earlier ones are unreachable), characters that folding changes and
 // characters Mac Korean cannot hold. 0 when nothing would be refused or
-// lost, 1 otherwise.
+// lost, 1 otherwise. `label` names the file in messages (default: `path`; "-" for standard input).
 int checkDataFile(const std::string& path, std::optional<DataFileKind> kind, std::ostream& out,
-                  std::ostream& err);
+                  std::ostream& err, const std::string& label = {});
 
 }  // namespace quarvel::datafile

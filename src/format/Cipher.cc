@@ -176,7 +176,7 @@ ReadRefusal readRefusal(const std::string& path) {
   if (::stat(path.c_str(), &info) != 0) return ReadRefusal::kMissing;
   if (S_ISDIR(info.st_mode)) return ReadRefusal::kFolder;
   if (!S_ISREG(info.st_mode)) return ReadRefusal::kNotRegularFile;
-  if (static_cast<std::uint64_t>(info.st_size) > UINT32_MAX) return ReadRefusal::kTooLarge;
+  if (static_cast<std::uint64_t>(info.st_size) > kMaxFileBytes) return ReadRefusal::kTooLarge;
   if (info.st_size == 0) return ReadRefusal::kEmpty;
   return ReadRefusal::kNone;
 }

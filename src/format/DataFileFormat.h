@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 namespace quarvel::datafile {
@@ -23,6 +24,8 @@ inline constexpr std::string_view kSeparator = "\t";
 // Longest line, without its CR LF, that the format allows (the line reader
 // keeps a 2,048-byte buffer with a terminating zero).
 inline constexpr std::size_t kMaxLineBytes = 2047;
+// Largest file the cipher can take: it counts bytes in 32 bits.
+inline constexpr std::uint64_t kMaxFileBytes = UINT32_MAX;
 
 // Whether a record can be stored as one line, the rule every writer of data
 // files applies (the library's save, `quarvel encrypt --kind`). A record's

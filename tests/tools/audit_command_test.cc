@@ -169,7 +169,7 @@ TEST_F(AuditCommand, HtmlPageIsWrittenBesideTheReport) {
   EXPECT_EQ(bars, 5u);
 
   o.htmlFile = lists.path("no-such-folder/report.html");
-  run(o, 2);
+  run(o, 1);
   EXPECT_NE(errors.find("cannot write"), std::string::npos);
 }
 

@@ -35,18 +35,19 @@ TEST(ReachCommand, PrintsLettersAndStatusOfTheChosenTarget) {
   struct Case {
     ReachOptions options;
     const char* out;
+    int status;
   } cases[] = {
-      {{}, "-R -------  1 (reachable via local network)\n"},
-      {{.localWiFi = true}, "-R -------  0 (not reachable)\n"},
-      {{.target = "mirror.example"}, "WR -------  2 (reachable via cellular)\n"},
-      {{.target = "203.0.113.1"}, "unreadable  0 (not reachable)\n"},
-      {{.target = "2001:db8::4"}, "-R ------d  1 (reachable via local network)\n"},
-      {{.target = "v6only.example"}, "-R ------d  1 (reachable via local network)\n"},
+      {{}, "-R -------  1 (reachable via local network)\n", 0},
+      {{.localWiFi = true}, "-R -------  0 (not reachable)\n", 1},
+      {{.target = "mirror.example"}, "WR -------  2 (reachable via cellular)\n", 0},
+      {{.target = "203.0.113.1"}, "unreadable  0 (not reachable)\n", 1},
+      {{.target = "2001:db8::4"}, "-R ------d  1 (reachable via local network)\n", 0},
+      {{.target = "v6only.example"}, "-R ------d  1 (reachable via local network)\n", 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.out);
     auto result = reach(c.options);
-    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.status, c.status);
     EXPECT_EQ(result.out, c.out);
     EXPECT_EQ(result.err, "");
   }

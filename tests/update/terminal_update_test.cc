@@ -114,7 +114,9 @@ TEST_F(TerminalUpdateTest, OnlyTheInternetMonitorIsAskedBeforeTheRun) {
     r.server = c.server.empty() ? std::nullopt : std::optional(c.server);
     EXPECT_EQ(runTerminalUpdate(r, out), c.exit);
     EXPECT_TRUE(said(c.text)) << out.str();
-    if (c.exit != kUpdateExitNoNetwork) EXPECT_FALSE(said("인터넷 연결 오류")) << out.str();
+    if (c.exit != kUpdateExitNoNetwork) {
+      EXPECT_FALSE(said("인터넷 연결 오류")) << out.str();
+    }
   }
   EXPECT_EQ(server.targets().size(), 0u);  // the unreachable cases asked nothing
   EXPECT_EQ(v6server.count(kTargets[4]), 1);

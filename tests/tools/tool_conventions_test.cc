@@ -1,0 +1,125 @@
+// The tool as a shell user meets it, whole processes: usage errors, the
+// version, standard input, JSON answers, what reaches standard error, and
+// which libraries a command maps.
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "support/ToolProcess.h"
+
+namespace quarvel::cli {
+namespace {
+
+using quarvel::testing::runProgram;
+using quarvel::testing::slurp;
+using quarvel::testing::ToolRun;
+
+const std::string kSamples = QUARVEL_SAMPLES;
+
+ToolRun tool(std::vector<std::string> arguments, const std::string& input = "") {
+  return runProgram(QUARVEL_TOOL, std::move(arguments),
+                    {"HOME=" + ::testing::TempDir(), "LANG=C.UTF-8"}, input);
+}
+
+bool has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+TEST(ToolConventions, UsageErrorsExitTwoAndNameTheWord) {
+  const struct {
+    std::vector<std::string> arguments;
+    const char* names;
+  } cases[] = {
+      {{"frobnicate"}, "unknown command 'frobnicate'"},
+      {{"show"}, "FILE is required"},
+      {{"show", kSamples + "/macfilterlist.dat", "extra"}, "extra"},
+      {{"lookup", "--kind", "bogus", "--id", "1", kSamples + "/macfilterlist.dat"}, "bogus"},
+      {{"--nonsense"}, "--nonsense"},
+      {{"-q", "--verbose", "netid"}, "--verbose"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.names);
+    const ToolRun run = tool(c.arguments);
+    EXPECT_EQ(run.exitStatus, 2) << run.err;
+    EXPECT_TRUE(has(run.err, c.names)) << run.err;
+    EXPECT_TRUE(has(run.err, "--help")) << run.err;
+    EXPECT_EQ(run.out, "");
+  }
+}
+
+TEST(ToolConventions, VersionAndHelpGoToStandardOutput) {
+  const ToolRun version = tool({"--version"});
+  EXPECT_EQ(version.exitStatus, 0);
+  EXPECT_EQ(version.out.rfind("quarvel ", 0), 0u) << version.out;
+  EXPECT_TRUE(has(version.out, "\nlist server: http://")) << version.out;
+  EXPECT_TRUE(has(version.out, "\nfile server: http://")) << version.out;
+
+  const ToolRun help = tool({"lookup", "--help"});
+  EXPECT_EQ(help.exitStatus, 0);
+  EXPECT_TRUE(has(help.out, "--kind checklist|package|filter|font")) << help.out;
+  EXPECT_TRUE(has(help.out, "Exit status: 0 a record matches, 1 none does")) << help.out;
+  EXPECT_FALSE(has(help.out, "->")) << help.out;
+}
+
+// `-` reads the same file from standard input, and says "-" where a message
+// names the file; JSON stays JSON when nothing matches.
+TEST(ToolConventions, StandardInputAndJsonAnswers) {
+  const std::string list = kSamples + "/macchecklist.dat";
+  const std::string bytes = slurp(list);
+  const ToolRun named = tool({"decrypt", list});
+  const ToolRun piped = tool({"decrypt", "-"}, bytes);
+  EXPECT_EQ(piped.exitStatus, 0) << piped.err;
+  EXPECT_EQ(piped.out, named.out);
+
+  const ToolRun checked = tool({"check", "-"}, bytes);
+  EXPECT_EQ(checked.out.rfind("-: checked as a checklist file", 0), 0u) << checked.out;
+
+  const ToolRun empty = tool({"show", "-"});
+  EXPECT_EQ(empty.exitStatus, 1);
+  EXPECT_EQ(empty.err.rfind("-: ", 0), 0u) << empty.err;
+
+  const ToolRun none = tool({"lookup", "--json", "--exe", "no-such.exe", "-"}, bytes);
+  EXPECT_EQ(none.exitStatus, 1);
+  EXPECT_EQ(nlohmann::json::parse(none.out), nullptr) << none.out;
+
+  const ToolRun found = tool({"lookup", "--json", "--id", "SW100201", list});
+  EXPECT_EQ(found.exitStatus, 0) << found.err;
+  EXPECT_TRUE(nlohmann::json::parse(found.out).is_object()) << found.out;
+}
+
+// The library's log lines reach the system log always, standard error only
+// under --verbose; -q keeps the answer and drops the notes.
+TEST(ToolConventions, LogLinesOnStandardErrorOnlyWhenAskedFor) {
+  const std::string list = kSamples + "/macfilterlist.dat";
+  const ToolRun plain = tool({"show", list});
+  EXPECT_EQ(plain.exitStatus, 0);
+  EXPECT_EQ(plain.err, "");
+  const ToolRun verbose = tool({"--verbose", "show", list});
+  EXPECT_TRUE(has(verbose.err, " ?= ")) << verbose.err;
+  EXPECT_EQ(verbose.out, plain.out);
+  const ToolRun quiet = tool({"-q", "show", list});
+  EXPECT_EQ(quiet.err, "");
+  EXPECT_EQ(quiet.out, plain.out);
+}
+
+// Only the update window's own program loads Qt, and libcurl is loaded when
+// the first transfer starts: the tool's start-up maps neither.
+TEST(ToolConventions, StartsWithoutQtOrLibcurl) {
+  std::FILE* pipe = ::popen(("ldd " + std::string(QUARVEL_TOOL)).c_str(), "r");
+  ASSERT_NE(pipe, nullptr);
+  std::string libraries;
+  char buffer[4096];
+  for (std::size_t got; (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+    libraries.append(buffer, got);
+  ASSERT_EQ(::pclose(pipe), 0);
+  EXPECT_TRUE(has(libraries, "libquarvel")) << libraries;
+  for (const char* absent : {"libQt6", "libX11", "libxcb", "libcurl"})
+    EXPECT_FALSE(has(libraries, absent)) << absent;
+}
+
+}  // namespace
+}  // namespace quarvel::cli
