@@ -9,6 +9,7 @@ packages=(
   libcli11-dev nlohmann-json3-dev libcpp-httplib-dev libmicrohttpd-dev libfontconfig-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   perl python3 nginx-light iproute2 fontconfig wrk doxygen
+  chromium-headless-shell zlib1g-dev
 )
 
 missing=()
