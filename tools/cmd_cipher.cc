@@ -37,7 +37,8 @@ void addEncryptCommand(CLI::App& app) {
       ->add_option("--kind", *kind,
                    "Build a checklist, package, filter or font file from TEXTFILE as plain TSV, "
                    "one file per section (TEXTFILE may be their folder)")
-      ->check(CLI::IsMember({"checklist", "package", "filter", "font"}));
+      ->check(CLI::IsMember({"checklist", "package", "filter", "font"}))
+      ->option_text("checklist|package|filter|font");
   encrypt->callback([options, kind] {
     int status = 0;
     if (!kind->empty()) {

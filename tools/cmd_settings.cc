@@ -36,6 +36,9 @@ void addSettingsCommands(CLI::App& app) {
   auto* settings =
       app.add_subcommand("settings", "List the settings domain; get, set or delete one setting");
   settings->require_subcommand(0, 1);
+  settings->footer(
+      "Exit status: 0 done, 1 no such setting, 2 usage error or a value that does not read as "
+      "its type, 3 the settings domain could not be written.");
 
   auto* get = settings->add_subcommand("get", "Print one setting's value");
   get->add_option("KEY", options->key, "Setting key")->required();
@@ -51,7 +54,8 @@ void addSettingsCommands(CLI::App& app) {
   set->add_option("-t,--type", options->type,
                   "string, bool, int, real, date (ISO 8601 UTC), data (hex), url or json")
       ->check(
-          CLI::IsMember(std::vector<std::string>(std::begin(kValueTypes), std::end(kValueTypes))));
+          CLI::IsMember(std::vector<std::string>(std::begin(kValueTypes), std::end(kValueTypes))))
+      ->option_text("string|bool|int|real|date|data|url|json");
   set->callback([options] {
     auto value = parseValue(options->text, options->type);
     if (!value) fail("not a valid " + options->type + ": " + options->text, 2);

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -119,6 +120,48 @@ TEST(ToolConventions, StartsWithoutQtOrLibcurl) {
   EXPECT_TRUE(has(libraries, "libquarvel")) << libraries;
   for (const char* absent : {"libQt6", "libX11", "libxcb", "libcurl"})
     EXPECT_FALSE(has(libraries, absent)) << absent;
+}
+
+}  // namespace
+}  // namespace quarvel::cli
+
+namespace quarvel::cli {
+namespace {
+
+// The completion offers what the command definitions hold, and the manual
+// has a section for every command, its exit statuses included.
+TEST(ToolConventions, CompletionAndManualFollowTheCommands) {
+  const std::string docs = QUARVEL_CLI_DOCS_DIR;
+  const std::string script = "source " + docs +
+                             "/quarvel.bash\n"
+                             "at() { COMP_WORDS=(\"$@\"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); "
+                             "_quarvel; echo \"${COMPREPLY[*]}\"; }\n"
+                             "cd \"$(mktemp -d)\"\n"
+                             "at quarvel sh\n"
+                             "at quarvel lookup --k\n"
+                             "at quarvel -q lookup --kind ''\n"
+                             "at quarvel settings ''\n"
+                             "at quarvel ''\n";
+  const ToolRun run = runProgram("/bin/bash", {"-c", script}, {});
+  ASSERT_EQ(run.exitStatus, 0) << run.err;
+  std::istringstream lines(run.out);
+  std::vector<std::string> answers;
+  for (std::string line; std::getline(lines, line);) answers.push_back(line);
+  ASSERT_EQ(answers.size(), 5u) << run.out;
+  EXPECT_EQ(answers[0], "show");
+  EXPECT_EQ(answers[1], "--kind");
+  EXPECT_EQ(answers[2], "checklist package filter font");
+  EXPECT_EQ(answers[3], "get set delete");
+
+  const std::string manual = slurp(docs + "/quarvel.1");
+  for (const char* command : {"decrypt", "encrypt", "fold", "paths", "settings", "show", "lookup",
+                              "check", "netid", "reach", "update", "serve", "audit"}) {
+    SCOPED_TRACE(command);
+    EXPECT_TRUE(has(answers[4], command)) << answers[4];
+    EXPECT_TRUE(has(manual, ".SS \"quarvel " + std::string(command)));
+  }
+  EXPECT_TRUE(has(manual, "0 reachable, 1 not reachable")) << "reach's exit statuses";
+  EXPECT_TRUE(has(manual, ".SH EXIT STATUS\n"));
 }
 
 }  // namespace
