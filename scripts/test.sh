@@ -3,6 +3,8 @@
 # checks (scripts/lint.sh), a normal build, a build
 # under AddressSanitizer and UndefinedBehaviorSanitizer, a build under
 # ThreadSanitizer, and the fuzzers for a short while under ASan and UBSan.
+# After the normal build it also installs the Debian package once
+# (scripts/package-test.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/install-deps.sh
@@ -32,6 +34,8 @@ run_ctest() {
 ./scripts/build.sh build
 ./scripts/lint.sh build
 run_ctest build
+# The Debian package, installed with apt-get and run (changes the machine).
+./scripts/package-test.sh build
 
 ./scripts/build.sh build-asan -DQUARVEL_SANITIZE=address,undefined -DQUARVEL_BUILD_BENCH=OFF
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan

@@ -17,6 +17,10 @@ readelf -d "$tool" | grep -q 'RUNPATH.*\$ORIGIN/\.\./lib' ||
   { echo "the installed tool has no RUNPATH to its library"; exit 1; }
 "$tool" --version | grep -q '^quarvel ' || { echo "the installed tool does not run"; exit 1; }
 "$tool" show "$source/samples/macfilterlist.dat" >/dev/null
+grep -qx "ExecStart=$prefix/bin/quarvel serve .*" "$prefix/lib/systemd/system/quarvel-serve.service" ||
+  { echo "the service unit does not name the installed tool"; exit 1; }
+[ -s "$prefix/share/man/man1/quarvel.1" ] && [ -s "$prefix/share/bash-completion/completions/quarvel" ] ||
+  { echo "the manual or the completion is missing"; exit 1; }
 if [ -e "$prefix/libexec/quarvel/quarvel-update-window" ]; then
   ldd "$prefix/libexec/quarvel/quarvel-update-window" | grep -q 'not found' &&
     { echo "the installed update window misses a library"; exit 1; }
