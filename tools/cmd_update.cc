@@ -62,6 +62,7 @@ int runWindowUpdate(const TerminalUpdateRequest& request) {
   if (request.web) arguments.emplace_back("--web");
   if (request.server) arguments.insert(arguments.end(), {"--server", *request.server});
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
   std::cout.flush();
