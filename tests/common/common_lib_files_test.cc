@@ -4,6 +4,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -58,9 +59,12 @@ TEST(CommonLibDatesTest, StampsPadEveryFieldToTwoDigitsInLocalTime) {
   useTimeZone("UTC0");
   EXPECT_EQ(detail::fileDateStamp(1704067198), "20231231_235958");
 
-  const std::string before = detail::fileDateStamp(std::time(nullptr));
+  // The same clock as getToday's: time() reads a coarser one, which can
+  // still show the previous second when the precise clock has turned.
+  auto now = [] { return std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()); };
+  const std::string before = detail::fileDateStamp(now());
   const std::string today = CommonLib::getToday();
-  const std::string after = detail::fileDateStamp(std::time(nullptr));
+  const std::string after = detail::fileDateStamp(now());
   ASSERT_EQ(today.size(), 14u);
   EXPECT_EQ(today.find_first_not_of("0123456789"), std::string::npos);
   const std::string asFileStamp = today.substr(0, 8) + "_" + today.substr(8);
