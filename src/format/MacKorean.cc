@@ -203,6 +203,27 @@ char32_t nextUtf8(std::string_view s, std::size_t& pos) {
   return c;
 }
 
+// Whether all eight bytes of `word` are ASCII that reads as itself in both
+// directions: no high bit, and no DEL (0x7F), the one ASCII byte Mac Korean
+// leaves unmapped.
+inline bool plainAscii(std::uint64_t word) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101ULL, kHighs = 0x8080808080808080ULL;
+  const std::uint64_t del = word ^ (kOnes * 0x7F);  // a zero byte where DEL was
+  return ((word | ((del - kOnes) & ~del)) & kHighs) == 0;
+}
+
+// The length of the run of plain ASCII bytes at `p`, at most `size`: whole
+// words first, then byte by byte.
+inline std::size_t plainAsciiRun(const unsigned char* p, std::size_t size) {
+  std::size_t n = 0;
+  for (std::uint64_t word; n + 8 <= size; n += 8) {
+    std::memcpy(&word, p + n, 8);
+    if (!plainAscii(word)) break;
+  }
+  while (n < size && p[n] < 0x7F) ++n;
+  return n;
+}
+
 }  // namespace
 
 std::optional<std::string> MacKorean::decode(std::string_view bytes) {
@@ -220,6 +241,17 @@ std::optional<std::string> MacKorean::decode(std::string_view bytes) {
         in + std::min<std::size_t>(kSliceBytes, static_cast<std::size_t>(inEnd - in));
     char* out = chunk;
     while (in < sliceEnd) {
+      if (inEnd - in >= 16) {
+        // Runs of ASCII, most of a real list, are copied a word at a time.
+        std::uint64_t word;
+        std::memcpy(&word, in, 8);
+        if (plainAscii(word)) {
+          std::memcpy(out, in, 8);
+          out += 8;
+          in += 8;
+          continue;
+        }
+      }
       if (std::endian::native == std::endian::little && inEnd - in >= 16) {
         // Eight bytes at a time: their high bits alone say where each code
         // starts (a byte from 0x80 up starts a two-byte code on this path),
@@ -289,7 +321,18 @@ std::optional<std::string> MacKorean::encode(std::string_view utf8, EncodeError*
   std::string out;
   out.reserve(utf8.size());
   std::size_t pos = 0;
+  const auto* const bytes = reinterpret_cast<const unsigned char*>(utf8.data());
   while (pos < utf8.size()) {
+    // A run of ASCII goes across whole. Some ASCII characters begin one of
+    // Apple's multi-character codes, but every such code goes on with a
+    // character beyond ASCII, so only the run's last byte, when a non-ASCII
+    // character follows it, needs the careful path.
+    if (std::size_t run = plainAsciiRun(bytes + pos, utf8.size() - pos); run > 0) {
+      if (pos + run < utf8.size() && index.startsMulti(bytes[pos + run - 1])) --run;
+      out.append(utf8.data() + pos, run);
+      pos += run;
+      if (pos == utf8.size()) break;
+    }
     const auto b = static_cast<unsigned char>(utf8[pos]);
     if (b < 0x80 && kMacKoreanAscii[b] && !index.startsMulti(b)) {
       out += static_cast<char>(b);

@@ -112,6 +112,55 @@ TEST(MacKorean, LongMixedTextDecodesAsItsCodesOneByOne) {
   }
 }
 
+// Runs of ASCII of every length, as real lists are made of, cut by codes
+// of every kind: the word-wide paths must agree with the one-code paths at
+// each boundary, above all where an ASCII character that begins one of
+// Apple's multi-character codes ends a run ("1" before U+20DE).
+TEST(MacKorean, AsciiRunsOfEveryLengthMeetEveryKindOfCode) {
+  const std::string cuts[] = {"\xB0\xA1", "\xA5\x42", "\xA2\xE6", "\x82", "\x80", "\xA1\xB8"};
+  std::mt19937 rng(11);
+  for (int round = 0; round < 300; ++round) {
+    std::string bytes, text;
+    for (int piece = 0; piece < 12; ++piece) {
+      const std::size_t run = rng() % 41;
+      for (std::size_t i = 0; i < run; ++i) {
+        // Printable text, tabs and line ends, digits most of all.
+        const char c = rng() % 4 == 0
+                           ? "\t\r\n"[rng() % 3]
+                           : static_cast<char>(rng() % 2 ? '0' + rng() % 10 : 0x20 + rng() % 0x5F);
+        bytes += c;
+        text += c;
+      }
+      const std::string& code = cuts[rng() % std::size(cuts)];
+      bytes += code;
+      text += *MacKorean::decode(code);
+    }
+    SCOPED_TRACE(round);
+    ASSERT_EQ(MacKorean::decode(bytes), text);
+    const std::optional<std::string> encoded = MacKorean::encode(text);
+    ASSERT_TRUE(encoded);
+    ASSERT_EQ(MacKorean::decode(*encoded), text);
+
+    std::size_t at = rng() % (text.size() + 1);
+    while (at < text.size() && (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80) ++at;
+    std::string withDel = text;
+    withDel.insert(at, 1, '\x7F');
+    MacKorean::EncodeError error;
+    ASSERT_FALSE(MacKorean::encode(withDel, &error));
+    EXPECT_EQ(error.character, U'\x7F');
+    EXPECT_EQ(error.offset, at);
+    std::string bytesWithDel = bytes;
+    bytesWithDel.insert(rng() % (bytes.size() + 1), 1, '\x7F');
+    ASSERT_FALSE(MacKorean::decode(bytesWithDel));
+  }
+  // A digit run's last byte before U+20DE joins it, whatever the run's length.
+  for (std::size_t run = 1; run < 40; ++run) {
+    const std::string digits(run, '1');
+    EXPECT_EQ(MacKorean::encode(digits + "\xE2\x83\x9E"), std::string(run - 1, '1') + "\xA5\x42")
+        << run;
+  }
+}
+
 TEST(MacKorean, DecodingRefusesBytesWithoutMapping) {
   const std::string refused[] = {
       "\x7F",                      // DEL has no mapping
