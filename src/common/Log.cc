@@ -78,9 +78,7 @@ void logf(const char* format, ...) {
 }
 
 void logDebugf(const char* format, ...) {
-  if (!debugEnabled.load(std::memory_order_relaxed) &&
-      activeCaptures.load(std::memory_order_relaxed) == 0)
-    return;
+  if (!debugLinesWanted()) return;
   va_list args;
   va_start(args, format);
   vwrite(LOG_DEBUG, format, args);
@@ -98,6 +96,11 @@ void setLogEcho(LogEcho echo) { echoLevel = echo; }
 
 void setDebugLogging(bool enabled) { debugEnabled = enabled; }
 bool debugLoggingEnabled() { return debugEnabled; }
+
+bool debugLinesWanted() {
+  return debugEnabled.load(std::memory_order_relaxed) ||
+         activeCaptures.load(std::memory_order_relaxed) != 0;
+}
 
 LogCapture::LogCapture() {
   ++activeCaptures;

@@ -35,6 +35,9 @@ void setLogEcho(LogEcho echo);
 void logDebugf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void setDebugLogging(bool enabled);
 bool debugLoggingEnabled();
+// Whether a debug line would be written now (debug logging on, or a capture
+// active): lets a caller skip the work of preparing one.
+bool debugLinesWanted();
 
 // While an instance lives, every line logged by any thread is also recorded
 // here, and the echo to standard error is suppressed. Instances nest; the

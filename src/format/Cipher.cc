@@ -244,9 +244,13 @@ bool CommonLib::Decrypt(std::vector<std::string>& lines, std::FILE* targetFile) 
     datafile::decipher(buffer.get(), size);
   }
   // The whole text as UTF-8; Mac Korean text usually is not, and then only
-  // "(null)" is shown, as the original platform does.
-  const std::string_view whole(text, std::strlen(text));
-  logDebugf("%s", whole.size() <= INT_MAX && isValidUtf8(whole) ? text : "(null)");
+  // "(null)" is shown, as the original platform does. Measuring and
+  // checking the whole file costs as much as deciphering it, so only when
+  // the line is wanted.
+  if (debugLinesWanted()) {
+    const std::string_view whole(text, std::strlen(text));
+    logDebugf("%s", whole.size() <= INT_MAX && isValidUtf8(whole) ? text : "(null)");
+  }
   datafile::splitLines(buffer.get(), size, lines);
   return true;
 }
