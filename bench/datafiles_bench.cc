@@ -7,9 +7,11 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -128,13 +130,15 @@ BENCHMARK(LoadedMemory)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 enum class Key { FileName, Property, Identifier };
 
+// Each look-up takes the key of a record drawn at random from the whole
+// list, as a scan meets them: no small set of keys stays in the caches.
 void Lookup(benchmark::State& state, Key kind) {
   quarvel::FileCheckList& list = loadedList();
   quarvel::Table* table = list.getTableByTag("#CHECKLIST");
   std::vector<std::string> keys;
-  for (int i = 0; i < 4096; ++i) {
-    const int row = static_cast<int>((static_cast<std::uint64_t>(i) * 7919) % kRecords);
-    quarvel::RecordPtr r = table->select(row);
+  keys.reserve(kRecords);
+  for (std::size_t row = 0; row < kRecords; ++row) {
+    quarvel::RecordPtr r = table->select(static_cast<std::int64_t>(row));
     switch (kind) {
       case Key::FileName:
         keys.emplace_back((*r)[5]);
@@ -147,9 +151,22 @@ void Lookup(benchmark::State& state, Key kind) {
         break;
     }
   }
+  // Shuffled, then laid end to end in that order: the record each key leads
+  // to is random, while the key itself is read in order, as a scan has the
+  // name it just read at hand.
+  std::shuffle(keys.begin(), keys.end(), std::mt19937(17));
+  std::string buffer;
+  std::vector<std::string_view> order;
+  order.reserve(keys.size());
+  for (const std::string& key : keys) buffer += key;
+  for (std::size_t at = 0; const std::string& key : keys) {
+    order.emplace_back(buffer.data() + at, key.size());
+    at += key.size();
+  }
   std::size_t i = 0;
   for (auto _ : state) {
-    const std::string& key = keys[i++ & 4095];
+    const std::string_view key = order[i];
+    if (++i == order.size()) i = 0;
     int found = kind == Key::FileName   ? list.getIdByFileName(key)
                 : kind == Key::Property ? list.getIdByProperty(key)
                                         : list.getIndex(key);
