@@ -3,14 +3,19 @@
 // "|", "¯" to "?", "µ" to "μ", fractions removed).
 
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "Commands.h"
 #include "quarvel/CommonLib.h"
 
 namespace quarvel::cli {
+
+namespace {
+// The longest line standard input may hold: far beyond any data-file line.
+constexpr std::size_t kMaxLineBytes = std::size_t{64} << 20;
+}  // namespace
 
 void addFoldCommand(CLI::App& app) {
   auto text = std::make_shared<std::string>();
@@ -23,9 +28,27 @@ void addFoldCommand(CLI::App& app) {
       std::cout << CommonLib::encodingForSpecialCharacter(*text) << '\n';
       return;
     }
-    // Standard input is folded byte for byte, line ends included.
-    std::string input{std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>()};
-    std::cout << CommonLib::encodingForSpecialCharacter(input);
+    // Standard input is folded byte for byte, line ends included, a block
+    // of whole lines at a time (no fold reaches across a line end), so any
+    // amount passes through in bounded memory; only a single line is held
+    // whole, up to kMaxLineBytes.
+    std::string pending;
+    char block[1 << 16];
+    while (std::cin.read(block, sizeof block) || std::cin.gcount() > 0) {
+      pending.append(block, static_cast<std::size_t>(std::cin.gcount()));
+      const std::size_t lineEnd = pending.rfind('\n');
+      if (lineEnd == std::string::npos) {
+        if (pending.size() > kMaxLineBytes) {
+          std::cerr << "quarvel fold: a line longer than " << kMaxLineBytes << " bytes\n";
+          throw CLI::RuntimeError(1);
+        }
+        continue;
+      }
+      std::cout << CommonLib::encodingForSpecialCharacter(
+          std::string_view(pending).substr(0, lineEnd + 1));
+      pending.erase(0, lineEnd + 1);
+    }
+    std::cout << CommonLib::encodingForSpecialCharacter(pending);
     std::cout.flush();
     if (!std::cout) throw CLI::RuntimeError(1);
   });

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "quarvel/CommonLib.h"
 #include "support/ToolProcess.h"
 
 namespace quarvel::cli {
@@ -90,6 +91,19 @@ TEST(ToolConventions, StandardInputAndJsonAnswers) {
   const ToolRun found = tool({"lookup", "--json", "--id", "SW100201", list});
   EXPECT_EQ(found.exitStatus, 0) << found.err;
   EXPECT_TRUE(nlohmann::json::parse(found.out).is_object()) << found.out;
+}
+
+// fold passes standard input through a block of lines at a time: the text
+// across block boundaries folds as the whole would.
+TEST(ToolConventions, FoldStreamsStandardInputInWholeLines) {
+  std::string input;
+  for (int line = 0; input.size() < 300000; ++line)
+    input +=
+        "Caf\xC3\xA9 na\xC3\xAFve \xC2\xBD " + std::to_string(line) + (line % 7 ? "\n" : "\r\n");
+  input += "no line end \xC3\xA5";
+  const ToolRun run = tool({"fold"}, input);
+  EXPECT_EQ(run.exitStatus, 0) << run.err;
+  EXPECT_EQ(run.out, CommonLib::encodingForSpecialCharacter(input));
 }
 
 // The library's log lines reach the system log always, standard error only
