@@ -210,10 +210,15 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
     record = tables.empty() ? -1 : static_cast<long long>(at - sectionStart[section]) - 1;
   };
 
-  const std::string folded = CommonLib::encodingForSpecialCharacter(text);
+  // Folded, then encoded straight into the buffer the caller receives: no
+  // code takes more bytes than its UTF-8, so the folded text's size is room
+  // enough, and nothing is zero-filled first.
+  std::string folded = CommonLib::encodingForSpecialCharacter(text);
   text = std::string();
+  auto buffer = std::make_unique_for_overwrite<unsigned char[]>(folded.size() + 1);
   MacKorean::EncodeError error;
-  std::optional<std::string> encoded = MacKorean::encode(folded, &error);
+  const std::optional<std::size_t> encoded =
+      MacKorean::encodeInto(folded, reinterpret_cast<char*>(buffer.get()), &error);
   if (!encoded) {
     const std::size_t offset = std::min(error.offset, folded.size());
     std::size_t at = 0;
@@ -226,12 +231,14 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
         static_cast<unsigned>(error.character), utf8Of(error.character).c_str(), tag, record);
     return nullptr;
   }
+  folded = std::string();
+  buffer[*encoded] = 0;
   // No value holds a CR or LF, and neither folding nor Mac Korean makes one
   // (a two-byte code's second byte is 0x41 or above), so each LF ends one
   // line of the text, after its CR: one scan of the stored bytes measures
   // every line as the reader will see it.
-  const char* const begin = encoded->data();
-  const char* const end = begin + encoded->size();
+  const char* const begin = reinterpret_cast<const char*>(buffer.get());
+  const char* const end = begin + *encoded;
   std::size_t at = 0;
   for (const char* from = begin; from < end; ++at) {
     const auto* lf = static_cast<const char*>(std::memchr(from, '\n', end - from));
@@ -250,9 +257,7 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
     from = lf + 1;
   }
   // The text ends at its first zero byte, as a C string would.
-  size = ::strnlen(encoded->data(), encoded->size());
-  auto buffer = std::make_unique<unsigned char[]>(size + 1);
-  std::memcpy(buffer.get(), encoded->data(), size);
+  size = ::strnlen(begin, *encoded);
   return buffer;
 }
 

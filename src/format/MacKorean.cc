@@ -316,10 +316,10 @@ std::optional<std::string> MacKorean::decode(std::string_view bytes) {
   return text;
 }
 
-std::optional<std::string> MacKorean::encode(std::string_view utf8, EncodeError* error) {
+std::optional<std::size_t> MacKorean::encodeInto(std::string_view utf8, char* const out,
+                                                 EncodeError* error) {
   const EncodeIndex& index = encodeIndex();
-  std::string out;
-  out.reserve(utf8.size());
+  char* put = out;
   std::size_t pos = 0;
   const auto* const bytes = reinterpret_cast<const unsigned char*>(utf8.data());
   while (pos < utf8.size()) {
@@ -329,13 +329,14 @@ std::optional<std::string> MacKorean::encode(std::string_view utf8, EncodeError*
     // character follows it, needs the careful path.
     if (std::size_t run = plainAsciiRun(bytes + pos, utf8.size() - pos); run > 0) {
       if (pos + run < utf8.size() && index.startsMulti(bytes[pos + run - 1])) --run;
-      out.append(utf8.data() + pos, run);
+      std::memcpy(put, utf8.data() + pos, run);
+      put += run;
       pos += run;
       if (pos == utf8.size()) break;
     }
     const auto b = static_cast<unsigned char>(utf8[pos]);
     if (b < 0x80 && kMacKoreanAscii[b] && !index.startsMulti(b)) {
-      out += static_cast<char>(b);
+      *put++ = static_cast<char>(b);
       ++pos;
       continue;
     }
@@ -349,7 +350,8 @@ std::optional<std::string> MacKorean::encode(std::string_view utf8, EncodeError*
     if (index.startsMulti(c)) {
       if (const MacKoreanMulti* match =
               index.longestMulti(static_cast<char16_t>(c), utf8.substr(start))) {
-        out.append(reinterpret_cast<const char*>(match->bytes), match->byteCount);
+        std::memcpy(put, match->bytes, match->byteCount);
+        put += match->byteCount;
         pos = start + match->utf8Length;
         continue;
       }
@@ -357,12 +359,20 @@ std::optional<std::string> MacKorean::encode(std::string_view utf8, EncodeError*
     const std::uint16_t code = c <= 0xFFFF ? index.code[c] : 0;
     if (code == 0 && c != 0) return fail(c);
     if (code < 0x100) {
-      out += static_cast<char>(code);
+      *put++ = static_cast<char>(code);
     } else {
-      out += static_cast<char>(code >> 8);
-      out += static_cast<char>(code & 0xFF);
+      *put++ = static_cast<char>(code >> 8);
+      *put++ = static_cast<char>(code & 0xFF);
     }
   }
+  return static_cast<std::size_t>(put - out);
+}
+
+std::optional<std::string> MacKorean::encode(std::string_view utf8, EncodeError* error) {
+  std::string out(utf8.size(), '\0');
+  const std::optional<std::size_t> written = encodeInto(utf8, out.data(), error);
+  if (!written) return std::nullopt;
+  out.resize(*written);
   return out;
 }
 

@@ -26,6 +26,13 @@ class MacKorean {
   // UTF-8 to Mac Korean bytes; nothing when a character has no mapping (or
   // the input is not UTF-8), with the first offending character in `error`.
   static std::optional<std::string> encode(std::string_view utf8, EncodeError* error = nullptr);
+
+  // The same into `out`, which must have room for utf8.size() bytes: no code
+  // takes more bytes than the UTF-8 of what it stands for. Answers the bytes
+  // written; nothing (with `error`) as encode does. `out` may then hold part
+  // of the text.
+  static std::optional<std::size_t> encodeInto(std::string_view utf8, char* out,
+                                               EncodeError* error = nullptr);
 };
 
 }  // namespace quarvel
