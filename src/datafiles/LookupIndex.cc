@@ -24,7 +24,19 @@ bool caseless(char32_t c) {
 
 void lowerKeyInto(std::string& out, std::string_view text) {
   out.assign(text);
-  for (std::size_t i = 0; i < out.size();) {
+  std::size_t i = 0;
+  // Words of ASCII are lower-cased eight bytes at a time: each byte from
+  // 'A' to 'Z' gains 0x20. A word with a byte beyond ASCII goes on below.
+  constexpr std::uint64_t kOnes = 0x0101010101010101ULL, kHighs = 0x8080808080808080ULL;
+  for (std::uint64_t word; i + 8 <= out.size(); i += 8) {
+    std::memcpy(&word, out.data() + i, 8);
+    if (word & kHighs) break;
+    const std::uint64_t fromA = word + kOnes * (0x80 - 'A');      // high bit: byte >= 'A'
+    const std::uint64_t pastZ = word + kOnes * (0x80 - 'Z' - 1);  // high bit: byte > 'Z'
+    word |= ((fromA ^ pastZ) & kHighs) >> 2;
+    std::memcpy(out.data() + i, &word, 8);
+  }
+  while (i < out.size()) {
     const auto byte = static_cast<unsigned char>(out[i]);
     if (byte < 0x80) {
       if (byte >= 'A' && byte <= 'Z') out[i] = static_cast<char>(byte + ('a' - 'A'));

@@ -3,8 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "common/Log.h"
+#include "common/StringUtil.h"
 #include "datafiles/DataFileTestUtil.h"
+#include "datafiles/LookupIndex.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
 #include "quarvel/FileFontList.h"
@@ -22,6 +26,25 @@ std::string checkListText(const std::vector<std::string>& records) {
   lines.insert(lines.end(), records.begin(), records.end());
   lines.push_back("#CHECKLIST_END");
   return crlf(lines);
+}
+
+// Keys lower-case as the full Unicode rule does, whatever their length and
+// wherever the upper-case letters, the bytes beside 'A' and 'Z' and the
+// characters beyond ASCII fall.
+TEST(LookupKeys, LowerCaseAsUnicodeDoesAtEveryLength) {
+  std::mt19937 rng(5);
+  const std::string pieces[] = {"A",        "Z",       "@", "[",  "`", "{",
+                                "a",        "z",       "0", "\t", " ", "\xED\x95\x9C",
+                                "\xC3\x89", "\xCE\xA3"};  // 한 É Σ
+  for (int round = 0; round < 3000; ++round) {
+    std::string key;
+    for (std::size_t n = rng() % 40; n > 0; --n) {
+      const std::size_t pick = rng() % std::size(pieces);
+      key += round % 2 ? pieces[pick % 11] : pieces[pick];  // every other key all ASCII
+    }
+    SCOPED_TRACE(::testing::PrintToString(key));
+    ASSERT_EQ(lowerKey(key), lowercase(key));
+  }
 }
 
 TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 namespace quarvel {
 namespace {
@@ -20,6 +23,32 @@ TEST(Record, SplitsATabbedLineIntoEveryValue) {
   EXPECT_FALSE(Record::fromTabbedLine("a\tb", 3));
   EXPECT_FALSE(Record::fromTabbedLine("a\tb\tc", 2));
   EXPECT_FALSE(Record::fromTabbedLine("", 0));
+}
+
+// Lines of every length with tabs anywhere, bytes next to a tab that a
+// word-wide search could mistake for one (0x08, 0x0A, 0x89) included: the
+// values are what splitting byte by byte gives.
+TEST(Record, SplitsLongLinesAtEveryTabAndNothingElse) {
+  std::mt19937 rng(3);
+  const char alphabet[] = {'\t', '\t', '\x08', '\x0A', '\x89', '\x01', 'a', 'Z', '9', ' '};
+  for (int round = 0; round < 2000; ++round) {
+    std::string line;
+    for (std::size_t n = rng() % 70; n > 0; --n) line += alphabet[rng() % sizeof alphabet];
+    std::vector<std::string> expected(1);
+    for (char c : line) {
+      if (c == '\t')
+        expected.emplace_back();
+      else
+        expected.back() += c;
+    }
+    SCOPED_TRACE(::testing::PrintToString(line));
+    ASSERT_EQ(Record::fromTabbedLine(line), Record(expected));
+    ASSERT_EQ(Record::fromTabbedLine(line, expected.size()), Record(expected));
+    ASSERT_FALSE(Record::fromTabbedLine(line, expected.size() + 1));
+    if (expected.size() > 1) {
+      ASSERT_FALSE(Record::fromTabbedLine(line, expected.size() - 1));
+    }
+  }
 }
 
 TEST(Record, AValueHoldingATabStaysOneValueAndJoinsBack) {
