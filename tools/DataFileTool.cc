@@ -187,7 +187,7 @@ int showDataFile(const std::string& path, std::optional<DataFileKind> kind, Outp
 int lookupDataFile(const std::string& path, std::optional<DataFileKind> kind,
                    const LookupQuery& query, bool json, std::ostream& out, std::ostream& err,
                    const std::string& label) {
-  std::unique_ptr<FileFramework> file = openForTool(path, kind, err, label.empty() ? path : label);
+  std::unique_ptr<FileFramework> file = openForTool(path, kind, err, label);
   if (!file) return 2;
   std::string tag;
   int index = -1;

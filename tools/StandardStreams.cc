@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <iostream>
 #include <ostream>
 #include <streambuf>
 
@@ -33,10 +32,10 @@ void setVerbosity(Verbosity verbosity) {
 
 Verbosity verbosity() { return current; }
 
-std::ostream& info() {
+std::ostream& notes(std::ostream& stream) {
   static NullBuffer nothing;
   static std::ostream silent(&nothing);
-  return current == Verbosity::kQuiet ? silent : std::cerr;
+  return current == Verbosity::kQuiet ? silent : stream;
 }
 
 std::optional<std::string> inputPath(const std::string& argument, std::uint64_t limit,

@@ -2,8 +2,8 @@
 // What the tool says besides its answers, and `-` for standard input.
 //
 // Answers go to standard output and errors to standard error whatever the
-// verbosity. Progress and notes go to info(): standard error normally,
-// nowhere under -q. The library's log lines always reach the system log;
+// verbosity. Progress and notes go through notes(): where they would go,
+// or nowhere under -q. The library's log lines always reach the system log;
 // standard error shows them only under --verbose, except the warnings a
 // user has to act on, which it shows unless -q.
 
@@ -20,9 +20,8 @@ enum class Verbosity { kQuiet, kNormal, kVerbose };
 void setVerbosity(Verbosity verbosity);
 Verbosity verbosity();
 
-// Standard error for progress and notes; a stream that drops everything
-// under -q.
-std::ostream& info();
+// `stream` for progress and notes; under -q a stream that drops everything.
+std::ostream& notes(std::ostream& stream);
 
 // The path to read for a FILE argument: the argument itself, or for "-" a
 // path to a copy of standard input (an anonymous in-memory file that lives

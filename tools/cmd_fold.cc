@@ -35,15 +35,19 @@ void addFoldCommand(CLI::App& app) {
     std::string pending;
     char block[1 << 16];
     while (std::cin.read(block, sizeof block) || std::cin.gcount() > 0) {
-      pending.append(block, static_cast<std::size_t>(std::cin.gcount()));
-      const std::size_t lineEnd = pending.rfind('\n');
-      if (lineEnd == std::string::npos) {
+      const auto got = static_cast<std::size_t>(std::cin.gcount());
+      pending.append(block, got);
+      // Only the block just read can hold a new line end: searching all
+      // that is pending would go over a long line again for every block.
+      const std::size_t inBlock = std::string_view(block, got).rfind('\n');
+      if (inBlock == std::string_view::npos) {
         if (pending.size() > kMaxLineBytes) {
           std::cerr << "quarvel fold: a line longer than " << kMaxLineBytes << " bytes\n";
           throw CLI::RuntimeError(1);
         }
         continue;
       }
+      const std::size_t lineEnd = pending.size() - got + inBlock;
       std::cout << CommonLib::encodingForSpecialCharacter(
           std::string_view(pending).substr(0, lineEnd + 1));
       pending.erase(0, lineEnd + 1);

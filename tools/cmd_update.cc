@@ -101,7 +101,7 @@ void addUpdate(CLI::App& app) {
       request.interrupted = [] { return interruptRequested.load(); };
       request.redraw = ::isatty(STDOUT_FILENO) != 0;
       // Progress and the outcome text are notes: -q leaves the exit status.
-      status = runTerminalUpdate(request, verbosity() == Verbosity::kQuiet ? info() : std::cout);
+      status = runTerminalUpdate(request, notes(std::cout));
     }
     if (status != 0) throw CLI::RuntimeError(status);
   });

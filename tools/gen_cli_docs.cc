@@ -77,7 +77,8 @@ void manCommand(std::ostream& out, const CLI::App& command, const std::string& p
     if (!argument.empty()) out << " \\fI" << roff(argument) << "\\fR";
     out << "\n" << roff(option->get_description()) << "\n";
   }
-  if (command.get_footer() != command.get_parent()->get_footer() || command.get_parent() == nullptr)
+  // A command's own exit statuses; the inherited footer stands once, at the end.
+  if (command.get_footer() != command.get_parent()->get_footer())
     out << ".PP\n" << roff(command.get_footer()) << "\n";
   for (const CLI::App* sub : commandsOf(command))
     manCommand(out, *sub, path + " " + sub->get_name());

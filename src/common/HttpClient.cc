@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <exception>
 #include <mutex>
 #include <thread>

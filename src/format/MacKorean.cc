@@ -334,12 +334,8 @@ std::optional<std::size_t> MacKorean::encodeInto(std::string_view utf8, char* co
       pos += run;
       if (pos == utf8.size()) break;
     }
-    const auto b = static_cast<unsigned char>(utf8[pos]);
-    if (b < 0x80 && kMacKoreanAscii[b] && !index.startsMulti(b)) {
-      *put++ = static_cast<char>(b);
-      ++pos;
-      continue;
-    }
+    // Here the character is DEL, beyond ASCII, or ASCII that may begin a
+    // multi-character code.
     const std::size_t start = pos;
     const char32_t c = nextUtf8(utf8, pos);
     auto fail = [&](char32_t bad) {
