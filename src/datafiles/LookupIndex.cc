@@ -1,9 +1,11 @@
 #include "datafiles/LookupIndex.h"
 
+#include <sys/mman.h>
+
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <functional>
+#include <new>
 
 #include "common/StringUtil.h"
 
@@ -74,15 +76,156 @@ std::string lowerKey(std::string_view text) {
   return out;
 }
 
+namespace {
+
+constexpr std::uint64_t kOnes = 0x0101010101010101ULL, kHighs = 0x8080808080808080ULL;
+
+// The 128-bit product of a and b folded to 64 bits: one multiplication
+// spreads every input bit over the whole result.
+inline std::uint64_t mix(std::uint64_t a, std::uint64_t b) {
+  const unsigned __int128 product = static_cast<unsigned __int128>(a) * b;
+  return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
+}
+
+constexpr std::uint64_t kHashSeed = 0x243F6A8885A308D3ULL;
+constexpr std::uint64_t kHashMultiplier = 0x9E3779B97F4A7C15ULL;
+
+// The last step of hashOf, given the state with the last word mixed in.
+inline std::uint32_t finishHash(std::uint64_t state) {
+  std::uint64_t hash = mix(state, kHashMultiplier);
+  hash = mix(hash, 0xD6E8FEB86659FD93ULL);
+  return static_cast<std::uint32_t>(hash ^ (hash >> 32));
+}
+
+// Each byte of an ASCII word from 'A' to 'Z' gains 0x20.
+inline std::uint64_t lowerAsciiWord(std::uint64_t word) {
+  const std::uint64_t fromA = word + kOnes * (0x80 - 'A');      // high bit: byte >= 'A'
+  const std::uint64_t pastZ = word + kOnes * (0x80 - 'Z' - 1);  // high bit: byte > 'Z'
+  return word | (((fromA ^ pastZ) & kHighs) >> 2);
+}
+
+// Whether n bytes at a and b are the same, read in eight-byte words at the
+// offsets hashOf reads (the last word overlapping), which findLowered has
+// just written: each load is served from one store.
+inline bool sameBytes(const char* a, const char* b, std::size_t n) {
+  if (n < 8) return n == 0 || std::memcmp(a, b, n) == 0;
+  std::uint64_t x, y, differ = 0;
+  for (std::size_t i = 0; i + 8 < n; i += 8) {
+    std::memcpy(&x, a + i, 8);
+    std::memcpy(&y, b + i, 8);
+    differ |= x ^ y;
+  }
+  std::memcpy(&x, a + n - 8, 8);
+  std::memcpy(&y, b + n - 8, 8);
+  return (differ | (x ^ y)) == 0;
+}
+
+// Lowers the keys most look-ups take (ASCII, Hangul, CJK) into `out`, which
+// has room for text.size() bytes. False when the key holds anything else
+// (the text may then be partly written).
+bool lowerSimpleKey(std::string_view text, char* out) {
+  std::size_t i = 0;
+  for (std::uint64_t word; i + 8 <= text.size(); i += 8) {
+    std::memcpy(&word, text.data() + i, 8);
+    if (word & kHighs) break;
+    word = lowerAsciiWord(word);
+    std::memcpy(out + i, &word, 8);
+  }
+  while (i < text.size()) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (byte < 0x80) {
+      out[i++] = static_cast<char>(byte >= 'A' && byte <= 'Z' ? byte + ('a' - 'A') : byte);
+      continue;
+    }
+    if ((byte & 0xF0) != 0xE0 || i + 2 >= text.size()) return false;
+    const auto b1 = static_cast<unsigned char>(text[i + 1]);
+    const auto b2 = static_cast<unsigned char>(text[i + 2]);
+    if ((b1 & 0xC0) != 0x80 || (b2 & 0xC0) != 0x80) return false;
+    if (!caseless(((byte & 0x0Fu) << 12) | ((b1 & 0x3Fu) << 6) | (b2 & 0x3Fu))) return false;
+    std::memcpy(out + i, text.data() + i, 3);
+    i += 3;
+  }
+  return true;
+}
+
+}  // namespace
+
+void* allocateHugePageBlock(std::size_t bytes) {
+  constexpr std::size_t kHuge = std::size_t{2} << 20;
+  void* block = nullptr;
+  if (bytes >= kHuge) {
+    const std::size_t rounded = (bytes + kHuge - 1) / kHuge * kHuge;
+    block = std::aligned_alloc(kHuge, rounded);
+    if (block != nullptr) ::madvise(block, rounded, MADV_HUGEPAGE);
+  } else {
+    block = std::malloc(bytes == 0 ? 1 : bytes);
+  }
+  if (block == nullptr) throw std::bad_alloc();
+  return block;
+}
+
 std::int64_t LookupIndex::findLowered(std::string_view key) const {
+  constexpr std::size_t kStackKey = 256;
+  if (slots_.empty()) return -1;
+  char lowered[kStackKey];
+  if (key.size() >= 8 && key.size() <= kStackKey) {
+    // An ASCII key is lowered and hashed in one pass, as hashOf would hash
+    // the lowered text, each word kept in a register: the hash never waits
+    // on the bytes just written.
+    std::uint64_t hash = kHashSeed ^ key.size();
+    std::uint64_t word;
+    std::size_t i = 0;
+    bool ascii = true;
+    for (; i + 8 < key.size(); i += 8) {
+      std::memcpy(&word, key.data() + i, 8);
+      ascii &= (word & kHighs) == 0;
+      word = lowerAsciiWord(word);
+      std::memcpy(lowered + i, &word, 8);
+      hash = mix(hash ^ word, kHashMultiplier);
+    }
+    std::memcpy(&word, key.data() + key.size() - 8, 8);
+    ascii &= (word & kHighs) == 0;
+    word = lowerAsciiWord(word);
+    std::memcpy(lowered + key.size() - 8, &word, 8);
+    if (ascii) {
+      const std::string_view text(lowered, key.size());
+      return slots_[slotOf(text, finishHash(hash ^ word))].value;
+    }
+  }
+  // Shorter keys, and those beyond ASCII: lowered first, then hashed; on
+  // the stack unless the key needs Unicode's full rules or is long.
+  if (key.size() <= kStackKey && lowerSimpleKey(key, lowered))
+    return find(std::string_view(lowered, key.size()));
   thread_local std::string scratch;
   lowerKeyInto(scratch, key);
   return find(scratch);
 }
 
 std::uint32_t LookupIndex::hashOf(std::string_view key) {
-  const std::uint64_t hash = std::hash<std::string_view>{}(key);
-  return static_cast<std::uint32_t>(hash ^ (hash >> 32));
+  std::uint64_t hash = kHashSeed ^ key.size();
+  const char* const bytes = key.data();
+  const std::size_t size = key.size();
+  std::uint64_t word = 0;
+  if (size >= 8) {
+    for (std::size_t i = 0; i + 8 < size; i += 8) {
+      std::memcpy(&word, bytes + i, 8);
+      hash = mix(hash ^ word, kHashMultiplier);
+    }
+    // The last eight bytes, overlapping the word before when the length is
+    // not a multiple of eight: one fixed load rather than a copy of the
+    // tail's length, which stalls what follows.
+    std::memcpy(&word, bytes + size - 8, 8);
+  } else if (size >= 4) {
+    std::uint32_t first = 0, last = 0;
+    std::memcpy(&first, bytes, 4);
+    std::memcpy(&last, bytes + size - 4, 4);
+    word = std::uint64_t{first} << 32 | last;
+  } else if (size > 0) {
+    word = std::uint64_t{static_cast<unsigned char>(bytes[0])} << 16 |
+           std::uint64_t{static_cast<unsigned char>(bytes[size / 2])} << 8 |
+           static_cast<unsigned char>(bytes[size - 1]);
+  }
+  return finishHash(hash ^ word);
 }
 
 std::size_t LookupIndex::slotOf(std::string_view key, std::uint32_t hash) const {
@@ -91,13 +234,13 @@ std::size_t LookupIndex::slotOf(std::string_view key, std::uint32_t hash) const 
     const Slot& slot = slots_[at];
     if (slot.value < 0) return at;
     if (slot.hash == hash && slot.length == key.size() &&
-        std::string_view(keys_).substr(slot.offset, slot.length) == key)
+        sameBytes(keys_.data() + slot.offset, key.data(), key.size()))
       return at;
   }
 }
 
 void LookupIndex::rehash(std::size_t slotCount) {
-  std::vector<Slot> old = std::move(slots_);
+  const auto old = std::move(slots_);
   slots_.assign(slotCount, Slot{});
   const std::size_t mask = slotCount - 1;
   for (const Slot& slot : old) {
@@ -133,7 +276,7 @@ void LookupIndex::setHashed(std::string_view key, std::uint32_t hash, std::int64
     slot.hash = hash;
     slot.offset = static_cast<std::uint32_t>(keys_.size());
     slot.length = static_cast<std::uint32_t>(key.size());
-    keys_.append(key);
+    keys_.insert(keys_.end(), key.begin(), key.end());
     ++size_;
   }
   slot.value = static_cast<std::int32_t>(index);
