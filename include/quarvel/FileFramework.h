@@ -89,8 +89,9 @@ class FileFramework {
   enum class ReadStatus { kOk, kOpenFailed, kDecryptFailed, kDamaged };
   struct ReadResult {
     ReadStatus status = ReadStatus::kOpenFailed;
-    int errorCode = 0;               ///< the stream's error value on kOpenFailed
-    std::vector<std::string> lines;  ///< the deciphered lines on kOk
+    int errorCode = 0;                    ///< the stream's error value on kOpenFailed
+    std::unique_ptr<std::string> text;    ///< the decoded text that `lines` view
+    std::vector<std::string_view> lines;  ///< the deciphered lines on kOk
   };
 
   /// Reads and deciphers `path` and sets the start and end positions of
@@ -109,7 +110,7 @@ class FileFramework {
   /// line order. Records are appended in one step. Answers the row of the
   /// first record appended (the table's count before).
   template <typename Refused>
-  static std::int64_t loadRecords(TableMulti& table, const std::vector<std::string>& lines,
+  static std::int64_t loadRecords(TableMulti& table, const std::vector<std::string_view>& lines,
                                   Refused&& refused) {
     const std::size_t fieldCount = table.getFields()->size();
     const int first = table.getStartPosition() + 1;
@@ -117,7 +118,7 @@ class FileFramework {
     std::vector<RecordPtr> batch;
     if (end > first) batch.reserve(static_cast<std::size_t>(end - first));
     for (int i = first; i < end; ++i) {
-      const std::string& line = lines[static_cast<std::size_t>(i)];
+      const std::string_view line = lines[static_cast<std::size_t>(i)];
       std::optional<Record> record = Record::fromTabbedLine(line, fieldCount);
       if (!record) {
         refused(line);

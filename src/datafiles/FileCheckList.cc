@@ -65,15 +65,16 @@ bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPat
     case ReadStatus::kOk:
       break;
   }
-  const std::vector<std::string>& lines = read.lines;
+  const std::vector<std::string_view>& lines = read.lines;
   for (int i = m_pHeader.getStartPosition() + 1; i < m_pHeader.getEndPosition(); ++i) {
     if (m_pHeader.insertRecord(lines[i], datafile::kSeparator) == -1) {
       logf("%s (%d) // CHECKLIST HEADER INSERT FAIL : %s", kOpenMethod, kLineHeaderInsertFail,
-           lines[i].c_str());
+           std::string(lines[i]).c_str());
     }
   }
-  const std::int64_t first = loadRecords(m_pCheckList, lines, [](const std::string& line) {
-    logf("%s (%d) // CHECKLIST INSERT FAIL : %s", kOpenMethod, kLineInsertFail, line.c_str());
+  const std::int64_t first = loadRecords(m_pCheckList, lines, [](std::string_view line) {
+    logf("%s (%d) // CHECKLIST INSERT FAIL : %s", kOpenMethod, kLineInsertFail,
+         std::string(line).c_str());
   });
   // The property key's four values are consecutive in a record, so the key
   // is a view of the record's own text.

@@ -34,11 +34,11 @@ bool FileFilter::openWithFileName(const std::string& fileName, bool isFullPath) 
   Table* const tables[] = {&m_pHeader, &m_pSWList};
   ReadResult read = readSections(path, tables, false);
   if (read.status != ReadStatus::kOk) return false;
-  const std::vector<std::string>& lines = read.lines;
+  const std::vector<std::string_view>& lines = read.lines;
   for (int i = m_pHeader.getStartPosition() + 1; i < m_pHeader.getEndPosition(); ++i) {
     m_pHeader.insertRecord(lines[i], datafile::kSeparator);
   }
-  const std::int64_t first = loadRecords(m_pSWList, lines, [](const std::string&) {});
+  const std::int64_t first = loadRecords(m_pSWList, lines, [](std::string_view) {});
   // A loaded record holds exactly the four key values, in key order.
   indexLowered(indexes_->m_pDicFilter, m_pSWList, first,
                [](const Record& record) { return record.tabbedText(); });

@@ -30,11 +30,11 @@ bool FileFontList::openWithFileName(const std::string& fileName, bool isFullPath
   Table* const tables[] = {&m_pHeader, &m_pFontList};
   ReadResult read = readSections(path, tables, false);
   if (read.status != ReadStatus::kOk) return false;
-  const std::vector<std::string>& lines = read.lines;
+  const std::vector<std::string_view>& lines = read.lines;
   for (int i = m_pHeader.getStartPosition() + 1; i < m_pHeader.getEndPosition(); ++i) {
     m_pHeader.insertRecord(lines[i], datafile::kSeparator);
   }
-  const std::int64_t first = loadRecords(m_pFontList, lines, [](const std::string&) {});
+  const std::int64_t first = loadRecords(m_pFontList, lines, [](std::string_view) {});
   indexLowered(indexes_->m_pDicFileName, m_pFontList, first,
                [](const Record& record) { return record[datafile::kExeFileIndex]; });
   setM_strFileName(path);

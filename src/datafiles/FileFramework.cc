@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "common/FileReplacement.h"
+#include "common/Folding.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
 #include "format/DataFileFormat.h"
@@ -92,9 +93,10 @@ FileFramework::ReadResult FileFramework::readSections(const std::string& path,
     result.errorCode = error;
     return result;
   }
-  std::vector<std::string> lines;
-  const bool deciphered = CommonLib::Decrypt(lines, stream);
+  datafile::DecodedLines decoded;
+  const bool deciphered = datafile::readLines(stream, decoded);
   std::fclose(stream);
+  const std::vector<std::string_view>& lines = decoded.lines;
   if (!deciphered) {
     result.status = ReadStatus::kDecryptFailed;
     return result;
@@ -111,8 +113,8 @@ FileFramework::ReadResult FileFramework::readSections(const std::string& path,
                                 ? static_cast<std::size_t>(INT_MAX)
                                 : lines.size();
   for (std::size_t i = 0; i < count; ++i) {
-    const std::string& line = lines[i];
-    if (traceLines) logDebugf("%s\n", line.c_str());
+    const std::string_view line = lines[i];
+    if (traceLines) logDebugf("%.*s\n", static_cast<int>(line.size()), line.data());
     // Every tag line starts with '#'; most lines are records.
     if (line.empty() || line[0] != '#') continue;
     bool matched = false;
@@ -140,7 +142,8 @@ FileFramework::ReadResult FileFramework::readSections(const std::string& path,
     }
   }
   result.status = ReadStatus::kOk;
-  result.lines = std::move(lines);
+  result.text = std::move(decoded.text);
+  result.lines = std::move(decoded.lines);
   return result;
 }
 
@@ -159,105 +162,86 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
                                                               const char* owner,
                                                               std::uint64_t& size) {
   size = 0;
-  // Line index of each section's start line, to name the section and record
-  // of a line that is refused.
-  std::vector<std::size_t> sectionStart;
-  std::size_t reserve = 0;
+  // First the room the text takes, refusing a record that cannot be one
+  // line before anything is encoded. Folding never lengthens a text and no
+  // code takes more bytes than its UTF-8, so that room holds the stored text.
+  std::size_t room = 1;
   for (Table* table : tables) {
     const std::uint64_t count = table->getDataCount();
     for (std::uint64_t i = 0; i < count; ++i) {
-      RecordPtr record = table->select(static_cast<int>(i));
+      const RecordPtr record = table->select(static_cast<int>(i));
       if (!record) continue;
-      reserve += record->tabbedText().size() + 2;
+      const std::string_view values = record->tabbedText();
+      if (datafile::holdsLineBreak(values)) {
+        logWarningf("%s // SAVE REFUSED: a CR or LF inside a value (section %s, record %lld)",
+                    owner, table->getTag().c_str(), static_cast<long long>(i));
+        return nullptr;
+      }
+      room += values.size() + datafile::kLineEnd.size();
     }
-    reserve += 2 * table->getTag().size() + 16;
+    room += 2 * table->getTag().size() + datafile::kStartSuffix.size() +
+            datafile::kEndSuffix.size() + 2 * datafile::kLineEnd.size();
   }
-  std::string text;
-  text.reserve(reserve);
-  std::size_t line = 0;
+  auto buffer = std::make_unique_for_overwrite<unsigned char[]>(room);
+  char* const begin = reinterpret_cast<char*>(buffer.get());
+  char* put = begin;
+
+  // Then each line straight into the buffer. Folding acts within a line, so
+  // a line folds alone as it would within the whole text; most lines hold
+  // nothing it changes and go by the encoder's fast lane, the others are
+  // folded and encoded with every check. A line too long is named only once
+  // the whole text encodes, as a character without a code is the graver fault.
+  std::string folded;
+  const char* longTag = nullptr;
+  long long longRecord = 0;
+  std::size_t longBytes = 0;
+  const auto encodeLine = [&](std::string_view line, Table* table, long long record) {
+    std::optional<std::size_t> written =
+        MacKorean::encodePlainInto(line, put, folding::leavesAlone);
+    if (!written) {
+      folded = CommonLib::encodingForSpecialCharacter(line);
+      MacKorean::EncodeError error;
+      written = MacKorean::encodeInto(folded, put, &error);
+      if (!written) {
+        logWarningf(
+            "%s // SAVE REFUSED: U+%04X \"%s\" has no Mac Korean form (section %s, record %lld)",
+            owner, static_cast<unsigned>(error.character), utf8Of(error.character).c_str(),
+            table->getTag().c_str(), record);
+        return false;
+      }
+    }
+    if (longTag == nullptr && !datafile::fitsOneLine(*written)) {
+      longTag = table->getTag().c_str();
+      longRecord = record;
+      longBytes = *written;
+    }
+    put += *written;
+    std::memcpy(put, datafile::kLineEnd.data(), datafile::kLineEnd.size());
+    put += datafile::kLineEnd.size();
+    return true;
+  };
   for (Table* table : tables) {
-    sectionStart.push_back(line);
-    text += table->getTag();
-    text += datafile::kStartSuffix;
-    text += datafile::kLineEnd;
-    ++line;
+    if (!encodeLine(makeStartTag(table->getTag()), table, -1)) return nullptr;
     const std::uint64_t count = table->getDataCount();
     for (std::uint64_t i = 0; i < count; ++i) {
       // A record's line is its values joined by tabs: the record's own text.
-      if (const RecordPtr record = table->select(static_cast<int>(i))) {
-        const std::string_view values = record->tabbedText();
-        if (datafile::holdsLineBreak(values)) {
-          logWarningf("%s // SAVE REFUSED: a CR or LF inside a value (section %s, record %lld)",
-                      owner, table->getTag().c_str(), static_cast<long long>(i));
-          return nullptr;
-        }
-        text += values;
-      }
-      text += datafile::kLineEnd;
-      ++line;
+      const RecordPtr record = table->select(static_cast<int>(i));
+      if (!encodeLine(record ? record->tabbedText() : std::string_view(), table,
+                      static_cast<long long>(i)))
+        return nullptr;
     }
-    text += table->getTag();
-    text += datafile::kEndSuffix;
-    text += datafile::kLineEnd;
-    ++line;
+    if (!encodeLine(makeEndTag(table->getTag()), table, static_cast<long long>(count)))
+      return nullptr;
   }
-
-  // The tag and record index of text line `at`.
-  const auto locate = [&](std::size_t at, const char*& tag, long long& record) {
-    std::size_t section = 0;
-    while (section + 1 < sectionStart.size() && sectionStart[section + 1] <= at) ++section;
-    tag = tables.empty() ? "" : tables[section]->getTag().c_str();
-    record = tables.empty() ? -1 : static_cast<long long>(at - sectionStart[section]) - 1;
-  };
-
-  // Folded, then encoded straight into the buffer the caller receives: no
-  // code takes more bytes than its UTF-8, so the folded text's size is room
-  // enough, and nothing is zero-filled first.
-  std::string folded = CommonLib::encodingForSpecialCharacter(text);
-  text = std::string();
-  auto buffer = std::make_unique_for_overwrite<unsigned char[]>(folded.size() + 1);
-  MacKorean::EncodeError error;
-  const std::optional<std::size_t> encoded =
-      MacKorean::encodeInto(folded, reinterpret_cast<char*>(buffer.get()), &error);
-  if (!encoded) {
-    const std::size_t offset = std::min(error.offset, folded.size());
-    std::size_t at = 0;
-    for (std::size_t i = 0; i < offset; ++i) at += folded[i] == '\n';
-    const char* tag = nullptr;
-    long long record = 0;
-    locate(at, tag, record);
+  if (longTag != nullptr) {
     logWarningf(
-        "%s // SAVE REFUSED: U+%04X \"%s\" has no Mac Korean form (section %s, record %lld)", owner,
-        static_cast<unsigned>(error.character), utf8Of(error.character).c_str(), tag, record);
+        "%s // SAVE REFUSED: a line of %zu bytes, longer than %zu (section %s, record %lld)", owner,
+        longBytes, datafile::kMaxLineBytes, longTag, longRecord);
     return nullptr;
   }
-  folded = std::string();
-  buffer[*encoded] = 0;
-  // No value holds a CR or LF, and neither folding nor Mac Korean makes one
-  // (a two-byte code's second byte is 0x41 or above), so each LF ends one
-  // line of the text, after its CR: one scan of the stored bytes measures
-  // every line as the reader will see it.
-  const char* const begin = reinterpret_cast<const char*>(buffer.get());
-  const char* const end = begin + *encoded;
-  std::size_t at = 0;
-  for (const char* from = begin; from < end; ++at) {
-    const auto* lf = static_cast<const char*>(std::memchr(from, '\n', end - from));
-    if (lf == nullptr) break;
-    auto bytes = static_cast<std::size_t>(lf - from);
-    if (bytes > 0 && from[bytes - 1] == '\r') --bytes;
-    if (!datafile::fitsOneLine(bytes)) {
-      const char* tag = nullptr;
-      long long record = 0;
-      locate(at, tag, record);
-      logWarningf(
-          "%s // SAVE REFUSED: a line of %zu bytes, longer than %zu (section %s, record %lld)",
-          owner, bytes, datafile::kMaxLineBytes, tag, record);
-      return nullptr;
-    }
-    from = lf + 1;
-  }
+  *put = 0;
   // The text ends at its first zero byte, as a C string would.
-  size = ::strnlen(begin, *encoded);
+  size = ::strnlen(begin, static_cast<std::size_t>(put - begin));
   return buffer;
 }
 

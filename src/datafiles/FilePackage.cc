@@ -39,7 +39,7 @@ bool FilePackage::openWithFileName(const std::string& fileName, bool isFullPath)
     m_pHeader.insertRecord(read.lines[i], datafile::kSeparator);
   }
   // No index is built here: getPackageIndex builds its own on first use.
-  const auto ignore = [](const std::string&) {};
+  const auto ignore = [](std::string_view) {};
   loadRecords(m_pPackage, read.lines, ignore);
   loadRecords(m_pSub, read.lines, ignore);
   setM_strFileName(path);

@@ -171,6 +171,68 @@ void splitLines(const unsigned char* text, std::size_t size, std::vector<std::st
   scanLines(text, size, scan);
 }
 
+namespace {
+
+// The lines of a text the scan passes over without a word, decoded whole
+// and split in place; false, with `out` untouched, for any other text. Such
+// a text ends at its first zero byte, every CR in it comes just before an
+// LF and no line holds more than kMaxLineBytes bytes. Then its lines are
+// the same before and after decoding: ASCII, CR and LF included, decodes to
+// itself, no code's second byte is a CR or LF, and no code decodes to one.
+// So, when the lines before the last LF decode as one text, splitting the
+// result at its line ends gives each line decoded, as the scan would.
+bool splitWhole(const unsigned char* text, std::size_t size, DecodedLines& out) {
+  const char* const begin = reinterpret_cast<const char*>(text);
+  const std::size_t end = ::strnlen(begin, size);
+  std::size_t count = 0;
+  std::size_t start = 0;
+  while (const void* lf = std::memchr(begin + start, '\n', end - start)) {
+    const auto at = static_cast<std::size_t>(static_cast<const char*>(lf) - begin);
+    std::size_t bytes = at - start;
+    if (bytes > 0 && begin[at - 1] == '\r') --bytes;
+    if (bytes > kMaxLineBytes || std::memchr(begin + start, '\r', bytes) != nullptr) return false;
+    ++count;
+    start = at + 1;
+  }
+  std::optional<std::string> decoded = MacKorean::decode(std::string_view(begin, start));
+  if (!decoded) return false;
+  out.text = std::make_unique<std::string>(std::move(*decoded));
+  out.lines.clear();
+  out.lines.reserve(count);
+  const char* const decodedBegin = out.text->data();
+  const std::size_t decodedSize = out.text->size();
+  for (std::size_t from = 0; from < decodedSize;) {
+    const auto at = static_cast<std::size_t>(
+        static_cast<const char*>(std::memchr(decodedBegin + from, '\n', decodedSize - from)) -
+        decodedBegin);
+    std::size_t bytes = at - from;
+    if (bytes > 0 && decodedBegin[at - 1] == '\r') --bytes;
+    out.lines.emplace_back(decodedBegin + from, bytes);
+    from = at + 1;
+  }
+  return true;
+}
+
+}  // namespace
+
+void splitLines(const unsigned char* text, std::size_t size, DecodedLines& out) {
+  if (splitWhole(text, size, out)) return;
+  std::vector<std::string> lines;
+  splitLines(text, size, lines);
+  std::size_t total = 0;
+  for (const std::string& line : lines) total += line.size();
+  out.text = std::make_unique<std::string>();
+  out.text->reserve(total);
+  for (const std::string& line : lines) *out.text += line;
+  out.lines.clear();
+  out.lines.reserve(lines.size());
+  std::size_t at = 0;
+  for (const std::string& line : lines) {
+    out.lines.emplace_back(out.text->data() + at, line.size());
+    at += line.size();
+  }
+}
+
 ReadRefusal readRefusal(const std::string& path) {
   struct stat info {};
   if (::stat(path.c_str(), &info) != 0) return ReadRefusal::kMissing;
@@ -206,7 +268,8 @@ bool CommonLib::Encrypt(unsigned char* buffer, std::uint32_t size) {
   return true;
 }
 
-bool CommonLib::Decrypt(std::vector<std::string>& lines, std::FILE* targetFile) {
+bool datafile::readLines(std::FILE* targetFile, DecodedLines& out) {
+  out = DecodedLines();
   if (!targetFile) return false;
   if (std::fseek(targetFile, 0, SEEK_END) != 0) {
     logf("ERROR! code=%d", errno);
@@ -241,7 +304,7 @@ bool CommonLib::Decrypt(std::vector<std::string>& lines, std::FILE* targetFile) 
     // A short read is not a failure: the raw bytes are split as they are.
     logf("ERROR : %s", text);
   } else {
-    datafile::decipher(buffer.get(), size);
+    decipher(buffer.get(), size);
   }
   // The whole text as UTF-8; Mac Korean text usually is not, and then only
   // "(null)" is shown, as the original platform does. Measuring and
@@ -251,7 +314,20 @@ bool CommonLib::Decrypt(std::vector<std::string>& lines, std::FILE* targetFile) 
     const std::string_view whole(text, std::strlen(text));
     logDebugf("%s", whole.size() <= INT_MAX && isValidUtf8(whole) ? text : "(null)");
   }
-  datafile::splitLines(buffer.get(), size, lines);
+  // The enciphered bytes go as soon as the lines are decoded, before the
+  // caller builds anything from them.
+  DecodedLines decoded;
+  datafile::splitLines(buffer.get(), size, decoded);
+  buffer.reset();
+  out = std::move(decoded);
+  return true;
+}
+
+bool CommonLib::Decrypt(std::vector<std::string>& lines, std::FILE* targetFile) {
+  datafile::DecodedLines decoded;
+  if (!datafile::readLines(targetFile, decoded)) return false;
+  lines.reserve(lines.size() + decoded.lines.size());
+  for (std::string_view line : decoded.lines) lines.emplace_back(line);
   return true;
 }
 

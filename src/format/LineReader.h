@@ -5,6 +5,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -54,5 +56,23 @@ void scanLines(const unsigned char* text, std::size_t size, LineScan& scan);
 // by scanLines' rules. A line that does not decode is dropped; a line
 // longer than kMaxLineBytes bytes is dropped, and logged.
 void splitLines(const unsigned char* text, std::size_t size, std::vector<std::string>& lines);
+
+// Decoded lines kept in one buffer: each line is a view of `*text`, which
+// stays where it is when the whole is moved.
+struct DecodedLines {
+  std::unique_ptr<std::string> text;
+  std::vector<std::string_view> lines;
+};
+// The same lines into `out` (replacing what it held), with the same logging.
+// A text the reader passes over without a word (no lone CR, no line too
+// long, no line that does not decode) is decoded whole, in one call, and
+// split in place; any other goes line by line.
+void splitLines(const unsigned char* text, std::size_t size, DecodedLines& out);
+
+// What CommonLib::Decrypt does with an open stream (read it whole, decipher
+// it, split and decode its lines, log as it logs), into `out`. False, with
+// `out` empty, when the stream's size cannot be learnt, is 0 or beyond 32
+// bits, or there is no memory for it.
+bool readLines(std::FILE* stream, DecodedLines& out);
 
 }  // namespace quarvel::datafile

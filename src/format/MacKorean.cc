@@ -364,6 +364,40 @@ std::optional<std::size_t> MacKorean::encodeInto(std::string_view utf8, char* co
   return static_cast<std::size_t>(put - out);
 }
 
+std::optional<std::size_t> MacKorean::encodePlainInto(std::string_view utf8, char* const out,
+                                                      bool (*keep)(char32_t)) {
+  const EncodeIndex& index = encodeIndex();
+  const auto* const bytes = reinterpret_cast<const unsigned char*>(utf8.data());
+  char* put = out;
+  std::size_t pos = 0;
+  while (pos < utf8.size()) {
+    if (const std::size_t run = plainAsciiRun(bytes + pos, utf8.size() - pos); run > 0) {
+      std::memcpy(put, bytes + pos, run);
+      put += run;
+      pos += run;
+      if (pos == utf8.size()) break;
+      // A character beyond ASCII may finish a code begun by the byte before.
+      if (index.startsMulti(bytes[pos - 1]) &&
+          index.longestMulti(bytes[pos - 1], utf8.substr(pos - 1)) != nullptr)
+        return std::nullopt;
+    }
+    const std::size_t start = pos;
+    const char32_t c = nextUtf8(utf8, pos);
+    if (c > 0xFFFF) return std::nullopt;  // DEL and bad UTF-8 go on below
+    // A character that begins one of the multi-character codes stands for
+    // itself unless the text goes on as that code does.
+    if (index.startsMulti(c) &&
+        index.longestMulti(static_cast<char16_t>(c), utf8.substr(start)) != nullptr)
+      return std::nullopt;
+    const std::uint16_t code = index.code[c];
+    if (code < 0x100 || !keep(c)) return std::nullopt;
+    put[0] = static_cast<char>(code >> 8);
+    put[1] = static_cast<char>(code & 0xFF);
+    put += 2;
+  }
+  return static_cast<std::size_t>(put - out);
+}
+
 std::optional<std::string> MacKorean::encode(std::string_view utf8, EncodeError* error) {
   std::string out(utf8.size(), '\0');
   const std::optional<std::size_t> written = encodeInto(utf8, out.data(), error);

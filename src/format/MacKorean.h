@@ -33,6 +33,15 @@ class MacKorean {
   // of the text.
   static std::optional<std::size_t> encodeInto(std::string_view utf8, char* out,
                                                EncodeError* error = nullptr);
+
+  // encodeInto's fast lane for text that takes no careful step: ASCII but
+  // DEL, and characters with a code of their own (no multi-character code
+  // begins with them or with the ASCII byte before them) that `keep`
+  // accepts. Answers the bytes written, the same as encodeInto's; nothing
+  // at the first other character, with part of the text in `out` (room for
+  // utf8.size() bytes), and the caller then takes the careful way.
+  static std::optional<std::size_t> encodePlainInto(std::string_view utf8, char* out,
+                                                    bool (*keep)(char32_t));
 };
 
 }  // namespace quarvel

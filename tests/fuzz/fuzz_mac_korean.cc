@@ -5,7 +5,8 @@
 // - decoded text encodes again, to bytes that decode to the same text;
 // - text that encodes decodes back unchanged;
 // - a refused text is refused at a character boundary, and everything before
-//   the reported character encodes.
+//   the reported character encodes;
+// - the encoder's fast lane, where it answers, writes what encodeInto writes.
 
 #include <cstddef>
 #include <cstdint>
@@ -64,6 +65,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       fail("refusal reported inside a character");
     if (!MacKorean::encode(bytes.substr(0, error.offset)))
       fail("text before the reported character does not encode");
+  }
+
+  std::string fast(size, '\0');
+  std::string careful(size, '\0');
+  // Half the characters are refused, to take the lane's way out too.
+  const auto keepEvenCodes = [](char32_t c) { return c % 2 == 0; };
+  if (const std::optional<std::size_t> written =
+          MacKorean::encodePlainInto(bytes, fast.data(), keepEvenCodes)) {
+    const std::optional<std::size_t> expected = MacKorean::encodeInto(bytes, careful.data());
+    if (written != expected || fast.compare(0, *written, careful, 0, *written) != 0)
+      fail("the fast lane differs from encodeInto");
   }
   return 0;
 }
