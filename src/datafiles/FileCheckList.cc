@@ -76,6 +76,7 @@ bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPat
     logf("%s (%d) // CHECKLIST INSERT FAIL : %s", kOpenMethod, kLineInsertFail,
          std::string(line).c_str());
   });
+  read = ReadResult();  // the text goes before the indexes are built
   // The property key's four values are consecutive in a record, so the key
   // is a view of the record's own text.
   static_assert(datafile::kProductIndex == datafile::kCompanyIndex + 1 &&

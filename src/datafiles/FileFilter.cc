@@ -39,6 +39,7 @@ bool FileFilter::openWithFileName(const std::string& fileName, bool isFullPath) 
     m_pHeader.insertRecord(lines[i], datafile::kSeparator);
   }
   const std::int64_t first = loadRecords(m_pSWList, lines, [](std::string_view) {});
+  read = ReadResult();  // the text goes before the indexes are built
   // A loaded record holds exactly the four key values, in key order.
   indexLowered(indexes_->m_pDicFilter, m_pSWList, first,
                [](const Record& record) { return record.tabbedText(); });

@@ -35,6 +35,7 @@ bool FileFontList::openWithFileName(const std::string& fileName, bool isFullPath
     m_pHeader.insertRecord(lines[i], datafile::kSeparator);
   }
   const std::int64_t first = loadRecords(m_pFontList, lines, [](std::string_view) {});
+  read = ReadResult();  // the text goes before the indexes are built
   indexLowered(indexes_->m_pDicFileName, m_pFontList, first,
                [](const Record& record) { return record[datafile::kExeFileIndex]; });
   setM_strFileName(path);

@@ -47,6 +47,34 @@ TEST(LookupKeys, LowerCaseAsUnicodeDoesAtEveryLength) {
   }
 }
 
+// Case-blind look-ups lower and hash the key in words, the last one
+// overlapping the one before: every length must find its key in any case,
+// and miss a key that differs in any one byte.
+TEST(LookupKeys, FindLoweredFindsEveryLengthAndMissesAnyOtherByte) {
+  std::vector<std::string> keys;
+  for (std::size_t length = 0; length <= 40; ++length) {
+    std::string key;
+    for (std::size_t i = 0; i < length; ++i) key += "aB3-zQ."[(length + i) % 7];
+    keys.push_back(key);
+  }
+  keys.push_back("\xED\x95\x9C Gl\xED\x95\x9C");                    // Hangul between ASCII
+  keys.push_back("\xCE\xA3\xCE\x9F\xCE\xA6\xCE\x99\xCE\x91 Soft");  // Greek capitals
+  keys.push_back(std::string(300, 'Q') + "X");                      // longer than the stack
+  LookupIndex index;
+  for (std::size_t i = 0; i < keys.size(); ++i) index.set(lowerKey(keys[i]), static_cast<int>(i));
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    SCOPED_TRACE(keys[i]);
+    EXPECT_EQ(index.findLowered(keys[i]), static_cast<std::int64_t>(i));
+    EXPECT_EQ(index.findLowered(lowercase(keys[i])), static_cast<std::int64_t>(i));
+    EXPECT_EQ(index.find(lowerKey(keys[i])), static_cast<std::int64_t>(i));
+    for (std::size_t at = 0; at < keys[i].size(); ++at) {
+      std::string other = keys[i];
+      other[at] = other[at] == '#' ? '%' : '#';
+      ASSERT_EQ(index.findLowered(other), -1) << "byte " << at;
+    }
+  }
+}
+
 TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {
   TempDir dir;
   FileCheckList list;

@@ -117,6 +117,44 @@ TEST(DataFileSave, TextIsFoldedThenStoredAsMacKorean) {
   EXPECT_NE(bytes.find("\xC7\xD1\xB1\xDB"), std::string::npos);  // 한글 in EUC-KR
 }
 
+// Most lines skip folding and take the encoder's fast lane, the others are
+// folded and encoded alone; either way each is stored as folding and
+// encoding the whole text would store it.
+TEST(DataFileSave, EveryLineIsStoredAsTheWholeTextFoldedAndEncoded) {
+  const std::string values[] = {
+      "plain 1.0",
+      kHangul + " 2 " + kHangul,
+      "\xEC\x82\xAC",              // 사, which also begins a two-character code
+      "\xEC\x82\xAC\xE2\x83\x9D",  // and that code: 사 in a circle
+      "(" + kHangul,               // "(" begins a code too, not this one
+      "(\xEF\xA1\xBC",             // but this one
+      "Caf\xC3\xA9",               // a letter folding replaces
+      "e\xCC\x81t" + kHangul,      // a letter and its mark
+      "\xC2\xB5m \xC2\xBC",        // folded and removed symbols
+      "\xC2\xA6 \xC2\xAF",         // symbols folding substitutes
+  };
+  FileFilter filter;
+  std::string text = "#HEADER_START\r\n1\r\n#HEADER_END\r\n#SWLIST_START\r\n";
+  fill(filter, {{"#HEADER", "1"}});
+  for (const std::string& value : values) {
+    fill(filter, {{"#SWLIST", value + "\tx\t" + value + "\ty"}});
+    text += value + "\tx\t" + value + "\ty\r\n";
+  }
+  text += "#SWLIST_END\r\n";
+  std::uint64_t size = 0;
+  auto contents = filter.getContents(size);
+  ASSERT_TRUE(contents);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(contents.get()), size),
+            MacKorean::encode(CommonLib::encodingForSpecialCharacter(text)));
+
+  // A character without a code is named before an earlier line too long.
+  fill(filter, {{"#SWLIST", std::string(2048, 'x') + "\t\t\t"}, {"#SWLIST", "\x7F\t\t\t"}});
+  LogCapture log;
+  EXPECT_EQ(filter.getContents(size), nullptr);
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_TRUE(log.contains("SAVE REFUSED: U+007F")) << log.lines()[0];
+}
+
 TEST(DataFileSave, UnencodableTextIsRefusedAndTheFileKept) {
   TempDir dir;
   const std::string path = dir.file("c.dat");

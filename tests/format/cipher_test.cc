@@ -88,6 +88,35 @@ TEST(LineReader, SplitsAtLineEndsAndDropsTheUnfinishedTail) {
 
 // The scan hands over every line with its number, however long or
 // undecodable, and names what the reader passes over.
+// Lines kept in one buffer are those split one by one, logged alike, whether
+// the text decodes whole or has something the scan must step around.
+TEST(LineReader, OneBufferHoldsTheSameLinesAsSplittingOneByOne) {
+  const std::string texts[] = {
+      "",
+      "a\tb\r\nc\n\xC7\xD1\xB1\xDB\r\ntail",             // CR LF, LF, Hangul, a tail never ended
+      "one\r\ntwo\rXthree\r\n",                          // a lone CR swallows the byte after it
+      "one\r\r\ntwo\r\n",                                // a CR before CR LF
+      "\xC7\r\nok\r\n",                                  // a lead byte cut off by the line end
+      "ok\r\n\xFF\xFF\r\nok\r\n",                        // a line that does not decode
+      "ok\r\n" + std::string(2048, 'x') + "\r\nok\r\n",  // one too long
+      std::string("ok\r\nhalf\0rest\r\n", 16),           // the text ends at a zero byte
+      "\r\n\n\r\n",                                      // empty lines
+  };
+  for (const std::string& text : texts) {
+    SCOPED_TRACE(::testing::PrintToString(text.substr(0, 40)));
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    LogCapture log;
+    Lines expected;
+    datafile::splitLines(bytes, text.size(), expected);
+    const std::vector<std::string> expectedLog = log.lines();
+    log.clear();
+    datafile::DecodedLines decoded;
+    datafile::splitLines(bytes, text.size(), decoded);
+    EXPECT_EQ(Lines(decoded.lines.begin(), decoded.lines.end()), expected);
+    EXPECT_EQ(log.lines(), expectedLog);
+  }
+}
+
 TEST(LineReader, TheScanNumbersLinesAndNamesWhatItPassesOver) {
   struct Events : datafile::LineScan {
     Lines seen;
