@@ -184,6 +184,8 @@ namespace {
 bool splitWhole(const unsigned char* text, std::size_t size, DecodedLines& out) {
   const char* const begin = reinterpret_cast<const char*>(text);
   const std::size_t end = ::strnlen(begin, size);
+  // A CR just before the zero byte swallows it, and the text goes on.
+  if (end < size && end > 0 && begin[end - 1] == '\r') return false;
   std::size_t count = 0;
   std::size_t start = 0;
   while (const void* lf = std::memchr(begin + start, '\n', end - start)) {

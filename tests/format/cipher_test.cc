@@ -100,6 +100,7 @@ TEST(LineReader, OneBufferHoldsTheSameLinesAsSplittingOneByOne) {
       "ok\r\n\xFF\xFF\r\nok\r\n",                        // a line that does not decode
       "ok\r\n" + std::string(2048, 'x') + "\r\nok\r\n",  // one too long
       std::string("ok\r\nhalf\0rest\r\n", 16),           // the text ends at a zero byte
+      std::string("ok\r\nhalf\r\0rest\r\n", 16),         // unless a CR swallows it
       "\r\n\n\r\n",                                      // empty lines
   };
   for (const std::string& text : texts) {
