@@ -1,13 +1,12 @@
 #include "datafiles/LookupIndex.h"
 
-#include <sys/mman.h>
-
 #include <climits>
 #include <cstdint>
 #include <cstring>
 #include <new>
 
 #include "common/StringUtil.h"
+#include "format/HugePages.h"
 
 namespace quarvel {
 
@@ -156,7 +155,7 @@ void* allocateHugePageBlock(std::size_t bytes) {
   if (bytes >= kHuge) {
     const std::size_t rounded = (bytes + kHuge - 1) / kHuge * kHuge;
     block = std::aligned_alloc(kHuge, rounded);
-    if (block != nullptr) ::madvise(block, rounded, MADV_HUGEPAGE);
+    datafile::adviseHugePages(block, rounded);
   } else {
     block = std::malloc(bytes == 0 ? 1 : bytes);
   }

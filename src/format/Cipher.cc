@@ -18,6 +18,7 @@
 
 #include "common/Log.h"
 #include "common/StringUtil.h"
+#include "format/HugePages.h"
 #include "format/LineReader.h"
 #include "format/MacKorean.h"
 #include "quarvel/CommonLib.h"
@@ -299,6 +300,7 @@ bool datafile::readLines(std::FILE* targetFile, DecodedLines& out) {
     logf("ERROR : no memory for a file of %u bytes", size);
     return false;
   }
+  datafile::adviseHugePages(buffer.get(), std::size_t{size} + 1);
   const std::size_t got = std::fread(buffer.get(), 1, size, targetFile);
   logf("%zd ?= %d", static_cast<ssize_t>(got), static_cast<int>(size));
   const auto* text = reinterpret_cast<const char*>(buffer.get());
