@@ -1,21 +1,27 @@
 // Data-file throughput on a generated 200,000-record check list (~40 MB):
-// open against its deciphering, splitting and decoding alone; save against
-// its folding, encoding and enciphering alone; the loaded list's memory;
-// and the three look-ups.
+// open against a minimal reader of the same bytes (decipher, split,
+// decode); save against its folding, encoding and enciphering alone; the
+// open's peak and resident memory; and the three look-ups, on the 200,000
+// records and on a million.
 
 #include <benchmark/benchmark.h>
 #include <malloc.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "ListGenerator.h"
+#include "format/LineReader.h"
 #include "format/MacKorean.h"
 #include "quarvel/CommonLib.h"
 #include "quarvel/FileCheckList.h"
@@ -24,25 +30,62 @@ namespace {
 
 constexpr std::size_t kRecords = 200000;
 
-const std::string& listPath() {
-  static const std::string path = [] {
-    std::string p = (std::filesystem::temp_directory_path() /
-                     ("quarvel-bench-" + std::to_string(::getpid()) + ".dat"))
-                        .string();
-    if (!quarvel::bench::writeCheckListFile(p, kRecords)) std::abort();
-    return p;
-  }();
+// The generated list of `records` records, written once per run.
+std::map<std::size_t, std::string>& listPaths() {
+  static std::map<std::size_t, std::string> paths;
+  return paths;
+}
+
+const std::string& listPath(std::size_t records = kRecords) {
+  std::string& path = listPaths()[records];
+  if (path.empty()) {
+    path =
+        (std::filesystem::temp_directory_path() /
+         ("quarvel-bench-" + std::to_string(::getpid()) + "-" + std::to_string(records) + ".dat"))
+            .string();
+    if (!quarvel::bench::writeCheckListFile(path, records)) std::abort();
+  }
   return path;
 }
 
-quarvel::FileCheckList& loadedList() {
-  static quarvel::FileCheckList* list = [] {
-    auto* l = new quarvel::FileCheckList();
-    if (!l->openWithFileName(listPath(), true)) std::abort();
-    return l;
-  }();
+quarvel::FileCheckList& loadedList(std::size_t records = kRecords) {
+  static std::map<std::size_t, std::unique_ptr<quarvel::FileCheckList>> lists;
+  std::unique_ptr<quarvel::FileCheckList>& list = lists[records];
+  if (!list) {
+    list = std::make_unique<quarvel::FileCheckList>();
+    if (!list->openWithFileName(listPath(records), true)) std::abort();
+  }
   return *list;
 }
+
+// The least a reader of the file must do: read it, decipher it, decode its
+// text in one call and split that at its line ends into views.
+void MinimalReader(benchmark::State& state) {
+  for (auto _ : state) {
+    std::ifstream in(listPath(), std::ios::binary | std::ios::ate);
+    const auto size = static_cast<std::size_t>(in.tellg());
+    auto bytes = std::make_unique_for_overwrite<char[]>(size);
+    in.seekg(0);
+    in.read(bytes.get(), static_cast<std::streamsize>(size));
+    quarvel::datafile::decipher(reinterpret_cast<unsigned char*>(bytes.get()),
+                                static_cast<std::uint32_t>(size));
+    std::optional<std::string> text =
+        quarvel::MacKorean::decode(std::string_view(bytes.get(), size));
+    if (!text) state.SkipWithError("the list does not decode");
+    bytes.reset();
+    std::vector<std::string_view> lines;
+    for (std::size_t from = 0; from < text->size();) {
+      const auto* lf =
+          static_cast<const char*>(std::memchr(text->data() + from, '\n', text->size() - from));
+      const std::size_t at = lf ? static_cast<std::size_t>(lf - text->data()) : text->size();
+      lines.emplace_back(text->data() + from, at - from - (at > from && (*text)[at - 1] == '\r'));
+      from = at + 1;
+    }
+    benchmark::DoNotOptimize(lines.data());
+  }
+  state.SetBytesProcessed(state.iterations() * std::filesystem::file_size(listPath()));
+}
+BENCHMARK(MinimalReader)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void DecipherSplitDecode(benchmark::State& state) {
   for (auto _ : state) {
@@ -104,40 +147,60 @@ void Save(benchmark::State& state) {
 }
 BENCHMARK(Save)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Heap held by a loaded list, per byte of the file: chunks in the arena
-// and the large blocks malloc maps on their own alike.
-std::size_t heapInUse() {
-  const struct mallinfo2 info = ::mallinfo2();
-  return info.uordblks + info.hblkhd;
+// Memory of an open, per byte of the file: the peak while opening (VmHWM,
+// reset through /proc/self/clear_refs just before) and what stays resident
+// once open (VmRSS), both less the resident size before. Measured in a
+// child process, whose heap holds nothing freed that the open could reuse.
+long statusKiB(const char* field) {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with(field)) return std::stol(line.substr(std::strlen(field)));
+  return -1;
 }
 
-void LoadedMemory(benchmark::State& state) {
+void OpenMemory(benchmark::State& state) {
   const double fileSize = static_cast<double>(std::filesystem::file_size(listPath()));
-  double used = 0;
+  long kib[3] = {};  // before, peak, after
   for (auto _ : state) {
-    ::malloc_trim(0);
-    const std::size_t before = heapInUse();
-    auto list = std::make_unique<quarvel::FileCheckList>();
-    list->openWithFileName(listPath(), true);
-    used = static_cast<double>(heapInUse() - before);
-    benchmark::DoNotOptimize(list.get());
+    int channel[2];
+    if (::pipe(channel) != 0) state.SkipWithError("no pipe");
+    const pid_t child = ::fork();
+    if (child == 0) {
+      ::malloc_trim(0);
+      long out[3];
+      { std::ofstream("/proc/self/clear_refs") << "5"; }
+      out[0] = statusKiB("VmRSS:");
+      auto list = std::make_unique<quarvel::FileCheckList>();
+      list->openWithFileName(listPath(), true);
+      out[1] = statusKiB("VmHWM:");
+      out[2] = statusKiB("VmRSS:");
+      const bool sent = ::write(channel[1], out, sizeof out) == sizeof out;
+      ::_exit(sent ? 0 : 1);
+    }
+    ::close(channel[1]);
+    const bool got = ::read(channel[0], kib, sizeof kib) == sizeof kib;
+    ::close(channel[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    if (!got) state.SkipWithError("no figures from the child");
   }
   state.counters["file_MB"] = fileSize / 1e6;
-  state.counters["heap_MB"] = used / 1e6;
-  state.counters["heap_per_file_byte"] = used / fileSize;
+  state.counters["peak_per_file_byte"] = static_cast<double>(kib[1] - kib[0]) * 1024 / fileSize;
+  state.counters["resident_per_file_byte"] = static_cast<double>(kib[2] - kib[0]) * 1024 / fileSize;
 }
-BENCHMARK(LoadedMemory)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(OpenMemory)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 enum class Key { FileName, Property, Identifier };
 
 // Each look-up takes the key of a record drawn at random from the whole
 // list, as a scan meets them: no small set of keys stays in the caches.
 void Lookup(benchmark::State& state, Key kind) {
-  quarvel::FileCheckList& list = loadedList();
+  const auto records = static_cast<std::size_t>(state.range(0));
+  quarvel::FileCheckList& list = loadedList(records);
   quarvel::Table* table = list.getTableByTag("#CHECKLIST");
   std::vector<std::string> keys;
-  keys.reserve(kRecords);
-  for (std::size_t row = 0; row < kRecords; ++row) {
+  keys.reserve(records);
+  for (std::size_t row = 0; row < records; ++row) {
     quarvel::RecordPtr r = table->select(static_cast<std::int64_t>(row));
     switch (kind) {
       case Key::FileName:
@@ -174,9 +237,9 @@ void Lookup(benchmark::State& state, Key kind) {
   }
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK_CAPTURE(Lookup, FileName, Key::FileName);
-BENCHMARK_CAPTURE(Lookup, Property, Key::Property);
-BENCHMARK_CAPTURE(Lookup, Identifier, Key::Identifier);
+BENCHMARK_CAPTURE(Lookup, FileName, Key::FileName)->Arg(kRecords)->Arg(1000000);
+BENCHMARK_CAPTURE(Lookup, Property, Key::Property)->Arg(kRecords)->Arg(1000000);
+BENCHMARK_CAPTURE(Lookup, Identifier, Key::Identifier)->Arg(kRecords);
 
 }  // namespace
 
@@ -185,6 +248,6 @@ int main(int argc, char** argv) {
   listPath();  // generate the list before any timing
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
-  std::filesystem::remove(listPath());
+  for (const auto& [records, path] : listPaths()) std::filesystem::remove(path);
   return 0;
 }
