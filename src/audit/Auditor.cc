@@ -42,9 +42,11 @@ std::string propertyKey(ListSource& list, int row) {
 using ListBits = std::uint8_t;
 constexpr ListBits kFontListBit = 0x80;
 
+// Not noexcept, so that the map keeps each key's hash and a probe compares
+// hashes before strings.
 struct NameHash {
   using is_transparent = void;
-  std::size_t operator()(std::string_view text) const noexcept {
+  std::size_t operator()(std::string_view text) const {
     return std::hash<std::string_view>{}(text);
   }
 };
@@ -53,12 +55,6 @@ struct NameHash {
 // a name outside this map cannot match, so most names cost one look-up and
 // never reach a list's own.
 using NameMap = std::unordered_map<std::string, ListBits, NameHash, std::equal_to<>>;
-
-void addFileNameKeys(ListSource& list, ListBits bit, NameMap& names) {
-  const std::size_t count = list.recordCount();
-  for (std::size_t row = 0; row < count && row <= INT_MAX; ++row)
-    names[lowercase(list.value(static_cast<int>(row), df::kFieldExeFile))] |= bit;
-}
 
 // `name` lower-cased as the lists' keys are, into `out` (whose storage is
 // reused): ASCII in place, anything else through lowercase().
@@ -70,6 +66,18 @@ void lowerInto(std::string_view name, std::string& out) {
       return;
     }
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+}
+
+void addFileNameKeys(ListSource& list, ListBits bit, NameMap& names) {
+  const std::size_t count = list.recordCount();
+  names.reserve(names.size() + count);
+  std::string key;
+  for (std::size_t row = 0; row < count && row <= INT_MAX; ++row) {
+    lowerInto(list.value(static_cast<int>(row), df::kFieldExeFile), key);
+    auto it = names.find(std::string_view(key));
+    if (it == names.end()) it = names.emplace(key, 0).first;
+    it->second |= bit;
   }
 }
 
