@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <set>
 #include <unordered_map>
-#include <unordered_set>
 
 #include "audit/DesktopEntry.h"
 #include "common/StringUtil.h"
@@ -38,21 +37,55 @@ std::string propertyKey(ListSource& list, int row) {
                    list.value(row, df::kFieldOriginalFile));
 }
 
-// Lower-cased "EXE_FILE" values of a list: a name outside this set cannot
-// match, so most names never reach the list's own look-up.
-std::unordered_set<std::string> fileNameKeys(ListSource& list) {
-  std::unordered_set<std::string> keys;
+// Which lists hold a file name, one bit per list: the software lists in
+// order, then the font list.
+using ListBits = std::uint8_t;
+constexpr ListBits kFontListBit = 0x80;
+
+// Not noexcept, so that the map keeps each key's hash and a probe compares
+// hashes before strings.
+struct NameHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view text) const {
+    return std::hash<std::string_view>{}(text);
+  }
+};
+
+// Lower-cased "EXE_FILE" values of all lists, with the lists that hold each:
+// a name outside this map cannot match, so most names cost one look-up and
+// never reach a list's own.
+using NameMap = std::unordered_map<std::string, ListBits, NameHash, std::equal_to<>>;
+
+// `name` lower-cased as the lists' keys are, into `out` (whose storage is
+// reused): ASCII in place, anything else through lowercase().
+void lowerInto(std::string_view name, std::string& out) {
+  out.assign(name);
+  for (char& c : out) {
+    if (static_cast<unsigned char>(c) >= 0x80) {
+      out = lowercase(name);
+      return;
+    }
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+}
+
+void addFileNameKeys(ListSource& list, ListBits bit, NameMap& names) {
   const std::size_t count = list.recordCount();
-  for (std::size_t row = 0; row < count && row <= INT_MAX; ++row)
-    keys.insert(lowercase(list.value(static_cast<int>(row), df::kFieldExeFile)));
-  return keys;
+  names.reserve(names.size() + count);
+  std::string key;
+  for (std::size_t row = 0; row < count && row <= INT_MAX; ++row) {
+    lowerInto(list.value(static_cast<int>(row), df::kFieldExeFile), key);
+    auto it = names.find(std::string_view(key));
+    if (it == names.end()) it = names.emplace(key, 0).first;
+    it->second |= bit;
+  }
 }
 
 struct KnownList {
   ListSource* source;
   const char* name;
   int priority;  // lower wins when two lists name the same product
-  std::unordered_set<std::string> keys;
+  ListBits bit;
 };
 
 struct PendingFinding {
@@ -66,7 +99,9 @@ struct PendingFinding {
 struct Auditor::State {
   AuditSources sources;
   std::vector<KnownList> softwareLists;
-  std::unordered_set<std::string> fontKeys;
+  ListBits softwareBits = 0;
+  NameMap names;
+  std::string lowered;                                       // scratch for listsHolding
   std::unordered_map<std::string, PendingFinding> findings;  // kind letter + property key
   std::set<std::string> filtered;
   ScanStats stats;
@@ -74,10 +109,10 @@ struct Auditor::State {
   TreeWalker::ProgressCallback progress;
   FolderOpener opener;
 
-  bool mayBeSoftware(const std::string& key) const {
-    for (const KnownList& list : softwareLists)
-      if (list.keys.count(key)) return true;
-    return false;
+  ListBits listsHolding(std::string_view name) {
+    lowerInto(name, lowered);
+    auto it = names.find(std::string_view(lowered));
+    return it == names.end() ? 0 : it->second;
   }
 
   void addHit(FindingKind kind, const char* listName, int priority, ListSource& list, int row,
@@ -110,52 +145,52 @@ struct Auditor::State {
     pending.places.insert(place);
   }
 
-  void matchSoftware(const std::string& name, const std::string& key, const std::string& place) {
+  void matchSoftware(const std::string& name, ListBits lists, const std::string& place) {
     for (KnownList& list : softwareLists) {
-      if (!list.keys.count(key)) continue;
+      if (!(lists & list.bit)) continue;
       int row = list.source->idByFileName(name);
       if (row >= 0)
         addHit(FindingKind::Software, list.name, list.priority, *list.source, row, place);
     }
   }
 
-  void matchFont(const std::string& name, const std::string& key, const std::string& place) {
-    if (!sources.fontList || !fontKeys.count(key)) return;
+  void matchFont(const std::string& name, ListBits lists, const std::string& place) {
+    if (!sources.fontList || !(lists & kFontListBit)) return;
     int row = sources.fontList->idByFileName(name);
     if (row >= 0) addHit(FindingKind::Font, "fontlist", 0, *sources.fontList, row, place);
   }
 
-  void softwareFile(const FoundFile& file, bool needExecutable) {
-    std::string name(file.name());
-    std::string key = lowercase(name);
-    if (!mayBeSoftware(key)) return;
+  // The strings are made only for names that some list holds.
+  void softwareFile(const FoundFile& file, ListBits lists, bool needExecutable) {
+    if (!(lists & softwareBits)) return;
     if (needExecutable && !isExecutableFile(file)) return;
-    matchSoftware(name, key, std::string(file.path()));
+    matchSoftware(std::string(file.name()), lists, std::string(file.path()));
   }
 
-  void fontFile(const FoundFile& file) {
-    if (!sources.fontList) return;
-    std::string name(file.name());
-    matchFont(name, lowercase(name), std::string(file.path()));
+  void fontFile(const FoundFile& file, ListBits lists) {
+    if (!(lists & kFontListBit)) return;
+    matchFont(std::string(file.name()), lists, std::string(file.path()));
   }
 
   void desktopEntry(const FoundFile& file) {
     if (!endsWithCaseless(file.name(), ".desktop")) return;
     std::string place(file.path());
     for (const std::string& program : execProgramsOfFile(place))
-      matchSoftware(program, lowercase(program), place);
+      matchSoftware(program, listsHolding(program), place);
   }
 };
 
 Auditor::Auditor(const AuditSources& sources) : state_(std::make_unique<State>()) {
-  state_->sources = sources;
-  if (sources.checkList)
-    state_->softwareLists.push_back(
-        {sources.checkList, "checklist", 0, fileNameKeys(*sources.checkList)});
+  State& s = *state_;
+  s.sources = sources;
+  if (sources.checkList) s.softwareLists.push_back({sources.checkList, "checklist", 0, 0x01});
   if (sources.userCheckList)
-    state_->softwareLists.push_back(
-        {sources.userCheckList, "userchecklist", 1, fileNameKeys(*sources.userCheckList)});
-  if (sources.fontList) state_->fontKeys = fileNameKeys(*sources.fontList);
+    s.softwareLists.push_back({sources.userCheckList, "userchecklist", 1, 0x02});
+  for (const KnownList& list : s.softwareLists) {
+    s.softwareBits |= list.bit;
+    addFileNameKeys(*list.source, list.bit, s.names);
+  }
+  if (sources.fontList) addFileNameKeys(*sources.fontList, kFontListBit, s.names);
 }
 
 Auditor::~Auditor() = default;
@@ -167,11 +202,11 @@ void Auditor::setProgress(TreeWalker::ProgressCallback progress) {
 void Auditor::setFolderOpener(FolderOpener opener) { state_->opener = std::move(opener); }
 
 void Auditor::considerSoftware(const std::string& name, const std::string& place) {
-  state_->matchSoftware(name, lowercase(name), place);
+  state_->matchSoftware(name, state_->listsHolding(name), place);
 }
 
 void Auditor::considerFont(const std::string& name, const std::string& place) {
-  state_->matchFont(name, lowercase(name), place);
+  state_->matchFont(name, state_->listsHolding(name), place);
 }
 
 AuditResult Auditor::run(const ScanPlan& plan) {
@@ -189,19 +224,22 @@ AuditResult Auditor::run(const ScanPlan& plan) {
   const bool wantFonts = s.sources.fontList != nullptr;
 
   if (wantSoftware) {
-    auto executable = [&](const FoundFile& f) { s.softwareFile(f, true); };
+    auto executable = [&](const FoundFile& f) {
+      s.softwareFile(f, s.listsHolding(f.name()), true);
+    };
     walkAll(plan.pathFolders, {.maxDepth = 0}, executable);
     walkAll(plan.softwareTrees, {.maxDepth = plan.softwareDepth}, executable);
     walkAll(plan.desktopFolders, {.maxDepth = plan.desktopDepth},
             [&](const FoundFile& f) { s.desktopEntry(f); });
     walkAll(plan.appImageFolders, {.maxDepth = plan.appImageDepth, .skipHidden = true},
             [&](const FoundFile& f) {
-              if (endsWithCaseless(f.name(), ".appimage")) s.softwareFile(f, false);
+              if (endsWithCaseless(f.name(), ".appimage"))
+                s.softwareFile(f, s.listsHolding(f.name()), false);
             });
   }
   if (wantFonts) {
     walkAll(plan.fontFolders, {.maxDepth = plan.fontDepth},
-            [&](const FoundFile& f) { s.fontFile(f); });
+            [&](const FoundFile& f) { s.fontFile(f, s.listsHolding(f.name())); });
     if (plan.fontCatalog) {
       for (const std::string& path : plan.fontCatalog->fontFiles()) {
         ++s.fontFilesListed;
@@ -210,11 +248,12 @@ AuditResult Auditor::run(const ScanPlan& plan) {
     }
   }
   walkAll(plan.trees, {.maxDepth = plan.treeDepth}, [&](const FoundFile& f) {
+    const ListBits lists = s.listsHolding(f.name());
     if (wantSoftware) {
       s.desktopEntry(f);
-      s.softwareFile(f, !endsWithCaseless(f.name(), ".appimage"));
+      s.softwareFile(f, lists, !endsWithCaseless(f.name(), ".appimage"));
     }
-    if (wantFonts) s.fontFile(f);
+    if (wantFonts) s.fontFile(f, lists);
   });
   return takeResult();
 }

@@ -1,7 +1,11 @@
 #include "audit/DesktopEntry.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <fstream>
+#include <cerrno>
 
 #include "common/StringUtil.h"
 
@@ -141,12 +145,28 @@ std::vector<std::string> execPrograms(std::string_view text) {
 }
 
 std::vector<std::string> execProgramsOfFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return {};
-  std::string text;
-  text.resize(kMaxEntrySize);
-  in.read(text.data(), static_cast<std::streamsize>(text.size()));
-  text.resize(static_cast<std::size_t>(in.gcount()));
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return {};
+  // Entries are a few hundred bytes: room for the size the file says it has
+  // (and a byte more, to see it grown), enlarged only when it was not enough.
+  struct stat st {};
+  std::size_t room = 4096;
+  if (::fstat(fd, &st) == 0 && st.st_size > 0)
+    room = std::min(static_cast<std::size_t>(st.st_size) + 1, kMaxEntrySize);
+  std::string text(room, '\0');
+  std::size_t length = 0;
+  for (;;) {
+    if (length == text.size()) {
+      if (text.size() >= kMaxEntrySize) break;
+      text.resize(std::min(text.size() * 2, kMaxEntrySize));
+    }
+    const ssize_t got = ::read(fd, text.data() + length, text.size() - length);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;  // what was read before an error still counts
+    length += static_cast<std::size_t>(got);
+  }
+  ::close(fd);
+  text.resize(length);
   return execPrograms(text);
 }
 

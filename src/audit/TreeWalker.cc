@@ -12,6 +12,8 @@ namespace quarvel::audit {
 
 namespace {
 constexpr std::uint32_t kProgressEvery = 4096;
+// Bytes of folder entries read at once; most folders fit in one read.
+constexpr std::size_t kListingBufferBytes = 32 * 1024;
 
 bool isDotOrDotDot(const char* name) {
   return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
@@ -23,8 +25,8 @@ bool FoundFile::stat(struct stat& out) const {
     out = *known_;
     return true;
   }
-  std::string name(name_);
-  return ::fstatat(dirFd_, name.c_str(), &out, 0) == 0;
+  // The name is the tail of the walker's path, so it ends with a NUL.
+  return ::fstatat(dirFd_, name_.data(), &out, 0) == 0;
 }
 
 int openFolder(int dirFd, const char* name, const std::string&) {
@@ -95,6 +97,8 @@ void TreeWalker::walk(const std::string& root, const WalkOptions& options,
 }
 
 // Lists the open folder `fd` (whose path is path_) and takes ownership of fd.
+// The entries are read with getdents64 straight into a buffer of this depth,
+// which stays valid while the subfolders below are walked.
 void TreeWalker::walkFolder(int fd, int depth) {
   struct stat self {};
   if (::fstat(fd, &self) != 0) {
@@ -113,51 +117,59 @@ void TreeWalker::walkFolder(int fd, int depth) {
     ++stats_.loopsAvoided;
     return;
   }
-  DIR* dir = ::fdopendir(fd);
-  if (!dir) {
-    ::close(fd);
-    countUnreadable();
-    return;
-  }
   ++stats_.folders;
   ancestors_.push_back(id);
   const std::size_t baseLength = path_.size();
   const bool atRoot = baseLength == 1 && path_[0] == '/';
+  if (buffers_.size() <= static_cast<std::size_t>(depth))
+    buffers_.resize(static_cast<std::size_t>(depth) + 1);
+  std::unique_ptr<char[]>& slot = buffers_[static_cast<std::size_t>(depth)];
+  if (!slot) slot = std::make_unique<char[]>(kListingBufferBytes);
+  // The slot itself moves when deeper levels grow buffers_; its bytes do not.
+  char* const buffer = slot.get();
 
-  errno = 0;
-  while (struct dirent* entry = ::readdir(dir)) {
-    const char* name = entry->d_name;
-    if (isDotOrDotDot(name) || (options_->skipHidden && name[0] == '.')) continue;
-    tick();
-    path_.resize(baseLength);
-    if (!atRoot) path_.push_back('/');
-    path_.append(name);
+  for (;;) {
+    const ssize_t got = ::getdents64(fd, buffer, kListingBufferBytes);
+    if (got == 0) break;
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      path_.resize(baseLength);
+      countUnreadable();
+      break;
+    }
+    for (ssize_t at = 0; at < got;) {
+      const auto* entry = reinterpret_cast<const struct dirent64*>(buffer + at);
+      at += entry->d_reclen;
+      const char* name = entry->d_name;
+      if (isDotOrDotDot(name) || (options_->skipHidden && name[0] == '.')) continue;
+      tick();
+      unsigned char type = entry->d_type;
+      if (type != DT_REG && type != DT_DIR && type != DT_LNK && type != DT_UNKNOWN) continue;
+      const std::size_t nameLength = std::strlen(name);
+      path_.resize(baseLength);
+      if (!atRoot) path_.push_back('/');
+      path_.append(name, nameLength);
 
-    unsigned char type = entry->d_type;
-    struct stat st {};
-    const struct stat* known = nullptr;
-    if (type == DT_LNK || type == DT_UNKNOWN) {
-      // Follow the link (or learn the type); a dangling link is skipped.
-      if (::fstatat(fd, name, &st, 0) != 0) continue;
-      known = &st;
-      type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
+      struct stat st {};
+      const struct stat* known = nullptr;
+      if (type == DT_LNK || type == DT_UNKNOWN) {
+        // Follow the link (or learn the type); a dangling link is skipped.
+        if (::fstatat(fd, name, &st, 0) != 0) continue;
+        known = &st;
+        type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
+      }
+      if (type == DT_REG) {
+        ++stats_.files;
+        (*onFile_)(
+            FoundFile(fd, path_, std::string_view(path_).substr(path_.size() - nameLength), known));
+      } else if (type == DT_DIR && depth < options_->maxDepth) {
+        enter(fd, name, depth + 1);
+      }
     }
-    if (type == DT_REG) {
-      ++stats_.files;
-      (*onFile_)(FoundFile(
-          fd, path_, std::string_view(path_).substr(path_.size() - std::strlen(name)), known));
-    } else if (type == DT_DIR && depth < options_->maxDepth) {
-      enter(fd, name, depth + 1);
-    }
-    errno = 0;
-  }
-  if (errno != 0) {
-    path_.resize(baseLength);
-    countUnreadable();
   }
   path_.resize(baseLength);
   ancestors_.pop_back();
-  ::closedir(dir);
+  ::close(fd);
 }
 
 void TreeWalker::enter(int parentFd, const char* name, int depth) {

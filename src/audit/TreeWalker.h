@@ -1,9 +1,11 @@
 #pragma once
 // Walks folder trees for the audit and reports every plain file it meets.
 //
-// The walker reads folders with openat/readdir and trusts the entry type the
-// kernel gives, so listing a tree costs about what `find` costs: a file is
-// stat'ed only when its type is unknown or it is a symbolic link. Callers
+// The walker opens each folder relative to its parent's descriptor, reads its
+// entries with getdents64 into a buffer kept for its depth and trusts the
+// entry type the kernel gives, so listing a tree costs about what `find`
+// costs and nothing is allocated per entry: a file is stat'ed only when its
+// type is unknown or it is a symbolic link. Callers
 // that need more (the mode bits) ask for them only for the few files they
 // care about, through FoundFile::stat().
 //
@@ -21,6 +23,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -48,7 +51,9 @@ class FoundFile {
       : dirFd_(dirFd), path_(path), name_(name), known_(known) {}
 
   std::string_view path() const { return path_; }  // full path as walked
-  std::string_view name() const { return name_; }  // last component
+  // The last component; it is the tail of path(), so name().data() is
+  // NUL-terminated.
+  std::string_view name() const { return name_; }
   // The file's status, following links; false when it cannot be had.
   bool stat(struct stat& out) const;
 
@@ -111,6 +116,8 @@ class TreeWalker {
   const FileCallback* onFile_ = nullptr;
   std::string path_;               // full path of the folder being listed
   std::vector<FileId> ancestors_;  // folders on the way down, for loop checks
+  // One listing buffer per depth, made on first use and kept for later walks.
+  std::vector<std::unique_ptr<char[]>> buffers_;
   std::uint32_t sinceProgress_ = 0;
 };
 

@@ -180,6 +180,39 @@ TEST_F(AuditorMachine, OnlyListedNamesReachTheListLookUp) {
   EXPECT_EQ(checkList.lookups, 5);
 }
 
+TEST(Auditor, NamesMatchTheListsThatHoldThemInAnyLetterCase) {
+  MemoryList software({product("Acme-Edit", "Acme", "Editor", "1", "10", "Office"),
+                       product("ÉDITEUR", "Éd", "Iteur", "1", "10", "Office")});
+  MemoryList user({product("mailer", "Post", "Mailer", "1", "10", "Office")});
+  MemoryList fonts({product("Serif.TTF", "Type", "Serif", "1", "5", "Fonts"),
+                    product("acme-edit", "Type", "Acme Font", "1", "5", "Fonts")});
+  struct Case {
+    const char* name;
+    bool asFont;
+    std::vector<std::string> products;  // found, in report order
+  } cases[] = {
+      {"ACME-EDIT", false, {"Editor"}},
+      {"acme-edit", true, {"Acme Font"}},  // the same name on the font list
+      {"éditeur", false, {"Iteur"}},       // lower-cased beyond ASCII
+      {"MAILER", false, {"Mailer"}},
+      {"mailer", true, {}},  // a software name is no font
+      {"serif.ttf", true, {"Serif"}},
+      {"Serif.ttf", false, {}},  // a font name is no program
+      {"acme-edit2", false, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Auditor auditor({.checkList = &software, .userCheckList = &user, .fontList = &fonts});
+    if (c.asFont)
+      auditor.considerFont(c.name, "/x");
+    else
+      auditor.considerSoftware(c.name, "/x");
+    std::vector<std::string> products;
+    for (const Finding& f : auditor.takeResult().findings) products.push_back(f.product);
+    EXPECT_EQ(products, c.products);
+  }
+}
+
 TEST(Auditor, WithoutListsOfAKindThatKindIsNotScanned) {
   TempTree tree;
   tree.file("fonts/A.ttf");

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "audit/DesktopEntry.h"
+#include "support/AuditFixtures.h"
 
 namespace quarvel::audit {
 namespace {
@@ -55,6 +56,27 @@ TEST(DesktopEntry, EveryExecLineCountsOnce) {
       "# Exec=commented-out\n";
   EXPECT_EQ(execPrograms(text), (std::vector<std::string>{"acme-editor", "acme-helper"}));
   EXPECT_TRUE(execProgramsOfFile("/nonexistent/entry.desktop").empty());
+}
+
+TEST(DesktopEntry, FileIsReadUpToOneMebibyte) {
+  quarvel::testing::TempTree tree;
+  const std::size_t limit = 1 << 20;
+  const std::string exec = "\nExec=far-tool\n";
+  struct Case {
+    const char* name;
+    std::string text;
+    std::vector<std::string> expected;
+  } cases[] = {
+      {"empty", "", {}},
+      {"small", "[Desktop Entry]\nExec=tool\n", {"tool"}},
+      {"ends at the limit", std::string(limit - exec.size(), '#') + exec, {"far-tool"}},
+      {"cut at the limit", std::string(limit - 3, '#') + exec, {}},  // "\nEx" fits
+      {"far past the limit", std::string(3 * limit, '#') + exec, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(execProgramsOfFile(tree.file(std::string(c.name) + ".desktop", c.text)), c.expected);
+  }
 }
 
 }  // namespace

@@ -45,6 +45,33 @@ TEST(TreeWalker, DepthBoundsHowFarItGoes) {
   }
 }
 
+TEST(TreeWalker, BigFoldersAndDeepTreesAreListedWhole) {
+  // A folder whose entries take several reads, with deep subfolders met
+  // between its reads: each level's listing must survive the walks below.
+  TempTree tree;
+  std::set<std::string> expected;
+  const std::string longName(60, 'n');
+  for (int i = 0; i < 1500; ++i) {
+    const std::string name = "wide/" + longName + std::to_string(i);
+    tree.file(name);
+    expected.insert(name);
+    if (i % 300 == 0) {
+      std::string deep = "wide/sub" + std::to_string(i);
+      for (int d = 0; d < 12; ++d) deep += "/d" + std::to_string(d);
+      tree.file(deep + "/leaf");
+      expected.insert(deep + "/leaf");
+    }
+  }
+  ScanStats stats;
+  TreeWalker walker(stats);
+  for (int pass = 0; pass < 2; ++pass) {  // the second walk reuses the buffers
+    SCOPED_TRACE(pass);
+    EXPECT_EQ(walkNames(walker, tree.root(), {.maxDepth = 20}), expected);
+  }
+  EXPECT_EQ(stats.files, 2 * expected.size());
+  EXPECT_EQ(stats.unreadableFolders, 0u);
+}
+
 TEST(TreeWalker, FollowsLinksButEndsLinkLoops) {
   TempTree tree;
   tree.file("real/app");
