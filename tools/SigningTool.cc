@@ -173,17 +173,18 @@ int verifyFiles(const std::string& publicPath, const std::vector<std::string>& f
     const std::optional<std::string> signature =
         readSmallFile(signaturePath, signing::kMaxSignatureFileBytes, why);
     signing::SignatureStream stream;
+    const char* where = "";
     if (!signature) {
-      why = signaturePath + ": " + why;
+      where = signaturePath.c_str();
     } else if (!streamFile(path, stream, why)) {
-      why = path + ": " + why;
+      where = path.c_str();
     } else if (!stream.verify(*key, *signature)) {
       why = "the signature does not match this file and key";
     } else {
       out << path << ": good\n";
       continue;
     }
-    out << path << ": BAD (" << why << ")\n";
+    out << path << ": BAD (" << where << (*where ? ": " : "") << why << ")\n";
     status = 1;
   }
   return status;
