@@ -153,10 +153,13 @@ class UpdateRun : public std::enable_shared_from_this<UpdateRun> {
   /// check list, 2 the package list, 3 the filter list, 4 the user check
   /// list, 5 the font check list; any other index asks the file server for an
   /// empty name and writes nowhere. Answers the transfer's error, or nothing
-  /// when a body arrived (written whatever its HTTP status).
+  /// when a body arrived (written whatever its HTTP status); with a trusted
+  /// key, or readable lists required, also the refusal of a body that fails
+  /// its checks (UpdateOptions::trustedKey), which leaves the old file.
   std::optional<DownloadError> downloadKeyFile(std::int64_t index);
   /// Fetches the Windows package file ("package.dat") once, with the short
-  /// time-out. Not part of the run.
+  /// time-out; with a trusted key, only a body its signature vouches for
+  /// replaces the old file. Not part of the run.
   std::optional<DownloadError> downloadWindowsKeyFiles();
 
  private:

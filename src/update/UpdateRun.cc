@@ -41,8 +41,8 @@ namespace {
 using PathGetter = std::optional<std::string> (CVUserDefaults::*)() const;
 
 // One row of the file table. No endpoint sends the request to the fixed file
-// server; no log format writes no line.
-// A list's kind is the class that reads it.
+// server; no log format writes no line. `kind` is the class that reads a
+// list (rows without an endpoint are no list).
 struct FileRow {
   PathGetter localPath;
   const char* statusText;
