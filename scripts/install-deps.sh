@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config ccache clang libclang-rt-14-dev
   libicu-dev libcurl4-openssl-dev libglib2.0-dev qt6-base-dev
   libcli11-dev nlohmann-json3-dev libcpp-httplib-dev libmicrohttpd-dev libfontconfig-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libsodium-dev libgtest-dev libgmock-dev libbenchmark-dev
   perl python3 nginx-light iproute2 fontconfig wrk doxygen
   chromium-headless-shell zlib1g-dev
 )

@@ -46,6 +46,7 @@ void addAllCommands(CLI::App& app) {
   addNetIdCommand(app);
   addReachCommand(app);
   addUpdateCommands(app);
+  addSigningCommands(app);
   addAuditCommand(app);
 }
 

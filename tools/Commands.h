@@ -21,6 +21,7 @@ void addDataFileCommands(CLI::App& app);  // show, lookup, check
 void addNetIdCommand(CLI::App& app);      // netid
 void addReachCommand(CLI::App& app);      // reach
 void addUpdateCommands(CLI::App& app);    // update, serve
+void addSigningCommands(CLI::App& app);   // keygen, sign, verify
 void addAuditCommand(CLI::App& app);      // audit
 
 // The whole tool: the global options (--version, -q, --verbose), every

@@ -171,6 +171,9 @@ int runTerminalUpdate(const TerminalUpdateRequest& request, std::ostream& out) {
   (void)CVUserDefaults::standardUserDefaults();
   UpdateOptions options = request.options;
   if (request.server) options.listServer = "http://" + *request.server;
+  if (request.verifyKey) options.trustedKey = request.verifyKey;
+  // A terminal never writes an error page over a list, key or not.
+  options.requireReadableLists = true;
   auto view = std::make_shared<TerminalView>(out, request.redraw);
   auto run = UpdateRun::create(view, std::move(options));
   run->setIsWebQuarvel(request.web);

@@ -42,6 +42,11 @@ struct TerminalUpdateRequest {
   std::function<bool()> interrupted;
   // Redraw one line in place (a terminal) rather than print a line per step.
   bool redraw = false;
+  // The text of the list maintainers' public key file: every file must
+  // carry its signature (UpdateOptions::trustedKey). Absent: the key in the
+  // settings, if any. Whichever way, a list that does not read as a data
+  // file of its kind fails its attempt in the terminal.
+  std::optional<std::string> verifyKey;
 };
 
 // A byte count as the progress line shows it: "512 B", "1.5 KiB", "51.0 MiB".

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "SigningTool.h"
 #include "StandardStreams.h"
 #include "TerminalUpdate.h"
 #include "server/ListServer.h"
@@ -81,15 +82,23 @@ void addUpdate(CLI::App& app) {
     bool web = false;
     bool gui = false;
     std::string server;
+    std::string verifyKey;
   };
   auto args = std::make_shared<Args>();
   cmd->add_flag("--web", args->web, "Fetch from the in-house web server set in the settings");
   cmd->add_option("--server", args->server, "HOST[:PORT] of a mirror of the public list server");
   cmd->add_flag("--gui", args->gui, "Show the update window");
+  cmd->add_option("--verify-key", args->verifyKey,
+                  "Public key file: accept only files whose FILE.sig it verifies")
+      ->excludes("--gui");
   cmd->callback([args] {
     TerminalUpdateRequest request;
     request.web = args->web;
     if (!args->server.empty()) request.server = args->server;
+    if (!args->verifyKey.empty()) {
+      request.verifyKey = readPublicKeyFile(args->verifyKey, std::cerr);
+      if (!request.verifyKey) throw CLI::RuntimeError(kUpdateExitFailed);
+    }
     int status;
     if (args->gui) {
       status = runWindowUpdate(request);

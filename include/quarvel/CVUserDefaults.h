@@ -160,6 +160,11 @@ class CVUserDefaults {
   void setWebQuarvelForceQuarvelTime(PlistValue value);
   std::optional<PlistValue> webQuarvelDateQuarvelTime() const;
   void setWebQuarvelDateQuarvelTime(PlistValue value);
+  /// The list maintainers' public key that the update run verifies every
+  /// file against ("TrustedListKey"): a string holding the public key file's
+  /// text. Absent: files are not verified unless the run is given a key.
+  std::optional<PlistValue> trustedListKey() const;
+  void setTrustedListKey(PlistValue value);
 
   /// The edition flag handed in by the host: visible ("Quarvel") or hidden
   /// (".Quarvel") work-folder name. Not stored in the domain.

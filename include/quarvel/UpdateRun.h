@@ -33,11 +33,20 @@ enum : std::int64_t {
   UpdateStatusDone = 0,          ///< all five files written
 };
 
-/// A transfer that did not complete (no connection, time-out, bad host).
-/// An HTTP error status is not one: its body is written like any other.
+/// A transfer that did not complete (no connection, time-out, bad host), or
+/// a body that arrived and was refused by the checks a trusted key turns on
+/// (UpdateOptions::trustedKey). An HTTP error status is not one: unless
+/// checked, its body is written like any other.
 struct DownloadError {
-  int code = 0;         ///< the transfer library's code
+  int code = 0;         ///< the transfer library's code, or a refusal below
   std::string message;  ///< readable description
+};
+
+/// DownloadError codes of a refused body; no transfer library code is one.
+enum : int {
+  DownloadRefusedSignature = 1001,   ///< no signature, or one the trusted key does not verify
+  DownloadRefusedUnreadable = 1002,  ///< not a readable data file of its kind
+  DownloadRefusedKey = 1003,         ///< the trusted key that is set cannot be read
 };
 
 /// Where and how the run fetches. defaults() gives the deployment's servers
@@ -65,6 +74,20 @@ struct UpdateOptions {
   std::function<bool()> networkCheck;
   /// Today's day of the month, "01" to "31". Empty: the local clock.
   std::function<std::string()> dayOfMonth;
+  /// The list maintainers' public key, as its key file's text
+  /// (format/Signature.h). Empty: the settings' trustedListKey, when set.
+  /// With a key, every attempt also fetches the file's signature (its URL
+  /// with ".sig", by the rule of datafile::signatureUrl) and a body replaces
+  /// the old file only when the key verifies it and, for the five lists,
+  /// when it reads as a data file of its kind; otherwise the attempt fails
+  /// (DownloadRefused...) and the old file stays. A key that is set but
+  /// cannot be read fails every attempt. The checked body is held in memory
+  /// (an anonymous file) until it has passed.
+  std::optional<std::string> trustedKey;
+  /// Without a key, whether a list must still read as a data file of its
+  /// kind to replace the old one. Off by default: the run writes whatever
+  /// arrives.
+  bool requireReadableLists = false;
 
   static UpdateOptions defaults();
 };
@@ -130,16 +153,23 @@ class UpdateRun : public std::enable_shared_from_this<UpdateRun> {
   /// check list, 2 the package list, 3 the filter list, 4 the user check
   /// list, 5 the font check list; any other index asks the file server for an
   /// empty name and writes nowhere. Answers the transfer's error, or nothing
-  /// when a body arrived (written whatever its HTTP status).
+  /// when a body arrived (written whatever its HTTP status); with a trusted
+  /// key, or readable lists required, also the refusal of a body that fails
+  /// its checks (UpdateOptions::trustedKey), which leaves the old file.
   std::optional<DownloadError> downloadKeyFile(std::int64_t index);
   /// Fetches the Windows package file ("package.dat") once, with the short
-  /// time-out. Not part of the run.
+  /// time-out; with a trusted key, only a body its signature vouches for
+  /// replaces the old file. Not part of the run.
   std::optional<DownloadError> downloadWindowsKeyFiles();
 
  private:
   UpdateRun(std::shared_ptr<UpdateView> view, UpdateOptions options);
   void pause() const;
   void finishWorker();
+  // Fetches `url` into `localPath` with the checks the options and the
+  // settings call for; `kind` is the data-file kind of a list, or -1.
+  std::optional<DownloadError> fetch(const std::string& url, const std::string& localPath,
+                                     std::chrono::milliseconds timeout, int kind, UpdateView* view);
 
   std::shared_ptr<UpdateView> view_;
   UpdateOptions options_;

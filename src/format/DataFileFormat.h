@@ -12,6 +12,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace quarvel::datafile {
@@ -125,5 +126,18 @@ inline constexpr std::string_view kKeyFileQuery = "?type=keyfile&filename=";
 inline constexpr std::string_view kFileQuery = "?type=file&filename=";
 // The Windows package server's path; a file's name follows it.
 inline constexpr std::string_view kWindowsPackagePath = "/file/keyfile60";
+
+// Detached signatures (format/Signature.h). A file's signature lies beside
+// it as "<name>.sig", and is asked for at the file's own address with the
+// suffix on the path ("/quarvel/download/list/check/mac/.sig",
+// "/file/keyfile60/package.dat.sig"), except where the query names the
+// file: there the name takes it
+// ("/cmmn/download.nis?type=keyfile&filename=macchecklist.dat.sig").
+inline constexpr std::string_view kSignatureSuffix = ".sig";
+
+// The address of the signature of what `url` (or a request target) answers
+// with, by the rule above: the first "filename" parameter's value, when the
+// query has one, gets the suffix; otherwise the path does.
+std::string signatureUrl(std::string_view url);
 
 }  // namespace quarvel::datafile

@@ -195,6 +195,10 @@ bool isPlainFileName(std::string_view name) {
 std::optional<std::string> listFileForRequest(std::string_view path, const QueryParams& params) {
   for (const datafile::ListEndpoint& list : datafile::kListEndpoints) {
     if (path == list.publicPath) return std::string(list.fileName);
+    // The list's signature, at its path with the suffix (DataFileFormat.h).
+    if (path.size() == list.publicPath.size() + datafile::kSignatureSuffix.size() &&
+        path.starts_with(list.publicPath) && path.ends_with(datafile::kSignatureSuffix))
+      return std::string(list.fileName) + std::string(datafile::kSignatureSuffix);
   }
   if (path == datafile::kDownloadEndpoint) {
     auto type = firstParam(params, "type");

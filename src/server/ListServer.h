@@ -24,6 +24,7 @@ using QueryParams = std::multimap<std::string, std::string>;
 // decoded `path` with `params`; nothing when the request names no file or
 // a name that is not a plain file name. Pure: looks at no file.
 //   /quarvel/download/list/{check,package,filter,user,font}/mac/
+//   the same with ".sig" after the last '/': the list's signature file
 //   /cmmn/download.nis?type=keyfile|file&filename=NAME
 //   /file/keyfile60/NAME
 std::optional<std::string> listFileForRequest(std::string_view path, const QueryParams& params);

@@ -409,6 +409,7 @@ QUARVEL_OBJECT_SETTING(webQuarvelDepartmentNameTemp, setWebQuarvelDepartmentName
 QUARVEL_OBJECT_SETTING(webQuarvelForceQuarvelTime, setWebQuarvelForceQuarvelTime,
                        "forceQuarvelTime")
 QUARVEL_OBJECT_SETTING(webQuarvelDateQuarvelTime, setWebQuarvelDateQuarvelTime, "dateQuarvelTime")
+QUARVEL_OBJECT_SETTING(trustedListKey, setTrustedListKey, "TrustedListKey")
 
 #undef QUARVEL_BOOL_SETTING
 #undef QUARVEL_OBJECT_SETTING

@@ -3,10 +3,12 @@
 #include <curl/curl.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <limits>
@@ -17,7 +19,9 @@
 #include "common/Log.h"
 #include "common/Platform.h"
 #include "common/StringUtil.h"
+#include "datafiles/DataFileKind.h"
 #include "format/DataFileFormat.h"
+#include "format/Signature.h"
 #include "quarvel/CVUserDefaults.h"
 #include "quarvel/Reachability.h"
 
@@ -37,26 +41,30 @@ namespace {
 using PathGetter = std::optional<std::string> (CVUserDefaults::*)() const;
 
 // One row of the file table. No endpoint sends the request to the fixed file
-// server; no log format writes no line.
+// server; no log format writes no line. `kind` is the class that reads a
+// list (rows without an endpoint are no list).
 struct FileRow {
   PathGetter localPath;
   const char* statusText;
   const datafile::ListEndpoint* list;
   const char* logFormat;
+  datafile::DataFileKind kind;
 };
 
+using datafile::DataFileKind;
 const FileRow kFileTable[] = {
-    {&CVUserDefaults::verFilePath, "버전 체크 중입니다.", nullptr, nullptr},
+    {&CVUserDefaults::verFilePath, "버전 체크 중입니다.", nullptr, nullptr,
+     DataFileKind::CheckList},
     {&CVUserDefaults::checkListFilePath, "체크리스트 DB를 업데이트 중입니다.",
-     &datafile::kListEndpoints[0], "체크리스트 : %s"},
+     &datafile::kListEndpoints[0], "체크리스트 : %s", DataFileKind::CheckList},
     {&CVUserDefaults::packageFilePath, "패키지 DB를 업데이트 중입니다.",
-     &datafile::kListEndpoints[1], "패키지 : %s"},
+     &datafile::kListEndpoints[1], "패키지 : %s", DataFileKind::Package},
     {&CVUserDefaults::filterFilePath, "필터 DB를 업데이트 중입니다.", &datafile::kListEndpoints[2],
-     "필터 : %s"},
+     "필터 : %s", DataFileKind::Filter},
     {&CVUserDefaults::userCheckListFilePath, "유저 체크 리스트 DB를 업데이트 중입니다.",
-     &datafile::kListEndpoints[3], "유저 체크리스트 : %s"},
+     &datafile::kListEndpoints[3], "유저 체크리스트 : %s", DataFileKind::CheckList},
     {&CVUserDefaults::fontListFilePath, "폰트리스트 DB를 업데이트 중입니다.",
-     &datafile::kListEndpoints[4], "폰트리스트 : %s"},
+     &datafile::kListEndpoints[4], "폰트리스트 : %s", DataFileKind::Font},
 };
 constexpr std::int64_t kFileTableSize = sizeof(kFileTable) / sizeof(kFileTable[0]);
 
@@ -146,6 +154,17 @@ constexpr long kReceiveBuffer = 512 * 1024;
 // Reports the bytes received at most this often.
 constexpr auto kReportInterval = std::chrono::milliseconds(100);
 
+HttpExchange::Options exchangeOptions(std::chrono::milliseconds timeout,
+                                      std::chrono::milliseconds limit, std::uint64_t ceiling) {
+  HttpExchange::Options options;
+  options.idleTimeout = timeout;
+  options.totalLimit = limit;
+  options.maxBodyBytes = ceiling;
+  options.headers = {"Cache-Control: no-cache", "Pragma: no-cache"};
+  options.receiveBuffer = kReceiveBuffer;
+  return options;
+}
+
 // One synchronous GET whose body replaces `localPath` as it arrives; none of
 // it is kept here. Nothing is cached on this side; the request also asks
 // caches on the way not to answer from theirs. The HTTP status is not looked
@@ -166,13 +185,7 @@ std::optional<DownloadError> httpGet(const std::string& url, const std::string& 
   std::uint64_t received = 0;
   const std::shared_ptr<Platform> platform = Platform::current();
   std::chrono::steady_clock::time_point lastReport{};
-  HttpExchange::Options options;
-  options.idleTimeout = timeout;
-  options.totalLimit = limit;
-  options.maxBodyBytes = ceiling;
-  options.headers = {"Cache-Control: no-cache", "Pragma: no-cache"};
-  options.receiveBuffer = kReceiveBuffer;
-  HttpExchange exchange(url, options, [&](std::string_view piece) {
+  HttpExchange exchange(url, exchangeOptions(timeout, limit, ceiling), [&](std::string_view piece) {
     received += piece.size();
     if (!file) file.emplace(localPath);
     if (file->isOpen()) (void)file->write(piece.data(), piece.size());
@@ -200,6 +213,112 @@ std::optional<DownloadError> httpGet(const std::string& url, const std::string& 
     logf("download of %s ended: the body passed %llu bytes", url.c_str(),
          static_cast<unsigned long long>(ceiling));
   }
+  return DownloadError{code, exchange.describe(code)};
+}
+
+// What a body must pass before it replaces its file.
+struct BodyChecks {
+  std::optional<signing::PublicKey> key;       // verifies `signature`
+  std::string signature;                       // the signature file's text
+  std::optional<datafile::DataFileKind> kind;  // opens as this kind
+};
+
+// A body held in an anonymous memory file until it has passed its checks:
+// as bytes (mapped) for the signature, by a path for the data-file reader.
+class StagedBody {
+ public:
+  StagedBody() : fd_(::memfd_create("quarvel-download", MFD_CLOEXEC)) {}
+  ~StagedBody() {
+    if (map_) ::munmap(map_, size_);
+    if (fd_ >= 0) ::close(fd_);
+  }
+  StagedBody(const StagedBody&) = delete;
+  StagedBody& operator=(const StagedBody&) = delete;
+
+  bool append(std::string_view piece) {
+    while (fd_ >= 0 && !piece.empty()) {
+      const ssize_t written = ::write(fd_, piece.data(), piece.size());
+      if (written < 0 && errno == EINTR) continue;
+      if (written <= 0) return false;
+      piece.remove_prefix(static_cast<std::size_t>(written));
+      size_ += static_cast<std::size_t>(written);
+    }
+    return fd_ >= 0;
+  }
+  // The whole body; nothing when it cannot be mapped.
+  std::optional<std::string_view> bytes() {
+    if (fd_ < 0) return std::nullopt;
+    if (size_ == 0) return std::string_view();
+    if (!map_) {
+      void* map = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd_, 0);
+      if (map == MAP_FAILED) return std::nullopt;
+      map_ = map;
+    }
+    return std::string_view(static_cast<const char*>(map_), size_);
+  }
+  std::string path() const { return "/proc/self/fd/" + std::to_string(fd_); }
+
+ private:
+  int fd_;
+  void* map_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+// A GET whose body is staged, checked, and only then replaces `localPath`;
+// answers as httpGet does, or a refusal when a check fails (logged).
+std::optional<DownloadError> httpGetChecked(const std::string& url, const std::string& localPath,
+                                            std::chrono::milliseconds timeout,
+                                            std::chrono::milliseconds limit, std::uint64_t ceiling,
+                                            UpdateView* view, const BodyChecks& checks) {
+  StagedBody staged;
+  std::uint64_t received = 0;
+  const std::shared_ptr<Platform> platform = Platform::current();
+  std::chrono::steady_clock::time_point lastReport{};
+  HttpExchange exchange(url, exchangeOptions(timeout, limit, ceiling), [&](std::string_view piece) {
+    received += piece.size();
+    if (view) {
+      const auto now = platform->steadyNow();
+      if (now - lastReport >= kReportInterval) {
+        lastReport = now;
+        view->setBytesReceived(received);
+      }
+    }
+    return staged.append(piece);
+  });
+  CURLcode code = static_cast<CURLcode>(platform->performHttp(exchange));
+  if (exchange.overCeiling()) code = CURLE_FILESIZE_EXCEEDED;
+  if (view) view->setBytesReceived(received);
+  if (code != CURLE_OK) return DownloadError{code, exchange.describe(code)};
+
+  const std::optional<std::string_view> body = staged.bytes();
+  if (!body) return DownloadError{CURLE_WRITE_ERROR, "the received body could not be held"};
+  if (checks.key && !signing::verify(*checks.key, *body, checks.signature)) {
+    logf("download of %s refused: no signature by the trusted key", url.c_str());
+    return DownloadError{DownloadRefusedSignature, "the signature does not verify"};
+  }
+  if (checks.kind && !datafile::makeDataFile(*checks.kind)->openWithFileName(staged.path(), true)) {
+    logf("download of %s refused: not a readable %s file", url.c_str(),
+         std::string(datafile::dataFileKindName(*checks.kind)).c_str());
+    return DownloadError{DownloadRefusedUnreadable, "not a readable data file"};
+  }
+  // As with an unchecked body, a failed write goes unnoticed.
+  (void)FileReplacement::replace(localPath, *body);
+  return std::nullopt;
+}
+
+// A small body (a signature file) into memory; a body longer than `ceiling`
+// fails the transfer.
+std::optional<DownloadError> httpGetText(const std::string& url, std::chrono::milliseconds timeout,
+                                         std::chrono::milliseconds limit, std::uint64_t ceiling,
+                                         std::string& text) {
+  text.clear();
+  HttpExchange exchange(url, exchangeOptions(timeout, limit, ceiling), [&](std::string_view piece) {
+    text.append(piece);
+    return true;
+  });
+  CURLcode code = static_cast<CURLcode>(Platform::current()->performHttp(exchange));
+  if (exchange.overCeiling()) code = CURLE_FILESIZE_EXCEEDED;
+  if (code == CURLE_OK) return std::nullopt;
   return DownloadError{code, exchange.describe(code)};
 }
 
@@ -344,11 +463,45 @@ std::optional<DownloadError> UpdateRun::downloadKeyFile(std::int64_t index) {
           std::string(datafile::kFileQuery) + lastPathComponent(localPath);
 
   view_->setBytesReceived(0);
-  if (auto error = httpGet(url, localPath, options_.dataFileTimeout, options_.transferLimit,
-                           options_.maxFileBytes, view_.get()))
-    return error;
+  const int kind = row && row->list ? static_cast<int>(row->kind) : -1;
+  if (auto error = fetch(url, localPath, options_.dataFileTimeout, kind, view_.get())) return error;
   view_->setProgress(static_cast<double>(index + 1) / 6.0);
   return std::nullopt;
+}
+
+std::optional<DownloadError> UpdateRun::fetch(const std::string& url, const std::string& localPath,
+                                              std::chrono::milliseconds timeout, int kind,
+                                              UpdateView* view) {
+  // The run's key, else the one in the settings.
+  std::optional<std::string> keyText = options_.trustedKey;
+  if (!keyText) {
+    if (auto setting = CVUserDefaults::standardUserDefaults()->trustedListKey()) {
+      const std::string* text = setting->asString();
+      keyText = text ? *text : std::string();
+    }
+  }
+  BodyChecks checks;
+  if (keyText) {
+    checks.key = signing::parsePublicKey(*keyText);
+    if (!checks.key) {
+      logf("the trusted list key is not a public key file's text; %s is not fetched", url.c_str());
+      return DownloadError{DownloadRefusedKey, "the trusted key cannot be read"};
+    }
+  }
+  if (kind >= 0 && (checks.key || options_.requireReadableLists))
+    checks.kind = static_cast<datafile::DataFileKind>(kind);
+  if (!checks.key && !checks.kind)
+    return httpGet(url, localPath, timeout, options_.transferLimit, options_.maxFileBytes, view);
+
+  if (checks.key) {
+    if (auto error = httpGetText(datafile::signatureUrl(url), timeout, options_.transferLimit,
+                                 signing::kMaxSignatureFileBytes, checks.signature))
+      return error;
+  }
+  // The reader takes no more than the cipher can count.
+  const std::uint64_t ceiling =
+      std::min<std::uint64_t>(options_.maxFileBytes, datafile::kMaxFileBytes);
+  return httpGetChecked(url, localPath, timeout, options_.transferLimit, ceiling, view, checks);
 }
 
 std::optional<DownloadError> UpdateRun::downloadWindowsKeyFiles() {
@@ -357,10 +510,7 @@ std::optional<DownloadError> UpdateRun::downloadWindowsKeyFiles() {
   view_->setStatusText("윈도우즈용 패키지 파일을 다운로드중입니다.");
   const std::string url = options_.windowsPackageServer + "/" + lastPathComponent(localPath);
   removeOldRunTemporaries(localPath);
-  if (auto error = httpGet(url, localPath, options_.windowsFileTimeout, options_.transferLimit,
-                           options_.maxFileBytes, nullptr))
-    return error;
-  return std::nullopt;
+  return fetch(url, localPath, options_.windowsFileTimeout, -1, nullptr);
 }
 
 }  // namespace quarvel

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "common/Log.h"
+#include "format/DataFileFormat.h"
 #include "quarvel/CVUserDefaults.h"
 #include "quarvel/UpdateRun.h"
 #include "server/ListServer.h"
@@ -54,10 +55,34 @@ TEST(ListFileForRequest, NamesTheFileOfEachEndpoint) {
       {"/cmmn/download.nis", {{"type", "file"}, {"filename", "ver.dat"}}, "ver.dat"},
       {"/cmmn/download.nis", {{"type", "file"}, {"filename", "한글 이름.dat"}}, "한글 이름.dat"},
       {"/file/keyfile60/package.dat", {}, "package.dat"},
+      {"/quarvel/download/list/check/mac/.sig", {}, "macchecklist.dat.sig"},
+      {"/quarvel/download/list/font/mac/.sig", {}, "fontchecklist.dat.sig"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.path);
     EXPECT_EQ(listFileForRequest(c.path, c.params), c.file);
+  }
+}
+
+// The client asks for a signature where the rule puts it; the server must
+// answer that address with the file's own signature, at every endpoint.
+TEST(ListFileForRequest, AnswersTheSignatureAddressOfEveryFile) {
+  std::vector<std::pair<std::string, std::string>> targets;  // target, file
+  for (const auto& list : datafile::kListEndpoints) {
+    targets.emplace_back(list.publicPath, list.fileName);
+    targets.emplace_back(std::string(datafile::kDownloadEndpoint) +
+                             std::string(datafile::kKeyFileQuery) + std::string(list.fileName),
+                         list.fileName);
+  }
+  targets.emplace_back(std::string(datafile::kWindowsPackagePath) + "/package.dat", "package.dat");
+  targets.emplace_back(
+      std::string(datafile::kDownloadEndpoint) + std::string(datafile::kFileQuery) + "ver.dat",
+      "ver.dat");
+  for (const auto& [target, file] : targets) {
+    SCOPED_TRACE(target);
+    const RequestTarget parsed = parseRequestTarget(datafile::signatureUrl(target));
+    EXPECT_EQ(listFileForRequest(parsed.path, parsed.params),
+              file + std::string(datafile::kSignatureSuffix));
   }
 }
 
@@ -70,6 +95,9 @@ TEST(ListFileForRequest, RefusesEverythingElse) {
       {"/", {}},
       {"/quarvel/download/list/check/mac", {}},
       {"/quarvel/download/list/check/mac/x", {}},
+      {"/quarvel/download/list/check/mac/x.sig", {}},
+      {"/quarvel/download/list/check/mac.sig", {}},
+      {"/quarvel/download/list/check/mac/.sig.sig", {}},
       {"/quarvel/download/list/", {}},
       {"/macchecklist.dat", {}},
       {"/cmmn/download.nis", {{"filename", "ver.dat"}}},

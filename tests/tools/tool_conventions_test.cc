@@ -168,8 +168,9 @@ TEST(ToolConventions, CompletionAndManualFollowTheCommands) {
   EXPECT_EQ(answers[3], "get set delete");
 
   const std::string manual = slurp(docs + "/quarvel.1");
-  for (const char* command : {"decrypt", "encrypt", "fold", "paths", "settings", "show", "lookup",
-                              "check", "netid", "reach", "update", "serve", "audit"}) {
+  for (const char* command :
+       {"decrypt", "encrypt", "fold", "paths", "settings", "show", "lookup", "check", "netid",
+        "reach", "update", "serve", "keygen", "sign", "verify", "audit"}) {
     SCOPED_TRACE(command);
     EXPECT_TRUE(has(answers[4], command)) << answers[4];
     EXPECT_TRUE(has(manual, ".SS \"quarvel " + std::string(command)));

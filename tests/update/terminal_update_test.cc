@@ -4,11 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <sstream>
 
 #include "TerminalUpdate.h"
 #include "quarvel/CVUserDefaults.h"
+#include "support/ReadableDataFile.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/SettingsSandbox.h"
 #include "update/FakeRouteSource.h"
@@ -29,12 +33,15 @@ class TerminalUpdateTest : public ::testing::Test {
     // The internet-connection monitor answers reachable through a gateway.
     fakeRoutes->setFlags("0.0.0.0", 0x2);
     CVUserDefaults::standardUserDefaults();
-    for (const char* target : kTargets) server.serve(target, "list");
+    for (int i = 0; i < 5; ++i) server.serve(kTargets[i], list(i));
     request.server = "127.0.0.1:" + std::to_string(server.port());
     request.options.pacing = 1ms;
     request.options.dataFileTimeout = 5s;
   }
 
+  static std::string list(int index, std::size_t size = 0) {
+    return testing::readableDataFile(testing::kListKinds[index], size);
+  }
   bool said(const std::string& text) const { return out.str().find(text) != std::string::npos; }
 
   test::ScopedFakeRouteSource fakeRoutes;
@@ -59,6 +66,36 @@ TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
   EXPECT_NE(out.str().find("Quarvel: DB 업데이트 도중 오류가 발생하였습니다."), std::string::npos);
 }
 
+// Without a key the terminal still takes only a list its reader opens: an
+// error page or a body cut short fails every attempt and the old file
+// stays (the window and the library write what arrives).
+TEST_F(TerminalUpdateTest, RefusesWhatIsNotAListOfItsKind) {
+  const std::string path = *CVUserDefaults::standardUserDefaults()->filterFilePath();
+  const std::string cut = list(2, 4096);
+  const struct {
+    const char* name;
+    std::string body;
+  } cases[] = {
+      {"an error page", "<html><body><h1>404 Not Found</h1></body></html>"},
+      {"a body cut short", cut.substr(0, cut.size() - 100)},
+      {"another kind of list", list(1)},
+      {"nothing", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    FILE* old = std::fopen(path.c_str(), "wb");
+    ASSERT_TRUE(old);
+    std::fputs("old", old);
+    std::fclose(old);
+    server.serve(kTargets[2], c.body);
+    out.str("");
+    EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitFailed);
+    EXPECT_EQ(server.count(kTargets[2]) % 5, 0);
+    std::ifstream in(path);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "old");
+  }
+}
+
 TEST_F(TerminalUpdateTest, NoNetworkAlertsAndTouchesNothing) {
   request.options.networkCheck = [] { return false; };
   EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitNoNetwork);
@@ -81,7 +118,7 @@ TEST_F(TerminalUpdateTest, InterruptCancelsAtOnce) {
 // else that is wrong is the run's to meet, with the run's own outcome.
 TEST_F(TerminalUpdateTest, OnlyTheInternetMonitorIsAskedBeforeTheRun) {
   testing::ScriptedHttpServer v6server("::1");
-  for (const char* target : kTargets) v6server.serve(target, "list");
+  for (int i = 0; i < 5; ++i) v6server.serve(kTargets[i], list(i));
   struct Case {
     const char* name;
     std::optional<std::uint32_t> internet;  // flags of the route to 0.0.0.0
@@ -125,9 +162,9 @@ TEST_F(TerminalUpdateTest, OnlyTheInternetMonitorIsAskedBeforeTheRun) {
 // Each file's byte count appears with the step that ends it (one line per
 // step when not redrawing); a redrawn line follows the bytes as they come.
 TEST_F(TerminalUpdateTest, ShowsTheBytesOfTheCurrentFile) {
-  server.serve(kTargets[0], std::string(3 << 20, 'x'));
-  server.serve(kTargets[1], std::string(1536, 'x'));
-  server.serve(kTargets[2], "");
+  server.serve(kTargets[0], list(0, 3 << 20));
+  server.serve(kTargets[1], list(1, 1536));
+  server.serve(kTargets[2], list(2, 1024));
   EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitDone);
   EXPECT_TRUE(
       said("[##########--------------------]  33%  체크리스트 DB를 업데이트 중입니다.  3.0 MiB\n"))
@@ -135,9 +172,10 @@ TEST_F(TerminalUpdateTest, ShowsTheBytesOfTheCurrentFile) {
   EXPECT_TRUE(
       said("[###############---------------]  50%  패키지 DB를 업데이트 중입니다.  1.5 KiB\n"))
       << out.str();
-  // A new file starts from nothing; an empty one shows no count.
+  // A new file starts from nothing.
   EXPECT_TRUE(said("[###############---------------]  50%  필터 DB를 업데이트 중입니다.\n"));
-  EXPECT_TRUE(said("[####################----------]  67%  필터 DB를 업데이트 중입니다.\n"));
+  EXPECT_TRUE(
+      said("[####################----------]  67%  필터 DB를 업데이트 중입니다.  1.0 KiB\n"));
 }
 
 TEST(FormatBytes, PicksTheUnitByMagnitude) {
