@@ -126,4 +126,13 @@ inline constexpr std::string_view kFileQuery = "?type=file&filename=";
 // The Windows package server's path; a file's name follows it.
 inline constexpr std::string_view kWindowsPackagePath = "/file/keyfile60";
 
+// The audit reports a machine sends to a collector: the collector's path
+// (appended to its base address), the largest report body either side
+// accepts, the largest enrolment-secret file read, and the report layout's
+// version ("format").
+inline constexpr std::string_view kReportsEndpoint = "/api/reports";
+inline constexpr std::size_t kMaxReportBytes = 8u << 20;
+inline constexpr std::size_t kMaxSecretFileBytes = 4096;
+inline constexpr int kReportFormatVersion = 1;
+
 }  // namespace quarvel::datafile
