@@ -174,8 +174,9 @@ std::optional<std::string> ReportSpool::read(const Lease& lease, const Entry& en
   } else if (static_cast<std::uint64_t>(facts.st_size) > datafile::kMaxReportBytes) {
     fault = "larger than " + std::to_string(datafile::kMaxReportBytes) + " bytes";
   } else {
-    // One byte more than the bound is asked for, to notice a file that grew.
-    body.resize(datafile::kMaxReportBytes + 1);
+    // One byte more than the file's size is asked for, to notice a file
+    // that grew past the bound since.
+    body.resize(static_cast<std::size_t>(facts.st_size) + 1);
     std::size_t have = 0;
     for (;;) {
       const ssize_t got = ::read(fd, body.data() + have, body.size() - have);
@@ -186,10 +187,11 @@ std::optional<std::string> ReportSpool::read(const Lease& lease, const Entry& en
       }
       if (got == 0) break;
       have += static_cast<std::size_t>(got);
-      if (have == body.size()) {
+      if (have > datafile::kMaxReportBytes) {
         fault = "larger than " + std::to_string(datafile::kMaxReportBytes) + " bytes";
         break;
       }
+      if (have == body.size()) body.resize(std::min(2 * have, datafile::kMaxReportBytes + 1));
     }
     body.resize(have);
   }
