@@ -13,6 +13,7 @@ void addAuditCommand(CLI::App& app) {
   auto csv = std::make_shared<bool>(false);
   auto noFonts = std::make_shared<bool>(false);
   auto noProgress = std::make_shared<bool>(false);
+  auto flushUrl = std::make_shared<std::optional<std::string>>();
   CLI::App* cmd = app.add_subcommand(
       "audit", "Look for listed commercial software and fonts on this machine (or in PATHs)");
   cmd->add_option("PATH", options->trees,
@@ -30,10 +31,28 @@ void addAuditCommand(CLI::App& app) {
   jsonFlag->excludes(csvFlag);
   cmd->add_option("--html", options->htmlFile, "Also write the report as an HTML page to FILE");
   cmd->add_flag("--no-progress", *noProgress, "No progress line on standard error");
+  auto* submit = cmd->add_option("--submit", options->submitUrl,
+                                 "Also send the report to the collector at URL (reports still "
+                                 "waiting in the spool go first)");
+  auto* flush = cmd->add_option("--flush", *flushUrl,
+                                "Only send the reports waiting in the spool to the collector at "
+                                "URL; nothing is scanned");
+  auto* secret = cmd->add_option("--secret-file", options->secretFile,
+                                 "The site's enrolment secret, for --submit and --flush");
+  flush->excludes(submit);
+  submit->needs(secret);
+  flush->needs(secret);
   cmd->footer(
-      "Exit status: 0 done, 1 a list could not be opened or the HTML page could not be "
-      "written, 2 usage error. A list option may be - for standard input.");
-  cmd->callback([options, json, csv, noFonts, noProgress] {
+      "Exit status: 0 done, 1 a list could not be opened, the HTML page could not be "
+      "written, or the secret file is unusable, 2 usage error, 3 a report could not be "
+      "delivered and waits in the spool for the next --submit or --flush, 4 the collector "
+      "refused a report for good (kept in the spool's rejected folder). The report is "
+      "printed whatever the delivery's outcome. A list option may be - for standard input.");
+  cmd->callback([options, json, csv, noFonts, noProgress, flushUrl] {
+    if (*flushUrl) {
+      options->submitUrl = *flushUrl;
+      options->flushOnly = true;
+    }
     options->format = *json  ? audit::ReportFormat::Json
                       : *csv ? audit::ReportFormat::Csv
                              : audit::ReportFormat::Table;

@@ -4,8 +4,11 @@
 
 #include <ctime>
 #include <memory>
+#include <utility>
 
 #include "audit/ProgressLine.h"
+#include "audit/ReportSpool.h"
+#include "audit/ReportSubmitter.h"
 #include "common/FileReplacement.h"
 #include "common/Platform.h"
 #include "quarvel/CVUserDefaults.h"
@@ -50,10 +53,62 @@ std::string hostName() {
   return name;
 }
 
+// Sends the spool (with `report`, already in it or, when it could not be
+// kept, sent on its own first) and answers the exit status.
+int deliverReports(const AuditCommandOptions& options, const Collector& collector,
+                   const std::optional<std::pair<std::string, std::string>>& report,
+                   std::ostream& err) {
+  std::optional<std::string> folder = options.spoolFolder;
+  if (!folder) folder = ReportSpool::defaultFolder();
+  std::optional<ReportSpool> spool;
+  if (folder) spool.emplace(*folder);
+  if (report && (!spool || !spool->add(report->first, report->second))) {
+    // Without a place to keep it, the report has this one chance.
+    const DeliveryAnswer answer = postReport(collector, report->first, report->second);
+    if (answer.delivery != Delivery::Delivered) {
+      err << "audit: the report could not be spooled nor delivered (" << answer.detail << ")\n";
+      return 1;
+    }
+    err << "audit: report " << report->first << " delivered without being spooled\n";
+  }
+  if (!spool) {
+    err << "audit: no work folder for the report spool\n";
+    return 1;
+  }
+  const FlushOutcome outcome = flushSpool(*spool, collector, options.spoolWait);
+  if (options.summary || outcome.left || outcome.refused) {
+    err << "audit: " << outcome.delivered << " reports delivered";
+    if (outcome.refused)
+      err << ", " << outcome.refused << " refused (kept in " << spool->rejectedFolder() << ")";
+    err << ", " << outcome.left << " waiting in " << spool->folder();
+    if (outcome.busy) err << " (another audit is sending them)";
+    if (!outcome.stopReason.empty()) err << " (" << outcome.stopReason << ")";
+    err << "\n";
+  }
+  if (outcome.left) return kAuditExitNotDelivered;
+  if (outcome.refused) return kAuditExitRefused;
+  return 0;
+}
+
 }  // namespace
 
 int runAudit(const AuditCommandOptions& options, std::ostream& out, std::ostream& err,
              std::FILE* progressStream) {
+  std::optional<Collector> collector;
+  if (options.submitUrl) {
+    std::string error;
+    std::optional<std::string> secret =
+        options.secretFile ? readSecretFile(*options.secretFile, error) : std::nullopt;
+    if (!secret) {
+      err << "audit: " << (options.secretFile ? error : "no secret file") << "\n";
+      return 1;
+    }
+    collector = Collector{.url = *options.submitUrl,
+                          .secret = std::move(*secret),
+                          .idleTimeout = options.collectorIdleTimeout};
+    if (options.flushOnly) return deliverReports(options, *collector, std::nullopt, err);
+  }
+
   // The settings object is created only when a list is not named, since its
   // start-up makes the work folders.
   bool namedListFailed = false;
@@ -96,6 +151,7 @@ int runAudit(const AuditCommandOptions& options, std::ostream& out, std::ostream
   ProgressLine progress(progressStream, options.progress && progressStream &&
                                             ::isatty(::fileno(progressStream)) == 1);
   if (progress.enabled()) auditor.setProgress([&](const ScanStats& s) { progress.update(s); });
+  const auto scannedAt = Platform::current()->wallNow();
   AuditResult result = auditor.run(plan);
   progress.finish();
 
@@ -108,16 +164,36 @@ int runAudit(const AuditCommandOptions& options, std::ostream& out, std::ostream
         << result.filteredHits << " filtered\n";
   }
 
+  int status = 0;
   if (options.htmlFile) {
     ReportOptions page;
     page.generatedAt = localTimeStamp();
     page.host = hostName();
     if (!FileReplacement::replace(*options.htmlFile, formatHtml(result, page))) {
       err << "audit: cannot write " << *options.htmlFile << "\n";
-      return 1;
+      status = 1;  // the report is still delivered
     }
   }
-  return 0;
+
+  if (collector) {
+    std::optional<std::string> reportId = newReportId();
+    if (!reportId) {
+      err << "audit: no random bytes for a report id\n";
+      return 1;
+    }
+    auto versionOf = [](auto& list) { return list ? list->headerVersion() : std::nullopt; };
+    FleetReportInfo info{.reportId = *reportId,
+                         .machine = options.machine ? *options.machine : gatherMachineFacts(),
+                         .scannedAt = scannedAt,
+                         .lists = {.checkList = versionOf(checkList),
+                                   .userCheckList = versionOf(userCheckList),
+                                   .filter = versionOf(filter),
+                                   .font = versionOf(fontList)}};
+    const int delivered = deliverReports(
+        options, *collector, std::make_pair(*reportId, formatFleetReport(result, info)), err);
+    if (status == 0) status = delivered;
+  }
+  return status;
 }
 
 }  // namespace quarvel::audit

@@ -2,6 +2,7 @@
 // `quarvel audit`: scans, matches and reports (the command line only parses
 // into AuditCommandOptions).
 
+#include <chrono>
 #include <cstdio>
 #include <optional>
 #include <ostream>
@@ -10,6 +11,7 @@
 
 #include "audit/AuditReport.h"
 #include "audit/Auditor.h"
+#include "audit/FleetReport.h"
 
 namespace quarvel::audit {
 
@@ -31,11 +33,32 @@ struct AuditCommandOptions {
   // Where a system scan looks (tests set these); defaults to the process's.
   std::optional<ScanEnvironment> environment;
   FontCatalog* fontCatalog = nullptr;  // null: fontconfig (system scans only)
+
+  // Delivery to the organisation's collector: with `submitUrl` and
+  // `secretFile` the report is also sent there (spooled first, after the
+  // reports still waiting); with `flushOnly` too, only the waiting reports
+  // are sent and nothing is scanned.
+  std::optional<std::string> submitUrl;
+  std::optional<std::string> secretFile;
+  bool flushOnly = false;
+  std::optional<std::string> spoolFolder;  // default: ReportSpool::defaultFolder()
+  std::optional<MachineFacts> machine;     // default: gatherMachineFacts()
+  std::chrono::milliseconds collectorIdleTimeout{std::chrono::seconds(15)};
+  // How long to wait for another audit that is sending from the spool.
+  std::chrono::milliseconds spoolWait{std::chrono::seconds(30)};
 };
+
+// Exit statuses of delivery, beside 0 and 1.
+inline constexpr int kAuditExitNotDelivered = 3;  // a report waits in the spool
+inline constexpr int kAuditExitRefused = 4;       // a report was refused for good
 
 // Runs the audit and writes the report to `out`, notes and the scan summary
 // to `err`. Answers the exit status: 0 done, 1 no list could be opened, a
-// list named by an option could not, or the HTML file could not be written.
+// list named by an option could not, the HTML file could not be written, or
+// (when delivering) the secret file is unusable or the report could neither
+// be delivered nor kept; kAuditExitNotDelivered when a report (this one or
+// an earlier) stays in the spool for a later attempt; kAuditExitRefused when
+// everything left the spool but a report was refused (kept in rejected/).
 int runAudit(const AuditCommandOptions& options, std::ostream& out, std::ostream& err,
              std::FILE* progressStream = stderr);
 

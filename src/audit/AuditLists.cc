@@ -10,6 +10,15 @@ namespace quarvel::audit {
 
 namespace {
 
+// The "#HEADER" table's Version of an opened list file.
+std::optional<std::string> versionOf(FileFramework& file) {
+  Table* header = file.getTableByTag(datafile::kHeaderTag);
+  if (!header || header->getDataCount() < 1) return std::nullopt;
+  std::string version = header->select(0, datafile::kFieldVersion);
+  if (version == Table::kOutOfBounds) return std::nullopt;
+  return version;
+}
+
 // A list read through one of the library's data-file classes; the records
 // are those of its "#CHECKLIST" table.
 template <class File>
@@ -27,6 +36,7 @@ class DataFileList : public ListSource {
     return text == Table::kOutOfBounds ? std::string() : text;
   }
   int idByFileName(const std::string& name) override { return file_->getIdByFileName(name); }
+  std::optional<std::string> headerVersion() override { return versionOf(*file_); }
 
  private:
   std::unique_ptr<File> file_;
@@ -37,6 +47,7 @@ class DataFileFilter : public FilterSource {
  public:
   explicit DataFileFilter(std::unique_ptr<FileFilter> file) : file_(std::move(file)) {}
   bool contains(const std::string& key) override { return file_->getIdByFilter(key) >= 0; }
+  std::optional<std::string> headerVersion() override { return versionOf(*file_); }
 
  private:
   std::unique_ptr<FileFilter> file_;

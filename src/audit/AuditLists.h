@@ -5,6 +5,7 @@
 // the library's data-file classes.
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -22,6 +23,9 @@ class ListSource {
   // Index of the record whose "EXE_FILE" is `name`, letter case ignored;
   // -1 when there is none.
   virtual int idByFileName(const std::string& name) = 0;
+  // The list's "#HEADER" Version, which a report names; nothing when the
+  // list has none (the default, for lists that are not files).
+  virtual std::optional<std::string> headerVersion() { return std::nullopt; }
 };
 
 // The filter list: keys "company\tproduct\tversion\toriginal file".
@@ -30,6 +34,8 @@ class FilterSource {
   virtual ~FilterSource() = default;
   // Whether the key is on the list, letter case ignored.
   virtual bool contains(const std::string& key) = 0;
+  // As ListSource::headerVersion.
+  virtual std::optional<std::string> headerVersion() { return std::nullopt; }
 };
 
 // The list files, opened with the library's FileCheckList, FileFontList and

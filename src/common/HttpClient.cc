@@ -25,6 +25,7 @@ struct Curl {
   decltype(&::curl_easy_setopt) easy_setopt = nullptr;
   decltype(&::curl_easy_perform) easy_perform = nullptr;
   decltype(&::curl_easy_cleanup) easy_cleanup = nullptr;
+  decltype(&::curl_easy_getinfo) easy_getinfo = nullptr;
   decltype(&::curl_easy_strerror) easy_strerror = nullptr;
   decltype(&::curl_slist_append) slist_append = nullptr;
   decltype(&::curl_slist_free_all) slist_free_all = nullptr;
@@ -57,6 +58,7 @@ const Curl* curl() {
         bind("curl_global_init", api.global_init) && bind("curl_easy_init", api.easy_init) &&
         bind("curl_easy_setopt", api.easy_setopt) && bind("curl_easy_perform", api.easy_perform) &&
         bind("curl_easy_cleanup", api.easy_cleanup) &&
+        bind("curl_easy_getinfo", api.easy_getinfo) &&
         bind("curl_easy_strerror", api.easy_strerror) &&
         bind("curl_slist_append", api.slist_append) &&
         bind("curl_slist_free_all", api.slist_free_all) &&
@@ -104,7 +106,7 @@ HttpExchange::HttpExchange(const std::string& url, Options options, BodySink sin
     api->easy_setopt(e, CURLOPT_POSTFIELDS, options_.body.data());
     api->easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(options_.body.size()));
   }
-  api->easy_setopt(e, CURLOPT_CUSTOMREQUEST, "GET");
+  api->easy_setopt(e, CURLOPT_CUSTOMREQUEST, options_.method.c_str());
   api->easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(options_.idleTimeout.count()));
   if (options_.totalLimit.count() > 0)
     api->easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(options_.totalLimit.count()));
@@ -128,6 +130,8 @@ HttpExchange::~HttpExchange() {
 CURLcode HttpExchange::perform() {
   if (!easy_) return CURLE_FAILED_INIT;
   const CURLcode code = curl()->easy_perform(easy_);
+  long status = 0;
+  if (curl()->easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK) status_ = status;
   if (code == CURLE_FILESIZE_EXCEEDED) overCeiling_ = true;
   return overCeiling_ ? CURLE_FILESIZE_EXCEEDED : code;
 }

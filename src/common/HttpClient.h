@@ -33,7 +33,8 @@ class HttpExchange {
     // A body announced or received beyond this fails the exchange.
     std::uint64_t maxBodyBytes = std::numeric_limits<std::uint64_t>::max();
     std::vector<std::string> headers;  // "Name: value"
-    std::string body;                  // sent with the GET when not empty
+    std::string body;                  // sent with the request when not empty
+    std::string method = "GET";        // e.g. "POST" to deliver `body`
     long receiveBuffer = 0;            // bytes; 0 for libcurl's own
   };
   // Receives each piece of the body; answering false ends the exchange.
@@ -71,6 +72,12 @@ class HttpExchange {
   // Whether the body passed maxBodyBytes, announced or received.
   bool overCeiling() const { return overCeiling_; }
   std::uint64_t received() const { return received_; }
+  // The answer's HTTP status, set by perform() (0 before, or when no answer
+  // came); a platform answering in libcurl's place sets it.
+  long status() const { return status_; }
+  void setStatus(long status) { status_ = status; }
+  // What the exchange was made with: method, headers and body to send.
+  const Options& options() const { return options_; }
   // libcurl's words for how `code` came about.
   std::string describe(CURLcode code) const;
 
@@ -90,6 +97,7 @@ class HttpExchange {
   curl_off_t lastUp_ = 0;
   std::uint64_t received_ = 0;
   bool overCeiling_ = false;
+  long status_ = 0;
   char errorText_[CURL_ERROR_SIZE] = {};
 };
 

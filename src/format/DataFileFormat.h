@@ -140,4 +140,13 @@ inline constexpr std::string_view kSignatureSuffix = ".sig";
 // query has one, gets the suffix; otherwise the path does.
 std::string signatureUrl(std::string_view url);
 
+// The audit reports a machine sends to a collector: the collector's path
+// (appended to its base address), the largest report body either side
+// accepts, the largest enrolment-secret file read, and the report layout's
+// version ("format").
+inline constexpr std::string_view kReportsEndpoint = "/api/reports";
+inline constexpr std::size_t kMaxReportBytes = 8u << 20;
+inline constexpr std::size_t kMaxSecretFileBytes = 4096;
+inline constexpr int kReportFormatVersion = 1;
+
 }  // namespace quarvel::datafile

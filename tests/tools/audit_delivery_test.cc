@@ -1,0 +1,359 @@
+// Sending audit reports: the collector's answers (given in libcurl's place
+// through the platform), the spool's order, bounds and damaged files, the
+// secret file, and one whole audit against a loopback collector.
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <filesystem>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "audit/AuditCommand.h"
+#include "audit/AuditReport.h"
+#include "audit/ReportSubmitter.h"
+#include "common/HttpClient.h"
+#include "common/Log.h"
+#include "format/DataFileFormat.h"
+#include "support/AuditFixtures.h"
+#include "support/SettingsSandbox.h"
+#include "support/TestPlatform.h"
+
+namespace quarvel::audit {
+namespace {
+
+using quarvel::testing::TempTree;
+using Json = nlohmann::json;
+
+std::string reportBody(const std::string& id) { return Json{{"reportId", id}}.dump(); }
+
+// Answers every exchange in libcurl's place with one CURLcode and status,
+// recording what was asked.
+class ScriptedCollector : public PlatformWrapper {
+ public:
+  ScriptedCollector(CURLcode code, long status) : code_(code), status_(status) {}
+  int performHttp(HttpExchange& exchange) override {
+    std::lock_guard lock(mutex);
+    urls.push_back(exchange.url());
+    requests.push_back(exchange.options());
+    if (code_ == CURLE_OK) {
+      exchange.setStatus(status_);
+      (void)exchange.deliver(R"({"error":"no"})");
+    }
+    return code_;
+  }
+  std::mutex mutex;
+  std::vector<std::string> urls;
+  std::vector<HttpExchange::Options> requests;
+
+ private:
+  CURLcode code_;
+  long status_;
+};
+
+std::string header(const HttpExchange::Options& o, std::string_view name) {
+  for (const std::string& h : o.headers)
+    if (h.starts_with(name) && h.size() > name.size() && h[name.size()] == ':')
+      return h.substr(name.size() + 2);
+  return "";
+}
+
+std::vector<std::string> idsIn(const ReportSpool& spool) {
+  std::vector<std::string> ids;
+  for (const auto& e : spool.pending()) ids.push_back(e.reportId);
+  return ids;
+}
+
+std::size_t filesIn(const std::string& folder) {
+  std::size_t n = 0;
+  for (const auto& e : std::filesystem::directory_iterator(folder))
+    n += e.path().extension() == ".json";
+  return n;
+}
+
+TEST(ReportDelivery, CollectorAnswersDecideWhereEachReportGoes) {
+  const struct {
+    const char* name;
+    CURLcode code;
+    long status;
+    std::size_t posts, delivered, refused, left;
+  } cases[] = {
+      {"connection refused", CURLE_COULDNT_CONNECT, 0, 1, 0, 0, 3},
+      {"time-out", CURLE_OPERATION_TIMEDOUT, 0, 1, 0, 0, 3},
+      {"store unavailable", CURLE_OK, 503, 1, 0, 0, 3},
+      {"too many requests", CURLE_OK, 429, 1, 0, 0, 3},
+      {"wrong secret", CURLE_OK, 401, 1, 0, 0, 3},
+      {"malformed", CURLE_OK, 400, 3, 0, 3, 0},
+      {"too large", CURLE_OK, 413, 3, 0, 3, 0},
+      {"stored", CURLE_OK, 201, 3, 3, 0, 0},
+      {"duplicate", CURLE_OK, 200, 3, 3, 0, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempTree tree;
+    ReportSpool spool(tree.path("spool"));
+    std::vector<std::string> added;
+    for (int i = 0; i < 3; ++i) {
+      added.push_back(*newReportId());
+      ASSERT_TRUE(spool.add(added.back(), reportBody(added.back())));
+    }
+    auto collector = std::make_shared<ScriptedCollector>(c.code, c.status);
+    quarvel::testing::ScopedPlatform platform(collector);
+    LogCapture log;
+    const FlushOutcome outcome =
+        flushSpool(spool, {.url = "http://collector.test:8470/", .secret = "s3"}, {});
+    EXPECT_EQ(collector->requests.size(), c.posts);
+    EXPECT_EQ(outcome.delivered, c.delivered);
+    EXPECT_EQ(outcome.refused, c.refused);
+    EXPECT_EQ(outcome.left, c.left);
+    EXPECT_EQ(filesIn(spool.rejectedFolder()), c.refused);
+    EXPECT_EQ(log.contains("refused (HTTP"), c.refused > 0);
+    // Oldest first, each with its own key, to the one endpoint.
+    for (std::size_t i = 0; i < collector->requests.size(); ++i) {
+      const HttpExchange::Options& r = collector->requests[i];
+      EXPECT_EQ(collector->urls[i], "http://collector.test:8470/api/reports");
+      EXPECT_EQ(r.method, "POST");
+      EXPECT_EQ(header(r, "Authorization"), "Bearer s3");
+      EXPECT_EQ(header(r, "Idempotency-Key"), added[i]);
+      EXPECT_EQ(header(r, "Content-Type"), "application/json");
+      EXPECT_EQ(r.body, reportBody(added[i]));
+    }
+  }
+}
+
+TEST(ReportDelivery, CollectorUrl) {
+  for (const auto& [base, url] : std::vector<std::pair<std::string, std::string>>{
+           {"http://h:8470", "http://h:8470/api/reports"},
+           {"http://h:8470/", "http://h:8470/api/reports"},
+           {"https://h/fleet", "https://h/fleet/api/reports"},
+           {"http://h/api/reports", "http://h/api/reports"}}) {
+    EXPECT_EQ(reportsUrl(base), url);
+  }
+}
+
+TEST(ReportDelivery, SecretFile) {
+  const struct {
+    const char* name;
+    std::string text;
+    std::optional<std::string> secret;
+  } cases[] = {
+      {"line end and blanks trimmed", "t0ken \t\r\n\n", "t0ken"},
+      {"inner spaces kept", " a b", " a b"},
+      {"exactly the limit", std::string(4096, 'k'), std::string(4096, 'k')},
+      {"over the limit", std::string(4097, 'k'), std::nullopt},
+      {"empty", "", std::nullopt},
+      {"only a line end", "\r\n", std::nullopt},
+      {"two lines", "a\nb\n", std::nullopt},
+  };
+  TempTree tree;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string error;
+    EXPECT_EQ(readSecretFile(tree.file("secret", c.text), error), c.secret);
+    EXPECT_EQ(error.empty(), c.secret.has_value()) << error;
+  }
+  std::string error;
+  EXPECT_FALSE(readSecretFile(tree.path("missing"), error));
+  EXPECT_FALSE(readSecretFile(tree.root(), error));
+}
+
+TEST(ReportSpool, DamagedFilesGoAsideAndStraysStay) {
+  TempTree tree;
+  ReportSpool spool(tree.path("spool"));
+  const std::string good = *newReportId(), notJson = *newReportId(), big = *newReportId(),
+                    misnamed = *newReportId();
+  ASSERT_TRUE(spool.add(good, reportBody(good)));
+  ASSERT_TRUE(spool.add(notJson, "{\"reportId\": tru"));
+  ASSERT_TRUE(spool.add(big, std::string(datafile::kMaxReportBytes + 1, ' ')));
+  ASSERT_TRUE(spool.add(misnamed, reportBody(good)));
+  tree.file("spool/notes.json", "{}");
+  tree.file("spool/" + good + ".json.part", "x");
+  auto collector = std::make_shared<ScriptedCollector>(CURLE_OK, 201);
+  quarvel::testing::ScopedPlatform platform(collector);
+  LogCapture log;
+  const FlushOutcome outcome = flushSpool(spool, {.url = "http://c", .secret = "s"}, {});
+  EXPECT_EQ(outcome.delivered, 1u);
+  EXPECT_EQ(outcome.refused, 3u);
+  EXPECT_EQ(filesIn(spool.rejectedFolder()), 3u);
+  EXPECT_TRUE(std::filesystem::exists(tree.path("spool/notes.json")));
+  EXPECT_TRUE(std::filesystem::exists(tree.path("spool/" + good + ".json.part")));
+  EXPECT_TRUE(log.contains("larger than"));
+  EXPECT_TRUE(log.contains("not a JSON object"));
+}
+
+TEST(ReportSpool, BoundsDropTheOldestWithAWarning) {
+  TempTree tree;
+  ReportSpool spool(
+      tree.path("spool"),
+      {.maxReports = 3, .maxBytes = 1 << 20, .maxRejected = 2, .maxRejectedBytes = 120});
+  std::vector<std::string> ids;
+  for (int i = 0; i < 5; ++i) {
+    ids.push_back(*newReportId());
+    ASSERT_TRUE(spool.add(ids.back(), reportBody(ids.back())));
+  }
+  EXPECT_EQ(idsIn(spool), ids);  // stamped in order, whatever the names
+  LogCapture log;
+  auto lease = spool.lease({});
+  ASSERT_TRUE(lease);
+  EXPECT_EQ(spool.trim(*lease), 2u);
+  EXPECT_EQ(idsIn(spool), std::vector<std::string>(ids.begin() + 2, ids.end()));
+  EXPECT_TRUE(log.contains(ids[0])) << "each dropped report is named";
+  EXPECT_TRUE(log.contains(ids[1]));
+  // The rejected place holds two reports of this size at most.
+  for (const auto& entry : spool.pending()) ASSERT_TRUE(spool.reject(*lease, entry, "test"));
+  EXPECT_EQ(filesIn(spool.rejectedFolder()), 2u);
+  EXPECT_TRUE(std::filesystem::exists(spool.rejectedFolder() + "/" + ids[4] + ".json"));
+}
+
+TEST(ReportSpool, OneSenderAtATime) {
+  TempTree tree;
+  ReportSpool spool(tree.path("spool"));
+  const std::string id = *newReportId();
+  ASSERT_TRUE(spool.add(id, reportBody(id)));
+  auto collector = std::make_shared<ScriptedCollector>(CURLE_OK, 201);
+  quarvel::testing::ScopedPlatform platform(collector);
+  {
+    ReportSpool other(tree.path("spool"));
+    auto held = other.lease({});
+    ASSERT_TRUE(held);
+    const FlushOutcome busy =
+        flushSpool(spool, {.url = "http://c", .secret = "s"}, std::chrono::milliseconds(120));
+    EXPECT_TRUE(busy.busy);
+    EXPECT_EQ(busy.left, 1u);
+    EXPECT_TRUE(collector->requests.empty());
+  }
+  EXPECT_EQ(flushSpool(spool, {.url = "http://c", .secret = "s"}, {}).delivered, 1u);
+}
+
+TEST(FleetReport, CarriesTheAuditJsonAndTheMachine) {
+  AuditResult result;
+  Finding f;
+  f.maker = "Acme";
+  f.product = "Editor";
+  f.price = Money::parse("12.5");
+  f.priceText = "12.5";
+  f.places = {"/opt/\xff"};  // not UTF-8
+  result.findings.push_back(f);
+  finishResult(result);
+  const FleetReportInfo info{
+      .reportId = *newReportId(),
+      .machine = {"pc-7", "eth0 10.0.0.7<br>", "Debian GNU/Linux 12"},
+      .scannedAt = std::chrono::system_clock::time_point(std::chrono::seconds(1795579920)),
+      .lists = {.checkList = "20261123", .userCheckList = {}, .filter = {}, .font = "7"}};
+  const Json doc = Json::parse(formatFleetReport(result, info));
+  const Json audit = Json::parse(formatJson(result));
+  EXPECT_EQ(doc["format"], 1);
+  EXPECT_EQ(doc["reportId"], info.reportId);
+  EXPECT_EQ(doc["scannedAt"], "2026-11-25T04:12:00Z");
+  EXPECT_EQ(doc["machine"]["networkIdentity"], "eth0 10.0.0.7<br>");
+  EXPECT_EQ(doc["lists"], Json::parse(R"({"checklist":"20261123","userchecklist":null,
+                                          "filter":null,"font":"7"})"));
+  for (const char* member : {"findings", "totals", "scan"}) EXPECT_EQ(doc[member], audit[member]);
+}
+
+TEST(FleetReport, ReportIds) {
+  std::set<std::string> seen;
+  for (int i = 0; i < 1000; ++i) {
+    const std::string id = *newReportId();
+    ASSERT_TRUE(isReportId(id)) << id;
+    seen.insert(id);
+  }
+  EXPECT_EQ(seen.size(), 1000u);
+  for (const char* bad :
+       {"0f8fad5b-d9cb-469f-a165-70867728950", "0F8FAD5B-D9CB-469F-A165-70867728950E",
+        "0f8fad5b-d9cb-369f-a165-70867728950e", "0f8fad5b-d9cb-469f-c165-70867728950e"})
+    EXPECT_FALSE(isReportId(bad)) << bad;
+}
+
+void waitUntilRunning(httplib::Server& server) {
+  for (int i = 0; i < 500 && !server.is_running(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_TRUE(server.is_running());
+}
+
+// The whole command against a collector on a loopback port: delivered,
+// then kept while the collector is away, then sent by --flush.
+TEST(AuditSubmit, LoopbackCollector) {
+  const std::string samples = QUARVEL_SAMPLES;
+  if (!std::filesystem::exists(samples + "/macchecklist.dat")) GTEST_SKIP() << "no sample lists";
+  quarvel::testing::SettingsSandbox sandbox;  // the lists not named are not found
+  TempTree tree;
+  tree.executable("machine/usr/bin/photoloom6");
+  httplib::Server server;
+  std::mutex mutex;
+  std::vector<Json> stored;
+  server.Post("/api/reports", [&](const httplib::Request& request, httplib::Response& response) {
+    if (request.get_header_value("Authorization") != "Bearer enrol-7") {
+      response.status = 401;
+      return;
+    }
+    std::lock_guard lock(mutex);
+    stored.push_back(Json::parse(request.body));
+    EXPECT_EQ(request.get_header_value("Idempotency-Key"), stored.back()["reportId"]);
+    response.status = 201;
+    response.set_content(R"({"stored":true})", "application/json");
+  });
+  const int port = server.bind_to_any_port("127.0.0.1");
+  ASSERT_GT(port, 0);
+  std::thread serving([&] { server.listen_after_bind(); });
+  waitUntilRunning(server);
+
+  AuditCommandOptions o;
+  o.trees = {tree.path("machine")};
+  o.checkList = samples + "/macchecklist.dat";
+  o.fontList = samples + "/fontchecklist.dat";
+  o.format = ReportFormat::Json;
+  o.progress = false;
+  o.submitUrl = "http://127.0.0.1:" + std::to_string(port);
+  o.secretFile = tree.file("secret", "enrol-7\n");
+  o.spoolFolder = tree.path("spool");
+  o.machine = MachineFacts{"pc-1", "lo 127.0.0.1", "Test OS"};
+  o.collectorIdleTimeout = std::chrono::seconds(5);
+  auto run = [&](const AuditCommandOptions& options) {
+    std::ostringstream out, err;
+    const int status = runAudit(options, out, err, nullptr);
+    return std::make_pair(status, err.str());
+  };
+
+  auto [status, err] = run(o);
+  server.stop();
+  serving.join();
+  EXPECT_EQ(status, 0) << err;
+  ASSERT_EQ(stored.size(), 1u);
+  EXPECT_EQ(stored[0]["machine"]["hostName"], "pc-1");
+  EXPECT_TRUE(stored[0]["lists"]["checklist"].is_string());
+  EXPECT_TRUE(stored[0]["lists"]["userchecklist"].is_null());
+  EXPECT_EQ(stored[0]["findings"][0]["product"], "PhotoLoom 6");
+
+  // Nobody listens there now: the report waits.
+  std::tie(status, err) = run(o);
+  EXPECT_EQ(status, kAuditExitNotDelivered) << err;
+  ReportSpool spool(tree.path("spool"));
+  ASSERT_EQ(spool.pending().size(), 1u);
+  const std::string waiting = spool.pending()[0].reportId;
+
+  httplib::Server again;
+  again.Post("/api/reports", [&](const httplib::Request& request, httplib::Response& response) {
+    std::lock_guard lock(mutex);
+    stored.push_back(Json::parse(request.body));
+    response.status = 201;
+  });
+  ASSERT_TRUE(again.bind_to_port("127.0.0.1", port));
+  std::thread servingAgain([&] { again.listen_after_bind(); });
+  waitUntilRunning(again);
+  o.flushOnly = true;
+  o.trees = {"/nonexistent"};  // nothing is scanned
+  std::tie(status, err) = run(o);
+  again.stop();
+  servingAgain.join();
+  EXPECT_EQ(status, 0) << err;
+  EXPECT_TRUE(spool.pending().empty());
+  ASSERT_EQ(stored.size(), 2u);
+  EXPECT_EQ(stored[1]["reportId"], waiting);
+}
+
+}  // namespace
+}  // namespace quarvel::audit
