@@ -47,6 +47,7 @@ void addAllCommands(CLI::App& app) {
   addReachCommand(app);
   addUpdateCommands(app);
   addAuditCommand(app);
+  addCollectCommand(app);
 }
 
 namespace {

@@ -22,6 +22,7 @@ void addNetIdCommand(CLI::App& app);      // netid
 void addReachCommand(CLI::App& app);      // reach
 void addUpdateCommands(CLI::App& app);    // update, serve
 void addAuditCommand(CLI::App& app);      // audit
+void addCollectCommand(CLI::App& app);    // collect
 
 // The whole tool: the global options (--version, -q, --verbose), every
 // command above and the exit-status footer.
