@@ -1,9 +1,11 @@
 // The report store on PostgreSQL through libpq: one connection per
 // collector, statements prepared once per connection by name.
 
+#include <dlfcn.h>
 #include <libpq-fe.h>
 
 #include <cstdlib>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
 
@@ -14,16 +16,72 @@
 namespace quarvel::server {
 namespace {
 
+// libpq is loaded when the first PostgreSQL store is opened, not linked:
+// it brings the TLS, Kerberos and LDAP libraries with it, which every other
+// command of the tool would otherwise map at start-up.
+struct LibPq {
+  decltype(&::PQclear) PQclear = nullptr;
+  decltype(&::PQconnectdb) PQconnectdb = nullptr;
+  decltype(&::PQerrorMessage) PQerrorMessage = nullptr;
+  decltype(&::PQexec) PQexec = nullptr;
+  decltype(&::PQexecPrepared) PQexecPrepared = nullptr;
+  decltype(&::PQfinish) PQfinish = nullptr;
+  decltype(&::PQgetisnull) PQgetisnull = nullptr;
+  decltype(&::PQgetlength) PQgetlength = nullptr;
+  decltype(&::PQgetvalue) PQgetvalue = nullptr;
+  decltype(&::PQntuples) PQntuples = nullptr;
+  decltype(&::PQprepare) PQprepare = nullptr;
+  decltype(&::PQreset) PQreset = nullptr;
+  decltype(&::PQresultErrorMessage) PQresultErrorMessage = nullptr;
+  decltype(&::PQresultStatus) PQresultStatus = nullptr;
+  decltype(&::PQsetClientEncoding) PQsetClientEncoding = nullptr;
+  decltype(&::PQstatus) PQstatus = nullptr;
+};
+
+// The bound library, or null (logged) when it cannot be loaded.
+const LibPq* loadLibPq() {
+  static const LibPq* const bound = []() -> const LibPq* {
+    void* library = ::dlopen("libpq.so.5", RTLD_NOW | RTLD_LOCAL);
+    if (!library) {
+      logf("collect: PostgreSQL unavailable: %s", ::dlerror());
+      return nullptr;
+    }
+    static LibPq api;
+    auto bind = [library](const char* name, auto& function) {
+      function =
+          reinterpret_cast<std::remove_reference_t<decltype(function)>>(::dlsym(library, name));
+      return function != nullptr;
+    };
+    if (!(bind("PQclear", api.PQclear) && bind("PQconnectdb", api.PQconnectdb) &&
+          bind("PQerrorMessage", api.PQerrorMessage) && bind("PQexec", api.PQexec) &&
+          bind("PQexecPrepared", api.PQexecPrepared) && bind("PQfinish", api.PQfinish) &&
+          bind("PQgetisnull", api.PQgetisnull) && bind("PQgetlength", api.PQgetlength) &&
+          bind("PQgetvalue", api.PQgetvalue) && bind("PQntuples", api.PQntuples) &&
+          bind("PQprepare", api.PQprepare) && bind("PQreset", api.PQreset) &&
+          bind("PQresultErrorMessage", api.PQresultErrorMessage) &&
+          bind("PQresultStatus", api.PQresultStatus) &&
+          bind("PQsetClientEncoding", api.PQsetClientEncoding) && bind("PQstatus", api.PQstatus))) {
+      logf("collect: PostgreSQL unavailable: libpq.so.5 lacks a function");
+      return nullptr;
+    }
+    return &api;  // the library stays loaded until the process ends
+  }();
+  return bound;
+}
+
+// Only called once loadLibPq() has answered the library.
+const LibPq& libpq() { return *loadLibPq(); }
+
 class PostgresRow final : public SqlRow {
  public:
   PostgresRow(const PGresult* result, int row) : result_(result), row_(row) {}
-  bool isNull(int column) const override { return PQgetisnull(result_, row_, column) != 0; }
+  bool isNull(int column) const override { return libpq().PQgetisnull(result_, row_, column) != 0; }
   std::int64_t integer(int column) const override {
-    return std::strtoll(PQgetvalue(result_, row_, column), nullptr, 10);
+    return std::strtoll(libpq().PQgetvalue(result_, row_, column), nullptr, 10);
   }
   std::string text(int column) const override {
-    return {PQgetvalue(result_, row_, column),
-            static_cast<size_t>(PQgetlength(result_, row_, column))};
+    return {libpq().PQgetvalue(result_, row_, column),
+            static_cast<size_t>(libpq().PQgetlength(result_, row_, column))};
   }
 
  private:
@@ -32,14 +90,14 @@ class PostgresRow final : public SqlRow {
 };
 
 struct ResultDeleter {
-  void operator()(PGresult* result) const { PQclear(result); }
+  void operator()(PGresult* result) const { libpq().PQclear(result); }
 };
 using Result = std::unique_ptr<PGresult, ResultDeleter>;
 
 class PostgresConnection final : public SqlConnection {
  public:
   explicit PostgresConnection(PGconn* connection) : connection_(connection) {}
-  ~PostgresConnection() override { PQfinish(connection_); }
+  ~PostgresConnection() override { libpq().PQfinish(connection_); }
   PostgresConnection(const PostgresConnection&) = delete;
   PostgresConnection& operator=(const PostgresConnection&) = delete;
 
@@ -49,7 +107,7 @@ class PostgresConnection final : public SqlConnection {
 
   bool execute(const std::string& sql) override {
     if (!connected()) return false;
-    Result result(PQexec(connection_, sql.c_str()));
+    Result result(libpq().PQexec(connection_, sql.c_str()));
     return check(result.get(), "execute");
   }
 
@@ -87,11 +145,12 @@ class PostgresConnection final : public SqlConnection {
     std::vector<int> formats(values.size(), 0);
     for (size_t i = 0; i < values.size(); ++i)
       formats[i] = std::holds_alternative<std::string_view>(values[i]) ? 1 : 0;
-    Result result(PQexecPrepared(connection_, name->c_str(), static_cast<int>(values.size()),
-                                 pointers.data(), lengths.data(), formats.data(), 0));
+    Result result(libpq().PQexecPrepared(connection_, name->c_str(),
+                                         static_cast<int>(values.size()), pointers.data(),
+                                         lengths.data(), formats.data(), 0));
     if (!check(result.get(), "run")) return false;
     if (onRow) {
-      const int rows = PQntuples(result.get());
+      const int rows = libpq().PQntuples(result.get());
       for (int i = 0; i < rows; ++i) onRow(PostgresRow(result.get(), i));
     }
     return true;
@@ -111,12 +170,12 @@ class PostgresConnection final : public SqlConnection {
   // A connection lost since the last statement is opened again; its
   // prepared statements went with it.
   bool connected() {
-    if (PQstatus(connection_) == CONNECTION_OK) return true;
-    PQreset(connection_);
+    if (libpq().PQstatus(connection_) == CONNECTION_OK) return true;
+    libpq().PQreset(connection_);
     statements_.clear();
-    if (PQstatus(connection_) == CONNECTION_OK) return true;
+    if (libpq().PQstatus(connection_) == CONNECTION_OK) return true;
     logf("collect: PostgreSQL connection lost: %s",
-         escapeForLog(PQerrorMessage(connection_)).c_str());
+         escapeForLog(libpq().PQerrorMessage(connection_)).c_str());
     return false;
   }
 
@@ -124,16 +183,18 @@ class PostgresConnection final : public SqlConnection {
     auto it = statements_.find(sql);
     if (it != statements_.end()) return &it->second;
     std::string name = "q" + std::to_string(statements_.size() + 1);
-    Result result(PQprepare(connection_, name.c_str(), sql.c_str(), 0, nullptr));
+    Result result(libpq().PQprepare(connection_, name.c_str(), sql.c_str(), 0, nullptr));
     if (!check(result.get(), "prepare")) return nullptr;
     return &statements_.emplace(sql, std::move(name)).first->second;
   }
 
   bool check(const PGresult* result, const char* what) {
-    const ExecStatusType status = result ? PQresultStatus(result) : PGRES_FATAL_ERROR;
+    const ExecStatusType status = result ? libpq().PQresultStatus(result) : PGRES_FATAL_ERROR;
     if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK) return true;
     logf("collect: PostgreSQL %s failed: %s", what,
-         escapeForLog(result ? PQresultErrorMessage(result) : PQerrorMessage(connection_)).c_str());
+         escapeForLog(result ? libpq().PQresultErrorMessage(result)
+                             : libpq().PQerrorMessage(connection_))
+             .c_str());
     return false;
   }
 
@@ -144,16 +205,17 @@ class PostgresConnection final : public SqlConnection {
 }  // namespace
 
 std::unique_ptr<ReportStore> openPostgresStore(const std::string& url) {
-  PGconn* connection = PQconnectdb(url.c_str());
-  if (!connection || PQstatus(connection) != CONNECTION_OK) {
+  if (!loadLibPq()) return nullptr;
+  PGconn* connection = libpq().PQconnectdb(url.c_str());
+  if (!connection || libpq().PQstatus(connection) != CONNECTION_OK) {
     // libpq's message names the host and the reason, never the password.
     logf("collect: cannot connect to PostgreSQL: %s",
-         connection ? escapeForLog(PQerrorMessage(connection)).c_str() : "out of memory");
-    PQfinish(connection);
+         connection ? escapeForLog(libpq().PQerrorMessage(connection)).c_str() : "out of memory");
+    libpq().PQfinish(connection);
     return nullptr;
   }
-  if (PQsetClientEncoding(connection, "UTF8") != 0) {
-    PQfinish(connection);
+  if (libpq().PQsetClientEncoding(connection, "UTF8") != 0) {
+    libpq().PQfinish(connection);
     return nullptr;
   }
   auto store = std::make_unique<PostgresConnection>(connection);
