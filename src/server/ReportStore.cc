@@ -73,10 +73,26 @@ const std::string kUpsertMachine =
 const std::string kInsertReport =
     "INSERT INTO reports (report_id, machine_id, scanned_at, effective_at, received_at, lists) "
     "VALUES ($1, $2, $3, $4, $5, $6) ON CONFLICT (report_id) DO NOTHING RETURNING id";
-const std::string kInsertFinding =
-    "INSERT INTO findings (report_id, seq, kind, list, record, item_id, maker, product, version, "
-    "price, price_text, type, grp, places) "
-    "VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13, $14)";
+// Findings go in rows of up to kFindingsPerStatement per statement: one
+// round trip per 64 findings rather than per finding, which is what the
+// ingest rate on PostgreSQL is made of.
+constexpr size_t kFindingsPerStatement = 64;
+constexpr size_t kFindingColumnsInserted = 14;
+
+std::string insertFindingsSql(size_t rows) {
+  std::string sql =
+      "INSERT INTO findings (report_id, seq, kind, list, record, item_id, maker, product, "
+      "version, price, price_text, type, grp, places) VALUES ";
+  size_t value = 1;
+  for (size_t row = 0; row < rows; ++row) {
+    sql += row ? ", (" : "(";
+    for (size_t column = 0; column < kFindingColumnsInserted; ++column)
+      sql += (column ? ", $" : "$") + std::to_string(value++);
+    sql += ")";
+  }
+  return sql;
+}
+
 const std::string kMakeCurrent =
     "UPDATE machines SET current_report = $1, network_identity = $2, os_version = $3 "
     "WHERE id = $4 AND (current_report IS NULL OR "
@@ -265,25 +281,27 @@ class SqlReportStore final : public ReportStore {
     // Another collector on the same database stored it in the meantime.
     if (stored < 0) return Insert::kDuplicate;
 
-    std::int64_t seq = 0;
-    for (const ReportFinding& f : report.findings) {
-      const std::string places = nlohmann::json(f.where).dump();
-      const std::array<SqlValue, 14> values{
-          stored,
-          seq++,
-          std::string_view(f.kind),
-          std::string_view(f.list),
-          f.record,
-          std::string_view(f.id),
-          std::string_view(f.maker),
-          std::string_view(f.product),
-          std::string_view(f.version),
-          f.priceHundredths ? SqlValue(*f.priceHundredths) : SqlValue(),
-          std::string_view(f.priceText),
-          std::string_view(f.type),
-          std::string_view(f.group),
-          std::string_view(places)};
-      if (!db_->run(kInsertFinding, values)) return Insert::kFailed;
+    const auto& findings = report.findings;
+    std::vector<std::string> places;
+    std::vector<SqlValue> values;
+    for (size_t first = 0; first < findings.size(); first += kFindingsPerStatement) {
+      const size_t rows = std::min(kFindingsPerStatement, findings.size() - first);
+      places.clear();
+      places.reserve(rows);  // the values point into these strings
+      values.clear();
+      for (size_t i = first; i < first + rows; ++i) {
+        const ReportFinding& f = findings[i];
+        places.push_back(nlohmann::json(f.where).dump());
+        values.insert(values.end(), {stored, static_cast<std::int64_t>(i), std::string_view(f.kind),
+                                     std::string_view(f.list), f.record, std::string_view(f.id),
+                                     std::string_view(f.maker), std::string_view(f.product),
+                                     std::string_view(f.version),
+                                     f.priceHundredths ? SqlValue(*f.priceHundredths) : SqlValue(),
+                                     std::string_view(f.priceText), std::string_view(f.type),
+                                     std::string_view(f.group), std::string_view(places.back())});
+      }
+      if (!db_->run(rows == kFindingsPerStatement ? fullBatch_ : insertFindingsSql(rows), values))
+        return Insert::kFailed;
     }
     const std::array<SqlValue, 5> current{stored, std::string_view(report.networkIdentity),
                                           std::string_view(report.osVersion), machine, effective};
@@ -291,6 +309,7 @@ class SqlReportStore final : public ReportStore {
     return Insert::kStored;
   }
 
+  const std::string fullBatch_ = insertFindingsSql(kFindingsPerStatement);
   std::mutex mutex_;
   std::unique_ptr<SqlConnection> db_;  // guarded by mutex_
   std::string name_;
