@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -185,19 +186,6 @@ struct Request {
   std::size_t size = 0;
 };
 
-struct Answer {
-  Answer(unsigned s, std::string b, std::string type = "application/json")
-      : status(s), body(std::move(b)), contentType(std::move(type)) {}
-  unsigned status;
-  std::string body;
-  std::string contentType;
-  std::vector<std::pair<std::string, std::string>> headers;
-};
-
-Answer jsonError(unsigned status, std::string_view message) {
-  return {status, Json{{"error", message}}.dump(-1, ' ', false, Json::error_handler_t::replace)};
-}
-
 // Spreadsheets run a cell starting with one of these as a formula; the
 // export is opened in them, and the texts come from machines.
 std::string spreadsheetSafe(std::string text) {
@@ -213,6 +201,75 @@ std::string joinPlaces(const std::vector<std::string>& places) {
     out += place;
   }
   return out;
+}
+
+// One finding as a line of the CSV export.
+std::string exportLine(const ExportRow& row) {
+  const ReportFinding& f = row.finding;
+  return audit::csvRow({spreadsheetSafe(row.hostName), row.scannedAt,
+                        formatUtcTimestamp(row.lastSeen), f.kind, spreadsheetSafe(f.list),
+                        std::to_string(f.record), spreadsheetSafe(f.id), spreadsheetSafe(f.maker),
+                        spreadsheetSafe(f.product), spreadsheetSafe(f.version),
+                        f.priceHundredths ? audit::Money{*f.priceHundredths}.toString() : "",
+                        spreadsheetSafe(f.priceText), spreadsheetSafe(f.type),
+                        spreadsheetSafe(f.group), spreadsheetSafe(joinPlaces(f.where))});
+}
+
+// Machines read from the store per batch of the export: a few MB of
+// lines at a time, whatever the size of the fleet.
+constexpr int kExportMachinesPerBatch = 50;
+
+// The CSV export, read from the store a batch at a time as the client
+// takes it.
+struct ExportStream {
+  ReportStore* store;
+  std::string buffer;
+  size_t offset = 0;
+  std::string after;  // the last host name exported
+  bool done = false;
+
+  // The next batch into the buffer; false on a store failure.
+  bool fill() {
+    buffer.clear();
+    offset = 0;
+    auto last = store->exportRows(after, kExportMachinesPerBatch,
+                                  [&](const ExportRow& row) { buffer += exportLine(row); });
+    if (!last) return false;
+    done = last->empty();
+    after = std::move(*last);
+    return true;
+  }
+};
+
+ssize_t readExport(void* cls, std::uint64_t, char* out, size_t max) {
+  auto* stream = static_cast<ExportStream*>(cls);
+  while (stream->offset == stream->buffer.size()) {
+    if (stream->done) return MHD_CONTENT_READER_END_OF_STREAM;
+    if (!stream->fill()) {
+      logf("collect: the export stopped: the store failed");
+      return MHD_CONTENT_READER_END_WITH_ERROR;
+    }
+  }
+  const size_t count = std::min(max, stream->buffer.size() - stream->offset);
+  std::memcpy(out, stream->buffer.data() + stream->offset, count);
+  stream->offset += count;
+  return static_cast<ssize_t>(count);
+}
+
+void freeExport(void* cls) { delete static_cast<ExportStream*>(cls); }
+
+struct Answer {
+  Answer(unsigned s, std::string b, std::string type = "application/json")
+      : status(s), body(std::move(b)), contentType(std::move(type)) {}
+  unsigned status;
+  std::string body;
+  std::string contentType;
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::unique_ptr<ExportStream> stream;  // when set, the body comes from it
+};
+
+Answer jsonError(unsigned status, std::string_view message) {
+  return {status, Json{{"error", message}}.dump(-1, ' ', false, Json::error_handler_t::replace)};
 }
 
 }  // namespace
@@ -381,8 +438,16 @@ std::int64_t wallSeconds() {
 }
 
 MHD_Result queue(MHD_Connection* connection, Request& request, Answer answer) {
-  MHD_Response* response = MHD_create_response_from_buffer(answer.body.size(), answer.body.data(),
-                                                           MHD_RESPMEM_MUST_COPY);
+  MHD_Response* response = nullptr;
+  if (ExportStream* stream = answer.stream.release()) {
+    // The response owns the stream from here, and frees it when done.
+    response = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, 64 * 1024, &readExport, stream,
+                                                 &freeExport);
+    if (!response) delete stream;
+  } else {
+    response = MHD_create_response_from_buffer(answer.body.size(), answer.body.data(),
+                                               MHD_RESPMEM_MUST_COPY);
+  }
   if (!response) return MHD_NO;
   MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, answer.contentType.c_str());
   MHD_add_response_header(response, "X-Content-Type-Options", "nosniff");
@@ -415,6 +480,16 @@ void* onRequestLine(void*, const char* uri, MHD_Connection*) {
   return request;
 }
 
+// Queues the answer; from then on the connection's deadline no longer
+// runs: a large answer takes as long as the client takes to read it.
+MHD_Result answer(State* state, MHD_Connection* connection, Request& request, Answer reply) {
+  const MHD_Result queued = queue(connection, request, std::move(reply));
+  std::lock_guard lock(state->mutex);
+  auto it = state->connections.find(connection);
+  if (it != state->connections.end()) it->second.answered = true;
+  return queued;
+}
+
 MHD_Result onRequest(void* cls, MHD_Connection* connection, const char*, const char* method,
                      const char*, const char* data, size_t* uploadSize, void** context) {
   auto* state = static_cast<State*>(cls);
@@ -443,9 +518,9 @@ MHD_Result onRequest(void* cls, MHD_Connection* connection, const char*, const c
       }
     }
     if (auto refusal = state->refuseReader(connection, *request))
-      return queue(connection, *request, std::move(*refusal));
+      return answer(state, connection, *request, std::move(*refusal));
     if (request->method == "POST") return MHD_YES;  // the body follows
-    return queue(connection, *request, state->route(connection, *request));
+    return answer(state, connection, *request, state->route(connection, *request));
   }
   if (*uploadSize > 0) {
     // Without a Content-Length (chunked), the cap is only known here; such
@@ -459,7 +534,7 @@ MHD_Result onRequest(void* cls, MHD_Connection* connection, const char*, const c
     *uploadSize = 0;
     return MHD_YES;
   }
-  return queue(connection, *request, state->receive(connection, *request));
+  return answer(state, connection, *request, state->receive(connection, *request));
 }
 
 void onCompleted(void* cls, MHD_Connection* connection, void** context,
@@ -565,21 +640,16 @@ Answer State::route(MHD_Connection*, Request& request) {
     return page;
   }
   if (target.path == "/api/export.csv") {
-    std::string csv =
-        audit::csvRow({"Host", "Scanned at", "Last seen", "Kind", "List", "Record", "Id", "Maker",
-                       "Product", "Version", "Price", "Price text", "Type", "Group", "Where"});
-    const bool ok = store.exportRows([&](const ExportRow& row) {
-      const ReportFinding& f = row.finding;
-      csv += audit::csvRow(
-          {spreadsheetSafe(row.hostName), row.scannedAt, formatUtcTimestamp(row.lastSeen), f.kind,
-           spreadsheetSafe(f.list), std::to_string(f.record), spreadsheetSafe(f.id),
-           spreadsheetSafe(f.maker), spreadsheetSafe(f.product), spreadsheetSafe(f.version),
-           f.priceHundredths ? audit::Money{*f.priceHundredths}.toString() : "",
-           spreadsheetSafe(f.priceText), spreadsheetSafe(f.type), spreadsheetSafe(f.group),
-           spreadsheetSafe(joinPlaces(f.where))});
-    });
-    if (!ok) return jsonError(MHD_HTTP_SERVICE_UNAVAILABLE, "the store is unavailable");
-    Answer answer{MHD_HTTP_OK, std::move(csv), "text/csv; charset=utf-8"};
+    auto stream = std::make_unique<ExportStream>();
+    stream->store = &store;
+    // The first batch is read before answering, so that a store that is
+    // down answers 503 rather than a cut-off file.
+    if (!stream->fill()) return jsonError(MHD_HTTP_SERVICE_UNAVAILABLE, "the store is unavailable");
+    stream->buffer.insert(0, audit::csvRow({"Host", "Scanned at", "Last seen", "Kind", "List",
+                                            "Record", "Id", "Maker", "Product", "Version", "Price",
+                                            "Price text", "Type", "Group", "Where"}));
+    Answer answer{MHD_HTTP_OK, "", "text/csv; charset=utf-8"};
+    answer.stream = std::move(stream);
     answer.headers.emplace_back("Content-Disposition",
                                 "attachment; filename=\"quarvel-fleet.csv\"");
     return answer;

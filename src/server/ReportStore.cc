@@ -113,9 +113,14 @@ const std::string kFindingColumns =
 const std::string kMachineFindings = "SELECT " + kFindingColumns +
                                      " FROM machines m JOIN findings f ON f.report_id = "
                                      "m.current_report WHERE m.host_name = $1 ORDER BY f.seq";
+const std::string kExportBatch =
+    "SELECT host_name FROM machines WHERE host_name > $1 AND current_report IS NOT NULL "
+    "ORDER BY host_name LIMIT $2";
 const std::string kExport = "SELECT m.host_name, r.scanned_at, m.last_seen, " + kFindingColumns +
                             " FROM machines m JOIN reports r ON r.id = m.current_report "
-                            "JOIN findings f ON f.report_id = r.id ORDER BY m.host_name, f.seq";
+                            "JOIN findings f ON f.report_id = r.id "
+                            "WHERE m.host_name > $1 AND m.host_name <= $2 "
+                            "ORDER BY m.host_name, f.seq";
 
 ReportFinding findingFrom(const SqlRow& row, int first) {
   ReportFinding f;
@@ -212,11 +217,21 @@ class SqlReportStore final : public ReportStore {
     return out;
   }
 
-  bool exportRows(const std::function<void(const ExportRow&)>& rowFunction) override {
+  std::optional<std::string> exportRows(
+      std::string_view afterHost, int machines,
+      const std::function<void(const ExportRow&)>& rowFunction) override {
     std::lock_guard lock(mutex_);
-    return db_->run(kExport, {}, [&](const SqlRow& row) {
-      rowFunction({row.text(0), row.text(1), row.integer(2), findingFrom(row, 3)});
-    });
+    std::string last;
+    const std::array<SqlValue, 2> batch{afterHost, std::int64_t{std::max(1, machines)}};
+    if (!db_->run(kExportBatch, batch, [&](const SqlRow& row) { last = row.text(0); }))
+      return std::nullopt;
+    if (last.empty()) return last;
+    const std::array<SqlValue, 2> range{afterHost, std::string_view(last)};
+    if (!db_->run(kExport, range, [&](const SqlRow& row) {
+          rowFunction({row.text(0), row.text(1), row.integer(2), findingFrom(row, 3)});
+        }))
+      return std::nullopt;
+    return last;
   }
 
   std::optional<Health> health() override {

@@ -79,9 +79,15 @@ class ReportStore {
   // The findings of one machine's current report, in the order sent;
   // nothing on a failure, empty for an unknown machine.
   virtual std::optional<std::vector<ReportFinding>> machineFindings(std::string_view hostName) = 0;
-  // Calls `row` for every finding of every machine's current report, by
-  // host name; false on a store failure (rows may have been passed).
-  virtual bool exportRows(const std::function<void(const ExportRow&)>& row) = 0;
+  // Calls `row` for every finding of the current reports of the next
+  // `machines` machines (by host name) after `afterHost` ("" for the
+  // first), in the order sent. Answers the last host name of the batch, ""
+  // when there were no more machines; nothing on a store failure (rows may
+  // have been passed). A caller pages through the whole fleet this way
+  // without holding it in memory.
+  virtual std::optional<std::string> exportRows(
+      std::string_view afterHost, int machines,
+      const std::function<void(const ExportRow&)>& row) = 0;
 
   // Row counts of machines, reports and findings, and whether the
   // database's own consistency check passes; for tests and monitoring.

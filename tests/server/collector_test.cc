@@ -379,6 +379,32 @@ TEST_F(CollectorTest, AdminPagesNeedTheTokenWhenOneIsSet) {
   EXPECT_EQ(client.Get("/nothing", {{"Authorization", "Bearer admin-token"}})->status, 404);
 }
 
+TEST_F(CollectorTest, ExportsAFleetLargerThanOneBatch) {
+  start();
+  LogCapture quiet;
+  for (unsigned n = 1; n <= 120; ++n)
+    ASSERT_EQ(
+        store_->insert(testing::parsed(testing::report(
+                           n, "pc-" + std::to_string(1000 + n), "2026-11-18T08:00:00Z",
+                           Json::array({finding("Acme", "Paint", 1), finding("Acme", "Ink", 2)}))),
+                       1),
+        ReportStore::Insert::kStored);
+  httplib::Client client("127.0.0.1", port_);
+  client.set_read_timeout(10, 0);
+  auto answer = client.Get("/api/export.csv");
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->status, 200);
+  std::vector<std::string> lines;
+  for (size_t at = 0, end; (end = answer->body.find("\r\n", at)) != std::string::npos; at = end + 2)
+    lines.push_back(answer->body.substr(at, answer->body.find(',', at) - at));
+  ASSERT_EQ(lines.size(), 1u + 240u);
+  EXPECT_EQ(lines[0], "Host");
+  for (unsigned n = 1; n <= 120; ++n) {
+    EXPECT_EQ(lines[2 * n - 1], "pc-" + std::to_string(1000 + n));
+    EXPECT_EQ(lines[2 * n], "pc-" + std::to_string(1000 + n));
+  }
+}
+
 TEST_F(CollectorTest, WithoutATokenOnlyLocalClientsSeeTheOverview) {
   start();
   LogCapture quiet;
