@@ -22,13 +22,16 @@ using Value = rapidjson::Value;
 // The compiled schema; the text is ours, so a failure to read it is a
 // build fault and leaves every report refused rather than unchecked.
 const rapidjson::SchemaDocument* compiledSchema() {
-  static const rapidjson::SchemaDocument* const schema = []() -> rapidjson::SchemaDocument* {
+  struct Compiled {
     Document document;
-    document.Parse(kReportSchemaText.data(), kReportSchemaText.size());
-    if (document.HasParseError()) return nullptr;
-    return new rapidjson::SchemaDocument(document);  // lives as long as the process
-  }();
-  return schema;
+    std::optional<rapidjson::SchemaDocument> schema;
+    Compiled() {
+      document.Parse(kReportSchemaText.data(), kReportSchemaText.size());
+      if (!document.HasParseError()) schema.emplace(document);
+    }
+  };
+  static const Compiled compiled;
+  return compiled.schema ? &*compiled.schema : nullptr;
 }
 
 std::string text(const Value& value) { return {value.GetString(), value.GetStringLength()}; }
