@@ -16,7 +16,6 @@
 #include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -251,7 +250,7 @@ ssize_t readExport(void* cls, std::uint64_t, char* out, size_t max) {
     }
   }
   const size_t count = std::min(max, stream->buffer.size() - stream->offset);
-  std::memcpy(out, stream->buffer.data() + stream->offset, count);
+  stream->buffer.copy(out, count, stream->offset);
   stream->offset += count;
   return static_cast<ssize_t>(count);
 }
@@ -360,6 +359,7 @@ std::string overviewHtml(const Overview& overview, std::int64_t now, int staleDa
   std::map<std::string, std::int64_t> byMaker;
   for (const ProductSummary& p : overview.products) byMaker[p.maker] += p.priceHundredths;
   std::vector<audit::ChartBar> bars;
+  bars.reserve(byMaker.size());
   for (const auto& [maker, sum] : byMaker) bars.push_back({maker, audit::Money{sum}});
   std::stable_sort(bars.begin(), bars.end(), [](const auto& a, const auto& b) {
     return a.value.hundredths > b.value.hundredths;
