@@ -48,6 +48,7 @@ void addAllCommands(CLI::App& app) {
   addUpdateCommands(app);
   addSigningCommands(app);
   addAuditCommand(app);
+  addCollectCommand(app);
 }
 
 namespace {

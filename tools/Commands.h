@@ -23,6 +23,7 @@ void addReachCommand(CLI::App& app);      // reach
 void addUpdateCommands(CLI::App& app);    // update, serve
 void addSigningCommands(CLI::App& app);   // keygen, sign, verify
 void addAuditCommand(CLI::App& app);      // audit
+void addCollectCommand(CLI::App& app);    // collect
 
 // The whole tool: the global options (--version, -q, --verbose), every
 // command above and the exit-status footer.

@@ -77,6 +77,8 @@ std::string csvField(const std::string& value) {
   return out + "\"";
 }
 
+}  // namespace
+
 std::string csvRow(const std::vector<std::string>& cells) {
   std::string line;
   for (std::size_t i = 0; i < cells.size(); ++i) {
@@ -114,6 +116,8 @@ std::string escapeHtml(std::string_view text) {
   }
   return out;
 }
+
+namespace {
 
 // Cuts the text to at most `cells` terminal cells, ending it with an ellipsis.
 std::string shorten(const std::string& text, std::size_t cells) {
@@ -167,34 +171,43 @@ td.where{color:#5b6773;font-size:12px;word-break:break-all;max-width:360px}
 .chart text{font-size:12px;fill:#1d2733}.chart rect.bar{fill:#3b7dd8}
 )";
 
+std::vector<ChartBar> makerBars(const AuditResult& result) {
+  std::vector<ChartBar> bars;
+  for (MakerSum& s : sumsByMaker(result)) bars.push_back({std::move(s.maker), s.sum});
+  return bars;
+}
+
 constexpr int kChartLabelWidth = 220;
 constexpr int kChartBarWidth = 460;
 constexpr int kChartValueWidth = 130;
 constexpr int kChartRowHeight = 26;
 
-std::string chartSvg(const AuditResult& result) {
-  std::vector<MakerSum> sums = sumsByMaker(result);
+}  // namespace
+
+std::string_view pageStyle() { return kPageStyle; }
+
+std::string barChartSvg(const std::vector<ChartBar>& bars, std::string_view label) {
   std::int64_t largest = 0;
-  for (const MakerSum& s : sums) largest = std::max(largest, s.sum.hundredths);
+  for (const ChartBar& bar : bars) largest = std::max(largest, bar.value.hundredths);
   const int width = kChartLabelWidth + kChartBarWidth + kChartValueWidth;
-  const int height = static_cast<int>(sums.size()) * kChartRowHeight + 8;
+  const int height = static_cast<int>(bars.size()) * kChartRowHeight + 8;
   std::string svg = "<svg class=\"chart\" xmlns=\"http://www.w3.org/2000/svg\" width=\"" +
                     std::to_string(width) + "\" height=\"" + std::to_string(height) +
-                    "\" role=\"img\" aria-label=\"Price sum per maker\">\n";
+                    "\" role=\"img\" aria-label=\"" + escapeHtml(label) + "\">\n";
   int y = 4;
-  for (const MakerSum& s : sums) {
+  for (const ChartBar& bar : bars) {
     long long barWidth = 0;
-    if (largest > 0 && s.sum.hundredths > 0)
+    if (largest > 0 && bar.value.hundredths > 0)
       barWidth = std::max<long long>(
-          1, static_cast<long long>(static_cast<long double>(s.sum.hundredths) * kChartBarWidth /
-                                    static_cast<long double>(largest)));
-    const std::string value = s.sum.toString(true);
-    const std::string maker = s.maker.empty() ? "(none)" : s.maker;
+          1, static_cast<long long>(static_cast<long double>(bar.value.hundredths) *
+                                    kChartBarWidth / static_cast<long double>(largest)));
+    const std::string value = bar.value.toString(true);
+    const std::string name = bar.label.empty() ? "(none)" : bar.label;
     const int middle = y + kChartRowHeight / 2;
-    svg += "<g><title>" + escapeHtml(maker) + ": " + value + "</title>";
+    svg += "<g><title>" + escapeHtml(name) + ": " + value + "</title>";
     svg += "<text x=\"" + std::to_string(kChartLabelWidth - 8) + "\" y=\"" +
            std::to_string(middle) + "\" text-anchor=\"end\" dominant-baseline=\"middle\">" +
-           escapeHtml(shorten(maker, 30)) + "</text>";
+           escapeHtml(shorten(name, 30)) + "</text>";
     svg += "<rect class=\"bar\" x=\"" + std::to_string(kChartLabelWidth) + "\" y=\"" +
            std::to_string(y + 4) + "\" width=\"" + std::to_string(barWidth) + "\" height=\"" +
            std::to_string(kChartRowHeight - 8) + "\"/>";
@@ -205,8 +218,6 @@ std::string chartSvg(const AuditResult& result) {
   }
   return svg + "</svg>\n";
 }
-
-}  // namespace
 
 std::size_t displayWidth(std::string_view text) {
   std::size_t cells = 0;
@@ -320,7 +331,8 @@ std::string formatHtml(const AuditResult& result, const ReportOptions& options) 
                  std::to_string(result.stats.unreadableFolders) + " unreadable");
   out += "<p class=\"meta\">" + escapeHtml(join(meta, " \u00b7 ")) + "</p>\n";
 
-  if (!result.findings.empty()) out += "<h2>Price by maker</h2>\n" + chartSvg(result);
+  if (!result.findings.empty())
+    out += "<h2>Price by maker</h2>\n" + barChartSvg(makerBars(result), "Price sum per maker");
   out +=
       "<h2>Totals</h2>\n<table class=\"totals\">\n<thead><tr><th>Group</th>"
       "<th class=\"num\">Count</th><th class=\"num\">Price</th></tr></thead>\n<tbody>\n";

@@ -7,6 +7,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "audit/AuditResult.h"
 
@@ -39,6 +40,24 @@ std::string formatHtml(const AuditResult& result, const ReportOptions& options =
 
 std::string formatReport(const AuditResult& result, ReportFormat format,
                          const ReportOptions& options = {});
+
+// Pieces of the page and the CSV above, for other pages and exports that
+// should look and quote the same way (the collector's overview).
+//
+// `text` with &, <, >, " and ' replaced by their character references.
+std::string escapeHtml(std::string_view text);
+// One RFC 4180 line of `cells`, quoted where needed, ending in CRLF.
+std::string csvRow(const std::vector<std::string>& cells);
+// The page's style sheet (the body of its <style> element).
+std::string_view pageStyle();
+// An inline SVG bar chart, one labelled bar per entry in the order given,
+// bars scaled to the largest value; `label` names the chart for screen
+// readers. An empty label shows as "(none)".
+struct ChartBar {
+  std::string label;
+  Money value;
+};
+std::string barChartSvg(const std::vector<ChartBar>& bars, std::string_view label);
 
 // Terminal cells the text takes: 2 for East Asian wide and full-width
 // letters, 0 for combining marks and controls, 1 otherwise.

@@ -3,104 +3,19 @@
 // Chromium is not installed (it is not a build dependency).
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <iterator>
 
 #include "audit/AuditReport.h"
 #include "support/AuditFixtures.h"
+#include "support/PngImage.h"
 
 namespace quarvel::audit {
 namespace {
 
-// The headless shell the dependency script installs, else a full Chromium.
-std::string chromium() {
-  for (const char* candidate : {"/usr/bin/chromium-headless-shell", "/usr/bin/chromium"})
-    if (::access(candidate, X_OK) == 0) return candidate;
-  return {};
-}
-
-struct Image {
-  int width = 0;
-  int height = 0;
-  std::vector<unsigned char> rgb;  // 3 bytes per pixel
-};
-
-std::uint32_t bigEndian(const unsigned char* p) {
-  return (std::uint32_t{p[0]} << 24) | (std::uint32_t{p[1]} << 16) | (std::uint32_t{p[2]} << 8) |
-         p[3];
-}
-
-// Enough of PNG for a browser's screenshot: 8-bit RGB or RGBA, not interlaced.
-std::optional<Image> readPng(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::vector<unsigned char> file((std::istreambuf_iterator<char>(in)),
-                                  std::istreambuf_iterator<char>());
-  if (file.size() < 33 || std::memcmp(file.data(), "\x89PNG\r\n\x1a\n", 8) != 0)
-    return std::nullopt;
-  Image image;
-  int channels = 0;
-  std::vector<unsigned char> packed;
-  for (std::size_t at = 8; at + 12 <= file.size();) {
-    std::uint32_t length = bigEndian(&file[at]);
-    std::string type(reinterpret_cast<const char*>(&file[at + 4]), 4);
-    const unsigned char* data = &file[at + 8];
-    if (at + 12 + length > file.size()) return std::nullopt;
-    if (type == "IHDR") {
-      image.width = static_cast<int>(bigEndian(data));
-      image.height = static_cast<int>(bigEndian(data + 4));
-      if (data[8] != 8 || data[12] != 0) return std::nullopt;
-      channels = data[9] == 6 ? 4 : data[9] == 2 ? 3 : 0;
-      if (!channels) return std::nullopt;
-    } else if (type == "IDAT") {
-      packed.insert(packed.end(), data, data + length);
-    }
-    at += 12 + length;
-  }
-  const std::size_t stride = static_cast<std::size_t>(image.width) * channels;
-  std::vector<unsigned char> raw((stride + 1) * static_cast<std::size_t>(image.height));
-  uLongf rawSize = raw.size();
-  if (uncompress(raw.data(), &rawSize, packed.data(), packed.size()) != Z_OK ||
-      rawSize != raw.size())
-    return std::nullopt;
-
-  std::vector<unsigned char> previous(stride, 0), line(stride);
-  image.rgb.reserve(static_cast<std::size_t>(image.width) * image.height * 3);
-  for (int y = 0; y < image.height; ++y) {
-    const unsigned char* row = &raw[y * (stride + 1)];
-    const int filter = row[0];
-    for (std::size_t i = 0; i < stride; ++i) {
-      const int a = i >= static_cast<std::size_t>(channels) ? line[i - channels] : 0;
-      const int b = previous[i];
-      const int c = i >= static_cast<std::size_t>(channels) ? previous[i - channels] : 0;
-      int predictor = 0;
-      switch (filter) {
-        case 1:
-          predictor = a;
-          break;
-        case 2:
-          predictor = b;
-          break;
-        case 3:
-          predictor = (a + b) / 2;
-          break;
-        case 4: {
-          const int p = a + b - c, pa = std::abs(p - a), pb = std::abs(p - b), pc = std::abs(p - c);
-          predictor = (pa <= pb && pa <= pc) ? a : pb <= pc ? b : c;
-          break;
-        }
-      }
-      line[i] = static_cast<unsigned char>(row[1 + i] + predictor);
-    }
-    for (int x = 0; x < image.width; ++x)
-      image.rgb.insert(image.rgb.end(), &line[x * channels], &line[x * channels] + 3);
-    previous.swap(line);
-  }
-  return image;
-}
+using quarvel::testing::chromium;
+using quarvel::testing::Image;
+using quarvel::testing::readPng;
 
 TEST(AuditReportInBrowser, ChartBarsAreDrawnInProportion) {
   const std::string browser = chromium();

@@ -1,0 +1,785 @@
+#include "server/Collector.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <microhttpd.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sodium.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <thread>
+#include <unordered_map>
+
+#include "audit/AuditReport.h"
+#include "common/Log.h"
+#include "common/Platform.h"
+#include "server/ListServer.h"
+
+namespace quarvel::server {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Json = nlohmann::ordered_json;
+
+constexpr std::size_t kMaxSecretBytes = 4096;
+constexpr std::int64_t kSecondsPerDay = 86400;
+
+Json amount(std::int64_t hundredths) {
+  if (hundredths % 100 == 0) return hundredths / 100;
+  return static_cast<double>(hundredths) / 100.0;
+}
+
+std::string trimEnd(std::string text) {
+  while (!text.empty() &&
+         (text.back() == '\r' || text.back() == '\n' || text.back() == ' ' || text.back() == '\t'))
+    text.pop_back();
+  return text;
+}
+
+// Equal in time independent of where they differ: both sides are hashed
+// to one length first, so not even the length leaks.
+bool sameSecret(std::string_view given, std::string_view expected) {
+  std::array<unsigned char, crypto_generichash_BYTES> a{}, b{};
+  crypto_generichash(a.data(), a.size(), reinterpret_cast<const unsigned char*>(given.data()),
+                     given.size(), nullptr, 0);
+  crypto_generichash(b.data(), b.size(), reinterpret_cast<const unsigned char*>(expected.data()),
+                     expected.size(), nullptr, 0);
+  return sodium_memcmp(a.data(), b.data(), a.size()) == 0;
+}
+
+// The token of an "Authorization: Bearer <token>" header; nothing without one.
+std::optional<std::string_view> bearerToken(const char* header) {
+  if (!header) return std::nullopt;
+  std::string_view value(header);
+  constexpr std::string_view kScheme = "bearer ";
+  if (value.size() < kScheme.size()) return std::nullopt;
+  for (size_t i = 0; i < kScheme.size(); ++i) {
+    if (std::tolower(static_cast<unsigned char>(value[i])) != kScheme[i]) return std::nullopt;
+  }
+  value.remove_prefix(kScheme.size());
+  while (!value.empty() && value.front() == ' ') value.remove_prefix(1);
+  while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.remove_suffix(1);
+  return value;
+}
+
+std::string clientAddress(MHD_Connection* connection) {
+  const MHD_ConnectionInfo* info =
+      MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+  if (!info || !info->client_addr) return "?";
+  char text[INET6_ADDRSTRLEN] = "?";
+  const sockaddr* address = info->client_addr;
+  if (address->sa_family == AF_INET)
+    ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, text,
+                sizeof text);
+  else if (address->sa_family == AF_INET6)
+    ::inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, text,
+                sizeof text);
+  return text;
+}
+
+bool isLoopback(std::string_view address) {
+  return address.starts_with("127.") || address == "::1" || address.starts_with("::ffff:127.");
+}
+
+int listenOn(const std::string& address, int port, int backlog) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+  addrinfo* found = nullptr;
+  const std::string service = std::to_string(port);
+  if (::getaddrinfo(address.empty() ? nullptr : address.c_str(), service.c_str(), &hints, &found) !=
+      0)
+    return -1;
+  int fd = -1;
+  for (addrinfo* at = found; at && fd < 0; at = at->ai_next) {
+    fd = ::socket(at->ai_family, at->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, at->ai_protocol);
+    if (fd < 0) continue;
+    int yes = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    if (::bind(fd, at->ai_addr, at->ai_addrlen) != 0 || ::listen(fd, backlog) != 0) {
+      ::close(fd);
+      fd = -1;
+    }
+  }
+  ::freeaddrinfo(found);
+  return fd;
+}
+
+int boundPort(int fd) {
+  sockaddr_storage local{};
+  socklen_t length = sizeof local;
+  if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) != 0) return -1;
+  if (local.ss_family == AF_INET) return ntohs(reinterpret_cast<sockaddr_in&>(local).sin_port);
+  if (local.ss_family == AF_INET6) return ntohs(reinterpret_cast<sockaddr_in6&>(local).sin6_port);
+  return -1;
+}
+
+// A bucket of requests per client address. Full buckets are forgotten
+// when the table grows, so a crowd of addresses costs bounded memory.
+class RateLimiter {
+ public:
+  RateLimiter(int perMinute, int burst)
+      : perSecond_(std::max(1, perMinute) / 60.0), burst_(std::max(1, burst)) {}
+
+  // Zero when a request may go ahead, else the seconds until one may.
+  int take(const std::string& address) {
+    const Clock::time_point now = Platform::current()->steadyNow();
+    std::lock_guard lock(mutex_);
+    if (buckets_.size() >= kMaxAddresses) forgetFull(now);
+    auto [it, added] = buckets_.try_emplace(address, Bucket{static_cast<double>(burst_), now});
+    Bucket& bucket = it->second;
+    refill(bucket, now);
+    if (bucket.tokens >= 1.0) {
+      bucket.tokens -= 1.0;
+      return 0;
+    }
+    return std::max(1, static_cast<int>(std::ceil((1.0 - bucket.tokens) / perSecond_)));
+  }
+
+ private:
+  static constexpr size_t kMaxAddresses = 10000;
+  struct Bucket {
+    double tokens;
+    Clock::time_point at;
+  };
+  void refill(Bucket& bucket, Clock::time_point now) const {
+    const double seconds = std::chrono::duration<double>(now - bucket.at).count();
+    bucket.tokens = std::min<double>(burst_, bucket.tokens + seconds * perSecond_);
+    bucket.at = now;
+  }
+  void forgetFull(Clock::time_point now) {
+    for (auto it = buckets_.begin(); it != buckets_.end();) {
+      refill(it->second, now);
+      it = it->second.tokens >= burst_ ? buckets_.erase(it) : std::next(it);
+    }
+    // Still full of busy addresses: the oldest state goes rather than memory.
+    if (buckets_.size() >= kMaxAddresses) buckets_.clear();
+  }
+
+  const double perSecond_;
+  const int burst_;
+  std::mutex mutex_;
+  std::unordered_map<std::string, Bucket> buckets_;  // guarded by mutex_
+};
+
+struct Request {
+  std::string target;
+  std::string method;
+  std::string client;
+  bool started = false;  // the header was seen and the request routed
+  std::string body;      // a report being received
+  unsigned status = 0;   // once answered
+  std::size_t size = 0;
+};
+
+// Spreadsheets run a cell starting with one of these as a formula; the
+// export is opened in them, and the texts come from machines.
+std::string spreadsheetSafe(std::string text) {
+  if (!text.empty() && std::string_view("=+-@\t\r").find(text.front()) != std::string_view::npos)
+    text.insert(text.begin(), '\'');
+  return text;
+}
+
+std::string joinPlaces(const std::vector<std::string>& places) {
+  std::string out;
+  for (const std::string& place : places) {
+    if (!out.empty()) out += "; ";
+    out += place;
+  }
+  return out;
+}
+
+// One finding as a line of the CSV export.
+std::string exportLine(const ExportRow& row) {
+  const ReportFinding& f = row.finding;
+  return audit::csvRow({spreadsheetSafe(row.hostName), row.scannedAt,
+                        formatUtcTimestamp(row.lastSeen), f.kind, spreadsheetSafe(f.list),
+                        std::to_string(f.record), spreadsheetSafe(f.id), spreadsheetSafe(f.maker),
+                        spreadsheetSafe(f.product), spreadsheetSafe(f.version),
+                        f.priceHundredths ? audit::Money{*f.priceHundredths}.toString() : "",
+                        spreadsheetSafe(f.priceText), spreadsheetSafe(f.type),
+                        spreadsheetSafe(f.group), spreadsheetSafe(joinPlaces(f.where))});
+}
+
+// Machines read from the store per batch of the export: a few MB of
+// lines at a time, whatever the size of the fleet.
+constexpr int kExportMachinesPerBatch = 50;
+
+// The CSV export, read from the store a batch at a time as the client
+// takes it.
+struct ExportStream {
+  ReportStore* store;
+  std::string buffer;
+  size_t offset = 0;
+  std::string after;  // the last host name exported
+  bool done = false;
+
+  // The next batch into the buffer; false on a store failure.
+  bool fill() {
+    buffer.clear();
+    offset = 0;
+    auto last = store->exportRows(after, kExportMachinesPerBatch,
+                                  [&](const ExportRow& row) { buffer += exportLine(row); });
+    if (!last) return false;
+    done = last->empty();
+    after = std::move(*last);
+    return true;
+  }
+};
+
+ssize_t readExport(void* cls, std::uint64_t, char* out, size_t max) {
+  auto* stream = static_cast<ExportStream*>(cls);
+  while (stream->offset == stream->buffer.size()) {
+    if (stream->done) return MHD_CONTENT_READER_END_OF_STREAM;
+    if (!stream->fill()) {
+      logf("collect: the export stopped: the store failed");
+      return MHD_CONTENT_READER_END_WITH_ERROR;
+    }
+  }
+  const size_t count = std::min(max, stream->buffer.size() - stream->offset);
+  stream->buffer.copy(out, count, stream->offset);
+  stream->offset += count;
+  return static_cast<ssize_t>(count);
+}
+
+void freeExport(void* cls) { delete static_cast<ExportStream*>(cls); }
+
+struct Answer {
+  Answer(unsigned s, std::string b, std::string type = "application/json")
+      : status(s), body(std::move(b)), contentType(std::move(type)) {}
+  unsigned status;
+  std::string body;
+  std::string contentType;
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::unique_ptr<ExportStream> stream;  // when set, the body comes from it
+};
+
+Answer jsonError(unsigned status, std::string_view message) {
+  return {status, Json{{"error", message}}.dump(-1, ' ', false, Json::error_handler_t::replace)};
+}
+
+}  // namespace
+
+std::optional<std::string> readSecretFile(const std::string& path, std::string& error) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  if (fd < 0) {
+    error = "cannot read " + path;
+    return std::nullopt;
+  }
+  std::string text;
+  char buffer[1024];
+  ssize_t got;
+  while ((got = ::read(fd, buffer, sizeof buffer)) > 0 && text.size() <= kMaxSecretBytes)
+    text.append(buffer, static_cast<size_t>(got));
+  ::close(fd);
+  if (got < 0) {
+    error = "cannot read " + path;
+    return std::nullopt;
+  }
+  if (text.size() > kMaxSecretBytes) {
+    error = path + " is larger than 4 KiB";
+    return std::nullopt;
+  }
+  text = trimEnd(std::move(text));
+  if (text.empty()) {
+    error = path + " is empty";
+    return std::nullopt;
+  }
+  return text;
+}
+
+std::string overviewJson(const Overview& overview, std::int64_t now, int staleDays) {
+  Json products = Json::array();
+  for (const ProductSummary& p : overview.products)
+    products.push_back({{"maker", p.maker},
+                        {"product", p.product},
+                        {"machines", p.machines},
+                        {"findings", p.findings},
+                        {"price", amount(p.priceHundredths)}});
+  Json machines = Json::array();
+  Json stale = Json::array();
+  const std::int64_t staleBefore = now - static_cast<std::int64_t>(staleDays) * kSecondsPerDay;
+  for (const MachineSummary& m : overview.machines) {
+    machines.push_back({{"hostName", m.hostName},
+                        {"osVersion", m.osVersion},
+                        {"networkIdentity", m.networkIdentity},
+                        {"lastSeen", formatUtcTimestamp(m.lastSeen)},
+                        {"scannedAt", m.scannedAt},
+                        {"findings", m.findings},
+                        {"price", amount(m.priceHundredths)}});
+    if (m.lastSeen < staleBefore)
+      stale.push_back({{"hostName", m.hostName},
+                       {"lastSeen", formatUtcTimestamp(m.lastSeen)},
+                       {"daysUnseen", (now - m.lastSeen) / kSecondsPerDay}});
+  }
+  Json doc = {{"generatedAt", formatUtcTimestamp(now)},
+              {"staleDays", staleDays},
+              {"products", std::move(products)},
+              {"machines", std::move(machines)},
+              {"stale", std::move(stale)}};
+  return doc.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+std::string findingsJson(const std::vector<ReportFinding>& findings) {
+  Json out = Json::array();
+  for (const ReportFinding& f : findings)
+    out.push_back({{"kind", f.kind},
+                   {"list", f.list},
+                   {"record", f.record},
+                   {"id", f.id},
+                   {"maker", f.maker},
+                   {"product", f.product},
+                   {"version", f.version},
+                   {"price", f.priceHundredths ? amount(*f.priceHundredths) : Json(nullptr)},
+                   {"priceText", f.priceText},
+                   {"type", f.type},
+                   {"group", f.group},
+                   {"where", f.where}});
+  return out.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+std::string overviewHtml(const Overview& overview, std::int64_t now, int staleDays) {
+  using audit::escapeHtml;
+  const auto money = [](std::int64_t hundredths) {
+    return audit::Money{hundredths}.toString(true);
+  };
+  std::map<std::string, std::int64_t> byMaker;
+  for (const ProductSummary& p : overview.products) byMaker[p.maker] += p.priceHundredths;
+  std::vector<audit::ChartBar> bars;
+  bars.reserve(byMaker.size());
+  for (const auto& [maker, sum] : byMaker) bars.push_back({maker, audit::Money{sum}});
+  std::stable_sort(bars.begin(), bars.end(), [](const auto& a, const auto& b) {
+    return a.value.hundredths > b.value.hundredths;
+  });
+  const std::int64_t staleBefore = now - static_cast<std::int64_t>(staleDays) * kSecondsPerDay;
+  std::size_t staleCount = 0;
+  for (const MachineSummary& m : overview.machines) staleCount += m.lastSeen < staleBefore;
+
+  std::string out =
+      "<!DOCTYPE html>\n<html lang=\"ko\">\n<head>\n<meta charset=\"utf-8\">\n"
+      "<title>Quarvel fleet</title>\n<style>\n";
+  out += audit::pageStyle();
+  out += "tr.stale td{color:#a33}\n</style>\n</head>\n<body>\n<h1>Quarvel fleet</h1>\n";
+  out += "<p class=\"meta\">" + escapeHtml(formatUtcTimestamp(now)) + " \u00b7 " +
+         std::to_string(overview.machines.size()) + " machines \u00b7 " +
+         std::to_string(staleCount) + " not seen for " + std::to_string(staleDays) + " days</p>\n";
+  if (!bars.empty())
+    out += "<h2>Price by maker</h2>\n" + audit::barChartSvg(bars, "Price sum per maker");
+  out +=
+      "<h2>Products</h2>\n<table class=\"products\">\n<thead><tr><th>Maker</th><th>Product</th>"
+      "<th class=\"num\">Machines</th><th class=\"num\">Price</th></tr></thead>\n<tbody>\n";
+  for (const ProductSummary& p : overview.products)
+    out += "<tr><td>" + escapeHtml(p.maker) + "</td><td>" + escapeHtml(p.product) +
+           "</td><td class=\"num\">" + std::to_string(p.machines) + "</td><td class=\"num\">" +
+           money(p.priceHundredths) + "</td></tr>\n";
+  out +=
+      "</tbody>\n</table>\n<h2>Machines</h2>\n<table class=\"machines\">\n<thead><tr>"
+      "<th>Host</th><th>System</th><th>Last seen</th><th>Scanned</th>"
+      "<th class=\"num\">Findings</th><th class=\"num\">Price</th></tr></thead>\n<tbody>\n";
+  for (const MachineSummary& m : overview.machines)
+    out += std::string(m.lastSeen < staleBefore ? "<tr class=\"stale\">" : "<tr>") + "<td>" +
+           escapeHtml(m.hostName) + "</td><td>" + escapeHtml(m.osVersion) + "</td><td>" +
+           formatUtcTimestamp(m.lastSeen) + "</td><td>" + escapeHtml(m.scannedAt) +
+           "</td><td class=\"num\">" + std::to_string(m.findings) + "</td><td class=\"num\">" +
+           money(m.priceHundredths) + "</td></tr>\n";
+  out += "</tbody>\n</table>\n</body>\n</html>\n";
+  return out;
+}
+
+// What the library's callbacks share with the collector object.
+struct Collector::State {
+  State(ReportStore& s, CollectorOptions o)
+      : store(s), options(std::move(o)), limiter(options.limits.perMinute, options.limits.burst) {}
+
+  ReportStore& store;
+  CollectorOptions options;
+  RateLimiter limiter;
+  MHD_Daemon* daemon = nullptr;
+
+  // The open connections, for the deadline and the stop.
+  struct Connection {
+    int fd;
+    Clock::time_point since;  // of the request now under way
+    bool answered = false;
+  };
+  std::mutex mutex;
+  std::condition_variable wake;
+  std::unordered_map<MHD_Connection*, Connection> connections;  // guarded by mutex
+  bool watching = false;                                        // guarded by mutex
+  std::thread watcher;
+
+  void watchDeadlines();
+  Answer route(MHD_Connection* connection, Request& request);
+  Answer receive(MHD_Connection* connection, Request& request);
+  std::optional<Answer> refuseReader(MHD_Connection* connection, const Request& request);
+};
+
+namespace {
+
+using State = Collector::State;
+
+std::int64_t wallSeconds() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             Platform::current()->wallNow().time_since_epoch())
+      .count();
+}
+
+MHD_Result queue(MHD_Connection* connection, Request& request, Answer answer) {
+  MHD_Response* response = nullptr;
+  if (ExportStream* stream = answer.stream.release()) {
+    // The response owns the stream from here, and frees it when done.
+    response = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, 64 * 1024, &readExport, stream,
+                                                 &freeExport);
+    if (!response) delete stream;
+  } else {
+    response = MHD_create_response_from_buffer(answer.body.size(), answer.body.data(),
+                                               MHD_RESPMEM_MUST_COPY);
+  }
+  if (!response) return MHD_NO;
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, answer.contentType.c_str());
+  MHD_add_response_header(response, "X-Content-Type-Options", "nosniff");
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CACHE_CONTROL, "no-store");
+  for (const auto& [name, value] : answer.headers)
+    MHD_add_response_header(response, name.c_str(), value.c_str());
+  request.status = answer.status;
+  request.size = answer.body.size();
+  const MHD_Result queued = MHD_queue_response(connection, answer.status, response);
+  MHD_destroy_response(response);
+  return queued;
+}
+
+void onConnection(void* cls, MHD_Connection* connection, void**,
+                  MHD_ConnectionNotificationCode code) {
+  auto* state = static_cast<State*>(cls);
+  std::lock_guard lock(state->mutex);
+  if (code == MHD_CONNECTION_NOTIFY_STARTED) {
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    state->connections[connection] = {info ? info->connect_fd : -1, Clock::now(), false};
+  } else {
+    state->connections.erase(connection);
+  }
+}
+
+void* onRequestLine(void*, const char* uri, MHD_Connection*) {
+  auto* request = new Request;
+  request->target = uri ? uri : "";
+  return request;
+}
+
+// Queues the answer; from then on the connection's deadline no longer
+// runs: a large answer takes as long as the client takes to read it.
+MHD_Result answer(State* state, MHD_Connection* connection, Request& request, Answer reply) {
+  const MHD_Result queued = queue(connection, request, std::move(reply));
+  std::lock_guard lock(state->mutex);
+  auto it = state->connections.find(connection);
+  if (it != state->connections.end()) it->second.answered = true;
+  return queued;
+}
+
+MHD_Result onRequest(void* cls, MHD_Connection* connection, const char*, const char* method,
+                     const char*, const char* data, size_t* uploadSize, void** context) {
+  auto* state = static_cast<State*>(cls);
+  auto* request = static_cast<Request*>(*context);
+  if (!request) return MHD_NO;
+  if (request->status != 0) {
+    *uploadSize = 0;  // a body nobody asked for, after the answer was queued
+    return MHD_YES;
+  }
+  if (!request->started) {
+    request->started = true;
+    request->method = method ? method : "";
+    request->client = clientAddress(connection);
+    // Behind a reverse proxy on this machine, the client is the address
+    // the proxy names (nginx: X-Forwarded-For $remote_addr), and it is not
+    // a local client, whatever the socket says.
+    if (isLoopback(request->client)) {
+      if (const char* forwarded =
+              MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "X-Forwarded-For")) {
+        std::string_view last(forwarded);
+        if (const size_t comma = last.rfind(','); comma != std::string_view::npos)
+          last.remove_prefix(comma + 1);
+        while (!last.empty() && last.front() == ' ') last.remove_prefix(1);
+        while (!last.empty() && last.back() == ' ') last.remove_suffix(1);
+        request->client = "via proxy " + escapeForLog(last.substr(0, 64));
+      }
+    }
+    if (auto refusal = state->refuseReader(connection, *request))
+      return answer(state, connection, *request, std::move(*refusal));
+    if (request->method == "POST") return MHD_YES;  // the body follows
+    return answer(state, connection, *request, state->route(connection, *request));
+  }
+  if (*uploadSize > 0) {
+    // Without a Content-Length (chunked), the cap is only known here; such
+    // a client is cut rather than read to the end.
+    if (request->body.size() + *uploadSize > state->options.limits.maxBody) {
+      logf("collect: %s: body over %zu bytes, closing", request->client.c_str(),
+           state->options.limits.maxBody);
+      return MHD_NO;
+    }
+    request->body.append(data, *uploadSize);
+    *uploadSize = 0;
+    return MHD_YES;
+  }
+  return answer(state, connection, *request, state->receive(connection, *request));
+}
+
+void onCompleted(void* cls, MHD_Connection* connection, void** context,
+                 MHD_RequestTerminationCode code) {
+  auto* state = static_cast<State*>(cls);
+  auto* request = static_cast<Request*>(*context);
+  *context = nullptr;
+  if (!request) return;
+  const std::string target = escapeForLog(request->target);
+  if (request->status != 0)
+    logf("collect: %s \"%s %s\" %u %zu%s", request->client.c_str(),
+         escapeForLog(request->method).c_str(), target.c_str(), request->status, request->size,
+         code == MHD_REQUEST_TERMINATED_COMPLETED_OK ? "" : " (cut)");
+  else
+    logf("collect: %s \"%s\" no answer (cut)", clientAddress(connection).c_str(), target.c_str());
+  delete request;
+  std::lock_guard lock(state->mutex);
+  auto it = state->connections.find(connection);
+  if (it != state->connections.end()) it->second = {it->second.fd, Clock::now(), false};
+}
+
+void onLibraryMessage(void*, const char* format, va_list arguments) {
+  char text[512];
+  std::vsnprintf(text, sizeof text, format, arguments);
+  std::string_view line(text);
+  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
+  logf("collect: %s", escapeForLog(line).c_str());
+}
+
+}  // namespace
+
+// Refusals decided from the header alone, before any body is read: the
+// rate, the secret or token, a declared body over the cap.
+std::optional<Answer> State::refuseReader(MHD_Connection* connection, const Request& request) {
+  if (const int wait = limiter.take(request.client)) {
+    Answer answer = jsonError(MHD_HTTP_TOO_MANY_REQUESTS, "too many requests");
+    answer.headers.emplace_back(MHD_HTTP_HEADER_RETRY_AFTER, std::to_string(wait));
+    return answer;
+  }
+  const RequestTarget target = parseRequestTarget(request.target);
+  const auto token =
+      bearerToken(MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Authorization"));
+  if (target.path == "/api/reports") {
+    if (request.method != "POST") {
+      Answer answer = jsonError(MHD_HTTP_METHOD_NOT_ALLOWED, "use POST");
+      answer.headers.emplace_back(MHD_HTTP_HEADER_ALLOW, "POST");
+      return answer;
+    }
+    if (!token || !sameSecret(*token, options.secret))
+      return jsonError(MHD_HTTP_UNAUTHORIZED, "missing or wrong enrolment secret");
+    const char* length =
+        MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    if (length) {
+      char* end = nullptr;
+      errno = 0;
+      const unsigned long long declared = std::strtoull(length, &end, 10);
+      if (errno != 0 || end == length || declared > options.limits.maxBody)
+        return jsonError(MHD_HTTP_CONTENT_TOO_LARGE, "report larger than the collector takes");
+    }
+    return std::nullopt;
+  }
+  if (request.method != "GET" && request.method != "HEAD") {
+    Answer answer = jsonError(MHD_HTTP_METHOD_NOT_ALLOWED, "use GET");
+    answer.headers.emplace_back(MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
+    return answer;
+  }
+  if (options.adminToken.empty()) {
+    if (!isLoopback(request.client))
+      return jsonError(MHD_HTTP_FORBIDDEN, "only from this machine without an admin token");
+  } else if (!token || !sameSecret(*token, options.adminToken)) {
+    Answer answer = jsonError(MHD_HTTP_UNAUTHORIZED, "missing or wrong admin token");
+    answer.headers.emplace_back(MHD_HTTP_HEADER_WWW_AUTHENTICATE, "Bearer");
+    return answer;
+  }
+  return std::nullopt;
+}
+
+Answer State::route(MHD_Connection*, Request& request) {
+  const RequestTarget target = parseRequestTarget(request.target);
+  int staleDays = options.staleDays;
+  if (auto it = target.params.find("staleDays"); it != target.params.end()) {
+    char* end = nullptr;
+    const long days = std::strtol(it->second.c_str(), &end, 10);
+    if (it->second.empty() || *end != '\0' || days < 0 || days > 36500)
+      return jsonError(MHD_HTTP_BAD_REQUEST, "staleDays is a number of days, 0 to 36500");
+    staleDays = static_cast<int>(days);
+  }
+  const std::int64_t now = wallSeconds();
+  if (target.path == "/api/overview" || target.path == "/") {
+    if (auto it = target.params.find("machine"); target.path != "/" && it != target.params.end()) {
+      auto findings = store.machineFindings(it->second);
+      if (!findings) return jsonError(MHD_HTTP_SERVICE_UNAVAILABLE, "the store is unavailable");
+      return {MHD_HTTP_OK, findingsJson(*findings)};
+    }
+    auto overview = store.overview();
+    if (!overview) return jsonError(MHD_HTTP_SERVICE_UNAVAILABLE, "the store is unavailable");
+    if (target.path == "/api/overview")
+      return {MHD_HTTP_OK, overviewJson(*overview, now, staleDays)};
+    Answer page{MHD_HTTP_OK, overviewHtml(*overview, now, staleDays), "text/html; charset=utf-8"};
+    // The page needs nothing but its own inline style and SVG.
+    page.headers.emplace_back("Content-Security-Policy",
+                              "default-src 'none'; style-src 'unsafe-inline'; img-src data:");
+    return page;
+  }
+  if (target.path == "/api/export.csv") {
+    auto stream = std::make_unique<ExportStream>();
+    stream->store = &store;
+    // The first batch is read before answering, so that a store that is
+    // down answers 503 rather than a cut-off file.
+    if (!stream->fill()) return jsonError(MHD_HTTP_SERVICE_UNAVAILABLE, "the store is unavailable");
+    stream->buffer.insert(0, audit::csvRow({"Host", "Scanned at", "Last seen", "Kind", "List",
+                                            "Record", "Id", "Maker", "Product", "Version", "Price",
+                                            "Price text", "Type", "Group", "Where"}));
+    Answer answer{MHD_HTTP_OK, "", "text/csv; charset=utf-8"};
+    answer.stream = std::move(stream);
+    answer.headers.emplace_back("Content-Disposition",
+                                "attachment; filename=\"quarvel-fleet.csv\"");
+    return answer;
+  }
+  return jsonError(MHD_HTTP_NOT_FOUND, "no such endpoint");
+}
+
+Answer State::receive(MHD_Connection* connection, Request& request) {
+  ReportReading reading = readReport(request.body);
+  request.body = std::string();  // the report's copy is all that is needed now
+  if (!reading.report) return jsonError(MHD_HTTP_BAD_REQUEST, reading.error);
+  const Report& report = *reading.report;
+  const char* key = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Idempotency-Key");
+  if (key && report.reportId != key)
+    return jsonError(MHD_HTTP_BAD_REQUEST, "Idempotency-Key differs from reportId");
+  const std::int64_t now = wallSeconds();
+  if (report.scannedAtSeconds > now + kSecondsPerDay)
+    logf(
+        "collect: %s: %s says it was scanned at %s, ahead of this clock; last seen counts "
+        "from receipt",
+        request.client.c_str(), escapeForLog(report.hostName).c_str(), report.scannedAt.c_str());
+  switch (store.insert(report, now)) {
+    case ReportStore::Insert::kStored:
+      return {MHD_HTTP_CREATED, Json{{"stored", true}, {"reportId", report.reportId}}.dump()};
+    case ReportStore::Insert::kDuplicate:
+      return {MHD_HTTP_OK,
+              Json{{"stored", false}, {"duplicate", true}, {"reportId", report.reportId}}.dump()};
+    case ReportStore::Insert::kFailed:
+      break;
+  }
+  return jsonError(MHD_HTTP_SERVICE_UNAVAILABLE, "the store is unavailable");
+}
+
+// Closes connections whose request is not answered within the deadline:
+// the library's own time-out counts silence only.
+void State::watchDeadlines() {
+  const auto deadline = options.limits.deadline;
+  const auto tick = std::clamp<Clock::duration>(deadline / 4, std::chrono::milliseconds(10),
+                                                std::chrono::milliseconds(250));
+  std::unique_lock lock(mutex);
+  while (watching) {
+    wake.wait_for(lock, tick);
+    const Clock::time_point now = Clock::now();
+    for (auto& [connection, entry] : connections) {
+      if (entry.answered || now - entry.since < deadline || entry.fd < 0) continue;
+      entry.answered = true;
+      logf("collect: %s: no whole request within %lld ms, closing",
+           clientAddress(connection).c_str(), static_cast<long long>(deadline.count()));
+      ::shutdown(entry.fd, SHUT_RDWR);
+    }
+  }
+}
+
+Collector::Collector(ReportStore& store, CollectorOptions options)
+    : state_(std::make_unique<State>(store, std::move(options))) {}
+
+Collector::~Collector() { stop(); }
+
+int Collector::start(const std::string& address, int port) {
+  State& state = *state_;
+  if (state.daemon) return -1;
+  if (state.options.secret.empty()) {
+    logf("collect: no enrolment secret, not starting");
+    return -1;
+  }
+  if (sodium_init() < 0) return -1;
+  const CollectLimits& limits = state.options.limits;
+  const int listenFd = listenOn(address, port, 1024);
+  if (listenFd < 0) {
+    logf("collect: cannot listen on %s:%d", escapeForLog(address).c_str(), port);
+    return -1;
+  }
+  const int maxConnections = std::max(1, limits.maxConnections);
+  const int threads = std::clamp(limits.threads, 1, maxConnections);
+  MHD_OptionItem pool[] = {
+      {threads > 1 ? MHD_OPTION_THREAD_POOL_SIZE : MHD_OPTION_END, threads, nullptr},
+      {MHD_OPTION_END, 0, nullptr}};
+  sigset_t pipe, previous;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, &previous);
+  state.daemon = MHD_start_daemon(
+      MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_ERROR_LOG, 0, nullptr, nullptr,
+      &onRequest, &state, MHD_OPTION_EXTERNAL_LOGGER, &onLibraryMessage, &state,
+      MHD_OPTION_LISTEN_SOCKET, listenFd, MHD_OPTION_ARRAY, pool, MHD_OPTION_CONNECTION_LIMIT,
+      static_cast<unsigned>(maxConnections), MHD_OPTION_PER_IP_CONNECTION_LIMIT,
+      static_cast<unsigned>(std::max(1, limits.maxPerAddress)), MHD_OPTION_CONNECTION_TIMEOUT,
+      static_cast<unsigned>(std::max<long long>(1, limits.idle.count())),
+      MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<size_t>(64 * 1024),
+      MHD_OPTION_NOTIFY_CONNECTION, &onConnection, &state, MHD_OPTION_NOTIFY_COMPLETED,
+      &onCompleted, &state, MHD_OPTION_URI_LOG_CALLBACK, &onRequestLine, &state,
+      MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_END);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  if (!state.daemon) {
+    ::close(listenFd);
+    return -1;
+  }
+  const int bound = boundPort(listenFd);
+  {
+    std::lock_guard lock(state.mutex);
+    state.watching = true;
+  }
+  state.watcher = std::thread([&state] { state.watchDeadlines(); });
+  return bound;
+}
+
+void Collector::stop() {
+  State& state = *state_;
+  if (!state.daemon) return;
+  const int listenFd = MHD_quiesce_daemon(state.daemon);
+  if (listenFd >= 0) ::shutdown(listenFd, SHUT_RDWR);
+  const Clock::time_point until = Clock::now() + state.options.limits.grace;
+  size_t open = 0;
+  for (;;) {
+    {
+      std::lock_guard lock(state.mutex);
+      open = state.connections.size();
+    }
+    if (open == 0 || Clock::now() >= until) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  {
+    std::lock_guard lock(state.mutex);
+    state.watching = false;
+  }
+  state.wake.notify_all();
+  state.watcher.join();
+  MHD_stop_daemon(state.daemon);
+  state.daemon = nullptr;
+  if (listenFd >= 0) ::close(listenFd);
+}
+
+}  // namespace quarvel::server

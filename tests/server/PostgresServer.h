@@ -1,0 +1,78 @@
+#pragma once
+// A throw-away PostgreSQL server for a test or a benchmark: Debian's
+// initdb and pg_ctl make a cluster in a temporary folder, listening on a
+// free loopback port and a socket in that folder, and stop and remove it
+// when the object goes, whatever happened in between.
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "support/FreePort.h"
+
+namespace quarvel::server::testing {
+
+inline constexpr const char* kPostgresBin = "/usr/lib/postgresql/15/bin";
+
+class PostgresServer {
+ public:
+  // Starts a fresh cluster; running() tells whether it came up.
+  PostgresServer() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "quarvel-pg-XXXXXX").string();
+    if (!::mkdtemp(pattern.data())) return;
+    folder_ = pattern;
+    // The server refuses to run as root: it then runs as postgres, owning
+    // the folder.
+    if (::geteuid() == 0) {
+      const passwd* user = ::getpwnam("postgres");
+      if (!user || ::chown(folder_.c_str(), user->pw_uid, user->pw_gid) != 0) return;
+      as_ = "runuser -u postgres -- ";
+    }
+    port_ = quarvel::testing::freeLoopbackPort();
+    const std::string data = folder_ + "/data";
+    if (!run(std::string(kPostgresBin) + "/initdb -D " + data +
+             " -A trust -U quarvel -E UTF8 --locale=C --no-sync"))
+      return;
+    started_ = run(std::string(kPostgresBin) + "/pg_ctl -D " + data + " -l " + folder_ +
+                   "/server.log -w -t 60 -o \"-p " + std::to_string(port_) + " -k " + folder_ +
+                   " -c listen_addresses=127.0.0.1 -c fsync=off -c full_page_writes=off\" start");
+  }
+  ~PostgresServer() {
+    if (started_)
+      run(std::string(kPostgresBin) + "/pg_ctl -D " + folder_ + "/data -m immediate -w stop");
+    if (!folder_.empty()) {
+      std::error_code ignored;
+      std::filesystem::remove_all(folder_, ignored);
+    }
+  }
+  PostgresServer(const PostgresServer&) = delete;
+  PostgresServer& operator=(const PostgresServer&) = delete;
+
+  bool running() const { return started_; }
+  std::string url(const std::string& database = "postgres") const {
+    return "postgresql://quarvel@127.0.0.1:" + std::to_string(port_) + "/" + database;
+  }
+  // A database of its own for one test.
+  std::string freshDatabase(const std::string& name) const {
+    run(std::string(kPostgresBin) + "/createdb -h 127.0.0.1 -p " + std::to_string(port_) +
+        " -U quarvel " + name);
+    return url(name);
+  }
+
+ private:
+  bool run(const std::string& command) const {
+    const std::string line =
+        "timeout 120 " + as_ + command + " >>" + folder_ + "/commands.log 2>&1";
+    return std::system(line.c_str()) == 0;
+  }
+
+  std::string folder_;
+  std::string as_;
+  int port_ = -1;
+  bool started_ = false;
+};
+
+}  // namespace quarvel::server::testing

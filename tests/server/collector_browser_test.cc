@@ -1,0 +1,80 @@
+// The collector's page as a browser draws it, fetched from the collector on
+// loopback (so under its own Content-Security-Policy): headless Chromium
+// takes a screenshot and the chart's bars are measured on it.
+
+#include <gtest/gtest.h>
+
+#include "common/Log.h"
+#include "server/Collector.h"
+#include "server/ReportFixtures.h"
+#include "support/AuditFixtures.h"
+#include "support/PngImage.h"
+
+namespace quarvel::server {
+namespace {
+
+using testing::finding;
+using testing::Json;
+
+TEST(CollectorPageInBrowser, ChartBarsAreDrawnInProportion) {
+  const std::string browser = quarvel::testing::chromium();
+  if (browser.empty() && std::getenv("QUARVEL_SKIP_BROWSER_TESTS"))
+    GTEST_SKIP() << "no Chromium, and QUARVEL_SKIP_BROWSER_TESTS is set";
+  ASSERT_FALSE(browser.empty())
+      << "no Chromium: scripts/install-deps.sh installs chromium-headless-shell; set "
+         "QUARVEL_SKIP_BROWSER_TESTS=1 to skip this test";
+  quarvel::testing::TempTree tree;
+  LogCapture quiet;
+  auto store = openSqliteStore(tree.path("collect.sqlite"));
+  ASSERT_TRUE(store);
+  // Per maker, over two machines: 1,000,000, 500,000 and 200,000.
+  const Json one =
+      Json::array({finding("다온테크", "Font", 600000), finding("Acme", "Paint", 500000),
+                   finding("<b>Zeta</b>", "Z", 200000)});
+  const Json two = Json::array({finding("다온테크", "Font", 400000)});
+  ASSERT_EQ(
+      store->insert(testing::parsed(testing::report(1, "pc-1", "2026-11-18T08:00:00Z", one)), 1),
+      ReportStore::Insert::kStored);
+  ASSERT_EQ(
+      store->insert(testing::parsed(testing::report(2, "pc-2", "2026-11-18T08:00:00Z", two)), 1),
+      ReportStore::Insert::kStored);
+  CollectorOptions options;
+  options.secret = "secret";
+  Collector collector(*store, options);
+  const int port = collector.start("127.0.0.1", 0);
+  ASSERT_GT(port, 0);
+
+  const std::string shot = tree.path("shot.png");
+  const std::string command =
+      "timeout 120 " + browser +
+      " --headless --no-sandbox --disable-gpu --disable-background-networking"
+      " --hide-scrollbars --force-device-scale-factor=1 --window-size=900,700 --user-data-dir=" +
+      tree.path("profile") + " --screenshot=" + shot + " http://127.0.0.1:" + std::to_string(port) +
+      "/ >/dev/null 2>&1";
+  ASSERT_EQ(std::system(command.c_str()), 0) << command;
+  collector.stop();
+  EXPECT_TRUE(quiet.contains("\"GET /\" 200"));
+
+  auto image = quarvel::testing::readPng(shot);
+  ASSERT_TRUE(image) << "screenshot not readable";
+  // Bars are filled with #3b7dd8 by the page's style sheet; measure each
+  // bar's width, top to bottom.
+  std::vector<int> widths;
+  int lastRowWidth = 0;
+  for (int y = 0; y < image->height; ++y) {
+    int count = 0;
+    for (int x = 0; x < image->width; ++x) {
+      const unsigned char* p = &image->rgb[(static_cast<std::size_t>(y) * image->width + x) * 3];
+      if (p[0] == 0x3b && p[1] == 0x7d && p[2] == 0xd8) ++count;
+    }
+    if (count > 0 && lastRowWidth == 0) widths.push_back(count);
+    lastRowWidth = count;
+  }
+  ASSERT_EQ(widths.size(), 3u);
+  EXPECT_NEAR(widths[0], 460, 2);
+  EXPECT_NEAR(widths[1], 230, 2);
+  EXPECT_NEAR(widths[2], 92, 2);
+}
+
+}  // namespace
+}  // namespace quarvel::server

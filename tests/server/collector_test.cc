@@ -1,0 +1,445 @@
+// The collector: reading reports, the SQLite store, and the server facing
+// hostile machines on loopback.
+
+#include "server/Collector.h"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <netinet/in.h>
+#include <sqlite3.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "common/Log.h"
+#include "server/ReportFixtures.h"
+#include "support/AuditFixtures.h"
+
+extern "C" const char* __tsan_default_suppressions() { return "race:libcpp-httplib.so\n"; }
+
+namespace quarvel::server {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::finding;
+using testing::Json;
+using testing::report;
+
+const Json kGood =
+    report(1, "pc-01", "2026-11-18T08:00:00Z", Json::array({finding("Acme", "Paint", 1200000)}));
+
+Json with(Json json, const Json::json_pointer& where, Json value) {
+  json[where] = std::move(value);
+  return json;
+}
+
+TEST(ReadReport, RefusesWhatIsNotAReport) {
+  Json extra = kGood;
+  extra["machine"]["serial"] = "x";
+  Json missing = kGood;
+  missing.erase("findings");
+  struct Case {
+    const char* name;
+    std::string body;
+    const char* error;  // empty: accepted
+  };
+  const Case cases[] = {
+      {"good", kGood.dump(), ""},
+      {"not JSON", "{\"format\":1,", "not JSON"},
+      {"bad UTF-8", "{\"format\":\"\xff\"}", "not JSON"},
+      {"deep nesting", std::string(100000, '[') + std::string(100000, ']'), "nested too deeply"},
+      {"deep inside totals",
+       with(kGood, "/totals"_json_pointer, Json::parse(std::string(40, '[') + std::string(40, ']')))
+           .dump(),
+       "nested"},
+      {"unknown member", extra.dump(), "additionalProperties"},
+      {"missing member", missing.dump(), "required"},
+      {"upper-case id",
+       with(kGood, "/reportId"_json_pointer, "0000000A-0000-4000-8000-000000000001").dump(),
+       "pattern"},
+      {"format 2", with(kGood, "/format"_json_pointer, 2).dump(), "enum"},
+      {"negative price", with(kGood, "/findings/0/price"_json_pointer, -1).dump(), "minimum"},
+      {"price as text", with(kGood, "/findings/0/price"_json_pointer, "12").dump(), "type"},
+      {"totals not an object", with(kGood, "/totals"_json_pointer, Json::array()).dump(), "type"},
+      {"31 February", with(kGood, "/scannedAt"_json_pointer, "2026-02-31T00:00:00Z").dump(),
+       "date"},
+      {"local time", with(kGood, "/scannedAt"_json_pointer, "2026-02-01T00:00:00+09:00").dump(),
+       "pattern"},
+      {"NUL in a text",
+       with(kGood, "/findings/0/maker"_json_pointer, std::string("a\0b", 3)).dump(), "U+0000"},
+      {"empty host", with(kGood, "/machine/hostName"_json_pointer, "").dump(), "minLength"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ReportReading reading = readReport(c.body);
+    if (*c.error == '\0') {
+      ASSERT_TRUE(reading.report) << reading.error;
+      EXPECT_EQ(reading.report->findings.at(0).priceHundredths, 120000000);
+      EXPECT_EQ(reading.report->listsJson,
+                R"({"checklist":"2026.11.01","userchecklist":null,"filter":null,"font":"7"})");
+    } else {
+      EXPECT_FALSE(reading.report);
+      EXPECT_NE(reading.error.find(c.error), std::string::npos) << reading.error;
+    }
+  }
+}
+
+TEST(ReadReport, PricesBecomeHundredthsWithoutDrift) {
+  using Case = std::pair<double, std::int64_t>;
+  for (auto [price, hundredths] :
+       {Case{0.1, 10}, Case{12.5, 1250}, Case{19.99, 1999}, Case{1e10, 1000000000000}}) {
+    SCOPED_TRACE(price);
+    const auto reading = readReport(with(kGood, "/findings/0/price"_json_pointer, price).dump());
+    ASSERT_TRUE(reading.report) << reading.error;
+    EXPECT_EQ(reading.report->findings[0].priceHundredths, hundredths);
+  }
+}
+
+TEST(SqliteStore, KeepsReportsExactly) {
+  quarvel::testing::TempTree tree;
+  auto store = openSqliteStore(tree.path("collect.sqlite"));
+  ASSERT_TRUE(store);
+  testing::checkStoreBehaviour(*store);
+}
+
+TEST(SqliteStore, MigratesOnceAndRefusesANewerSchema) {
+  quarvel::testing::TempTree tree;
+  const std::string path = tree.path("collect.sqlite");
+  {
+    auto store = openSqliteStore(path);
+    ASSERT_TRUE(store);
+    ASSERT_EQ(store->insert(testing::parsed(kGood), 1), ReportStore::Insert::kStored);
+  }
+  {
+    auto store = openSqliteStore(path);  // opened again: nothing to migrate, nothing lost
+    ASSERT_TRUE(store);
+    EXPECT_EQ(store->schemaVersion(), currentSchemaVersion());
+    EXPECT_EQ(store->health()->reports, 1);
+  }
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  std::string mode;
+  sqlite3_exec(
+      db, "PRAGMA journal_mode",
+      [](void* out, int, char** values, char**) {
+        *static_cast<std::string*>(out) = values[0];
+        return 0;
+      },
+      &mode, nullptr);
+  EXPECT_EQ(mode, "wal");
+  ASSERT_EQ(sqlite3_exec(db, "INSERT INTO schema_version VALUES (99)", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+  LogCapture log;
+  EXPECT_FALSE(openSqliteStore(path));
+  EXPECT_TRUE(log.contains("schema version 99"));
+  EXPECT_FALSE(openSqliteStore(tree.path("no/such/folder/collect.sqlite")));
+}
+
+TEST(OverviewFormats, ListStaleMachinesAndQuoteWhatMachinesSent) {
+  const std::int64_t now = *parseUtcTimestamp("2026-11-25T00:00:00Z");
+  Overview overview;
+  overview.products = {{"<script>alert(1)</script>", "=HYPERLINK()", 2, 2, 250},
+                       {"Acme", "Paint", 1, 1, 120000000}};
+  overview.machines = {{"fresh", "Debian", "", now - 3600, "2026-11-24T23:00:00Z", 1, 100},
+                       {"gone", "Debian", "", now - 31 * 86400, "2026-10-25T00:00:00Z", 1, 150}};
+  const Json json = Json::parse(overviewJson(overview, now, 30));
+  ASSERT_EQ(json["stale"].size(), 1u);
+  EXPECT_EQ(json["stale"][0]["hostName"], "gone");
+  EXPECT_EQ(json["stale"][0]["daysUnseen"], 31);
+  EXPECT_EQ(json["products"][1]["price"], 1200000);
+  EXPECT_EQ(json["products"][0]["price"], 2.5);
+  EXPECT_EQ(json["machines"][0]["lastSeen"], "2026-11-24T23:00:00Z");
+  EXPECT_TRUE(Json::parse(overviewJson(overview, now, 40))["stale"].empty());
+
+  const std::string page = overviewHtml(overview, now, 30);
+  EXPECT_EQ(page.find("<script"), std::string::npos);
+  EXPECT_NE(page.find("&lt;script&gt;"), std::string::npos);
+  EXPECT_NE(page.find("<svg class=\"chart\""), std::string::npos);
+  EXPECT_NE(page.find("<tr class=\"stale\"><td>gone"), std::string::npos);
+}
+
+// --- the server --------------------------------------------------------------
+
+// One exchange on a raw socket, for requests no HTTP library would send:
+// the status code (0 when the connection ended without one) and the answer.
+struct RawAnswer {
+  int status = 0;
+  std::string text;
+};
+RawAnswer rawExchange(int port, const std::string& request, std::chrono::seconds limit = 10s) {
+  RawAnswer answer;
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  timeval timeout{static_cast<time_t>(limit.count()), 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+    (void)::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+    char buffer[4096];
+    ssize_t got;
+    while ((got = ::recv(fd, buffer, sizeof buffer, 0)) > 0) answer.text.append(buffer, got);
+  }
+  ::close(fd);
+  if (answer.text.starts_with("HTTP/1.1 ")) answer.status = std::atoi(answer.text.c_str() + 9);
+  return answer;
+}
+
+std::string post(const std::string& body, const std::string& headers) {
+  return "POST /api/reports HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+         "Content-Type: application/json\r\nContent-Length: " +
+         std::to_string(body.size()) + "\r\n" + headers + "\r\n" + body;
+}
+
+class CollectorTest : public ::testing::Test {
+ protected:
+  void start(CollectorOptions options = {}) {
+    if (options.secret.empty()) options.secret = kSecret;
+    store_ = openSqliteStore(tree_.path("collect.sqlite"));
+    ASSERT_TRUE(store_);
+    collector_ = std::make_unique<Collector>(*store_, options);
+    port_ = collector_->start("127.0.0.1", 0);
+    ASSERT_GT(port_, 0);
+  }
+  void TearDown() override {
+    if (collector_) collector_->stop();
+  }
+
+  static constexpr const char* kSecret = "s3cret enrolment";
+  quarvel::testing::TempTree tree_;
+  std::unique_ptr<ReportStore> store_;
+  std::unique_ptr<Collector> collector_;
+  int port_ = -1;
+};
+
+TEST_F(CollectorTest, RefusesHostileReportsAndStoresTheRestExactly) {
+  start();
+  LogCapture quiet;
+  const std::string auth = std::string("Authorization: Bearer ") + kSecret + "\r\n";
+  const std::string good = kGood.dump();
+  const std::string sqlLike = "'); DELETE FROM reports; --";
+  const std::string controls = "tab\there\x01\x1b[31m\r\nbell\x07";
+  const Json hostile =
+      report(2, sqlLike, "2026-11-18T08:00:00Z", Json::array({finding(controls, sqlLike, 1)}));
+  const Json future =
+      report(3, "pc-ahead", "2126-01-01T00:00:00Z", Json::array({finding("Acme", "Paint", 5)}));
+  struct Case {
+    const char* name;
+    std::string request;
+    int status;
+    const char* answer;
+  };
+  const Case cases[] = {
+      {"no secret", post(good, ""), 401, "secret"},
+      {"wrong secret", post(good, "Authorization: Bearer s3cret enrolmenT\r\n"), 401, "secret"},
+      {"secret as Basic", post(good, std::string("Authorization: Basic ") + kSecret + "\r\n"), 401,
+       ""},
+      {"secret with a longer tail", post(good, auth.substr(0, auth.size() - 2) + "x\r\n"), 401, ""},
+      {"100 MB declared",
+       "POST /api/reports HTTP/1.1\r\nHost: x\r\n" + auth + "Content-Length: 104857600\r\n\r\n{",
+       413, "larger"},
+      {"deep nesting", post(std::string(200000, '[') + std::string(200000, ']'), auth), 400,
+       "nested"},
+      {"not JSON", post("{\"format\":", auth), 400, "not JSON"},
+      {"idempotency key of another report",
+       post(good, auth + "Idempotency-Key: " + testing::reportId(9) + "\r\n"), 400, "Idempotency"},
+      {"GET on the report endpoint", "GET /api/reports HTTP/1.1\r\nHost: x\r\n\r\n", 405, ""},
+      {"good", post(good, auth + "Idempotency-Key: " + testing::reportId(1) + "\r\n"), 201,
+       "\"stored\":true"},
+      {"the same again", post(good, auth), 200, "\"duplicate\":true"},
+      {"SQL-like and control characters", post(hostile.dump(), auth), 201, "\"stored\":true"},
+      {"a clock a century ahead", post(future.dump(), auth), 201, "\"stored\":true"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const RawAnswer answer = rawExchange(port_, c.request);
+    EXPECT_EQ(answer.status, c.status) << answer.text.substr(0, 300);
+    EXPECT_NE(answer.text.find(c.answer), std::string::npos) << answer.text.substr(0, 300);
+  }
+
+  auto findings = store_->machineFindings(sqlLike);
+  ASSERT_TRUE(findings);
+  ASSERT_EQ(findings->size(), 1u);
+  EXPECT_EQ((*findings)[0].maker, controls);
+  EXPECT_EQ((*findings)[0].product, sqlLike);
+  auto overview = store_->overview();
+  ASSERT_TRUE(overview);
+  const auto now = std::chrono::duration_cast<std::chrono::seconds>(
+                       std::chrono::system_clock::now().time_since_epoch())
+                       .count();
+  for (const MachineSummary& m : overview->machines) {
+    SCOPED_TRACE(m.hostName);
+    EXPECT_LE(m.lastSeen, now);  // the receipt, not the claimed scan
+    EXPECT_GT(m.lastSeen, now - 60);
+  }
+  auto health = store_->health();
+  ASSERT_TRUE(health);
+  EXPECT_TRUE(health->intact);
+  EXPECT_EQ(health->machines, 3);
+  EXPECT_EQ(health->reports, 3);
+  EXPECT_EQ(health->findings, 3);
+}
+
+TEST_F(CollectorTest, CutsAnUndeclaredBodyOverTheCap) {
+  CollectorOptions options;
+  options.limits.maxBody = 64 * 1024;
+  start(options);
+  LogCapture log;
+  std::string request =
+      std::string("POST /api/reports HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer ") + kSecret +
+      "\r\nTransfer-Encoding: chunked\r\n\r\n";
+  const std::string chunk(16 * 1024, ' ');
+  for (int i = 0; i < 8; ++i) request += "4000\r\n" + chunk + "\r\n";
+  request += "0\r\n\r\n";
+  EXPECT_EQ(rawExchange(port_, request).status, 0);
+  EXPECT_TRUE(log.contains("body over 65536 bytes"));
+  EXPECT_EQ(store_->health()->reports, 0);
+}
+
+TEST_F(CollectorTest, ClosesARequestStillTricklingAtItsDeadline) {
+  CollectorOptions options;
+  options.limits.deadline = 300ms;
+  start(options);
+  LogCapture log;
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port_));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const std::string head =
+      std::string("POST /api/reports HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer ") + kSecret +
+      "\r\nContent-Length: 1000\r\n\r\n";
+  ASSERT_GT(::send(fd, head.data(), head.size(), MSG_NOSIGNAL), 0);
+  const auto begin = std::chrono::steady_clock::now();
+  bool closed = false;
+  for (int i = 0; i < 40 && !closed; ++i) {  // a byte every 100 ms, for up to 4 s
+    std::this_thread::sleep_for(100ms);
+    closed = ::send(fd, " ", 1, MSG_NOSIGNAL) < 0;
+    char byte;
+    if (!closed) closed = ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
+  }
+  ::close(fd);
+  EXPECT_TRUE(closed);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 2s);
+  EXPECT_TRUE(log.contains("no whole request within 300 ms"));
+}
+
+TEST_F(CollectorTest, LimitsTheRateOfEachAddress) {
+  CollectorOptions options;
+  options.limits.burst = 3;
+  options.limits.perMinute = 1;
+  start(options);
+  LogCapture quiet;
+  httplib::Client client("127.0.0.1", port_);
+  client.set_read_timeout(10, 0);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(client.Get("/api/overview")->status, 200) << i;
+  auto refused = client.Get("/api/overview");
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(refused->status, 429);
+  EXPECT_GE(std::stoi(refused->get_header_value("Retry-After")), 1);
+}
+
+TEST_F(CollectorTest, AdminPagesNeedTheTokenWhenOneIsSet) {
+  CollectorOptions options;
+  options.adminToken = "admin-token";
+  start(options);
+  LogCapture quiet;
+  ASSERT_EQ(store_->insert(testing::parsed(kGood), 1), ReportStore::Insert::kStored);
+  httplib::Client client("127.0.0.1", port_);
+  client.set_read_timeout(10, 0);
+  struct Case {
+    const char* target;
+    const char* type;
+    const char* contains;
+  };
+  for (const Case& c :
+       {Case{"/api/overview?staleDays=5", "application/json", "\"staleDays\":5"},
+        Case{"/api/overview?machine=pc-01", "application/json", "\"maker\":\"Acme\""},
+        Case{"/api/export.csv", "text/csv", "pc-01,2026-11-18T08:00:00Z"},
+        Case{"/", "text/html", "<svg"}}) {
+    SCOPED_TRACE(c.target);
+    EXPECT_EQ(client.Get(c.target)->status, 401);
+    EXPECT_EQ(client.Get(c.target, {{"Authorization", "Bearer admin-tokeN"}})->status, 401);
+    EXPECT_EQ(client.Get(c.target, {{"Authorization", std::string("Bearer ") + kSecret}})->status,
+              401);
+    auto answer = client.Get(c.target, {{"Authorization", "Bearer admin-token"}});
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->status, 200);
+    EXPECT_TRUE(answer->get_header_value("Content-Type").starts_with(c.type));
+    EXPECT_NE(answer->body.find(c.contains), std::string::npos) << answer->body.substr(0, 300);
+  }
+  EXPECT_EQ(
+      client.Get("/api/overview?staleDays=-1", {{"Authorization", "Bearer admin-token"}})->status,
+      400);
+  EXPECT_EQ(client.Get("/nothing", {{"Authorization", "Bearer admin-token"}})->status, 404);
+}
+
+TEST_F(CollectorTest, ExportsAFleetLargerThanOneBatch) {
+  start();
+  LogCapture quiet;
+  for (unsigned n = 1; n <= 120; ++n)
+    ASSERT_EQ(
+        store_->insert(testing::parsed(testing::report(
+                           n, "pc-" + std::to_string(1000 + n), "2026-11-18T08:00:00Z",
+                           Json::array({finding("Acme", "Paint", 1), finding("Acme", "Ink", 2)}))),
+                       1),
+        ReportStore::Insert::kStored);
+  httplib::Client client("127.0.0.1", port_);
+  client.set_read_timeout(10, 0);
+  auto answer = client.Get("/api/export.csv");
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->status, 200);
+  std::vector<std::string> lines;
+  for (size_t at = 0, end; (end = answer->body.find("\r\n", at)) != std::string::npos; at = end + 2)
+    lines.push_back(answer->body.substr(at, answer->body.find(',', at) - at));
+  ASSERT_EQ(lines.size(), 1u + 240u);
+  EXPECT_EQ(lines[0], "Host");
+  for (unsigned n = 1; n <= 120; ++n) {
+    EXPECT_EQ(lines[2 * n - 1], "pc-" + std::to_string(1000 + n));
+    EXPECT_EQ(lines[2 * n], "pc-" + std::to_string(1000 + n));
+  }
+}
+
+TEST_F(CollectorTest, WithoutATokenOnlyLocalClientsSeeTheOverview) {
+  start();
+  LogCapture quiet;
+  httplib::Client client("127.0.0.1", port_);
+  client.set_read_timeout(10, 0);
+  EXPECT_EQ(client.Get("/api/overview")->status, 200);
+  // A proxy on this machine passing on someone else's request.
+  EXPECT_EQ(client.Get("/api/overview", {{"X-Forwarded-For", "203.0.113.9"}})->status, 403);
+  EXPECT_EQ(client.Get("/", {{"X-Forwarded-For", "127.0.0.1, 203.0.113.9"}})->status, 403);
+}
+
+TEST(ReadSecretFile, TrimsTheEndAndRefusesEmptyOrLargeFiles) {
+  quarvel::testing::TempTree tree;
+  struct Case {
+    const char* name;
+    std::string text;
+    std::optional<std::string> secret;
+  };
+  const Case cases[] = {
+      {"plain", "abc", "abc"},
+      {"line ends and blanks", "a b\t\r\n \n", "a b"},
+      {"leading blanks kept", "  abc\n", "  abc"},
+      {"blank only", " \r\n\t", std::nullopt},
+      {"4 KiB", std::string(4096, 'k'), std::string(4096, 'k')},
+      {"over 4 KiB", std::string(4097, 'k'), std::nullopt},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string error;
+    EXPECT_EQ(readSecretFile(tree.file("secret", c.text), error), c.secret) << error;
+  }
+  std::string error;
+  EXPECT_FALSE(readSecretFile(tree.path("absent"), error));
+  EXPECT_NE(error.find("cannot read"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace quarvel::server
