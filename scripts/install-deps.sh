@@ -10,7 +10,7 @@ packages=(
   libsodium-dev libgtest-dev libgmock-dev libbenchmark-dev
   perl python3 nginx-light iproute2 fontconfig wrk doxygen
   chromium-headless-shell zlib1g-dev
-  libsqlite3-dev libpq-dev postgresql rapidjson-dev libsodium-dev
+  libsqlite3-dev libpq-dev postgresql rapidjson-dev
 )
 
 missing=()

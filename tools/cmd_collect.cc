@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "Commands.h"
+#include "audit/ReportSubmitter.h"
 #include "quarvel/CVUserDefaults.h"
 #include "server/Collector.h"
 
@@ -64,14 +65,14 @@ void addCollectCommand(CLI::App& app) {
     if (!splitListen(args->listen, host, port))
       throw CLI::ValidationError("--listen", "expects HOST:PORT, not " + args->listen);
     std::string error;
-    auto secret = server::readSecretFile(args->secretFile, error);
+    auto secret = audit::readSecretFile(args->secretFile, error);
     if (!secret) {
       std::cerr << "quarvel collect: " << error << "\n";
       throw CLI::RuntimeError(1);
     }
     args->options.secret = *secret;
     if (!args->adminTokenFile.empty()) {
-      auto token = server::readSecretFile(args->adminTokenFile, error);
+      auto token = audit::readSecretFile(args->adminTokenFile, error);
       if (!token) {
         std::cerr << "quarvel collect: " << error << "\n";
         throw CLI::RuntimeError(1);

@@ -25,6 +25,7 @@
 #include "audit/AuditReport.h"
 #include "common/Log.h"
 #include "common/Platform.h"
+#include "format/DataFileFormat.h"
 #include "server/ListServer.h"
 
 namespace quarvel::server {
@@ -33,19 +34,11 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Json = nlohmann::ordered_json;
 
-constexpr std::size_t kMaxSecretBytes = 4096;
 constexpr std::int64_t kSecondsPerDay = 86400;
 
 Json amount(std::int64_t hundredths) {
   if (hundredths % 100 == 0) return hundredths / 100;
   return static_cast<double>(hundredths) / 100.0;
-}
-
-std::string trimEnd(std::string text) {
-  while (!text.empty() &&
-         (text.back() == '\r' || text.back() == '\n' || text.back() == ' ' || text.back() == '\t'))
-    text.pop_back();
-  return text;
 }
 
 // Equal in time independent of where they differ: both sides are hashed
@@ -272,34 +265,6 @@ Answer jsonError(unsigned status, std::string_view message) {
 }
 
 }  // namespace
-
-std::optional<std::string> readSecretFile(const std::string& path, std::string& error) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  if (fd < 0) {
-    error = "cannot read " + path;
-    return std::nullopt;
-  }
-  std::string text;
-  char buffer[1024];
-  ssize_t got;
-  while ((got = ::read(fd, buffer, sizeof buffer)) > 0 && text.size() <= kMaxSecretBytes)
-    text.append(buffer, static_cast<size_t>(got));
-  ::close(fd);
-  if (got < 0) {
-    error = "cannot read " + path;
-    return std::nullopt;
-  }
-  if (text.size() > kMaxSecretBytes) {
-    error = path + " is larger than 4 KiB";
-    return std::nullopt;
-  }
-  text = trimEnd(std::move(text));
-  if (text.empty()) {
-    error = path + " is empty";
-    return std::nullopt;
-  }
-  return text;
-}
 
 std::string overviewJson(const Overview& overview, std::int64_t now, int staleDays) {
   Json products = Json::array();
@@ -577,7 +542,7 @@ std::optional<Answer> State::refuseReader(MHD_Connection* connection, const Requ
   const RequestTarget target = parseRequestTarget(request.target);
   const auto token =
       bearerToken(MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Authorization"));
-  if (target.path == "/api/reports") {
+  if (target.path == datafile::kReportsEndpoint) {
     if (request.method != "POST") {
       Answer answer = jsonError(MHD_HTTP_METHOD_NOT_ALLOWED, "use POST");
       answer.headers.emplace_back(MHD_HTTP_HEADER_ALLOW, "POST");

@@ -46,11 +46,6 @@ struct CollectorOptions {
   CollectLimits limits;
 };
 
-// The secret or token file's text with trailing CR, LF, spaces and tabs
-// removed; nothing (with `error` set) when the file cannot be read, is
-// larger than 4 KiB or is empty after trimming.
-std::optional<std::string> readSecretFile(const std::string& path, std::string& error);
-
 // The overview as JSON, with the machines not seen since `now - staleDays`
 // days listed again under "stale". Pure.
 std::string overviewJson(const Overview& overview, std::int64_t now, int staleDays);

@@ -9,10 +9,13 @@
 #include <string_view>
 #include <vector>
 
+#include "format/DataFileFormat.h"
+
 namespace quarvel::server {
 
-// The largest request body the collector reads, a report included.
-inline constexpr std::size_t kMaxReportBytes = 8U << 20;
+// The largest request body the collector reads, a report included: the
+// same bound the sending side keeps.
+inline constexpr std::size_t kMaxReportBytes = datafile::kMaxReportBytes;
 // Arrays and objects nested deeper than this are refused before parsing.
 inline constexpr int kMaxReportNesting = 32;
 

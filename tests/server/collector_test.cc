@@ -416,30 +416,5 @@ TEST_F(CollectorTest, WithoutATokenOnlyLocalClientsSeeTheOverview) {
   EXPECT_EQ(client.Get("/", {{"X-Forwarded-For", "127.0.0.1, 203.0.113.9"}})->status, 403);
 }
 
-TEST(ReadSecretFile, TrimsTheEndAndRefusesEmptyOrLargeFiles) {
-  quarvel::testing::TempTree tree;
-  struct Case {
-    const char* name;
-    std::string text;
-    std::optional<std::string> secret;
-  };
-  const Case cases[] = {
-      {"plain", "abc", "abc"},
-      {"line ends and blanks", "a b\t\r\n \n", "a b"},
-      {"leading blanks kept", "  abc\n", "  abc"},
-      {"blank only", " \r\n\t", std::nullopt},
-      {"4 KiB", std::string(4096, 'k'), std::string(4096, 'k')},
-      {"over 4 KiB", std::string(4097, 'k'), std::nullopt},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::string error;
-    EXPECT_EQ(readSecretFile(tree.file("secret", c.text), error), c.secret) << error;
-  }
-  std::string error;
-  EXPECT_FALSE(readSecretFile(tree.path("absent"), error));
-  EXPECT_NE(error.find("cannot read"), std::string::npos);
-}
-
 }  // namespace
 }  // namespace quarvel::server

@@ -170,7 +170,7 @@ TEST(ToolConventions, CompletionAndManualFollowTheCommands) {
   const std::string manual = slurp(docs + "/quarvel.1");
   for (const char* command :
        {"decrypt", "encrypt", "fold", "paths", "settings", "show", "lookup", "check", "netid",
-        "reach", "update", "serve", "keygen", "sign", "verify", "audit"}) {
+        "reach", "update", "serve", "keygen", "sign", "verify", "audit", "collect"}) {
     SCOPED_TRACE(command);
     EXPECT_TRUE(has(answers[4], command)) << answers[4];
     EXPECT_TRUE(has(manual, ".SS \"quarvel " + std::string(command)));
