@@ -27,9 +27,13 @@
 #include "common/Platform.h"
 #include "format/DataFileFormat.h"
 #include "server/ListServer.h"
+#include "server/ServerSockets.h"
 
 namespace quarvel::server {
 namespace {
+
+// The name in front of the library's own log lines.
+char kLogName[] = "collect";
 
 using Clock = std::chrono::steady_clock;
 using Json = nlohmann::ordered_json;
@@ -65,59 +69,6 @@ std::optional<std::string_view> bearerToken(const char* header) {
   while (!value.empty() && value.front() == ' ') value.remove_prefix(1);
   while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.remove_suffix(1);
   return value;
-}
-
-std::string clientAddress(MHD_Connection* connection) {
-  const MHD_ConnectionInfo* info =
-      MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
-  if (!info || !info->client_addr) return "?";
-  char text[INET6_ADDRSTRLEN] = "?";
-  const sockaddr* address = info->client_addr;
-  if (address->sa_family == AF_INET)
-    ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, text,
-                sizeof text);
-  else if (address->sa_family == AF_INET6)
-    ::inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, text,
-                sizeof text);
-  return text;
-}
-
-bool isLoopback(std::string_view address) {
-  return address.starts_with("127.") || address == "::1" || address.starts_with("::ffff:127.");
-}
-
-int listenOn(const std::string& address, int port, int backlog) {
-  addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
-  addrinfo* found = nullptr;
-  const std::string service = std::to_string(port);
-  if (::getaddrinfo(address.empty() ? nullptr : address.c_str(), service.c_str(), &hints, &found) !=
-      0)
-    return -1;
-  int fd = -1;
-  for (addrinfo* at = found; at && fd < 0; at = at->ai_next) {
-    fd = ::socket(at->ai_family, at->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, at->ai_protocol);
-    if (fd < 0) continue;
-    int yes = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-    if (::bind(fd, at->ai_addr, at->ai_addrlen) != 0 || ::listen(fd, backlog) != 0) {
-      ::close(fd);
-      fd = -1;
-    }
-  }
-  ::freeaddrinfo(found);
-  return fd;
-}
-
-int boundPort(int fd) {
-  sockaddr_storage local{};
-  socklen_t length = sizeof local;
-  if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) != 0) return -1;
-  if (local.ss_family == AF_INET) return ntohs(reinterpret_cast<sockaddr_in&>(local).sin_port);
-  if (local.ss_family == AF_INET6) return ntohs(reinterpret_cast<sockaddr_in6&>(local).sin6_port);
-  return -1;
 }
 
 // A bucket of requests per client address. Full buckets are forgotten
@@ -521,14 +472,6 @@ void onCompleted(void* cls, MHD_Connection* connection, void** context,
   if (it != state->connections.end()) it->second = {it->second.fd, Clock::now(), false};
 }
 
-void onLibraryMessage(void*, const char* format, va_list arguments) {
-  char text[512];
-  std::vsnprintf(text, sizeof text, format, arguments);
-  std::string_view line(text);
-  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
-  logf("collect: %s", escapeForLog(line).c_str());
-}
-
 }  // namespace
 
 // Refusals decided from the header alone, before any body is read: the
@@ -698,7 +641,7 @@ int Collector::start(const std::string& address, int port) {
   pthread_sigmask(SIG_BLOCK, &pipe, &previous);
   state.daemon = MHD_start_daemon(
       MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_ERROR_LOG, 0, nullptr, nullptr,
-      &onRequest, &state, MHD_OPTION_EXTERNAL_LOGGER, &onLibraryMessage, &state,
+      &onRequest, &state, MHD_OPTION_EXTERNAL_LOGGER, &logLibraryMessage, kLogName,
       MHD_OPTION_LISTEN_SOCKET, listenFd, MHD_OPTION_ARRAY, pool, MHD_OPTION_CONNECTION_LIMIT,
       static_cast<unsigned>(maxConnections), MHD_OPTION_PER_IP_CONNECTION_LIMIT,
       static_cast<unsigned>(std::max(1, limits.maxPerAddress)), MHD_OPTION_CONNECTION_TIMEOUT,
