@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <condition_variable>
 #include <cstdarg>
@@ -127,6 +128,7 @@ struct Request {
   std::string body;      // a report being received
   unsigned status = 0;   // once answered
   std::size_t size = 0;
+  std::uint64_t counted = 0;  // body bytes counted against the bodies in flight
 };
 
 // Spreadsheets run a cell starting with one of these as a formula; the
@@ -324,6 +326,7 @@ struct Collector::State {
   CollectorOptions options;
   RateLimiter limiter;
   MHD_Daemon* daemon = nullptr;
+  std::atomic<std::uint64_t> bodiesInFlight{0};  // bytes of bodies being read
 
   // The open connections, for the deadline and the stop.
   struct Connection {
@@ -446,6 +449,13 @@ MHD_Result onRequest(void* cls, MHD_Connection* connection, const char*, const c
            state->options.limits.maxBody);
       return MHD_NO;
     }
+    const std::uint64_t before = state->bodiesInFlight.fetch_add(*uploadSize);
+    request->counted += *uploadSize;
+    if (before + *uploadSize > state->options.limits.maxBodiesInFlight) {
+      logf("collect: %s: bodies in flight over %llu bytes, closing", request->client.c_str(),
+           static_cast<unsigned long long>(state->options.limits.maxBodiesInFlight));
+      return MHD_NO;
+    }
     request->body.append(data, *uploadSize);
     *uploadSize = 0;
     return MHD_YES;
@@ -459,6 +469,7 @@ void onCompleted(void* cls, MHD_Connection* connection, void** context,
   auto* request = static_cast<Request*>(*context);
   *context = nullptr;
   if (!request) return;
+  state->bodiesInFlight.fetch_sub(request->counted);
   const std::string target = escapeForLog(request->target);
   if (request->status != 0)
     logf("collect: %s \"%s %s\" %u %zu%s", request->client.c_str(),

@@ -28,6 +28,10 @@ struct CollectLimits {
   int maxConnections = 512;
   int maxPerAddress = 32;  // connections held at once from one address
   std::size_t maxBody = kMaxReportBytes;
+  // The bodies of all requests being read, together: past it a body is cut
+  // (its sender keeps the report for later), so a crowd of large uploads
+  // costs this much memory, not maxConnections times maxBody.
+  std::uint64_t maxBodiesInFlight = std::uint64_t{128} << 20;
   // From a connection's start, or its previous answer, until the answer to
   // its request is queued, body included; the connection is closed when
   // it passes, however steadily the bytes trickle in.

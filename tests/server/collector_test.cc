@@ -197,9 +197,9 @@ std::string post(const std::string& body, const std::string& headers) {
 
 class CollectorTest : public ::testing::Test {
  protected:
-  void start(CollectorOptions options = {}) {
+  void start(CollectorOptions options = {}, const std::string& db = "collect.sqlite") {
     if (options.secret.empty()) options.secret = kSecret;
-    store_ = openSqliteStore(tree_.path("collect.sqlite"));
+    store_ = openSqliteStore(tree_.path(db));
     ASSERT_TRUE(store_);
     collector_ = std::make_unique<Collector>(*store_, options);
     port_ = collector_->start("127.0.0.1", 0);
@@ -284,20 +284,38 @@ TEST_F(CollectorTest, RefusesHostileReportsAndStoresTheRestExactly) {
   EXPECT_EQ(health->findings, 3);
 }
 
-TEST_F(CollectorTest, CutsAnUndeclaredBodyOverTheCap) {
-  CollectorOptions options;
-  options.limits.maxBody = 64 * 1024;
-  start(options);
-  LogCapture log;
-  std::string request =
-      std::string("POST /api/reports HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer ") + kSecret +
-      "\r\nTransfer-Encoding: chunked\r\n\r\n";
-  const std::string chunk(16 * 1024, ' ');
-  for (int i = 0; i < 8; ++i) request += "4000\r\n" + chunk + "\r\n";
-  request += "0\r\n\r\n";
-  EXPECT_EQ(rawExchange(port_, request).status, 0);
-  EXPECT_TRUE(log.contains("body over 65536 bytes"));
-  EXPECT_EQ(store_->health()->reports, 0);
+TEST_F(CollectorTest, CutsAnUndeclaredBodyOverACapAndGivesItsBytesBack) {
+  struct Case {
+    const char* name;
+    std::size_t maxBody;
+    std::uint64_t maxBodiesInFlight;
+    const char* logged;
+  };
+  const Case cases[] = {
+      {"one body", 64 * 1024, std::uint64_t{1} << 30, "body over 65536 bytes"},
+      {"all bodies", kMaxReportBytes, 64 * 1024, "bodies in flight over 65536 bytes"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    CollectorOptions options;
+    options.limits.maxBody = c.maxBody;
+    options.limits.maxBodiesInFlight = c.maxBodiesInFlight;
+    start(options, std::string(c.name) + ".sqlite");
+    LogCapture log;
+    std::string request =
+        std::string("POST /api/reports HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer ") + kSecret +
+        "\r\nTransfer-Encoding: chunked\r\n\r\n";
+    const std::string chunk(16 * 1024, ' ');
+    for (int i = 0; i < 8; ++i) request += "4000\r\n" + chunk + "\r\n";
+    request += "0\r\n\r\n";
+    EXPECT_EQ(rawExchange(port_, request).status, 0);
+    EXPECT_TRUE(log.contains(c.logged));
+    EXPECT_EQ(store_->health()->reports, 0);
+    // The cut body's bytes no longer count: a report that fits gets in.
+    const std::string auth = std::string("Authorization: Bearer ") + kSecret + "\r\n";
+    EXPECT_EQ(rawExchange(port_, post(kGood.dump(), auth)).status, 201);
+    collector_->stop();
+  }
 }
 
 TEST_F(CollectorTest, ClosesARequestStillTricklingAtItsDeadline) {
