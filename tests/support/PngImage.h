@@ -102,4 +102,34 @@ inline std::optional<Image> readPng(const std::string& path) {
   return image;
 }
 
+// Headless `browser` draws `url` in a 900x700 window at scale 1 into the
+// PNG `shot`, with a fresh profile in `profile`; at most 120 s. Answers
+// std::system's status (0: drawn).
+inline int screenshot(const std::string& browser, const std::string& url, const std::string& shot,
+                      const std::string& profile) {
+  const std::string command =
+      "timeout 120 " + browser +
+      " --headless --no-sandbox --disable-gpu --disable-background-networking"
+      " --hide-scrollbars --force-device-scale-factor=1 --window-size=900,700 --user-data-dir=" +
+      profile + " --screenshot=" + shot + " " + url + " >/dev/null 2>&1";
+  return std::system(command.c_str());
+}
+
+// The width of each bar drawn in `rgb` (0xRRGGBB), top to bottom: a bar is
+// a run of rows that hold that colour, measured at its first row.
+inline std::vector<int> barWidths(const Image& image, std::uint32_t rgb) {
+  std::vector<int> widths;
+  int lastRowWidth = 0;
+  for (int y = 0; y < image.height; ++y) {
+    int count = 0;
+    for (int x = 0; x < image.width; ++x) {
+      const unsigned char* p = &image.rgb[(static_cast<std::size_t>(y) * image.width + x) * 3];
+      if (p[0] == (rgb >> 16 & 0xff) && p[1] == (rgb >> 8 & 0xff) && p[2] == (rgb & 0xff)) ++count;
+    }
+    if (count > 0 && lastRowWidth == 0) widths.push_back(count);
+    lastRowWidth = count;
+  }
+  return widths;
+}
+
 }  // namespace quarvel::testing

@@ -14,8 +14,6 @@ namespace quarvel::audit {
 namespace {
 
 using quarvel::testing::chromium;
-using quarvel::testing::Image;
-using quarvel::testing::readPng;
 
 TEST(AuditReportInBrowser, ChartBarsAreDrawnInProportion) {
   const std::string browser = chromium();
@@ -42,28 +40,12 @@ TEST(AuditReportInBrowser, ChartBarsAreDrawnInProportion) {
   finishResult(result);
   const std::string page = tree.file("report.html", formatHtml(result));
   const std::string shot = tree.path("shot.png");
-  const std::string command =
-      "timeout 120 " + browser +
-      " --headless --no-sandbox --disable-gpu --disable-background-networking"
-      " --hide-scrollbars --force-device-scale-factor=1"
-      " --window-size=900,700 --user-data-dir=" +
-      tree.path("profile") + " --screenshot=" + shot + " file://" + page + " >/dev/null 2>&1";
-  ASSERT_EQ(std::system(command.c_str()), 0) << command;
+  ASSERT_EQ(quarvel::testing::screenshot(browser, "file://" + page, shot, tree.path("profile")), 0);
 
-  std::optional<Image> image = readPng(shot);
+  auto image = quarvel::testing::readPng(shot);
   ASSERT_TRUE(image) << "screenshot not readable";
-  // Bars are filled with #3b7dd8; measure each bar's width, top to bottom.
-  std::vector<int> widths;
-  int lastRowWidth = 0;
-  for (int y = 0; y < image->height; ++y) {
-    int count = 0;
-    for (int x = 0; x < image->width; ++x) {
-      const unsigned char* p = &image->rgb[(static_cast<std::size_t>(y) * image->width + x) * 3];
-      if (p[0] == 0x3b && p[1] == 0x7d && p[2] == 0xd8) ++count;
-    }
-    if (count > 0 && lastRowWidth == 0) widths.push_back(count);
-    lastRowWidth = count;
-  }
+  // Bars are filled with #3b7dd8 by the page's style sheet.
+  const std::vector<int> widths = quarvel::testing::barWidths(*image, 0x3b7dd8);
   ASSERT_EQ(widths.size(), 3u);
   EXPECT_NEAR(widths[0], 460, 2);
   EXPECT_NEAR(widths[1], 230, 2);
