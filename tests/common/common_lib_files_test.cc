@@ -15,11 +15,13 @@
 
 #include "common/detail/CommonLibDetail.h"
 #include "quarvel/CommonLib.h"
+#include "support/ScratchDir.h"
 
 namespace quarvel {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::ScratchDir;
 
 constexpr std::time_t k20140307_090503_utc = 1394183103;
 
@@ -27,23 +29,6 @@ void useTimeZone(const char* tz) {
   setenv("TZ", tz, 1);
   tzset();
 }
-
-class ScratchDir {
- public:
-  ScratchDir() {
-    std::string pattern = ::testing::TempDir() + "quarvel-files-XXXXXX";
-    path_ = mkdtemp(pattern.data());
-  }
-  ~ScratchDir() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 void writeFile(const std::string& path) { std::ofstream(path) << "x"; }
 
@@ -164,52 +149,39 @@ std::unique_ptr<char[]> exactCopy(const std::string& path) {
 
 TEST(CommonLibFilesTest, MkdirsMakesTheChainAndTheLastFolderOnlyWhenAsked) {
   ScratchDir dir;
-  CommonLib::mkdirs(exactCopy(dir / "a/b/c").get());
-  EXPECT_TRUE(CommonLib::isDirectory((dir / "a/b/c").c_str()));
-  EXPECT_EQ(fs::status(dir / "a/b").permissions() & fs::perms::owner_all, fs::perms::owner_all);
-
-  CommonLib::mkdirs(exactCopy(dir / "d/e/file.dat").get(), false);
-  EXPECT_TRUE(CommonLib::isDirectory((dir / "d/e").c_str()));
-  EXPECT_FALSE(CommonLib::isExists((dir / "d/e/file.dat").c_str()));
-
-  CommonLib::mkdirs(exactCopy(dir / "f/g/").get(), false);  // trailing '/': g is made
-  EXPECT_TRUE(CommonLib::isDirectory((dir / "f/g").c_str()));
-
-  // A file in the way stops the chain quietly.
   writeFile(dir / "plain");
-  CommonLib::mkdirs(exactCopy(dir / "plain/h").get());
-  EXPECT_FALSE(CommonLib::isExists((dir / "plain/h").c_str()));
+  std::string deep = dir.path();  // cut at 1024 bytes, inside a component
+  while (deep.size() < 1100) deep += "/" + std::string(200, 'p');
+  const std::string cut = deep.substr(0, 1024);
+  ASSERT_NE(cut.back(), '/');
+  struct Case {
+    const char* why;
+    std::string path;
+    bool last;
+    std::string made, absent;
+  } cases[] = {
+      {"the whole chain", dir / "a/b/c", true, dir / "a/b/c", ""},
+      {"without the last", dir / "d/e/file.dat", false, dir / "d/e", dir / "d/e/file.dat"},
+      {"a trailing '/' makes the last", dir / "f/g/", false, dir / "f/g", ""},
+      {"a file in the way stops quietly", dir / "plain/h", true, "", dir / "plain/h"},
+      {"cut without the last", deep, false, cut.substr(0, cut.rfind('/')), cut},
+      {"cut", deep, true, cut, cut + "p"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    CommonLib::mkdirs(exactCopy(c.path).get(), c.last);
+    EXPECT_TRUE(c.made.empty() || CommonLib::isDirectory(c.made.c_str()));
+    EXPECT_TRUE(c.absent.empty() || !CommonLib::isExists(c.absent.c_str()));
+  }
+  EXPECT_EQ(fs::status(dir / "a/b").permissions() & fs::perms::owner_all, fs::perms::owner_all);
   CommonLib::mkdirs(nullptr);
-}
 
-TEST(CommonLibFilesTest, MkdirsWorksRelativeToTheCurrentFolder) {
-  ScratchDir dir;
+  // Relative to the current folder.
   const fs::path previous = fs::current_path();
   fs::current_path(dir.path());
   CommonLib::mkdirs(exactCopy("x/y").get());
   fs::current_path(previous);
   EXPECT_TRUE(CommonLib::isDirectory((dir / "x/y").c_str()));
-}
-
-TEST(CommonLibFilesTest, MkdirsCutsThePathAt1024Bytes) {
-  ScratchDir dir;
-  std::string path = dir.path();
-  while (path.size() < 1100) path += "/" + std::string(200, 'p');
-  const std::string cut = path.substr(0, 1024);
-  ASSERT_NE(cut.back(), '/');
-
-  CommonLib::mkdirs(exactCopy(path).get());
-  EXPECT_TRUE(CommonLib::isDirectory(cut.c_str()));
-  EXPECT_FALSE(CommonLib::isExists((cut + "p").c_str()));
-
-  // Without the last component, the cut component is not made either.
-  ScratchDir other;
-  std::string second = other.path();
-  while (second.size() < 1100) second += "/" + std::string(200, 'q');
-  CommonLib::mkdirs(exactCopy(second).get(), false);
-  const std::string secondCut = second.substr(0, 1024);
-  EXPECT_FALSE(CommonLib::isExists(secondCut.c_str()));
-  EXPECT_TRUE(CommonLib::isDirectory(secondCut.substr(0, secondCut.rfind('/')).c_str()));
 }
 
 TEST(CommonLibSystemTest, VersionTextFromOsReleaseAndKernel) {

@@ -21,34 +21,14 @@
 #include "common/FileReplacement.h"
 #include "common/Log.h"
 #include "support/FileText.h"
+#include "support/ScratchDir.h"
 
 namespace quarvel {
 namespace {
 
 namespace fs = std::filesystem;
 using testing::readFile;
-
-class ScratchDir {
- public:
-  ScratchDir() {
-    std::string pattern = ::testing::TempDir() + "quarvel-replace-XXXXXX";
-    path_ = ::mkdtemp(pattern.data());
-    ::chmod(path_.c_str(), 0755);  // reachable by the unprivileged child
-  }
-  ~ScratchDir() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-  std::set<std::string> names() const {
-    std::set<std::string> found;
-    for (const auto& entry : fs::directory_iterator(path_)) found.insert(entry.path().filename());
-    return found;
-  }
-
- private:
-  std::string path_;
-};
+using testing::ScratchDir;
 
 void put(const std::string& path, const std::string& bytes, mode_t mode = 0644) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;

@@ -3,6 +3,7 @@
 #include <random>
 #include <vector>
 
+#include "common/StringUtil.h"
 #include "common/TextCompare.h"
 
 namespace quarvel {
@@ -83,23 +84,10 @@ TEST(TextCompare, ShorterPrefixAndStrayBytes) {
 // The sort keys must order exactly as the comparison on any mix of the
 // characters that matter: digits, letters, expansions, stray bytes.
 TEST(TextCompare, SortKeysAgreeWithComparisonOnRandomText) {
-  const std::vector<std::string> pieces = {"0",
-                                           "1",
-                                           "9",
-                                           "00",
-                                           "a",
-                                           "A",
-                                           "s",
-                                           "S",
-                                           "\xC3\x9F",
-                                           "\xC4\xB0",
-                                           "i",
-                                           ".",
-                                           "\xEA\xB0\x80",
-                                           "\xF0\x90\x90\x80",
-                                           "\xC3",
-                                           "~",
-                                           "99999999999999999999"};
+  const std::vector<std::string> pieces = split(
+      "0|1|9|00|a|A|s|S|\xC3\x9F|\xC4\xB0|i|.|\xEA\xB0\x80|\xF0\x90\x90\x80|\xC3|~|"
+      "99999999999999999999",
+      "|");
   std::mt19937 rng(7);
   auto make = [&] {
     std::string s;

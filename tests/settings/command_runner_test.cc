@@ -15,47 +15,10 @@
 namespace quarvel {
 namespace {
 
-// Sends this process's standard error to a file while it lives.
-class StderrToFile {
- public:
-  StderrToFile() {
-    std::fflush(stderr);
-    saved_ = ::dup(STDERR_FILENO);
-    std::FILE* file = std::tmpfile();
-    fd_ = ::dup(::fileno(file));
-    std::fclose(file);
-    ::dup2(fd_, STDERR_FILENO);
-  }
-  ~StderrToFile() {
-    restore();
-    ::close(fd_);
-  }
-  std::string text() {
-    restore();
-    std::string out;
-    char buffer[512];
-    ssize_t n;
-    ::lseek(fd_, 0, SEEK_SET);
-    while ((n = ::read(fd_, buffer, sizeof buffer)) > 0) out.append(buffer, n);
-    return out;
-  }
-
- private:
-  void restore() {
-    if (saved_ < 0) return;
-    std::fflush(stderr);
-    ::dup2(saved_, STDERR_FILENO);
-    ::close(saved_);
-    saved_ = -1;
-  }
-  int saved_ = -1;
-  int fd_ = -1;
-};
-
 TEST(CommandRunner, CapturesStandardOutputAndLeavesStandardErrorToTheHost) {
-  StderrToFile stderrFile;
+  ::testing::internal::CaptureStderr();
   EXPECT_EQ(runShellCommand("printf a; echo; printf b >&2"), "a\n");
-  EXPECT_EQ(stderrFile.text(), "b");
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "b");
 }
 
 TEST(CommandRunner, QuietFailingAndUndecodableCommandsAnswerEmptyText) {
@@ -70,8 +33,9 @@ TEST(CommandRunner, QuietFailingAndUndecodableCommandsAnswerEmptyText) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.why);
-    StderrToFile quiet;
+    ::testing::internal::CaptureStderr();  // kept from the test's output
     EXPECT_EQ(runShellCommand(c.command), "");
+    ::testing::internal::GetCapturedStderr();
   }
 }
 

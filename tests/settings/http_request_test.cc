@@ -12,6 +12,7 @@
 #include "common/HttpClient.h"
 #include "quarvel/CVUserDefaults.h"
 #include "settings/HttpRequest.h"
+#include "settings/NetworkFakes.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/SettingsSandbox.h"
 #include "support/TestPlatform.h"
@@ -26,121 +27,96 @@ using testing::LoopbackHttpServer;
 // Records the completions of one request.
 class Completion {
  public:
+  struct Seen {
+    int calls = 0;
+    std::string text;
+    std::thread::id thread;
+  };
   std::function<void(const std::string&)> callback() {
     return [this](const std::string& text) {
       std::lock_guard<std::mutex> lock(mutex_);
-      ++calls_;
-      text_ = text;
-      thread_ = std::this_thread::get_id();
+      seen_ = {seen_.calls + 1, text, std::this_thread::get_id()};
       done_.notify_all();
     };
   }
   // Waits for the first call, then a little longer for a wrong second one.
-  bool wait(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  Seen wait() {
     std::unique_lock<std::mutex> lock(mutex_);
-    bool called = done_.wait_for(lock, limit, [this] { return calls_ > 0; });
+    done_.wait_for(lock, std::chrono::seconds(10), [this] { return seen_.calls > 0; });
     lock.unlock();
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    return called;
-  }
-  int calls() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_;
-  }
-  std::string text() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return text_;
-  }
-  std::thread::id thread() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return thread_;
+    lock.lock();
+    return seen_;
   }
 
  private:
   std::mutex mutex_;
   std::condition_variable done_;
-  int calls_ = 0;
-  std::string text_;
-  std::thread::id thread_;
+  Seen seen_;
 };
 
 class HttpRequestTest : public ::testing::Test {
  protected:
-  HttpRequestTest() {
+  // Sends `body` to `url` and answers the completions seen.
+  Completion::Seen send(const std::string& url, const std::string& body = "") {
     CVUserDefaults::resetStandardUserDefaults();  // a bare instance: no start-up work
-    defaults_ = CVUserDefaults::standardUserDefaults();
+    Completion completion;
+    CVUserDefaults::standardUserDefaults()->sendRequest(url, body, nullptr, completion.callback());
+    return completion.wait();
   }
-
   quarvel::testing::SettingsSandbox sandbox_;
-  CVUserDefaults* defaults_ = nullptr;
 };
 
-TEST_F(HttpRequestTest, SendsTheBodyCutToItsUtf16LengthWithAGetAndTheFormHeader) {
+// Through a real server: a GET with the form header and the body cut to its
+// UTF-16 length; an error status still counts its body; a connection closed
+// without an answer or past the cap completes once with empty text; always
+// off the caller's thread.
+TEST_F(HttpRequestTest, ExchangesWithALoopbackServer) {
   struct Case {
-    std::string body;
-    std::string sent;
     const char* why;
+    std::string target, body, sent;
+    std::optional<std::string> text;  // none: the cut ends inside a character
   } cases[] = {
-      {"x=1&y=2", "x=1&y=2", "ASCII goes whole"},
-      {"\xC3\xA9"
+      {"ASCII goes whole", "/echo?q=1", "x=1&y=2", "x=1&y=2", "got x=1&y=2"},
+      {"two-byte letter and ASCII: two units, two bytes", "/echo",
+       "\xC3\xA9"
        "a",
-       "\xC3\xA9", "two-byte letter and ASCII: two units, two bytes"},
-      {"\xF0\x9F\x98\x80", "\xF0\x9F", "a surrogate pair: two units"},
-      {"\xED\x95\x9C\xEA\xB8\x80", "\xED\x95", "two Hangul syllables: two units"},
+       "\xC3\xA9", "got \xC3\xA9"},
+      {"a surrogate pair: two units", "/echo", "\xF0\x9F\x98\x80", "\xF0\x9F", std::nullopt},
+      {"two Hangul syllables: two units", "/echo", "\xED\x95\x9C\xEA\xB8\x80", "\xED\x95",
+       std::nullopt},
+      {"error status: the body still counts", "/missing", "", "", "not here"},
+      {"server closes without answering", "/close", "", "", ""},
+      {"an answer past 16 MiB", "/large", "", "", ""},
   };
-  LoopbackHttpServer server([](const HttpReceived& r) { return HttpReply::text("got " + r.body); });
+  LoopbackHttpServer server([](const HttpReceived& r) {
+    if (r.target == "/missing") return HttpReply::text("not here", 404);
+    if (r.target == "/close") return HttpReply::closeWithoutAnswer();
+    if (r.target == "/large") return HttpReply::text(std::string(16 * 1024 * 1024 + 1, 'x'));
+    return HttpReply::text("got " + r.body);
+  });
   for (const Case& c : cases) {
     SCOPED_TRACE(c.why);
-    Completion completion;
-    defaults_->sendRequest(server.url("/echo?q=1"), c.body, nullptr, completion.callback());
-    ASSERT_TRUE(completion.wait());
-    EXPECT_EQ(completion.calls(), 1);
+    const Completion::Seen seen = send(server.url(c.target), c.body);
+    EXPECT_EQ(seen.calls, 1);
+    EXPECT_NE(seen.thread, std::this_thread::get_id());
+    if (c.text) {
+      EXPECT_EQ(seen.text, *c.text);
+    }
     HttpReceived received = server.requests().back();
     EXPECT_EQ(received.method, "GET");
-    EXPECT_EQ(received.target, "/echo?q=1");
+    EXPECT_EQ(received.target, c.target);
     EXPECT_EQ(received.body, c.sent);
     EXPECT_EQ(received.headers["content-type"], "application/x-www-form-urlencoded");
-    // Cut bodies may end inside a character; the answer then is not UTF-8.
-    if (c.sent == c.body) {
-      EXPECT_EQ(completion.text(), "got " + c.sent);
-    }
-  }
-}
-
-TEST_F(HttpRequestTest, CompletionRunsOnceOnTheLibrarysThreadWithWhatArrived) {
-  struct Case {
-    HttpReply reply;
-    std::string expected;
-    const char* why;
-  } cases[] = {
-      {HttpReply::text("203.0.113.9\n"), "203.0.113.9\n", "plain answer"},
-      {HttpReply::text("not here", 404), "not here", "error status: the body still counts"},
-      {HttpReply::text(""), "", "empty answer"},
-      {HttpReply::text("\xFF\xFE"), "", "answer that is not UTF-8"},
-      {HttpReply::closeWithoutAnswer(), "", "server closes without answering"},
-      {HttpReply::text(std::string(16 * 1024 * 1024 + 1, 'x')), "", "an answer past 16 MiB"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.why);
-    LoopbackHttpServer server([&](const HttpReceived&) { return c.reply; });
-    Completion completion;
-    defaults_->sendRequest(server.url("/ip"), "", nullptr, completion.callback());
-    ASSERT_TRUE(completion.wait());
-    EXPECT_EQ(completion.calls(), 1);
-    EXPECT_EQ(completion.text(), c.expected);
-    EXPECT_NE(completion.thread(), std::this_thread::get_id());
-    EXPECT_EQ(server.requests().size(), 1u);
   }
 }
 
 TEST_F(HttpRequestTest, UnusableTargetsCompleteOnceWithEmptyText) {
   for (const char* url : {"http://127.0.0.1:1/ip", "not a url", "file:///etc/hostname"}) {
     SCOPED_TRACE(url);
-    Completion completion;
-    defaults_->sendRequest(url, "a=b", nullptr, completion.callback());
-    ASSERT_TRUE(completion.wait());
-    EXPECT_EQ(completion.calls(), 1);
-    EXPECT_EQ(completion.text(), "");
+    const Completion::Seen seen = send(url, "a=b");
+    EXPECT_EQ(seen.calls, 1);
+    EXPECT_EQ(seen.text, "");
   }
 }
 
@@ -149,75 +125,38 @@ TEST_F(HttpRequestTest, SilentServerFailsAfterTheIdleTimeout) {
   quarvel::testing::TestPlatform platform;
   platform->httpIdle = std::chrono::milliseconds(300);
   LoopbackHttpServer server([](const HttpReceived&) { return HttpReply::silence(); });
-  Completion completion;
-  auto start = std::chrono::steady_clock::now();
-  defaults_->sendRequest(server.url("/slow"), "", nullptr, completion.callback());
-  ASSERT_TRUE(completion.wait());
+  const auto start = std::chrono::steady_clock::now();
+  const Completion::Seen seen = send(server.url("/slow"));
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
-  EXPECT_EQ(completion.calls(), 1);
-  EXPECT_EQ(completion.text(), "");
+  EXPECT_EQ(seen.calls, 1);
+  EXPECT_EQ(seen.text, "");
 }
 
-// Answers every started exchange from a thread of its own, in libcurl's
-// place: `body` in pieces of `piece` bytes, then `code`.
-class AnsweringNetwork : public PlatformWrapper {
- public:
-  AnsweringNetwork(std::string body, std::size_t piece, CURLcode code)
-      : body_(std::move(body)), piece_(piece), code_(code) {}
-  // The answering threads hold the exchanges, and those the platform: a test
-  // joins them before letting go of it.
-  void join() {
-    for (std::thread& t : threads_) t.join();
-    threads_.clear();
-  }
-  void startHttp(std::shared_ptr<HttpExchange> exchange,
-                 std::function<void(int)> finished) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    urls.push_back(exchange->url());
-    threads_.emplace_back([this, exchange, finished] {
-      for (std::size_t at = 0; at < body_.size(); at += piece_) {
-        if (!exchange->deliver(std::string_view(body_).substr(at, piece_)))
-          return finished(CURLE_WRITE_ERROR);
-      }
-      finished(code_);
-    });
-  }
-  std::vector<std::string> urls;  // guarded by mutex_
-
- private:
-  std::string body_;
-  std::size_t piece_;
-  CURLcode code_;
-  std::mutex mutex_;
-  std::vector<std::thread> threads_;
-};
-
-// The transfer's own faults, made in-process: only a whole, valid answer
-// reaches the completion; a cut transfer, a time-out and an answer past the
-// cap delivered piece by piece all read as empty text.
+// The transfer's own faults, made in-process: only a whole answer that is
+// UTF-8 reaches the completion; a cut transfer, a time-out and an answer
+// past the cap, delivered piece by piece, all read as empty text.
 TEST_F(HttpRequestTest, TransferFaultsInjectedInProcess) {
-  const std::string past(16 * 1024 * 1024 + 1, 'x');
   const struct {
+    const char* why;
     std::string body;
     std::size_t piece;
     CURLcode code;
     std::string expected;
-    const char* why;
   } cases[] = {
-      {"203.0.113.9\n", 4, CURLE_OK, "203.0.113.9\n", "an answer in pieces"},
-      {"203.0.", 3, CURLE_RECV_ERROR, "", "connection reset mid-body"},
-      {"", 1, CURLE_OPERATION_TIMEDOUT, "", "gone idle"},
-      {past, 1 << 20, CURLE_OK, "", "past the cap"},
+      {"an answer in pieces", "203.0.113.9\n", 4, CURLE_OK, "203.0.113.9\n"},
+      {"empty answer", "", 1, CURLE_OK, ""},
+      {"answer that is not UTF-8", "\xFF\xFE", 1, CURLE_OK, ""},
+      {"connection reset mid-body", "203.0.", 3, CURLE_RECV_ERROR, ""},
+      {"gone idle", "", 1, CURLE_OPERATION_TIMEDOUT, ""},
+      {"past the cap", std::string(16 * 1024 * 1024 + 1, 'x'), 1 << 20, CURLE_OK, ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.why);
-    auto network = std::make_shared<AnsweringNetwork>(c.body, c.piece, c.code);
+    auto network = std::make_shared<quarvel::testing::AnsweringNetwork>(c.body, c.piece, c.code);
     quarvel::testing::ScopedPlatform scope(network);
-    Completion completion;
-    defaults_->sendRequest("http://198.51.100.1/ip", "", nullptr, completion.callback());
-    ASSERT_TRUE(completion.wait());
-    EXPECT_EQ(completion.calls(), 1);
-    EXPECT_EQ(completion.text(), c.expected);
+    const Completion::Seen seen = send("http://198.51.100.1/ip");
+    EXPECT_EQ(seen.calls, 1);
+    EXPECT_EQ(seen.text, c.expected);
     network->join();
     EXPECT_THAT(network->urls, ::testing::ElementsAre("http://198.51.100.1/ip"));
   }

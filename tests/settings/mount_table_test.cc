@@ -6,6 +6,7 @@
 
 #include "settings/HostEnvironment.h"
 #include "settings/MountTable.h"
+#include "support/ScratchDir.h"
 
 namespace quarvel {
 namespace {
@@ -81,19 +82,10 @@ TEST(MountTableTest, FindsTheDeepestAndLatestMount) {
 // disk, "subsystem" links name the bus.
 class SysfsTree : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "quarvel-sysfs-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
-    fs::create_directories(root_ / "sys/dev/block");
-    fs::create_directories(root_ / "sys/bus/usb");
-    fs::create_directories(root_ / "sys/bus/mmc");
-    fs::create_directories(root_ / "sys/bus/pci");
-    fs::create_directories(root_ / "proc/self");
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
+  SysfsTree() {
+    for (const char* folder :
+         {"sys/dev/block", "sys/bus/usb", "sys/bus/mmc", "sys/bus/pci", "proc/self"})
+      fs::create_directories(root_ / folder);
   }
   // Adds a disk folder (relative to /sys/devices) with its removable flag
   // and one partition; links both device numbers.
@@ -113,7 +105,8 @@ class SysfsTree : public ::testing::Test {
         fs::relative(root_ / "sys/bus" / bus, root_ / "sys/devices" / deviceFolder),
         root_ / "sys/devices" / deviceFolder / "subsystem");
   }
-  fs::path root_;
+  testing::ScratchDir scratch_;
+  fs::path root_ = scratch_.path();
 };
 
 TEST_F(SysfsTree, RemovableDisksAndBuses) {
@@ -190,30 +183,32 @@ TEST_F(SysfsTree, SystemEnvironmentCombinesMountsAndSysfs) {
 }
 
 TEST(HostEnvironmentTest, DocumentsFolderFromUserDirs) {
-  std::string pattern = (fs::temp_directory_path() / "quarvel-xdg-XXXXXX").string();
-  ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-  fs::path config = pattern;
+  testing::ScratchDir config;
   const char* saved = std::getenv("XDG_DOCUMENTS_DIR");
-  std::string savedValue = saved ? saved : "";
+  const std::string savedValue = saved ? saved : "";
   ::unsetenv("XDG_DOCUMENTS_DIR");
-
-  EXPECT_EQ(xdgDocumentsDirectory("/home/u", config.string()), "/home/u/Documents");
-  std::ofstream(config / "user-dirs.dirs") << "# written by xdg-user-dirs-update\n"
-                                           << "XDG_DESKTOP_DIR=\"$HOME/Desktop\"\n"
-                                           << "XDG_DOCUMENTS_DIR=\"$HOME/문서\"\n";
-  EXPECT_EQ(xdgDocumentsDirectory("/home/u", config.string()), "/home/u/문서");
-  std::ofstream(config / "user-dirs.dirs") << "XDG_DOCUMENTS_DIR=\"/srv/docs\"\n";
-  EXPECT_EQ(xdgDocumentsDirectory("/home/u", config.string()), "/srv/docs");
-  std::ofstream(config / "user-dirs.dirs") << "XDG_DOCUMENTS_DIR=\"relative\"\n";
-  EXPECT_EQ(xdgDocumentsDirectory("/home/u", config.string()), "/home/u/Documents");
+  struct Case {
+    const char* userDirs;  // null: no file
+    const char* expected;
+  } cases[] = {
+      {nullptr, "/home/u/Documents"},
+      {"# written by xdg-user-dirs-update\nXDG_DESKTOP_DIR=\"$HOME/Desktop\"\n"
+       "XDG_DOCUMENTS_DIR=\"$HOME/문서\"\n",
+       "/home/u/문서"},
+      {"XDG_DOCUMENTS_DIR=\"/srv/docs\"\n", "/srv/docs"},
+      {"XDG_DOCUMENTS_DIR=\"relative\"\n", "/home/u/Documents"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.expected);
+    if (c.userDirs) std::ofstream(config / "user-dirs.dirs") << c.userDirs;
+    EXPECT_EQ(xdgDocumentsDirectory("/home/u", config.path()), c.expected);
+  }
   ::setenv("XDG_DOCUMENTS_DIR", "/explicit", 1);
-  EXPECT_EQ(xdgDocumentsDirectory("/home/u", config.string()), "/explicit");
-
+  EXPECT_EQ(xdgDocumentsDirectory("/home/u", config.path()), "/explicit");
   if (saved)
     ::setenv("XDG_DOCUMENTS_DIR", savedValue.c_str(), 1);
   else
     ::unsetenv("XDG_DOCUMENTS_DIR");
-  fs::remove_all(config);
 }
 
 }  // namespace

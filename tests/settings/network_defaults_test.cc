@@ -29,6 +29,9 @@ const std::vector<InterfaceAddress> kMachine = {
     {"eth0", "2", "10.0.2.15"},
     {"wlan0", "18", "F8:FF:C2:00:00:02"},
 };
+// Its identity text while the external address is unknown.
+const std::string kWithoutExternal =
+    "내부 IP : 10.0.2.15<br>외부 IP : (null)<br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>";
 
 class NetworkDefaultsTest : public ::testing::Test {
  protected:
@@ -60,9 +63,7 @@ class NetworkDefaultsTest : public ::testing::Test {
 
 TEST_F(NetworkDefaultsTest, WaitsTwoSecondsOnlyWhileTheExternalAddressIsMissing) {
   CVUserDefaults* defaults = bare();
-  EXPECT_EQ(
-      defaults->getIpAddress(),
-      "내부 IP : 10.0.2.15<br>외부 IP : (null)<br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>");
+  EXPECT_EQ(defaults->getIpAddress(), kWithoutExternal);
   EXPECT_EQ(sleeps_.waits(), std::vector<std::chrono::milliseconds>{2000ms});
 
   LoopbackHttpServer echo([](const HttpReceived&) { return HttpReply::text("198.51.100.7\r\n"); });
@@ -106,9 +107,7 @@ TEST_F(NetworkDefaultsTest, StartUpJobKeepsTheText) {
        std::chrono::steady_clock::now() < until;) {
     std::this_thread::sleep_for(10ms);
   }
-  EXPECT_EQ(
-      defaults->IPAddress(),
-      "내부 IP : 10.0.2.15<br>외부 IP : (null)<br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>");
+  EXPECT_EQ(defaults->IPAddress(), kWithoutExternal);
   EXPECT_EQ(services_->calls, 1);  // the job's run: IPAddress did not compute again
 }
 
@@ -119,9 +118,7 @@ TEST_F(NetworkDefaultsTest, CallersRacingTheStartUpJobAgree) {
   std::string here = defaults->IPAddress();
   other.join();
   EXPECT_EQ(here, early);
-  EXPECT_EQ(
-      here,
-      "내부 IP : 10.0.2.15<br>외부 IP : (null)<br>52:54:00:12:34:56<br>F8:FF:C2:00:00:02<br>");
+  EXPECT_EQ(here, kWithoutExternal);
 }
 
 // The start-up job is handed the test's sources; retiring the instance must

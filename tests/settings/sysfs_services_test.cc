@@ -9,6 +9,7 @@
 #include "settings/NetworkFakes.h"
 #include "settings/NetworkIdentity.h"
 #include "settings/SysfsServices.h"
+#include "support/ScratchDir.h"
 
 namespace quarvel {
 namespace {
@@ -19,12 +20,7 @@ namespace fs = std::filesystem;
 // folder, laid out as the kernel lays them out.
 class SysfsFixture {
  public:
-  SysfsFixture() {
-    std::string pattern = (fs::temp_directory_path() / "quarvel-sysfs-XXXXXX").string();
-    root_ = ::mkdtemp(pattern.data());
-    fs::create_directories(classNet());
-  }
-  ~SysfsFixture() { fs::remove_all(root_); }
+  SysfsFixture() { fs::create_directories(classNet()); }
 
   fs::path classNet() const { return root_ / "class/net"; }
   fs::path routes() const { return root_ / "route"; }
@@ -69,7 +65,8 @@ class SysfsFixture {
   }
 
  private:
-  fs::path root_;
+  testing::ScratchDir scratch_;
+  fs::path root_ = scratch_.path();
 };
 
 constexpr const char* kRouteHeader =
