@@ -33,7 +33,7 @@ class SysfsFixture {
     std::string flags = "0x1003";
     std::string devtype = "";
     std::initializer_list<const char*> markers = {};  // wireless, bridge, brport, tun_flags...
-    std::string device = "";  // devices/... the device link points to; "" for none
+    std::string device = "";  // under devices/, what the device link points to; "" for none
     std::string bus = "";     // the device's subsystem
   };
 
@@ -49,7 +49,7 @@ class SysfsFixture {
     write(dir / "uevent", uevent);
     for (const char* marker : i.markers) fs::create_directories(dir / marker);
     if (!i.device.empty()) {
-      fs::path device = root_ / i.device;
+      fs::path device = root_ / "devices" / i.device;
       fs::create_directories(device);
       fs::create_symlink(device, dir / "device");
       fs::create_symlink(root_ / "bus" / i.bus, device / "subsystem");
@@ -77,30 +77,24 @@ constexpr const char* kRouteHeader =
 // VPN, a bond and an ifb queue device.
 void buildLaptop(SysfsFixture& f) {
   f.add({.name = "lo", .ifindex = 1, .type = 772, .flags = "0x9"});
-  f.add({.name = "enp0s31f6",
-         .ifindex = 2,
-         .device = "devices/pci0000:00/0000:00:1f.6",
-         .bus = "pci"});
+  f.add({.name = "enp0s31f6", .ifindex = 2, .device = "pci0000:00/0000:00:1f.6", .bus = "pci"});
   f.add({.name = "wlp2s0",
          .ifindex = 3,
          .devtype = "wlan",
          .markers = {"wireless", "phy80211"},
-         .device = "devices/pci0000:00/0000:02:00.0",
+         .device = "pci0000:00/0000:02:00.0",
          .bus = "pci"});
-  f.add({.name = "enx00e04c680001",
-         .ifindex = 4,
-         .device = "devices/pci0000:00/usb2/2-1/2-1:1.0",
-         .bus = "usb"});
-  f.writeRoot("devices/pci0000:00/usb2/2-1/product", "AX88179 Gigabit Ethernet\n");
-  f.add({.name = "enx00e04c680002",
-         .ifindex = 5,
-         .device = "devices/pci0000:00/usb2/2-2/2-2:1.0",
-         .bus = "usb"});
-  f.writeRoot("devices/pci0000:00/usb2/2-2/product", "USB 10/100/1000 LAN\n");
-  f.add({.name = "enx00e04c680003",
-         .ifindex = 6,
-         .device = "devices/pci0000:00/usb2/2-3/2-3:1.0",
-         .bus = "usb"});
+  // Three USB adapters, two of them naming their product.
+  const char* products[] = {"AX88179 Gigabit Ethernet", "USB 10/100/1000 LAN", nullptr};
+  for (int n = 1; n <= 3; ++n) {
+    const std::string port = "pci0000:00/usb2/2-" + std::to_string(n), last = std::to_string(n);
+    f.add({.name = "enx00e04c68000" + last,
+           .ifindex = 3 + n,
+           .device = port + "/2-" + last + ":1.0",
+           .bus = "usb"});
+    if (products[n - 1])
+      f.writeRoot("devices/" + port + "/product", products[n - 1] + std::string("\n"));
+  }
   f.add({.name = "docker0", .ifindex = 7, .devtype = "bridge", .markers = {"bridge"}});
   f.add({.name = "veth1a2b", .ifindex = 8, .iflink = 12, .markers = {"brport"}});
   f.add({.name = "eth1", .ifindex = 9, .iflink = 13});
@@ -111,7 +105,7 @@ void buildLaptop(SysfsFixture& f) {
          .ifindex = 15,
          .type = 519,
          .devtype = "wwan",
-         .device = "devices/pci0000:00/0000:05:00.0",
+         .device = "pci0000:00/0000:05:00.0",
          .bus = "pci"});
 }
 
@@ -142,8 +136,8 @@ TEST(SysfsServices, NamesPortsAndOrdersByDefaultRouteThenIndex) {
 TEST(SysfsServices, MissingTreeOrRouteTableStillAnswers) {
   SysfsFixture f;
   EXPECT_TRUE(SysfsServiceSource(f.classNet() / "absent", f.routes()).services().empty());
-  f.add({.name = "eth0", .ifindex = 3, .device = "devices/virtio2", .bus = "virtio"});
-  f.add({.name = "eth1", .ifindex = 2, .device = "devices/virtio1", .bus = "virtio"});
+  f.add({.name = "eth0", .ifindex = 3, .device = "virtio2", .bus = "virtio"});
+  f.add({.name = "eth1", .ifindex = 2, .device = "virtio1", .bus = "virtio"});
   // No route table: index order.
   EXPECT_EQ(SysfsServiceSource(f.classNet(), f.routes()).services(),
             (ServiceList{{"eth1", "Ethernet"}, {"eth0", "Ethernet"}}));
