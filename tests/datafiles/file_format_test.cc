@@ -268,89 +268,89 @@ TEST(DataFileFormat, FilesThatCannotBeReadAreRefusedWithTheirLogLine) {
   EXPECT_TRUE(failureLines(log).empty());
 }
 
-// A small check list saved by the library, then damaged: each row changes
-// the plain text or the file bytes and says what opening it gives.
-TEST(DataFileFormat, DamagedFilesAreRefusedOrLoadWhatIsWhole) {
-  FileCheckList saved;
-  saved.getTableByTag("#HEADER")->insertRecord("2024.06", "\t");
-  for (int i = 0; i < 6; ++i) {
-    const std::string n = std::to_string(i);
-    saved.getTableByTag("#CHECKLIST")
-        ->insertRecord(
-            checkLine("ID" + n, "Maker" + n, "Tool" + n, "1." + n, "Tool" + n, "tool" + n), "\t");
+// A small check list saved by the library, then damaged byte by byte.
+class DamagedFile : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    FileCheckList list;
+    list.getTableByTag("#HEADER")->insertRecord("2024.06", "\t");
+    for (int i = 0; i < 6; ++i) {
+      const std::string n = std::to_string(i);
+      list.getTableByTag("#CHECKLIST")
+          ->insertRecord(
+              checkLine("ID" + n, "Maker" + n, "Tool" + n, "1." + n, "Tool" + n, "tool" + n), "\t");
+    }
+    path_ = dir_.file("c.dat");
+    ASSERT_TRUE(list.saveAsFileName(path_, true));
+    file_ = testing::readBytes(path_);
+    plain_ = testing::decipher(file_);
   }
-  TempDir dir;
-  const std::string path = dir.file("c.dat");
-  ASSERT_TRUE(saved.saveAsFileName(path, true));
-  const std::string file = testing::readBytes(path);
-  const std::string plain = testing::decipher(file);
-  // Plain byte i sits at file byte size - 1 - i.
-  const auto flip = [&](std::size_t at, char mask) {
-    std::string bytes = file;
-    bytes[bytes.size() - 1 - at] ^= mask;
-    return bytes;
-  };
-  const std::size_t split = plain.find("#CHECKLIST_START");
-  std::string merged = plain;
-  merged.erase(merged.find("\r\nID3"), 2);
-  struct Case {
-    std::string name, bytes;
-    bool opens;
-    std::vector<std::string> ids;  // when it opens
-    const char* logged;
-  };
-  std::vector<Case> cases = {
-      {"flipped byte in a tag line",
-       flip(plain.find("#CHECKLIST_END") + 3, 0x20),
-       false,
-       {},
-       kDamaged},
-      {"flipped byte in a record",
-       flip(plain.find("Maker3"), 'M' ^ 'W'),
-       true,
-       {"ID0", "ID1", "ID2", "ID3", "ID4", "ID5"},
-       nullptr},
-      {"dropped line end merges two records",
-       testing::encipher(merged),
-       true,
-       {"ID0", "ID1", "ID4", "ID5"},
-       "(151) // CHECKLIST INSERT FAIL : ID2\t"},
-      {"swapped sections",
-       testing::encipher(plain.substr(split) + plain.substr(0, split)),
-       true,
-       {"ID0", "ID1", "ID2", "ID3", "ID4", "ID5"},
-       nullptr},
-  };
+
+  bool open(const std::string& fileBytes, FileCheckList& list) {
+    testing::writeBytes(path_, fileBytes);
+    return list.openWithFileName(path_, true);
+  }
+
+  TempDir dir_;
+  std::string path_, file_, plain_;
+};
+
+TEST_F(DamagedFile, FlippedByteInATagLineMakesItDamaged) {
+  const std::size_t at = plain_.find("#CHECKLIST_END") + 3;
+  std::string bytes = file_;
+  bytes[bytes.size() - 1 - at] ^= 0x20;  // plain byte i sits at size - 1 - i
+  FileCheckList list;
+  LogCapture log;
+  EXPECT_FALSE(open(bytes, list));
+  EXPECT_TRUE(log.contains(kDamaged));
+}
+
+TEST_F(DamagedFile, FlippedByteInARecordChangesOnlyThatRecord) {
+  const std::size_t at = plain_.find("Maker3");
+  std::string bytes = file_;
+  bytes[bytes.size() - 1 - at] ^= ('M' ^ 'W');
+  FileCheckList list;
+  ASSERT_TRUE(open(bytes, list));
+  EXPECT_EQ(list.getTableByTag("#CHECKLIST")->select(3, "COMPANY"), "Waker3");
+  EXPECT_EQ(list.getTableByTag("#CHECKLIST")->getDataCount(), 6u);
+}
+
+TEST_F(DamagedFile, DroppedLineEndMergesTwoRecordsAndRefusesThem) {
+  std::string plain = plain_;
+  const std::size_t at = plain.find("\r\nID3");
+  plain.erase(at, 2);
+  FileCheckList list;
+  LogCapture log;
+  ASSERT_TRUE(open(testing::encipher(plain), list));
+  EXPECT_TRUE(log.contains("(151) // CHECKLIST INSERT FAIL : ID2\t"));
+  EXPECT_EQ(column(list.getTableByTag("#CHECKLIST"), "DB_ID"),
+            (std::vector<std::string>{"ID0", "ID1", "ID4", "ID5"}));
+  EXPECT_EQ(list.getIdByFileName("tool2"), -1);
+  EXPECT_EQ(list.getIdByFileName("tool4"), 2);
+}
+
+TEST_F(DamagedFile, TruncationAnywhereIsRefusedOrLoadsWhatIsWhole) {
   // The file holds the text backwards: losing its head loses the text's end
   // (and the end line with it); losing its tail shifts every key byte.
   for (std::size_t cut : {1u, 7u, 16u, 100u}) {
-    cases.push_back({"head cut " + std::to_string(cut), file.substr(cut), false, {}, nullptr});
-    cases.push_back(
-        {"tail cut " + std::to_string(cut), file.substr(0, file.size() - cut), false, {}, nullptr});
+    SCOPED_TRACE(cut);
+    FileCheckList head, tail;
+    EXPECT_FALSE(open(file_.substr(cut), head));
+    EXPECT_FALSE(open(file_.substr(0, file_.size() - cut), tail));
   }
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    testing::writeBytes(path, c.bytes);
-    FileCheckList list;
-    LogCapture log;
-    ASSERT_EQ(list.openWithFileName(path, true), c.opens);
-    if (c.logged) EXPECT_TRUE(log.contains(c.logged));
-    if (!c.opens) continue;
-    EXPECT_EQ(column(list.getTableByTag("#CHECKLIST"), "DB_ID"), c.ids);
-    EXPECT_EQ(list.getTableByTag("#HEADER")->select(0, "Version"), "2024.06");
-    EXPECT_EQ(list.getIdByFileName("tool2"), c.ids.size() == 6 ? 2 : -1);
-  }
-  // A flipped record byte changes only that record; sections are written
-  // back in the fixed order whatever order they were read in.
-  FileCheckList flipped, swapped;
-  testing::writeBytes(path, cases[1].bytes);
-  ASSERT_TRUE(flipped.openWithFileName(path, true));
-  EXPECT_EQ(flipped.getTableByTag("#CHECKLIST")->select(3, "COMPANY"), "Waker3");
-  testing::writeBytes(path, cases[3].bytes);
-  ASSERT_TRUE(swapped.openWithFileName(path, true));
+}
+
+TEST_F(DamagedFile, SwappedSectionsOpenWithTheSameRecords) {
+  const std::size_t split = plain_.find("#CHECKLIST_START");
+  const std::string swapped = plain_.substr(split) + plain_.substr(0, split);
+  FileCheckList list;
+  ASSERT_TRUE(open(testing::encipher(swapped), list));
+  EXPECT_EQ(list.getTableByTag("#CHECKLIST")->getDataCount(), 6u);
+  EXPECT_EQ(list.getTableByTag("#HEADER")->select(0, "Version"), "2024.06");
+  // Written back in the fixed order.
   std::uint64_t size = 0;
-  auto contents = swapped.getContents(size);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(contents.get()), size), plain);
+  auto contents = list.getContents(size);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(contents.get()), size), plain_);
 }
 
 }  // namespace
