@@ -1,7 +1,8 @@
 #pragma once
-// Helpers for the data-file tests: a temporary folder, whole-file reads and
-// writes, and an independent rendering of the file cipher so that tests can
-// build a file from its plain text and look inside a file that was saved.
+// Helpers for the data-file tests: a temporary folder, record lines, and an
+// independent rendering of the file cipher so that tests can build a file
+// from its plain text and look inside a file that was saved. Whole-file
+// reads and writes come from support/FileText.h.
 
 #include <stdlib.h>
 #include <unistd.h>
