@@ -1,14 +1,13 @@
 #pragma once
-// Helpers for the data-file tests: a temporary folder, whole-file reads and
-// writes, and an independent rendering of the file cipher so that tests can
-// build a file from its plain text and look inside a file that was saved.
+// Helpers for the data-file tests: a temporary folder, record lines, and an
+// independent rendering of the file cipher so that tests can build a file
+// from its plain text and look inside a file that was saved. Whole-file
+// reads and writes come from support/FileText.h.
 
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "format/MacKorean.h"
+#include "support/FileText.h"
 
 namespace quarvel::testing {
 
@@ -35,16 +35,6 @@ inline std::string decipher(std::string_view file) {
   for (std::size_t i = 0; i < out.size(); ++i)
     out[i] = static_cast<char>(out[i] ^ kCipherKey[i & 15]);
   return out;
-}
-
-inline std::string readBytes(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-inline void writeBytes(const std::filesystem::path& path, std::string_view bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
 // Lines joined with CR LF, each line ended.

@@ -101,25 +101,10 @@ TEST(DataFileSave, EmptyTablesStillWriteEverySection) {
             "#SUB_END\r\n");
 }
 
-TEST(DataFileSave, TextIsFoldedThenStoredAsMacKorean) {
-  FileFilter filter;
-  fill(filter, {{"#HEADER", "1"}, {"#SWLIST", "Caf\xC3\xA9\t" + kHangul + "\tx\ty"}});
-  std::uint64_t size = 0;
-  auto contents = filter.getContents(size);
-  ASSERT_TRUE(contents);
-  const std::string bytes(reinterpret_cast<char*>(contents.get()), size);
-  // Folding replaces accented letters case-blindly, in its fixed order: the
-  // "é" of "Café" meets the row for "É" first.
-  EXPECT_EQ(MacKorean::decode(bytes), "#HEADER_START\r\n1\r\n#HEADER_END\r\n#SWLIST_START\r\n" +
-                                          CommonLib::encodingForSpecialCharacter("Caf\xC3\xA9") +
-                                          "\t" + kHangul + "\tx\ty\r\n#SWLIST_END\r\n");
-  EXPECT_EQ(bytes.find("\xC3\xA9"), std::string::npos);
-  EXPECT_NE(bytes.find("\xC7\xD1\xB1\xDB"), std::string::npos);  // 한글 in EUC-KR
-}
-
 // Most lines skip folding and take the encoder's fast lane, the others are
 // folded and encoded alone; either way each is stored as folding and
-// encoding the whole text would store it.
+// encoding the whole text would store it (an accented letter replaced,
+// Hangul in its two-byte codes).
 TEST(DataFileSave, EveryLineIsStoredAsTheWholeTextFoldedAndEncoded) {
   const std::string values[] = {
       "plain 1.0",
@@ -288,12 +273,6 @@ TEST(DataFileSave, OnlyThePackageFileCreatesItsMissingFolder) {
   FilePackage reread;
   EXPECT_TRUE(reread.openWithFileName(nested, true));
 }
-
-}  // namespace
-}  // namespace quarvel
-
-namespace quarvel {
-namespace {
 
 TEST(DataFileSave, BareNamesResolveInTheLibraryFolder) {
   testing::SettingsSandbox sandbox;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <optional>
 #include <random>
 
 #include "common/Log.h"
@@ -14,12 +15,6 @@ namespace {
 using testing::encipher;
 using testing::TempDir;
 using Lines = std::vector<std::string>;
-
-// Writes the enciphered form of the plain bytes (already Mac Korean).
-std::string writeEnciphered(const TempDir& dir, const char* name, std::string_view plain) {
-  testing::writeBytes(dir.path() / name, encipher(plain));
-  return dir.file(name);
-}
 
 std::string encrypted(std::string bytes) {
   EXPECT_TRUE(CommonLib::Encrypt(reinterpret_cast<unsigned char*>(bytes.data()),
@@ -161,36 +156,36 @@ TEST(LineReader, LinesBeyondTheBufferAreDroppedAndLogged) {
   EXPECT_EQ(log.lines(), Lines{"ERROR : line 2 is longer than 2047 bytes and was dropped"});
 }
 
-TEST(Decrypt, ReadsAnEncipheredFileByPathAndLogsTheSize) {
-  TempDir dir;
-  const std::string path = writeEnciphered(dir, "a.dat", "#HEADER_START\r\n\xB0\xA1\r\n");
-  LogCapture log;
-  Lines lines = {"kept"};
-  ASSERT_TRUE(CommonLib::Decrypt(lines, path));
-  EXPECT_EQ(lines, (Lines{"kept", "#HEADER_START", "\xEA\xB0\x80"}));
-  ASSERT_GE(log.lines().size(), 2u);
-  EXPECT_EQ(log.lines()[0], "19 ?= 19");
-  EXPECT_EQ(log.lines()[1], "(null)");  // the text is not UTF-8
-}
-
-TEST(Decrypt, TracesTheWholeTextWhenItIsUtf8) {
-  TempDir dir;
-  const std::string path = writeEnciphered(dir, "a.dat", "one\r\ntwo\r\n");
-  LogCapture log;
-  Lines lines;
-  ASSERT_TRUE(CommonLib::Decrypt(lines, path));
-  EXPECT_EQ(log.lines(), (Lines{"10 ?= 10", "one\r\ntwo\r\n"}));
-}
-
-TEST(Decrypt, EmptyOrMissingFilesAnswerFalseSilently) {
+// By path: the lines are appended to what the list holds, and the log
+// gives the size read against the size found, then the whole text when it is
+// UTF-8; an empty or missing file is refused silently.
+TEST(Decrypt, ReadsAnEncipheredFileByPath) {
   TempDir dir;
   testing::writeBytes(dir.path() / "empty.dat", "");
-  LogCapture log;
-  Lines lines = {"untouched"};
-  EXPECT_FALSE(CommonLib::Decrypt(lines, dir.file("empty.dat")));
-  EXPECT_FALSE(CommonLib::Decrypt(lines, dir.file("missing.dat")));
-  EXPECT_EQ(lines, Lines{"untouched"});
-  EXPECT_TRUE(log.lines().empty());
+  struct Case {
+    const char* name;
+    std::optional<std::string> plain;  // none: leave the file as it is
+    bool read;
+    Lines lines, log;
+  } cases[] = {
+      {"Mac Korean",
+       "#HEADER_START\r\n\xB0\xA1\r\n",
+       true,
+       {"kept", "#HEADER_START", "\xEA\xB0\x80"},
+       {"19 ?= 19", "(null)"}},
+      {"UTF-8", "one\r\ntwo\r\n", true, {"kept", "one", "two"}, {"10 ?= 10", "one\r\ntwo\r\n"}},
+      {"empty.dat", std::nullopt, false, {"kept"}, {}},
+      {"missing.dat", std::nullopt, false, {"kept"}, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.plain) testing::writeBytes(dir.path() / c.name, encipher(*c.plain));
+    LogCapture log;
+    Lines lines = {"kept"};
+    EXPECT_EQ(CommonLib::Decrypt(lines, dir.file(c.name)), c.read);
+    EXPECT_EQ(lines, c.lines);
+    EXPECT_EQ(log.lines(), c.log);
+  }
 }
 
 // A stream whose reported size and contents are the test's to choose.
@@ -222,42 +217,34 @@ std::FILE* openFake(FakeStream& s, bool seekable = true) {
   return fopencookie(&s, "rb", io);
 }
 
-TEST(Decrypt, AShortReadSplitsTheRawBytes) {
-  FakeStream s{"hi\r\nthere", 12};
-  std::FILE* f = openFake(s);
-  LogCapture log;
-  Lines lines;
-  EXPECT_TRUE(CommonLib::Decrypt(lines, f));
-  std::fclose(f);
-  EXPECT_EQ(lines, Lines{"hi"});
-  ASSERT_GE(log.lines().size(), 2u);
-  EXPECT_EQ(log.lines()[0], "9 ?= 12");
-  EXPECT_EQ(log.lines()[1], "ERROR : hi\r\nthere");
-}
-
-TEST(Decrypt, RefusesFilesBeyondThe32BitSizeWithoutReading) {
-  for (long long size : {0x100000000LL, 0x100000005LL}) {
-    SCOPED_TRACE(size);
-    FakeStream s{"abc", size};
-    std::FILE* f = openFake(s);
+// Streams: a short read keeps the lines read and logs the raw bytes; a size
+// beyond 32 bits is refused before any read; a stream that cannot seek is
+// refused.
+TEST(Decrypt, ReadsAStreamWithinItsReportedSize) {
+  struct Case {
+    FakeStream stream;
+    bool seekable, read;
+    Lines lines, logged;
+  } cases[] = {
+      {{"hi\r\nthere", 12}, true, true, {"hi"}, {"9 ?= 12", "ERROR : hi\r\nthere"}},
+      {{"abc", 0x100000000LL}, true, false, {}, {"too large"}},
+      {{"abc", 0x100000005LL}, true, false, {}, {"too large"}},
+      {{"abc", 3}, false, false, {}, {"ERROR! code="}},
+  };
+  for (Case& c : cases) {
+    SCOPED_TRACE(c.stream.reportedSize);
+    std::FILE* f = openFake(c.stream, c.seekable);
     LogCapture log;
     Lines lines;
-    EXPECT_FALSE(CommonLib::Decrypt(lines, f));
+    EXPECT_EQ(CommonLib::Decrypt(lines, f), c.read);
     std::fclose(f);
-    EXPECT_FALSE(s.readCalled);
-    EXPECT_TRUE(lines.empty());
-    EXPECT_TRUE(log.contains("too large")) << ::testing::PrintToString(log.lines());
+    EXPECT_EQ(lines, c.lines);
+    for (const std::string& line : c.logged)
+      EXPECT_TRUE(log.contains(line)) << ::testing::PrintToString(log.lines());
+    if (c.stream.reportedSize > 0xFFFFFFFFLL) {
+      EXPECT_FALSE(c.stream.readCalled);  // refused before any read
+    }
   }
-}
-
-TEST(Decrypt, AStreamThatCannotSeekIsRefused) {
-  FakeStream s{"abc", 3};
-  std::FILE* f = openFake(s, false);
-  LogCapture log;
-  Lines lines;
-  EXPECT_FALSE(CommonLib::Decrypt(lines, f));
-  std::fclose(f);
-  EXPECT_TRUE(log.contains("ERROR! code="));
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "common/StringUtil.h"
 #include "format/MacKorean.h"
 
 namespace quarvel {
@@ -62,21 +63,6 @@ std::string hexOr(const std::optional<std::string>& bytes) {
   return bytes->empty() ? "=" : toHex(*bytes);
 }
 
-std::string utf8Of(char32_t c) {
-  std::string s;
-  if (c < 0x80) {
-    s += static_cast<char>(c);
-  } else if (c < 0x800) {
-    s += static_cast<char>(0xC0 | (c >> 6));
-    s += static_cast<char>(0x80 | (c & 0x3F));
-  } else {
-    s += static_cast<char>(0xE0 | (c >> 12));
-    s += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    s += static_cast<char>(0x80 | (c & 0x3F));
-  }
-  return s;
-}
-
 TEST(MacKoreanPerl, AgreesWithEncodeOnEveryByteSequenceAndCharacter) {
   if (std::system(
           "perl -MEncode -e 'Encode::find_encoding(q(MacKorean)) or exit 1' >/dev/null 2>&1") != 0)
@@ -113,8 +99,9 @@ TEST(MacKoreanPerl, AgreesWithEncodeOnEveryByteSequenceAndCharacter) {
         ASSERT_EQ(perlBack, key) << "Encode re-encoding " << perlText;
     } else {
       ++characters;
-      const auto c = static_cast<char32_t>(std::stoul(key, nullptr, 16));
-      ASSERT_EQ(hexOr(MacKorean::encode(utf8Of(c))), perlText) << "encoding U+" << key;
+      std::string character;
+      appendUtf8(character, static_cast<char32_t>(std::stoul(key, nullptr, 16)));
+      ASSERT_EQ(hexOr(MacKorean::encode(character)), perlText) << "encoding U+" << key;
     }
   }
   EXPECT_EQ(sequences, 256 + 65536);

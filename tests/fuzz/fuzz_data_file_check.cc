@@ -5,27 +5,16 @@
 // passes must open with the kind's class, show, save without refusal, and
 // read back with as many records in every section.
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <sstream>
 
-#include "DataFileFuzz.h"
 #include "DataFileTool.h"
-#include "FuzzFail.h"
-
-namespace {
-
-using quarvel::fuzz::fail;
-
-}  // namespace
+#include "FuzzSupport.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quarvel;
   using namespace quarvel::cli;
-  static LogCapture* quiet = new LogCapture();  // keeps stderr clean
-  quiet->clear();
+  using fuzz::fail;
+  fuzz::quietLog();
   if (size == 0) return 0;
   const auto kind = static_cast<DataFileKind>(data[0] % 4);
   const auto format = static_cast<OutputFormat>((data[0] >> 2) % 3);
@@ -39,14 +28,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::unique_ptr<FileFramework> file = makeDataFile(kind);
   if (!file->openWithFileName(fuzz::scratchPath(), true))
     fail("a file the check passes does not open");
-  static const std::string* saved = [] {
-    auto* made = new std::string(fuzz::scratchPath() + ".saved");
-    std::atexit([] { std::remove(saved->c_str()); });
-    return made;
-  }();
-  if (!file->saveAsFileName(*saved, true)) fail("a file the check passes is refused on save");
+  const std::string saved = (fuzz::scratchFolder() / "saved.dat").string();
+  if (!file->saveAsFileName(saved, true)) fail("a file the check passes is refused on save");
   std::unique_ptr<FileFramework> again = makeDataFile(kind);
-  if (!again->openWithFileName(*saved, true)) fail("a saved file does not open");
+  if (!again->openWithFileName(saved, true)) fail("a saved file does not open");
   for (const std::string& tag : sectionTags(kind))
     if (again->getTableByTag(tag)->getDataCount() != file->getTableByTag(tag)->getDataCount())
       fail("a saved file holds other records");

@@ -3,24 +3,15 @@
 // its value alone starts.
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
-#include "FuzzFail.h"
+#include "FuzzSupport.h"
 #include "audit/DesktopEntry.h"
-
-namespace {
-
-using quarvel::fuzz::fail;
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quarvel::audit;
+  using quarvel::fuzz::fail;
   const std::string_view text(reinterpret_cast<const char*>(data), size);
 
   const std::vector<std::string> programs = execPrograms(text);

@@ -3,28 +3,17 @@
 // read as LF, a last line without a line end kept); what it refuses, it
 // refuses at a line and column inside the text.
 
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "CipherCommand.h"
-#include "FuzzFail.h"
-#include "common/Log.h"
-#include "quarvel/CommonLib.h"
-
-namespace {
-
-using quarvel::fuzz::fail;
-
-}  // namespace
+#include "FuzzSupport.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static quarvel::LogCapture* quiet = new quarvel::LogCapture();  // keeps stderr clean
-  quiet->clear();
+  using quarvel::fuzz::fail;
+  quarvel::fuzz::quietLog();
   std::string_view text(reinterpret_cast<const char*>(data), size);
 
   quarvel::cli::TextProblem problem;

@@ -1,6 +1,6 @@
 // FileFilter's open on any plain text, then its look-up and writer.
 
-#include "DataFileFuzz.h"
+#include "FuzzSupport.h"
 #include "quarvel/FileFilter.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -6,14 +6,11 @@
 // literally.
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "../common/FoldingReference.h"
+#include "FuzzSupport.h"
 #include "common/Folding.h"
 #include "common/StringUtil.h"
 #include "quarvel/CommonLib.h"
@@ -35,7 +32,8 @@ char32_t nextCodePoint(std::string_view text, std::size_t& at) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   const std::string folded = quarvel::CommonLib::encodingForSpecialCharacter(text);
-  if (folded.size() > text.size()) std::abort();
+  using quarvel::fuzz::fail;
+  if (folded.size() > text.size()) fail("folding made a text longer");
 
   std::string byLines;
   for (std::size_t from = 0; from <= text.size();) {
@@ -45,25 +43,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     byLines += "\r\n";
     from = end + 2;
   }
-  if (byLines != folded) {
-    std::fprintf(stderr, "folding line by line differs from folding the whole\n");
-    std::abort();
-  }
+  if (byLines != folded) fail("folding line by line differs from folding the whole");
 
   bool untouched = quarvel::isValidUtf8(text);
   for (std::size_t at = 0; untouched && at < text.size();) {
     const char32_t c = nextCodePoint(text, at);
     untouched = c < 0x80 || quarvel::folding::leavesAlone(c);
   }
-  if (untouched && folded != text) {
-    std::fprintf(stderr, "a character folding leaves alone was folded\n");
-    std::abort();
-  }
-  if (size <= 256 && quarvel::isValidUtf8(text)) {
-    if (folded != quarvel::foldref::referenceFold(text)) {
-      std::fprintf(stderr, "fast folding differs from the passes\n");
-      std::abort();
-    }
-  }
+  if (untouched && folded != text) fail("a character folding leaves alone was folded");
+  if (size <= 256 && quarvel::isValidUtf8(text) && folded != quarvel::foldref::referenceFold(text))
+    fail("fast folding differs from the passes");
   return 0;
 }

@@ -1,6 +1,6 @@
 // FileFontList's open on any plain text, then its look-ups and writer.
 
-#include "DataFileFuzz.h"
+#include "FuzzSupport.h"
 #include "quarvel/FileFontList.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

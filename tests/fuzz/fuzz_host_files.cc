@@ -11,17 +11,12 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include "FuzzFail.h"
+#include "FuzzSupport.h"
 #include "common/StringUtil.h"
 #include "common/detail/CommonLibDetail.h"
 #include "settings/HostEnvironment.h"
@@ -54,7 +49,7 @@ using quarvel::fuzz::fail;
 
 // The scratch root and the places the parts go, made once.
 struct Tree {
-  fs::path root = fs::temp_directory_path() / ("quarvel-fuzz-host-" + std::to_string(::getpid()));
+  fs::path root = quarvel::fuzz::scratchFolder();
   fs::path sys = root / "sys";
   fs::path interface = sys / "class/net/eth0";
   fs::path usbDevice = sys / "devices/usb1/1-1";
@@ -65,7 +60,6 @@ struct Tree {
   std::array<fs::path, kOsRelease> files;  // where the parts that are files go
 
   Tree() {
-    fs::remove_all(root);
     for (const fs::path& dir :
          {interface, usbInterface, disk / "sdb1", sys / "dev/block", root / "proc/self", config})
       fs::create_directories(dir);
@@ -77,7 +71,6 @@ struct Tree {
              root / "proc/self/mountinfo", config / "user-dirs.dirs"};
     root = fs::canonical(root);
     ::unsetenv("XDG_DOCUMENTS_DIR");
-    std::atexit([] { fs::remove_all(tree().root); });
   }
 
   static const Tree& tree() {

@@ -9,27 +9,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cctype>
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <string>
 
+#include "FuzzSupport.h"
 #include "server/ListServer.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-[[noreturn]] void fail(const char* what, const std::string& path) {
-  std::fprintf(stderr, "list server: %s for path \"%s\"\n", what, path.c_str());
-  std::abort();
-}
+using quarvel::fuzz::fail;
 
 void writeFile(const fs::path& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
@@ -38,7 +30,7 @@ void writeFile(const fs::path& path, const std::string& text) {
 // The served folder, made once: the regular files directly in it and what
 // they hold.
 struct Folder {
-  fs::path root = fs::temp_directory_path() / ("quarvel-fuzz-serve-" + std::to_string(::getpid()));
+  fs::path root = quarvel::fuzz::scratchFolder();
   fs::path served = root / "served";
   std::map<std::string, std::string> files{{"macchecklist.dat", "check list"},
                                            {"macpcklist.dat", "package list"},
@@ -47,7 +39,6 @@ struct Folder {
   int fd = -1;
 
   Folder() {
-    fs::remove_all(root);
     fs::create_directories(served / "sub");
     for (const auto& [name, text] : files) writeFile(served / name, text);
     writeFile(root / "outside.dat", "outside the folder");
@@ -55,7 +46,6 @@ struct Folder {
     fs::create_symlink("../outside.dat", served / "link.dat");
     ::mkfifo((served / "fifo").c_str(), 0600);
     fd = ::open(served.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    std::atexit([] { fs::remove_all(folder().root); });
   }
 
   static const Folder& folder() {

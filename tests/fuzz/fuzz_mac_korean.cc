@@ -8,22 +8,17 @@
 //   the reported character encodes;
 // - the encoder's fast lane, where it answers, writes what encodeInto writes.
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include "FuzzFail.h"
+#include "FuzzSupport.h"
 #include "common/StringUtil.h"
 #include "format/MacKorean.h"
 
 namespace {
 
 using quarvel::MacKorean;
-
 using quarvel::fuzz::fail;
 
 // The bytes decoded code by code: a byte from 0xA1 to 0xFD leads a two-byte

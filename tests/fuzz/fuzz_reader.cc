@@ -3,31 +3,28 @@
 // line splitter (which the cipher would otherwise scramble), both into
 // separate lines and into one buffer.
 
-#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
 
-#include "common/Log.h"
+#include "FuzzSupport.h"
 #include "format/LineReader.h"
-#include "quarvel/CommonLib.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static quarvel::LogCapture* quiet = new quarvel::LogCapture();  // keep stderr clean
-  quiet->clear();
+  quarvel::LogCapture& quiet = quarvel::fuzz::quietLog();
 
   std::vector<std::string> lines;
   quarvel::datafile::splitLines(data, size, lines);
   for (const std::string& line : lines)
     if (line.size() > 3 * quarvel::datafile::kMaxLineBytes) __builtin_trap();
-  const std::vector<std::string> logged = quiet->lines();
+  const std::vector<std::string> logged = quiet.lines();
 
   // The lines kept in one buffer, decoded whole where the text allows it,
   // are the same lines with the same log.
-  quiet->clear();
+  quiet.clear();
   quarvel::datafile::DecodedLines decoded;
   quarvel::datafile::splitLines(data, size, decoded);
-  if (decoded.lines.size() != lines.size() || quiet->lines() != logged) __builtin_trap();
+  if (decoded.lines.size() != lines.size() || quiet.lines() != logged) __builtin_trap();
   for (std::size_t i = 0; i < lines.size(); ++i)
     if (decoded.lines[i] != lines[i]) __builtin_trap();
 

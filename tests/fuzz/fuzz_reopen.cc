@@ -7,14 +7,10 @@
 // were; an accepted one only adds records and leaves each section's start
 // before its end; the writer's buffer ends in its zero.
 
-#include <cstdint>
 #include <functional>
-#include <memory>
 #include <string_view>
-#include <vector>
 
-#include "DataFileFuzz.h"
-#include "FuzzFail.h"
+#include "FuzzSupport.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
 #include "quarvel/FileFontList.h"
@@ -36,6 +32,11 @@ struct Subject {
   }
 };
 
+template <typename File>
+Subject subject(File& file, std::vector<const char*> tags) {
+  return {&file, std::move(tags), [&file](std::uint64_t& n) { return file.getContents(n); }};
+}
+
 void openOnce(Subject& subject) {
   const std::vector<std::uint64_t> before = subject.counts();
   const bool opened = subject.file->openWithFileName(quarvel::fuzz::scratchPath(), true);
@@ -55,8 +56,7 @@ void openOnce(Subject& subject) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static quarvel::LogCapture* quiet = new quarvel::LogCapture();  // keeps stderr clean
-  quiet->clear();
+  quarvel::fuzz::quietLog();
   const std::string_view input(reinterpret_cast<const char*>(data), size);
   const std::size_t cut = input.find('\x1E');
   const std::string_view first = input.substr(0, cut);
@@ -67,14 +67,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   quarvel::FileFilter filter;
   quarvel::FileFontList fonts;
   Subject subjects[] = {
-      {&checkList,
-       {"#HEADER", "#CHECKLIST"},
-       [&](std::uint64_t& n) { return checkList.getContents(n); }},
-      {&package,
-       {"#HEADER", "#PACKAGE", "#SUB"},
-       [&](std::uint64_t& n) { return package.getContents(n); }},
-      {&filter, {"#HEADER", "#SWLIST"}, [&](std::uint64_t& n) { return filter.getContents(n); }},
-      {&fonts, {"#HEADER", "#CHECKLIST"}, [&](std::uint64_t& n) { return fonts.getContents(n); }},
+      subject(checkList, {"#HEADER", "#CHECKLIST"}),
+      subject(package, {"#HEADER", "#PACKAGE", "#SUB"}),
+      subject(filter, {"#HEADER", "#SWLIST"}),
+      subject(fonts, {"#HEADER", "#CHECKLIST"}),
   };
   for (std::string_view text : {first, second}) {
     if (!quarvel::fuzz::writeEnciphered(reinterpret_cast<const std::uint8_t*>(text.data()),

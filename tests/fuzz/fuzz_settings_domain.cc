@@ -2,17 +2,11 @@
 // lists). No input may crash it; whatever it accepts, the writer must turn
 // into a document that reads back equal, in both forms where the XML one
 // holds the value, or the next start would lose or set aside settings.
-#include <cstddef>
-#include <cstdint>
-#include <string_view>
-
-#include "FuzzFail.h"
-#include "common/Log.h"
+#include "FuzzSupport.h"
 #include "settings/PropertyList.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static quarvel::LogCapture quiet;  // dropped values log a line each
-  quiet.clear();
+  quarvel::fuzz::quietLog();  // dropped values log a line each
   using quarvel::fuzz::fail;
   std::string_view bytes(reinterpret_cast<const char*>(data), size);
   std::optional<quarvel::PlistValue> value = quarvel::readPropertyList(bytes);

@@ -4,12 +4,6 @@
 // field names. A data file it builds must read back with as many records in
 // every section as it was given rows.
 
-#include <unistd.h>
-
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -17,8 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "FuzzFail.h"
-#include "common/Log.h"
+#include "FuzzSupport.h"
 #include "common/StringUtil.h"
 #include "datafiles/TsvImport.h"
 #include "format/DataFileFormat.h"
@@ -31,18 +24,6 @@ using namespace quarvel::datafile;
 
 using quarvel::fuzz::fail;
 
-const fs::path& scratch() {
-  static const fs::path* path = [] {
-    auto* made = new fs::path(fs::temp_directory_path() /
-                              ("quarvel-fuzz-tsv-" + std::to_string(::getpid())));
-    fs::remove_all(*made);
-    fs::create_directories(*made / "in");
-    std::atexit([] { fs::remove_all(scratch()); });
-    return made;
-  }();
-  return *path;
-}
-
 // The data rows of one section's text, as the import counts them.
 std::size_t rowCount(const std::string& rows) {
   std::vector<std::string> lines = split(rows, "\n");
@@ -53,15 +34,15 @@ std::size_t rowCount(const std::string& rows) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static LogCapture* quiet = new LogCapture();  // keeps stderr clean
-  quiet->clear();
+  fuzz::quietLog();
   if (size == 0) return 0;
   const auto kind = static_cast<DataFileKind>(data[0] % 4);
   const std::vector<std::string> tags = sectionTags(kind);
   std::string_view rest(reinterpret_cast<const char*>(data) + 1, size - 1);
 
-  const fs::path in = scratch() / "in";
-  for (const auto& entry : fs::directory_iterator(in)) fs::remove(entry.path());
+  const fs::path in = fuzz::scratchFolder() / "in";
+  fs::remove_all(in);
+  fs::create_directory(in);
   std::unique_ptr<FileFramework> blank = makeDataFile(kind);
   std::vector<std::size_t> given(tags.size(), 0);
   for (std::size_t s = 0; s < tags.size() && rest.data() != nullptr; ++s) {
@@ -74,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         << rows;
   }
 
-  const std::string output = (scratch() / "built.dat").string();
+  const std::string output = (fuzz::scratchFolder() / "built.dat").string();
   std::ostringstream err;
   if (buildDataFileFromTsv(kind, {in.string()}, output, err) != 0) return 0;
   std::unique_ptr<FileFramework> file = makeDataFile(kind);

@@ -5,32 +5,29 @@
 //
 //   datafile_soak [CYCLES]   CYCLES defaults to $QUARVEL_SOAK_CYCLES, else 300
 //
-// One cycle opens a generated check list of kRecords records, checks its
-// count and one record, and saves it over itself; then it opens and saves the
-// sample package, filter and font check list files the same way. Each object
-// is new, so every cycle builds and frees whole tables.
+// One cycle opens a generated check list of kRecords records, reads one
+// record back by its identifier, and saves it over itself; then it opens and
+// saves the sample package, filter and font check list files the same way.
+// Each object is new, so every cycle builds and frees whole tables. Every
+// file keeps its record count and, once saved, its size.
 //
-// Flat means: the open descriptors at every sample after the warm-up equal,
-// exactly, their number at the end of the warm-up; and the highest resident
-// memory of the last quarter of the samples is at most kRssMarginKiB above
-// the highest of the first quarter (not checked under the sanitizers, whose
-// allocators hold memory their own way; LeakSanitizer watches leaks there).
-// Exit status 0 when every cycle succeeded and the figures stayed flat.
+// Flat means: the open descriptors at every sample after the warm-up are
+// all equal; and the highest resident memory of the last quarter of the
+// samples is at most kRssMarginKiB above the highest of the first quarter
+// (not checked under the sanitizers, whose allocators hold memory their own
+// way; LeakSanitizer watches leaks there). Exit status 0 when every cycle
+// succeeded and the figures stayed flat.
 
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "../../bench/ListGenerator.h"
@@ -46,6 +43,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using quarvel::FileFramework;
 
 constexpr std::size_t kRecords = 2000;  // about 400 KB once stored
 // A leak of one record per cycle exceeds this within the full run, one of
@@ -59,50 +57,40 @@ long rssKiB() {
   return -1;
 }
 
-int openFds() {
-  int count = 0;
+long openFds() {
   std::error_code ec;
-  for (fs::directory_iterator it("/proc/self/fd", ec), end; !ec && it != end; it.increment(ec))
-    ++count;
-  return count;
+  const fs::directory_iterator fds("/proc/self/fd", ec);
+  return ec ? -1 : std::distance(fds, fs::directory_iterator());
 }
 
-long fileSize(const std::string& path) {
-  struct stat info;
-  return ::stat(path.c_str(), &info) == 0 ? static_cast<long>(info.st_size) : -1;
-}
-
-struct Sample {
-  int cycle;
-  long rssKiB;
-  int fds;
-};
-
-// One data file of the cycle: opened into a new object of its class, its
-// tables' record count compared with the first cycle's, saved over itself.
-template <typename File>
+// One data file of the cycle, opened into a new object of its class.
 struct Round {
   std::string path;
+  std::unique_ptr<FileFramework> (*make)();
   std::vector<const char*> tags;
   std::uint64_t records = 0;  // 0 until the first cycle counted them
   long size = -1;             // the size the first save left
 
   bool run(int cycle) {
-    File file;
-    if (!file.openWithFileName(path, true)) return report(cycle, "open failed");
+    std::unique_ptr<FileFramework> file = make();
+    if (!file->openWithFileName(path, true)) return report(cycle, "open failed");
     std::uint64_t count = 0;
-    for (const char* tag : tags)
-      if (quarvel::Table* table = file.getTableByTag(tag)) count += table->getCount();
+    for (const char* tag : tags) count += file->getTableByTag(tag)->getCount();
     if (records == 0) records = count;
     if (count != records || count == 0) return report(cycle, "record count changed");
-    return save(file, cycle);
-  }
-  bool save(File& file, int cycle) {
-    if (!file.saveAsFileName(path, true)) return report(cycle, "save failed");
-    // The round trip is stable: every save writes the same bytes.
-    if (size < 0) size = fileSize(path);
-    if (fileSize(path) != size) return report(cycle, "file size changed");
-    return true;
+    // A round trip that garbled records would show in the check list.
+    if (auto* list = dynamic_cast<quarvel::FileCheckList*>(file.get())) {
+      const auto row = static_cast<std::int64_t>(static_cast<std::size_t>(cycle) % kRecords);
+      const std::string id = "SW" + std::to_string(100000 + row);
+      if (list->getTableByTag("#CHECKLIST")->select(row, "DB_ID") != id ||
+          list->getIndex(id) != row)
+        return report(cycle, "record read back wrong");
+    }
+    if (!file->saveAsFileName(path, true)) return report(cycle, "save failed");
+    struct stat info {};
+    const long saved = ::stat(path.c_str(), &info) == 0 ? static_cast<long>(info.st_size) : -1;
+    if (size < 0) size = saved;
+    return saved == size || report(cycle, "file size changed");
   }
   bool report(int cycle, const char* what) const {
     std::printf("  cycle %d: %s: %s\n", cycle, path.c_str(), what);
@@ -110,24 +98,9 @@ struct Round {
   }
 };
 
-// The check list also has one record per cycle read back by its identifier,
-// so that a round trip that garbled records would show.
-bool checkListCycle(Round<quarvel::FileCheckList>& round, int cycle) {
-  quarvel::FileCheckList list;
-  if (!list.openWithFileName(round.path, true)) return round.report(cycle, "open failed");
-  quarvel::Table* records = list.getTableByTag("#CHECKLIST");
-  if (records->getCount() != kRecords) return round.report(cycle, "record count changed");
-  const auto row = static_cast<std::int64_t>(static_cast<std::size_t>(cycle) % kRecords);
-  const std::string id = "SW" + std::to_string(100000 + row);
-  if (records->select(row, "DB_ID") != id || list.getIndex(id) != row)
-    return round.report(cycle, "record read back wrong");
-  return round.save(list, cycle);
-}
-
-long maxRss(const std::vector<Sample>& samples, std::size_t from, std::size_t to) {
-  long peak = 0;
-  for (std::size_t i = from; i < to; ++i) peak = std::max(peak, samples[i].rssKiB);
-  return peak;
+template <typename File>
+std::unique_ptr<FileFramework> make() {
+  return std::make_unique<File>();
 }
 
 }  // namespace
@@ -140,69 +113,62 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: datafile_soak [CYCLES >= 40]\n");
     return 2;
   }
-
   std::string folder = (fs::temp_directory_path() / "quarvel-datafile-soak-XXXXXX").string();
   if (!::mkdtemp(folder.data())) return 2;
-  struct RemoveFolder {
-    std::string path;
-    ~RemoveFolder() {
-      std::error_code ignored;
-      fs::remove_all(path, ignored);
-    }
-  } cleanup{folder};
+  const std::shared_ptr<void> cleanup(nullptr, [&](void*) { fs::remove_all(folder); });
 
-  Round<quarvel::FileCheckList> checkList{folder + "/macchecklist.dat", {}};
-  Round<quarvel::FilePackage> package{folder + "/macpcklist.dat", {"#PACKAGE", "#SUB"}};
-  Round<quarvel::FileFilter> filter{folder + "/macfilterlist.dat", {"#SWLIST"}};
-  Round<quarvel::FileFontList> fonts{folder + "/fontchecklist.dat", {"#CHECKLIST"}};
-  if (!quarvel::bench::writeCheckListFile(checkList.path, kRecords)) return 2;
-  for (const char* name : {"macpcklist.dat", "macfilterlist.dat", "fontchecklist.dat"}) {
-    std::error_code ec;
-    fs::copy_file(std::string(QUARVEL_SAMPLES) + "/" + name, folder + "/" + name, ec);
-    if (ec) return 2;
-  }
+  Round rounds[] = {
+      {folder + "/macchecklist.dat", make<quarvel::FileCheckList>, {"#CHECKLIST"}, kRecords},
+      {folder + "/macpcklist.dat", make<quarvel::FilePackage>, {"#PACKAGE", "#SUB"}},
+      {folder + "/macfilterlist.dat", make<quarvel::FileFilter>, {"#SWLIST"}},
+      {folder + "/fontchecklist.dat", make<quarvel::FileFontList>, {"#CHECKLIST"}},
+  };
+  if (!quarvel::bench::writeCheckListFile(rounds[0].path, kRecords)) return 2;
+  std::error_code ec;
+  for (const Round& round : rounds)
+    if (round.path != rounds[0].path)
+      fs::copy_file(QUARVEL_SAMPLES + round.path.substr(folder.size()), round.path, ec);
+  if (ec) return 2;
 
   const int warmUp = std::max(cycles / 10, 20);
   const int every = std::max(1, (cycles - warmUp) / 200);
-  const Sample start{0, rssKiB(), openFds()};
-  std::vector<Sample> samples;
+  const long startRss = rssKiB(), startFds = openFds();
+  std::vector<std::pair<long, long>> samples;  // resident KiB, open descriptors
   int failures = 0;
   const auto began = std::chrono::steady_clock::now();
   for (int cycle = 1; cycle <= cycles; ++cycle) {
-    bool ok = checkListCycle(checkList, cycle) && package.run(cycle) && filter.run(cycle) &&
-              fonts.run(cycle);
+    const bool ok = std::all_of(std::begin(rounds), std::end(rounds),
+                                [&](Round& round) { return round.run(cycle); });
     if (!ok && ++failures >= 5) break;
-    if (cycle >= warmUp && (cycle - warmUp) % every == 0)
-      samples.push_back({cycle, rssKiB(), openFds()});
+    if (cycle >= warmUp && (cycle - warmUp) % every == 0) samples.emplace_back(rssKiB(), openFds());
   }
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-
   std::printf("datafile_soak: %d cycles in %.1f s (%.2f ms a cycle)\n", cycles, seconds,
               1000 * seconds / cycles);
   std::printf("  files: check list %ld bytes (%zu records), package %ld, filter %ld, fonts %ld\n",
-              checkList.size, kRecords, package.size, filter.size, fonts.size);
+              rounds[0].size, kRecords, rounds[1].size, rounds[2].size, rounds[3].size);
   if (samples.size() < 8) {
     std::printf("  too few samples after the warm-up of %d cycles\n", warmUp);
     return 1;
   }
   const std::size_t quarter = samples.size() / 4;
-  const long early = maxRss(samples, 0, quarter);
-  const long late = maxRss(samples, samples.size() - quarter, samples.size());
+  const auto peak = [&](std::size_t from, std::size_t to) {
+    return std::max_element(samples.begin() + from, samples.begin() + to)->first;
+  };
+  const long early = peak(0, quarter), late = peak(samples.size() - quarter, samples.size());
   std::printf(
-      "  RSS KiB: before %ld, after warm-up (cycle %d) %ld, last %ld, max %ld; "
+      "  RSS KiB: before %ld, after warm-up %ld, last %ld, max %ld; "
       "first quarter max %ld, last quarter max %ld\n",
-      start.rssKiB, samples.front().cycle, samples.front().rssKiB, samples.back().rssKiB,
-      maxRss(samples, 0, samples.size()), early, late);
-  auto [fewest, most] =
+      startRss, samples.front().first, samples.back().first, peak(0, samples.size()), early, late);
+  const auto [fewest, most] =
       std::minmax_element(samples.begin(), samples.end(),
-                          [](const Sample& a, const Sample& b) { return a.fds < b.fds; });
-  std::printf("  fds: before %d, after warm-up %d, last %d, range %d..%d over %zu samples\n",
-              start.fds, samples.front().fds, samples.back().fds, fewest->fds, most->fds,
+                          [](const auto& a, const auto& b) { return a.second < b.second; });
+  std::printf("  fds: before %ld, after warm-up %ld, last %ld, range %ld..%ld over %zu samples\n",
+              startFds, samples.front().second, samples.back().second, fewest->second, most->second,
               samples.size());
-
-  bool flat = fewest->fds == most->fds;
-  if (QUARVEL_SOAK_CHECK_RSS) flat = flat && late <= early + kRssMarginKiB;
+  const bool flat =
+      fewest->second == most->second && (!QUARVEL_SOAK_CHECK_RSS || late <= early + kRssMarginKiB);
   std::printf("  %s, %d cycle(s) failed\n", flat ? "flat" : "NOT FLAT", failures);
   return flat && failures == 0 ? 0 : 1;
 }

@@ -1,18 +1,17 @@
 #pragma once
-// A whole file's bytes, or "<missing>" when it cannot be read.
+// Whole-file reads and writes for tests. Failures are answered, not thrown.
 
-#include <fstream>
-#include <sstream>
+#include <filesystem>
 #include <string>
+#include <string_view>
 
 namespace quarvel::testing {
 
-inline std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return "<missing>";
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+// A whole file's bytes, or "<missing>" when it cannot be read.
+std::string readFile(const std::string& path);
+// A whole file's bytes, or "" when it cannot be read.
+std::string readBytes(const std::filesystem::path& path);
+// Replaces the file with `bytes`; false when it cannot be written.
+bool writeBytes(const std::filesystem::path& path, std::string_view bytes);
 
 }  // namespace quarvel::testing
