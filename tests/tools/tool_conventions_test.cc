@@ -136,12 +136,6 @@ TEST(ToolConventions, StartsWithoutQtOrLibcurl) {
     EXPECT_FALSE(has(libraries, absent)) << absent;
 }
 
-}  // namespace
-}  // namespace quarvel::cli
-
-namespace quarvel::cli {
-namespace {
-
 // The completion offers what the command definitions hold, and the manual
 // has a section for every command, its exit statuses included.
 TEST(ToolConventions, CompletionAndManualFollowTheCommands) {
