@@ -5,9 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <netinet/in.h>
 #include <sqlite3.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,6 +14,7 @@
 #include "common/Log.h"
 #include "server/ReportFixtures.h"
 #include "support/AuditFixtures.h"
+#include "support/RawSocket.h"
 
 extern "C" const char* __tsan_default_suppressions() { return "race:libcpp-httplib.so\n"; }
 
@@ -23,6 +22,8 @@ namespace quarvel::server {
 namespace {
 
 using namespace std::chrono_literals;
+using quarvel::testing::RawAnswer;
+using quarvel::testing::rawExchange;
 using testing::finding;
 using testing::Json;
 using testing::report;
@@ -163,32 +164,6 @@ TEST(OverviewFormats, ListStaleMachinesAndQuoteWhatMachinesSent) {
 
 // --- the server --------------------------------------------------------------
 
-// One exchange on a raw socket, for requests no HTTP library would send:
-// the status code (0 when the connection ended without one) and the answer.
-struct RawAnswer {
-  int status = 0;
-  std::string text;
-};
-RawAnswer rawExchange(int port, const std::string& request, std::chrono::seconds limit = 10s) {
-  RawAnswer answer;
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  timeval timeout{static_cast<time_t>(limit.count()), 0};
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-    (void)::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-    char buffer[4096];
-    ssize_t got;
-    while ((got = ::recv(fd, buffer, sizeof buffer, 0)) > 0) answer.text.append(buffer, got);
-  }
-  ::close(fd);
-  if (answer.text.starts_with("HTTP/1.1 ")) answer.status = std::atoi(answer.text.c_str() + 9);
-  return answer;
-}
-
 std::string post(const std::string& body, const std::string& headers) {
   return "POST /api/reports HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
          "Content-Type: application/json\r\nContent-Length: " +
@@ -208,8 +183,14 @@ class CollectorTest : public ::testing::Test {
   void TearDown() override {
     if (collector_) collector_->stop();
   }
+  httplib::Result get(const std::string& target, const httplib::Headers& headers = {}) {
+    httplib::Client client("127.0.0.1", port_);
+    client.set_read_timeout(10, 0);
+    return client.Get(target, headers);
+  }
 
   static constexpr const char* kSecret = "s3cret enrolment";
+  LogCapture quiet_;  // tests that read the log capture it themselves
   quarvel::testing::TempTree tree_;
   std::unique_ptr<ReportStore> store_;
   std::unique_ptr<Collector> collector_;
@@ -218,7 +199,6 @@ class CollectorTest : public ::testing::Test {
 
 TEST_F(CollectorTest, RefusesHostileReportsAndStoresTheRestExactly) {
   start();
-  LogCapture quiet;
   const std::string auth = std::string("Authorization: Bearer ") + kSecret + "\r\n";
   const std::string good = kGood.dump();
   const std::string sqlLike = "'); DELETE FROM reports; --";
@@ -323,26 +303,15 @@ TEST_F(CollectorTest, ClosesARequestStillTricklingAtItsDeadline) {
   options.limits.deadline = 300ms;
   start(options);
   LogCapture log;
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port_));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const int fd = quarvel::testing::connectTo(port_);
+  ASSERT_GE(fd, 0);
   const std::string head =
       std::string("POST /api/reports HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer ") + kSecret +
       "\r\nContent-Length: 1000\r\n\r\n";
-  ASSERT_GT(::send(fd, head.data(), head.size(), MSG_NOSIGNAL), 0);
   const auto begin = std::chrono::steady_clock::now();
-  bool closed = false;
-  for (int i = 0; i < 40 && !closed; ++i) {  // a byte every 100 ms, for up to 4 s
-    std::this_thread::sleep_for(100ms);
-    closed = ::send(fd, " ", 1, MSG_NOSIGNAL) < 0;
-    char byte;
-    if (!closed) closed = ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
-  }
+  // A byte every 100 ms, for up to 4 s.
+  EXPECT_TRUE(quarvel::testing::trickleUntilClosed(fd, head, " ", 40, 100ms));
   ::close(fd);
-  EXPECT_TRUE(closed);
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 2s);
   EXPECT_TRUE(log.contains("no whole request within 300 ms"));
 }
@@ -352,11 +321,8 @@ TEST_F(CollectorTest, LimitsTheRateOfEachAddress) {
   options.limits.burst = 3;
   options.limits.perMinute = 1;
   start(options);
-  LogCapture quiet;
-  httplib::Client client("127.0.0.1", port_);
-  client.set_read_timeout(10, 0);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(client.Get("/api/overview")->status, 200) << i;
-  auto refused = client.Get("/api/overview");
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(get("/api/overview")->status, 200) << i;
+  auto refused = get("/api/overview");
   ASSERT_TRUE(refused);
   EXPECT_EQ(refused->status, 429);
   EXPECT_GE(std::stoi(refused->get_header_value("Retry-After")), 1);
@@ -366,10 +332,7 @@ TEST_F(CollectorTest, AdminPagesNeedTheTokenWhenOneIsSet) {
   CollectorOptions options;
   options.adminToken = "admin-token";
   start(options);
-  LogCapture quiet;
   ASSERT_EQ(store_->insert(testing::parsed(kGood), 1), ReportStore::Insert::kStored);
-  httplib::Client client("127.0.0.1", port_);
-  client.set_read_timeout(10, 0);
   struct Case {
     const char* target;
     const char* type;
@@ -381,25 +344,22 @@ TEST_F(CollectorTest, AdminPagesNeedTheTokenWhenOneIsSet) {
         Case{"/api/export.csv", "text/csv", "pc-01,2026-11-18T08:00:00Z"},
         Case{"/", "text/html", "<svg"}}) {
     SCOPED_TRACE(c.target);
-    EXPECT_EQ(client.Get(c.target)->status, 401);
-    EXPECT_EQ(client.Get(c.target, {{"Authorization", "Bearer admin-tokeN"}})->status, 401);
-    EXPECT_EQ(client.Get(c.target, {{"Authorization", std::string("Bearer ") + kSecret}})->status,
-              401);
-    auto answer = client.Get(c.target, {{"Authorization", "Bearer admin-token"}});
+    EXPECT_EQ(get(c.target)->status, 401);
+    EXPECT_EQ(get(c.target, {{"Authorization", "Bearer admin-tokeN"}})->status, 401);
+    EXPECT_EQ(get(c.target, {{"Authorization", std::string("Bearer ") + kSecret}})->status, 401);
+    auto answer = get(c.target, {{"Authorization", "Bearer admin-token"}});
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->status, 200);
     EXPECT_TRUE(answer->get_header_value("Content-Type").starts_with(c.type));
     EXPECT_NE(answer->body.find(c.contains), std::string::npos) << answer->body.substr(0, 300);
   }
-  EXPECT_EQ(
-      client.Get("/api/overview?staleDays=-1", {{"Authorization", "Bearer admin-token"}})->status,
-      400);
-  EXPECT_EQ(client.Get("/nothing", {{"Authorization", "Bearer admin-token"}})->status, 404);
+  EXPECT_EQ(get("/api/overview?staleDays=-1", {{"Authorization", "Bearer admin-token"}})->status,
+            400);
+  EXPECT_EQ(get("/nothing", {{"Authorization", "Bearer admin-token"}})->status, 404);
 }
 
 TEST_F(CollectorTest, ExportsAFleetLargerThanOneBatch) {
   start();
-  LogCapture quiet;
   for (unsigned n = 1; n <= 120; ++n)
     ASSERT_EQ(
         store_->insert(testing::parsed(testing::report(
@@ -407,9 +367,7 @@ TEST_F(CollectorTest, ExportsAFleetLargerThanOneBatch) {
                            Json::array({finding("Acme", "Paint", 1), finding("Acme", "Ink", 2)}))),
                        1),
         ReportStore::Insert::kStored);
-  httplib::Client client("127.0.0.1", port_);
-  client.set_read_timeout(10, 0);
-  auto answer = client.Get("/api/export.csv");
+  auto answer = get("/api/export.csv");
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->status, 200);
   std::vector<std::string> lines;
@@ -425,13 +383,10 @@ TEST_F(CollectorTest, ExportsAFleetLargerThanOneBatch) {
 
 TEST_F(CollectorTest, WithoutATokenOnlyLocalClientsSeeTheOverview) {
   start();
-  LogCapture quiet;
-  httplib::Client client("127.0.0.1", port_);
-  client.set_read_timeout(10, 0);
-  EXPECT_EQ(client.Get("/api/overview")->status, 200);
+  EXPECT_EQ(get("/api/overview")->status, 200);
   // A proxy on this machine passing on someone else's request.
-  EXPECT_EQ(client.Get("/api/overview", {{"X-Forwarded-For", "203.0.113.9"}})->status, 403);
-  EXPECT_EQ(client.Get("/", {{"X-Forwarded-For", "127.0.0.1, 203.0.113.9"}})->status, 403);
+  EXPECT_EQ(get("/api/overview", {{"X-Forwarded-For", "203.0.113.9"}})->status, 403);
+  EXPECT_EQ(get("/", {{"X-Forwarded-For", "127.0.0.1, 203.0.113.9"}})->status, 403);
 }
 
 }  // namespace

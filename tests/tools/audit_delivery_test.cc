@@ -268,14 +268,9 @@ TEST(FleetReport, ReportIds) {
     EXPECT_FALSE(isReportId(bad)) << bad;
 }
 
-void waitUntilRunning(httplib::Server& server) {
-  for (int i = 0; i < 500 && !server.is_running(); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  ASSERT_TRUE(server.is_running());
-}
-
-// The whole command against a collector on a loopback port: delivered,
-// then kept while the collector is away, then sent by --flush.
+// The whole command against a collector on a loopback port: delivered;
+// then kept while the collector is away, and sent by --flush (both through
+// the platform in libcurl's place).
 TEST(AuditSubmit, LoopbackCollector) {
   const std::string samples = QUARVEL_SAMPLES;
   if (!std::filesystem::exists(samples + "/macchecklist.dat")) GTEST_SKIP() << "no sample lists";
@@ -283,14 +278,12 @@ TEST(AuditSubmit, LoopbackCollector) {
   TempTree tree;
   tree.executable("machine/usr/bin/photoloom6");
   httplib::Server server;
-  std::mutex mutex;
-  std::vector<Json> stored;
+  std::vector<Json> stored;  // written by the server's thread until it stops
   server.Post("/api/reports", [&](const httplib::Request& request, httplib::Response& response) {
     if (request.get_header_value("Authorization") != "Bearer enrol-7") {
       response.status = 401;
       return;
     }
-    std::lock_guard lock(mutex);
     stored.push_back(Json::parse(request.body));
     EXPECT_EQ(request.get_header_value("Idempotency-Key"), stored.back()["reportId"]);
     response.status = 201;
@@ -299,7 +292,8 @@ TEST(AuditSubmit, LoopbackCollector) {
   const int port = server.bind_to_any_port("127.0.0.1");
   ASSERT_GT(port, 0);
   std::thread serving([&] { server.listen_after_bind(); });
-  waitUntilRunning(server);
+  for (int i = 0; i < 500 && !server.is_running(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
 
   AuditCommandOptions o;
   o.trees = {tree.path("machine")};
@@ -314,45 +308,34 @@ TEST(AuditSubmit, LoopbackCollector) {
   o.collectorIdleTimeout = std::chrono::seconds(5);
   auto run = [&](const AuditCommandOptions& options) {
     std::ostringstream out, err;
-    const int status = runAudit(options, out, err, nullptr);
-    return std::make_pair(status, err.str());
+    EXPECT_EQ(runAudit(options, out, err, nullptr), 0) << err.str();
   };
-
-  auto [status, err] = run(o);
+  run(o);
   server.stop();
   serving.join();
-  EXPECT_EQ(status, 0) << err;
   ASSERT_EQ(stored.size(), 1u);
   EXPECT_EQ(stored[0]["machine"]["hostName"], "pc-1");
   EXPECT_TRUE(stored[0]["lists"]["checklist"].is_string());
   EXPECT_TRUE(stored[0]["lists"]["userchecklist"].is_null());
   EXPECT_EQ(stored[0]["findings"][0]["product"], "PhotoLoom 6");
 
-  // Nobody listens there now: the report waits.
-  std::tie(status, err) = run(o);
-  EXPECT_EQ(status, kAuditExitNotDelivered) << err;
   ReportSpool spool(tree.path("spool"));
+  {
+    quarvel::testing::ScopedPlatform away(
+        std::make_shared<ScriptedCollector>(CURLE_COULDNT_CONNECT, 0));
+    std::ostringstream out, err;
+    EXPECT_EQ(runAudit(o, out, err, nullptr), kAuditExitNotDelivered) << err.str();
+  }
   ASSERT_EQ(spool.pending().size(), 1u);
   const std::string waiting = spool.pending()[0].reportId;
-
-  httplib::Server again;
-  again.Post("/api/reports", [&](const httplib::Request& request, httplib::Response& response) {
-    std::lock_guard lock(mutex);
-    stored.push_back(Json::parse(request.body));
-    response.status = 201;
-  });
-  ASSERT_TRUE(again.bind_to_port("127.0.0.1", port));
-  std::thread servingAgain([&] { again.listen_after_bind(); });
-  waitUntilRunning(again);
+  auto collector = std::make_shared<ScriptedCollector>(CURLE_OK, 201);
+  quarvel::testing::ScopedPlatform back(collector);
   o.flushOnly = true;
   o.trees = {"/nonexistent"};  // nothing is scanned
-  std::tie(status, err) = run(o);
-  again.stop();
-  servingAgain.join();
-  EXPECT_EQ(status, 0) << err;
+  run(o);
   EXPECT_TRUE(spool.pending().empty());
-  ASSERT_EQ(stored.size(), 2u);
-  EXPECT_EQ(stored[1]["reportId"], waiting);
+  ASSERT_EQ(collector->requests.size(), 1u);
+  EXPECT_EQ(header(collector->requests[0], "Idempotency-Key"), waiting);
 }
 
 }  // namespace

@@ -98,6 +98,7 @@ TEST(DataFileTool, LookupAnswersEachKindsKeys) {
     LookupQuery query;
     int status;
     const char* expected;  // a line of the answer
+    bool json = false;
   };
   const Case cases[] = {
       {"macchecklist.dat", {.exe = "PhotoLoom6"}, 0, "DB_ID          SW100102"},
@@ -115,11 +116,14 @@ TEST(DataFileTool, LookupAnswersEachKindsKeys) {
       {"macpcklist.dat", {.package = "PK2001", .sub = 1}, 0, "display name: Tidewell Office"},
       {"macpcklist.dat", {.package = "PK2001", .sub = 0}, 0, "display name: Tidewell Office(-)"},
       {"macpcklist.dat", {.exe = "x"}, 2, ""},
+      // JSON stays JSON when nothing matches.
+      {"macchecklist.dat", {.id = "SW100201"}, 0, "  \"section\": \"#CHECKLIST\",", true},
+      {"macchecklist.dat", {.exe = "no-such.exe"}, 1, "null", true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.file) + " " + c.expected);
     const Outcome answer = run([&](auto& out, auto& err) {
-      return lookupDataFile(sample(c.file), std::nullopt, c.query, false, out, err);
+      return lookupDataFile(sample(c.file), std::nullopt, c.query, c.json, out, err);
     });
     EXPECT_EQ(answer.status, c.status) << answer.err;
     const std::vector<std::string> lines = split(answer.out, "\n");

@@ -22,25 +22,24 @@ std::set<std::string> walkNames(TreeWalker& walker, const std::string& root, Wal
   return seen;
 }
 
-TEST(TreeWalker, DepthBoundsHowFarItGoes) {
+TEST(TreeWalker, DepthAndHiddenEntriesBoundWhatItLists) {
   TempTree tree;
-  tree.file("top");
-  tree.file("a/one");
-  tree.file("a/b/two");
-  tree.file("a/b/c/three");
+  for (const char* name : {"top", "a/one", "a/b/two", "a/b/c/three", ".cache/app", ".hidden"})
+    tree.file(name);
   struct Case {
-    int depth;
+    WalkOptions options;
     std::set<std::string> expected;
   } cases[] = {
-      {0, {"top"}},
-      {1, {"top", "a/one"}},
-      {3, {"top", "a/one", "a/b/two", "a/b/c/three"}},
+      {{.maxDepth = 0}, {"top", ".hidden"}},
+      {{.maxDepth = 1}, {"top", ".hidden", "a/one", ".cache/app"}},
+      {{.maxDepth = 3}, {"top", ".hidden", "a/one", ".cache/app", "a/b/two", "a/b/c/three"}},
+      {{.maxDepth = 3, .skipHidden = true}, {"top", "a/one", "a/b/two", "a/b/c/three"}},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.depth);
+    SCOPED_TRACE(::testing::Message() << c.options.maxDepth << " " << c.options.skipHidden);
     ScanStats stats;
     TreeWalker walker(stats);
-    EXPECT_EQ(walkNames(walker, tree.root(), {.maxDepth = c.depth}), c.expected);
+    EXPECT_EQ(walkNames(walker, tree.root(), c.options), c.expected);
     EXPECT_EQ(stats.files, c.expected.size());
   }
 }
@@ -161,18 +160,6 @@ TEST(TreeWalker, PermissionDeniedFolderOnDisk) {
   TreeWalker walker(stats);
   EXPECT_EQ(walkNames(walker, tree.root(), {.maxDepth = 3}), std::set<std::string>{"fine/y"});
   EXPECT_EQ(stats.unreadableFolders, 1u);
-}
-
-TEST(TreeWalker, HiddenEntriesCanBeLeftOut) {
-  TempTree tree;
-  tree.file("visible/app");
-  tree.file(".cache/app");
-  tree.file(".hidden-file");
-  ScanStats stats;
-  TreeWalker walker(stats);
-  EXPECT_EQ(walkNames(walker, tree.root(), {.maxDepth = 3, .skipHidden = true}),
-            std::set<std::string>{"visible/app"});
-  EXPECT_EQ(walkNames(walker, tree.root(), {.maxDepth = 3}).size(), 3u);
 }
 
 }  // namespace
