@@ -76,7 +76,7 @@ struct Answer {
     return {Kind::kWhole, std::move(body), 200, 0, piece, pause};
   }
   static Answer flood(std::string body) { return {Kind::kFlood, std::move(body)}; }
-  static Answer unreachable() { return {Kind::kUnreachable}; }
+  static Answer unreachable() { return {Kind::kUnreachable, {}}; }
 };
 
 inline constexpr const char* kErrorPage = "<html><body><h1>404 Not Found</h1></body></html>\n";
