@@ -144,7 +144,6 @@ class FaultScene {
   // The answer to a request of `target`, counted.
   Answer answer(const std::string& target) {
     std::lock_guard lock(mutex_);
-    ++asked_[target];
     urls_.push_back(target);
     if (auto& queue = scripted_[target]; !queue.empty()) {
       Answer next = std::move(queue.front());
@@ -161,8 +160,7 @@ class FaultScene {
   }
   int asked(const std::string& target) const {
     std::lock_guard lock(mutex_);
-    auto it = asked_.find(target);
-    return it == asked_.end() ? 0 : it->second;
+    return static_cast<int>(std::count(urls_.begin(), urls_.end(), target));
   }
   int asked(int file) const { return asked(kDataFileTargets[file].target); }
   std::vector<std::string> targets() const {
@@ -180,7 +178,7 @@ class FaultScene {
   CVUserDefaults* settings;
   std::string library;
   signing::KeyPair keys;
-  std::string body[5];  // set through resize() once the run has started
+  std::string body[5];  // the lists' new content; changed through resize()
   UpdateOptions options;
   std::optional<FaultyDisk::Fault> disk;
   std::size_t diskLimit = 16 * 1024;
@@ -191,8 +189,7 @@ class FaultScene {
   std::map<std::string, std::deque<Answer>> scripted_;
   std::map<std::string, std::string> served_;
   std::map<std::string, std::string> first_;
-  std::map<std::string, int> asked_;
-  std::vector<std::string> urls_;
+  std::vector<std::string> urls_;  // every target asked, in order
 };
 
 // Answers every exchange in libcurl's place from the scene, by the request's

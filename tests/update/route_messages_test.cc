@@ -24,10 +24,12 @@ namespace fs = std::filesystem;
 // Builds netlink messages the way the kernel lays them out.
 class MessageBuilder {
  public:
-  MessageBuilder& begin(std::uint16_t type) {
+  MessageBuilder& begin(std::uint16_t type, std::uint16_t flags = 0, std::uint32_t seq = 0) {
     start_ = bytes_.size();
     nlmsghdr h{};
     h.nlmsg_type = type;
+    h.nlmsg_flags = flags;
+    h.nlmsg_seq = seq;
     append(&h, sizeof h);
     return *this;
   }
@@ -278,51 +280,28 @@ TEST(RouteMessages, RequestsOfBothFamilies) {
   inet_pton(AF_INET, "192.0.2.1", &v4);
   in6_addr v6{};
   inet_pton(AF_INET6, "2001:db8::1", &v6);
-  struct Case {
-    const char* what;
-    std::vector<std::uint8_t> bytes;
-    std::uint16_t flags;
-    std::uint8_t family, dstLen;
-    std::vector<std::uint8_t> dst;  // RTA_DST payload, empty when none
-  } cases[] = {
-      {"get IPv4", routeGetRequest(v4, 7), NLM_F_REQUEST, AF_INET, 32, {192, 0, 2, 1}},
-      {"get IPv6",
-       routeGetRequest(v6, 7),
-       NLM_F_REQUEST,
-       AF_INET6,
-       128,
-       {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}},
-      {"dump IPv4", routeDumpRequest(7), NLM_F_REQUEST | NLM_F_DUMP, AF_INET, 0, {}},
-      {"dump IPv6", routeDumpRequest(7, AF_INET6), NLM_F_REQUEST | NLM_F_DUMP, AF_INET6, 0, {}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    ASSERT_GE(c.bytes.size(), NLMSG_SPACE(sizeof(rtmsg)));
-    nlmsghdr h{};
-    std::memcpy(&h, c.bytes.data(), sizeof h);
-    EXPECT_EQ(h.nlmsg_len, c.bytes.size());
-    EXPECT_EQ(h.nlmsg_type, RTM_GETROUTE);
-    EXPECT_EQ(h.nlmsg_flags, c.flags);
-    EXPECT_EQ(h.nlmsg_seq, 7u);
+  // The request as the kernel expects it, up to its attributes.
+  auto get = [](std::uint16_t flags, std::uint8_t family, std::uint8_t dstLen) {
     rtmsg r{};
-    std::memcpy(&r, c.bytes.data() + NLMSG_HDRLEN, sizeof r);
-    EXPECT_EQ(r.rtm_family, c.family);
-    EXPECT_EQ(r.rtm_dst_len, c.dstLen);
-    std::size_t at = NLMSG_SPACE(sizeof(rtmsg));
-    if (c.dst.empty()) {
-      EXPECT_EQ(c.bytes.size(), at);
-      continue;
-    }
-    ASSERT_EQ(c.bytes.size(), at + RTA_SPACE(c.dst.size()));
-    rtattr a{};
-    std::memcpy(&a, c.bytes.data() + at, sizeof a);
-    EXPECT_EQ(a.rta_type, RTA_DST);
-    EXPECT_EQ(a.rta_len, RTA_LENGTH(c.dst.size()));
-    EXPECT_EQ(std::vector<std::uint8_t>(
-                  c.bytes.begin() + static_cast<std::ptrdiff_t>(at + RTA_LENGTH(0)),
-                  c.bytes.begin() + static_cast<std::ptrdiff_t>(at + RTA_LENGTH(c.dst.size()))),
-              c.dst);
-  }
+    r.rtm_family = family;
+    r.rtm_dst_len = dstLen;
+    MessageBuilder m;
+    m.begin(RTM_GETROUTE, flags, 7).body(r);
+    return m;
+  };
+  constexpr std::uint16_t kDump = NLM_F_REQUEST | NLM_F_DUMP;
+  const struct {
+    const char* what;
+    std::vector<std::uint8_t> bytes, expected;
+  } cases[] = {
+      {"get IPv4", routeGetRequest(v4, 7),
+       get(NLM_F_REQUEST, AF_INET, 32).address(RTA_DST, "192.0.2.1").end().bytes()},
+      {"get IPv6", routeGetRequest(v6, 7),
+       get(NLM_F_REQUEST, AF_INET6, 128).address6(RTA_DST, "2001:db8::1").end().bytes()},
+      {"dump IPv4", routeDumpRequest(7), get(kDump, AF_INET, 0).end().bytes()},
+      {"dump IPv6", routeDumpRequest(7, AF_INET6), get(kDump, AF_INET6, 0).end().bytes()},
+  };
+  for (const auto& c : cases) EXPECT_EQ(c.bytes, c.expected) << c.what;
 }
 
 TEST(RouteMessages, FlagsForRoute) {
