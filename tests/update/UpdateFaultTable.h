@@ -320,6 +320,7 @@ inline FaultRun runFaultRow(const FaultRow& row, Transport transport) {
   if (!run->waitUntilFinished(std::chrono::duration_cast<std::chrono::milliseconds>(bound)))
     return fail("the run did not end in time"), result;
   server.reset();
+  if (run->cancel()) fail("a run that had ended was cancelled");
 
   if (run->updateStatus() != row.outcome) fail("outcome " + std::to_string(run->updateStatus()));
   for (int file = 0; file < 5; ++file) {
