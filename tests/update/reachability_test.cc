@@ -2,21 +2,15 @@
 
 #include "quarvel/Reachability.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
+
+#include <cctype>
 
 #include "common/Log.h"
 #include "update/FakeRouteSource.h"
 
 namespace quarvel {
 namespace {
-
-std::unique_ptr<Reachability> forAddress(const char* dotted) {
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  inet_pton(AF_INET, dotted, &a.sin_addr);
-  return Reachability::reachabilityWithAddress(&a);
-}
 
 TEST(Reachability, StatusRules) {
   struct Case {
@@ -28,7 +22,7 @@ TEST(Reachability, StatusRules) {
       {0x40000, 0, 0}, {0x20000, 0, 0},    {0x20002, 1, 1}, {0x60002, 2, 1}, {0x20006, 0, 1},
       {0x2000C, 0, 0}, {0xFFFFFFFD, 0, 0},
   };
-  auto r = forAddress("192.0.2.9");
+  auto r = test::monitorFor("192.0.2.9");
   LogCapture capture;
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::Message() << std::hex << "flags 0x" << c.flags);
@@ -50,7 +44,7 @@ TEST(Reachability, FlagLogLine) {
       {0x7003F, false, "Reachability Flag Status: WR tcCiDld networkStatusForFlags\n"},
       {0x40001, true, "Reachability Flag Status: W- t------ localWiFiStatusForFlags\n"},
   };
-  auto r = forAddress("192.0.2.9");
+  auto r = test::monitorFor("192.0.2.9");
   for (const auto& c : cases) {
     SCOPED_TRACE(c.line);
     LogCapture capture;
@@ -61,145 +55,148 @@ TEST(Reachability, FlagLogLine) {
   EXPECT_EQ(reachabilityFlagLetters(0x10000), "-- -----l-");
 }
 
-TEST(Reachability, MonitorKindSelectsTheRule) {
-  test::ScopedFakeRouteSource fake;
-  // Reachable through a gateway: fine for the internet, not for the local link.
-  fake->setFlags("169.254.0.0", 0x2);
-  fake->setFlags("0.0.0.0", 0x2);
-  auto local = Reachability::reachabilityForLocalWiFi();
-  auto sameAddress = forAddress("169.254.0.0");
-  auto internet = Reachability::reachabilityForInternetConnection();
-  LogCapture capture;
-  EXPECT_EQ(local->currentReachabilityStatus(), 0);
-  EXPECT_TRUE(capture.contains("localWiFiStatusForFlags"));
-  EXPECT_EQ(sameAddress->currentReachabilityStatus(), 1);
-  EXPECT_EQ(internet->currentReachabilityStatus(), 1);
-
-  fake->setFlags("169.254.0.0", 0x20002);
-  EXPECT_EQ(local->currentReachabilityStatus(), 1);
-  fake->setFlags("0.0.0.0", 0x40002);
-  EXPECT_EQ(internet->currentReachabilityStatus(), 2);
+TEST(Reachability, MonitorsJudgeTheirTargetsFlags) {
+  // Flags of every row, unless the row overrides one address.
+  const std::pair<const char*, std::uint32_t> world[] = {
+      {"0.0.0.0", 0x2},   {"169.254.0.0", 0x2}, {"::", 0x2},
+      {"192.0.2.1", 0x2}, {"2001:db8::1", 0x2}, {"2001:db8::2", 0x40002}};
+  struct Case {
+    const char* what;
+    const char* target;  // as test::monitorFor takes it; names resolve to `addresses`
+    std::int64_t status;
+    std::vector<const char*> addresses = {};
+    const char* at = nullptr;
+    std::optional<std::uint32_t> flags = {};
+    const char* log = nullptr;  // a part of the log line, "" for none at all
+  } const cases[] = {
+      {.what = "local link through a gateway",
+       .target = "wifi",
+       .status = 0,
+       .log = "localWiFiStatusForFlags"},
+      {.what = "same address, general rule",
+       .target = "169.254.0.0",
+       .status = 1,
+       .log = "networkStatusForFlags"},
+      {.what = "local link direct",
+       .target = "wifi",
+       .status = 1,
+       .at = "169.254.0.0",
+       .flags = 0x20002},
+      {.what = "internet through a gateway", .target = "internet", .status = 1},
+      {.what = "internet over WWAN",
+       .target = "internet",
+       .status = 2,
+       .at = "0.0.0.0",
+       .flags = 0x40002},
+      {.what = "unreadable flags",
+       .target = "internet",
+       .status = 0,
+       .at = "0.0.0.0",
+       .flags = std::nullopt,
+       .log = ""},
+      {.what = "IPv6 address", .target = "2001:db8::1", .status = 1},
+      {.what = "IPv6 address without route", .target = "2001:db8::5", .status = 0},
+      {.what = "IPv6 any address", .target = "::", .status = 1},
+      {.what = "name that does not resolve",
+       .target = "name:dual.example",
+       .status = 0,
+       .log = "networkStatusForFlags"},
+      // A name counts as its first reachable address, whatever the family.
+      {"IPv6 only", "name:dual.example", 1, {"2001:db8::1"}},
+      {"IPv6 without route", "name:dual.example", 0, {"2001:db8::9"}},
+      {"IPv4 without route first", "name:dual.example", 1, {"192.0.2.9", "2001:db8::1"}},
+      {"IPv6 without route first", "name:dual.example", 1, {"2001:db8::9", "192.0.2.1"}},
+      {"WWAN IPv6 first", "name:dual.example", 2, {"2001:db8::2", "192.0.2.1"}},
+      {"IPv4 first", "name:dual.example", 1, {"192.0.2.1", "2001:db8::2"}},
+      {"no route in either family", "name:dual.example", 0, {"2001:db8::9", "192.0.2.9"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    test::ScopedFakeRouteSource fake;
+    for (const auto& [address, flags] : world) fake->setFlags(address, flags);
+    if (c.at) fake->setFlags(c.at, c.flags);
+    fake->setName("dual.example", c.addresses);
+    auto monitor = test::monitorFor(c.target);
+    ASSERT_TRUE(monitor);
+    LogCapture capture;
+    EXPECT_EQ(monitor->currentReachabilityStatus(), c.status);
+    if (std::isdigit(c.target[0]) || c.target[0] == ':')
+      EXPECT_EQ(fake->asked().back(), c.target) << "asked for that address, in its family";
+    if (c.log && *c.log) EXPECT_TRUE(capture.contains(c.log));
+    if (c.log && !*c.log) EXPECT_TRUE(capture.lines().empty());
+  }
 }
 
-TEST(Reachability, UnreadableFlagsGiveNoneAndNoLogLine) {
-  test::ScopedFakeRouteSource fake;
-  fake->setFlags("0.0.0.0", std::nullopt);
-  auto internet = Reachability::reachabilityForInternetConnection();
-  LogCapture capture;
-  EXPECT_EQ(internet->currentReachabilityStatus(), 0);
-  EXPECT_FALSE(internet->connectionRequired());
-  EXPECT_TRUE(capture.lines().empty());
-
-  fake->setFlags("0.0.0.0", 0x6);
-  EXPECT_TRUE(internet->connectionRequired());
-  EXPECT_TRUE(capture.lines().empty()) << "connectionRequired computes no status";
-}
-
-TEST(Reachability, HostNameIsResolvedAtEveryRead) {
+TEST(Reachability, OneMonitorRereadsItsTarget) {
   test::ScopedFakeRouteSource fake;
   fake->setFlags("198.51.100.1", 0x2);
   fake->setFlags("198.51.100.2", 0x40002);
-  auto r = Reachability::reachabilityWithHostName("updates.example");
-  ASSERT_TRUE(r);
+  auto byName = Reachability::reachabilityWithHostName("updates.example");
   LogCapture capture;
-  EXPECT_EQ(r->currentReachabilityStatus(), 0) << "a name that does not resolve is not reachable";
-  EXPECT_EQ(capture.lines().size(), 1u);
-
-  fake->setName("updates.example", {"192.0.2.50", "198.51.100.2", "198.51.100.1"});
-  EXPECT_EQ(r->currentReachabilityStatus(), 2) << "the first reachable address counts";
-  fake->setName("updates.example", {"198.51.100.1"});
-  EXPECT_EQ(r->currentReachabilityStatus(), 1);
-  EXPECT_EQ(fake->resolveCount(), 3);
-}
-
-TEST(Reachability, NamesAreJudgedOverEveryFamily) {
-  test::ScopedFakeRouteSource fake;
-  fake->setFlags("192.0.2.1", 0x2);
-  fake->setFlags("2001:db8::1", 0x2);
-  fake->setFlags("2001:db8::2", 0x40002);
-  // 192.0.2.9 and 2001:db8::9 have no route (flags 0).
-  struct Case {
-    std::vector<const char*> addresses;
-    std::int64_t status;
-  } cases[] = {
-      {{"2001:db8::1"}, 1},
-      {{"2001:db8::9"}, 0},
-      {{"192.0.2.9", "2001:db8::1"}, 1},
-      {{"2001:db8::9", "192.0.2.1"}, 1},
-      {{"2001:db8::2", "192.0.2.1"}, 2},
-      {{"192.0.2.1", "2001:db8::2"}, 1},
-      {{"2001:db8::9", "192.0.2.9"}, 0},
-  };
-  auto r = Reachability::reachabilityWithHostName("dual.example");
-  ASSERT_TRUE(r);
-  LogCapture quiet;
-  for (const auto& c : cases) {
-    std::string what;
-    for (const char* a : c.addresses) what += std::string(a) + " ";
-    SCOPED_TRACE(what);
-    fake->setName("dual.example", c.addresses);
-    EXPECT_EQ(r->currentReachabilityStatus(), c.status);
+  for (auto [address, status] : {std::pair{"198.51.100.2", 2}, {"198.51.100.1", 1}}) {
+    fake->setName("updates.example", {address});
+    EXPECT_EQ(byName->currentReachabilityStatus(), status) << address;
   }
-}
+  EXPECT_EQ(fake->resolveCount(), 2) << "resolved at every read, and only then";
 
-TEST(Reachability, Ipv6AddressesAndLiterals) {
-  test::ScopedFakeRouteSource fake;
-  fake->setFlags("2001:db8::1", 0x20002);
-  fake->setFlags("::", 0x2);
-  struct Case {
-    const char* address;
-    std::int64_t status;
-  } cases[] = {{"2001:db8::1", 1}, {"2001:db8::5", 0}, {"::", 1}};
-  LogCapture quiet;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.address);
-    sockaddr_in6 a{};
-    a.sin6_family = AF_INET6;
-    ASSERT_EQ(inet_pton(AF_INET6, c.address, &a.sin6_addr), 1);
-    auto byAddress = Reachability::reachabilityWithAddress(&a);
-    ASSERT_TRUE(byAddress);
-    EXPECT_EQ(byAddress->currentReachabilityStatus(), c.status);
-    EXPECT_EQ(fake->asked().back(), c.address) << "asked for that address, not an IPv4 one";
-    // A literal given as a host name resolves to itself; the fake knows no
-    // names, so it is not reachable here, but it is a usable target.
-    EXPECT_NE(Reachability::reachabilityWithHostName(c.address), nullptr);
+  auto internet = Reachability::reachabilityForInternetConnection();
+  capture.clear();
+  for (auto [flags, required] :
+       {std::pair{std::optional<std::uint32_t>(), false}, {0x6u, true}, {0x2u, false}}) {
+    fake->setFlags("0.0.0.0", flags);
+    EXPECT_EQ(internet->connectionRequired(), required) << flags.value_or(-1);
   }
-
-  for (const char* bad :
-       {"2001:db8:::1", "2001:db8::1%eth0", "fe80::1/64", "[2001:db8::1]", ":", "1:2:3"}) {
-    SCOPED_TRACE(bad);
-    EXPECT_EQ(Reachability::reachabilityWithHostName(bad), nullptr);
-  }
-  sockaddr_in6 wrongFamily{};
-  wrongFamily.sin6_family = AF_INET;
-  EXPECT_EQ(Reachability::reachabilityWithAddress(&wrongFamily), nullptr);
-  EXPECT_EQ(Reachability::reachabilityWithAddress(static_cast<const sockaddr_in6*>(nullptr)),
-            nullptr);
+  EXPECT_TRUE(capture.lines().empty()) << "connectionRequired computes no status";
 }
 
 TEST(Reachability, FactoriesRefuseUnusableTargets) {
-  const char* bad[] = {"",          ".",        "a..b",    ".example.com",    "has space.example",
-                       "tab\there", "exa/mple", "name:80", "ünicode.example", "\x01"};
-  for (const char* name : bad) {
-    SCOPED_TRACE(name);
-    EXPECT_EQ(Reachability::reachabilityWithHostName(name), nullptr);
-  }
-  EXPECT_EQ(Reachability::reachabilityWithHostName(std::string(64, 'a') + ".example"), nullptr);
   std::string longName;
   for (int i = 0; i < 51; ++i) longName += "abcd.";  // 255 bytes
-  EXPECT_EQ(Reachability::reachabilityWithHostName(longName + "x"), nullptr);
-
-  for (const char* name : {"example.com.", "under_score-and-dash.example", "192.0.2.1", "x"}) {
-    SCOPED_TRACE(name);
-    EXPECT_NE(Reachability::reachabilityWithHostName(name), nullptr);
+  const std::string label63(63, 'a'), label64(64, 'a');
+  const struct {
+    std::string name;
+    bool usable;
+  } cases[] = {
+      {"", false},
+      {".", false},
+      {"a..b", false},
+      {".example.com", false},
+      {"has space.example", false},
+      {"tab\there", false},
+      {"exa/mple", false},
+      {"name:80", false},
+      {"ünicode.example", false},
+      {"\x01", false},
+      {label64 + ".example", false},
+      {longName + "x", false},
+      {"2001:db8:::1", false},
+      {"2001:db8::1%eth0", false},
+      {"fe80::1/64", false},
+      {"[2001:db8::1]", false},
+      {":", false},
+      {"1:2:3", false},
+      {"example.com.", true},
+      {"under_score-and-dash.example", true},
+      {"x", true},
+      {label63 + ".example", true},
+      {"192.0.2.1", true},
+      {"2001:db8::1", true},
+      {"::", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(Reachability::reachabilityWithHostName(c.name) != nullptr, c.usable);
   }
-  EXPECT_NE(Reachability::reachabilityWithHostName(std::string(63, 'a') + ".example"), nullptr);
-
   EXPECT_EQ(Reachability::reachabilityWithAddress(static_cast<const sockaddr_in*>(nullptr)),
             nullptr);
-  sockaddr_in wrongFamily{};
-  wrongFamily.sin_family = AF_INET6;
-  EXPECT_EQ(Reachability::reachabilityWithAddress(&wrongFamily), nullptr);
+  EXPECT_EQ(Reachability::reachabilityWithAddress(static_cast<const sockaddr_in6*>(nullptr)),
+            nullptr);
+  sockaddr_in wrong4{};
+  wrong4.sin_family = AF_INET6;
+  EXPECT_EQ(Reachability::reachabilityWithAddress(&wrong4), nullptr);
+  sockaddr_in6 wrong6{};
+  wrong6.sin6_family = AF_INET;
+  EXPECT_EQ(Reachability::reachabilityWithAddress(&wrong6), nullptr);
 }
 
 }  // namespace
