@@ -23,14 +23,12 @@ using namespace std::chrono_literals;
 // What each target's flags read after a step: '-' nothing, 'g' reachable
 // through a gateway, 'd' direct, 'l' an own address.
 std::string code(const std::optional<std::uint32_t>& flags) {
-  constexpr std::uint32_t R = kReachabilityFlagReachable, d = kReachabilityFlagIsDirect,
-                          l = kReachabilityFlagIsLocalAddress;
+  constexpr std::uint32_t R = kReachabilityFlagReachable, d = kReachabilityFlagIsDirect;
+  static const std::map<std::uint32_t, std::string> codes = {
+      {0, "-"}, {R, "g"}, {R | d, "d"}, {R | d | kReachabilityFlagIsLocalAddress, "l"}};
   if (!flags) return "?";
-  if (*flags == 0) return "-";
-  if (*flags == R) return "g";
-  if (*flags == (R | d)) return "d";
-  if (*flags == (R | d | l)) return "l";
-  return reachabilityFlagLetters(*flags);
+  auto it = codes.find(*flags);
+  return it != codes.end() ? it->second : reachabilityFlagLetters(*flags);
 }
 
 TEST(ReachabilityKernel, NamespaceChangesReachTheObserver) {

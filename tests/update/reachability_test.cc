@@ -1,16 +1,24 @@
-// The status rules, the flag log line and the factories, from fed flags.
+// The status rules, the flag log line, the factories and the change watch,
+// from fed flags and changes; the notification centre.
 
 #include "quarvel/Reachability.h"
 
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <chrono>
+#include <future>
+#include <thread>
 
 #include "common/Log.h"
+#include "quarvel/NotificationCenter.h"
 #include "update/FakeRouteSource.h"
+#include "update/MainContextLoop.h"
 
 namespace quarvel {
 namespace {
+
+using namespace std::chrono_literals;
 
 TEST(Reachability, StatusRules) {
   struct Case {
@@ -155,6 +163,132 @@ TEST(Reachability, FactoriesRefuseUnusableTargets) {
   sockaddr_in6 wrong6{};
   wrong6.sin6_family = AF_INET;
   EXPECT_EQ(Reachability::reachabilityWithAddress(&wrong6), nullptr);
+}
+
+// Counts the change notifications of one monitor and the threads they came on.
+struct ChangeRecorder {
+  explicit ChangeRecorder(Reachability* monitor) {
+    token = NotificationCenter::defaultCenter().add(
+        kReachabilityChangedNotification, monitor, [this, monitor](const Notification& n) {
+          EXPECT_EQ(n.object, monitor);
+          threads.push_back(std::this_thread::get_id());
+          statuses.push_back(monitor->currentReachabilityStatus());
+        });
+  }
+  ~ChangeRecorder() { NotificationCenter::defaultCenter().remove(token); }
+  NotificationCenter::Token token;
+  std::vector<std::thread::id> threads;
+  std::vector<std::int64_t> statuses;
+};
+
+TEST(ReachabilityNotifier, ChangeReachesObserverOnTheThreadThatStartedIt) {
+  test::ScopedFakeRouteSource fake;
+  fake->setFlags("0.0.0.0", 0x2);
+  std::promise<bool> started;
+  std::vector<std::thread::id> seenOn;
+  std::vector<std::int64_t> statuses;
+  std::thread worker([&] {
+    test::MainContextLoop loop;
+    auto monitor = Reachability::reachabilityForInternetConnection();
+    ChangeRecorder recorder(monitor.get());
+    bool watching = monitor->startNotifier();
+    started.set_value(watching);
+    if (watching) loop.runUntil([&] { return !recorder.threads.empty(); }, 5s);
+    seenOn = recorder.threads;
+    statuses = recorder.statuses;
+  });
+  const auto loopThread = worker.get_id();
+  EXPECT_TRUE(started.get_future().get());
+  // Announced from the test's thread, which never runs the callback itself.
+  fake->setFlags("0.0.0.0", 0x40002);
+  fake->announce();
+  worker.join();
+  EXPECT_EQ(seenOn, std::vector<std::thread::id>{loopThread});
+  EXPECT_EQ(statuses, std::vector<std::int64_t>{2});
+  EXPECT_EQ(fake->openWatches(), 0u) << "destroying the monitor stops its watch";
+}
+
+TEST(ReachabilityNotifier, PostsOnlyWhenFlagsChanged) {
+  test::ScopedFakeRouteSource fake;
+  fake->setFlags("203.0.113.7", 0x2);
+  test::MainContextLoop loop;
+  auto monitor = test::monitorFor("203.0.113.7");
+  ChangeRecorder recorder(monitor.get());
+  // Announces a change, with these flags if given, and runs the loop until
+  // the posts have reached `posted`, or for a while when none should come.
+  auto change = [&](std::optional<std::uint32_t> flags, std::vector<std::int64_t> posted) {
+    if (flags) fake->setFlags("203.0.113.7", *flags);
+    fake->announce();
+    if (posted.size() == recorder.statuses.size())
+      loop.runFor(100ms);
+    else
+      loop.runUntil([&] { return recorder.statuses.size() >= posted.size(); }, 5s);
+    EXPECT_EQ(recorder.statuses, posted);
+  };
+  ASSERT_TRUE(monitor->startNotifier());
+  change(std::nullopt, {});  // a route elsewhere changed; these flags did not
+  change(0x20002, {1});
+  change(0, {1, 0});
+  monitor->stopNotifier();
+  EXPECT_EQ(fake->openWatches(), 0u);
+  change(0x2, {1, 0});  // nothing after stopNotifier
+
+  // Started again, it judges changes against the flags of that moment.
+  ASSERT_TRUE(monitor->startNotifier());
+  ASSERT_TRUE(monitor->startNotifier()) << "starting twice keeps one watch";
+  EXPECT_EQ(fake->openWatches(), 1u);
+  change(0x2, {1, 0});
+  change(0x40002, {1, 0, 2});
+
+  // An observer after the recorder destroys the monitor, and with it the watch.
+  auto& center = NotificationCenter::defaultCenter();
+  auto token = center.add(kReachabilityChangedNotification, monitor.get(),
+                          [&](const Notification&) { monitor.reset(); });
+  change(0x2, {1, 0, 2, 1});
+  loop.runFor(50ms);
+  center.remove(token);
+  EXPECT_EQ(monitor, nullptr);
+  EXPECT_EQ(fake->openWatches(), 0u);
+}
+
+TEST(NotificationCenter, FiltersByNameAndObject) {
+  NotificationCenter center;
+  int a = 0, b = 0;
+  std::vector<std::string> calls;
+  auto record = [&](const char* who) {
+    return
+        [&calls, who](const Notification& n) { calls.push_back(std::string(who) + ":" + n.name); };
+  };
+  center.add("x", &a, record("x/a"));
+  center.add("x", nullptr, record("x/any"));
+  center.add("", &b, record("any/b"));
+  auto gone = center.add("x", nullptr, record("removed"));
+  center.remove(gone);
+  center.remove(9999);
+
+  center.post("x", &a);
+  center.post("x", &b);
+  center.post("y", &b);
+  center.post("y", &a);
+  EXPECT_EQ(calls, (std::vector<std::string>{"x/a:x", "x/any:x", "x/any:x", "any/b:x", "any/b:y"}));
+}
+
+TEST(NotificationCenter, ObserversMayChangeTheListWhilePosting) {
+  NotificationCenter center;
+  std::vector<int> calls;
+  NotificationCenter::Token second = 0;
+  center.add("n", nullptr, [&](const Notification&) {
+    calls.push_back(1);
+    center.remove(second);  // skipped in this post
+    center.add("n", nullptr,
+               [&](const Notification&) { calls.push_back(3); });  // from the next post
+  });
+  second = center.add("n", nullptr, [&](const Notification&) { calls.push_back(2); });
+  center.post("n", nullptr);
+  EXPECT_EQ(calls, std::vector<int>{1});
+  calls.clear();
+  center.post("n", nullptr);
+  EXPECT_EQ(calls, (std::vector<int>{1, 3}));
 }
 
 }  // namespace
