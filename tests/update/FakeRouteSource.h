@@ -1,8 +1,7 @@
 #pragma once
 // A route source fed by the test: flags per address (IPv4 or IPv6, written
-// as text), addresses per name, and
-// change announcements that wake every open watch through an eventfd, from
-// whichever thread announces.
+// as text), addresses per name, and change announcements that wake every
+// open watch through an eventfd, from whichever thread announces.
 
 #include <arpa/inet.h>
 #include <sys/eventfd.h>

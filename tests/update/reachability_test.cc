@@ -105,8 +105,9 @@ TEST(Reachability, MonitorsJudgeTheirTargetsFlags) {
     ASSERT_TRUE(monitor);
     LogCapture capture;
     EXPECT_EQ(monitor->currentReachabilityStatus(), c.status);
-    if (std::isdigit(c.target[0]) || c.target[0] == ':')
+    if (std::isdigit(c.target[0]) || c.target[0] == ':') {
       EXPECT_EQ(fake->asked().back(), c.target) << "asked for that address, in its family";
+    }
     if (c.at && !c.flags)
       EXPECT_TRUE(capture.lines().empty()) << "no status line from unreadable flags";
     else
@@ -153,16 +154,14 @@ TEST(Reachability, FactoriesRefuseUnusableTargets) {
   EXPECT_FALSE(usable(longName + "x"));
   EXPECT_FALSE(usable(std::string(64, 'a') + ".example"));
   EXPECT_TRUE(usable(std::string(63, 'a') + ".example"));
-  EXPECT_EQ(Reachability::reachabilityWithAddress(static_cast<const sockaddr_in*>(nullptr)),
-            nullptr);
-  EXPECT_EQ(Reachability::reachabilityWithAddress(static_cast<const sockaddr_in6*>(nullptr)),
-            nullptr);
-  sockaddr_in wrong4{};
+  sockaddr_in wrong4{}, *null4 = nullptr;
+  sockaddr_in6 wrong6{}, *null6 = nullptr;
   wrong4.sin_family = AF_INET6;
-  EXPECT_EQ(Reachability::reachabilityWithAddress(&wrong4), nullptr);
-  sockaddr_in6 wrong6{};
   wrong6.sin6_family = AF_INET;
+  EXPECT_EQ(Reachability::reachabilityWithAddress(&wrong4), nullptr);
   EXPECT_EQ(Reachability::reachabilityWithAddress(&wrong6), nullptr);
+  EXPECT_EQ(Reachability::reachabilityWithAddress(null4), nullptr);
+  EXPECT_EQ(Reachability::reachabilityWithAddress(null6), nullptr);
 }
 
 // Counts the change notifications of one monitor and the threads they came on.
