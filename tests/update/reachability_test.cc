@@ -121,7 +121,6 @@ TEST(Reachability, OneMonitorRereadsItsTarget) {
   fake->setFlags("198.51.100.1", 0x2);
   fake->setFlags("198.51.100.2", 0x40002);
   auto byName = Reachability::reachabilityWithHostName("updates.example");
-  LogCapture capture;
   for (auto [address, status] : {std::pair{"198.51.100.2", 2}, {"198.51.100.1", 1}}) {
     fake->setName("updates.example", {address});
     EXPECT_EQ(byName->currentReachabilityStatus(), status) << address;
@@ -129,7 +128,7 @@ TEST(Reachability, OneMonitorRereadsItsTarget) {
   EXPECT_EQ(fake->resolveCount(), 2) << "resolved at every read, and only then";
 
   auto internet = Reachability::reachabilityForInternetConnection();
-  capture.clear();
+  LogCapture capture;
   for (auto [flags, required] :
        {std::pair{std::optional<std::uint32_t>(), false}, {0x6u, true}, {0x2u, false}}) {
     fake->setFlags("0.0.0.0", flags);
