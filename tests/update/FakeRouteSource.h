@@ -1,8 +1,7 @@
 #pragma once
 // A route source fed by the test: flags per address (IPv4 or IPv6, written
-// as text), addresses per name, and
-// change announcements that wake every open watch through an eventfd, from
-// whichever thread announces.
+// as text), addresses per name, and change announcements that wake every
+// open watch through an eventfd, from whichever thread announces.
 
 #include <arpa/inet.h>
 #include <sys/eventfd.h>
@@ -13,6 +12,7 @@
 #include <mutex>
 #include <set>
 
+#include "quarvel/Reachability.h"
 #include "support/TestPlatform.h"
 #include "update/RouteSource.h"
 
@@ -102,6 +102,23 @@ class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<
   std::set<int> watchFds_;
   std::atomic<int> resolveCount_{0};
 };
+
+// A monitor for "internet", "wifi", "name:NAME" or an address literal of
+// either family; null when the factory refuses it.
+inline std::unique_ptr<Reachability> monitorFor(const std::string& target) {
+  if (target == "internet") return Reachability::reachabilityForInternetConnection();
+  if (target == "wifi") return Reachability::reachabilityForLocalWiFi();
+  if (target.starts_with("name:")) return Reachability::reachabilityWithHostName(target.substr(5));
+  sockaddr_in v4{};
+  v4.sin_family = AF_INET;
+  if (inet_pton(AF_INET, target.c_str(), &v4.sin_addr) == 1)
+    return Reachability::reachabilityWithAddress(&v4);
+  sockaddr_in6 v6{};
+  v6.sin6_family = AF_INET6;
+  if (inet_pton(AF_INET6, target.c_str(), &v6.sin6_addr) == 1)
+    return Reachability::reachabilityWithAddress(&v6);
+  return nullptr;
+}
 
 // Installs a fresh fake for monitors created while it lives.
 class ScopedFakeRouteSource {

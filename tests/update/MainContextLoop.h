@@ -23,8 +23,6 @@ class MainContextLoop {
   MainContextLoop(const MainContextLoop&) = delete;
   MainContextLoop& operator=(const MainContextLoop&) = delete;
 
-  GMainContext* context() const { return context_; }
-
   // Dispatches until `done` answers true or `limit` has passed; answers done().
   bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
     auto deadline = std::chrono::steady_clock::now() + limit;

@@ -18,7 +18,10 @@
 
 #include "quarvel/CVUserDefaults.h"
 #include "quarvel/UpdateRun.h"
+#include "support/DataFileTargets.h"
+#include "support/FileText.h"
 #include "support/FreePort.h"
+#include "support/RecordingUpdateView.h"
 #include "support/SettingsSandbox.h"
 
 namespace quarvel {
@@ -27,12 +30,7 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+using testing::readFile;
 
 void writeFile(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
@@ -127,17 +125,8 @@ class NginxServer {
   std::string error_;
 };
 
-class RecordingView : public UpdateView {
- public:
-  void setStatusText(const std::string&) override {}
-  void setProgress(double) override {}
-  void errorAlert(const std::string& code) override { alerts.push_back(code); }
-  void close() override {}
-  std::vector<std::string> alerts;  // read after the worker ended
-};
-
-const char* kNames[] = {"macchecklist.dat", "macpcklist.dat", "macfilterlist.dat",
-                        "userchecklist.dat", "fontchecklist.dat"};
+using testing::kDataFileTargets;
+using testing::RecordingView;
 
 TEST(NginxUpdate, RunsBothVariantsAgainstTheDocumentedConfiguration) {
   const std::string nginx = findNginx();
@@ -146,7 +135,8 @@ TEST(NginxUpdate, RunsBothVariantsAgainstTheDocumentedConfiguration) {
   testing::SettingsSandbox sandbox;
   const std::string root = sandbox.root() + "/lists";
   fs::create_directories(root + "/sub");
-  for (const char* name : kNames) writeFile(root + "/" + name, std::string("nginx ") + name);
+  for (const auto& file : kDataFileTargets)
+    writeFile(root + "/" + file.name, std::string("nginx ") + file.name);
   writeFile(root + "/package.dat", "windows packages");
   writeFile(root + "/ver.dat", "7");
   writeFile(sandbox.root() + "/secret", "secret");
@@ -167,17 +157,18 @@ TEST(NginxUpdate, RunsBothVariantsAgainstTheDocumentedConfiguration) {
 
   for (bool web : {false, true}) {
     SCOPED_TRACE(web);
-    for (const char* name : kNames) fs::remove(*settings->libraryPath() + "/" + name);
+    for (const auto& file : kDataFileTargets)
+      fs::remove(*settings->libraryPath() + "/" + file.name);
     auto view = std::make_shared<RecordingView>();
     auto run = UpdateRun::create(view, options);
     run->setIsWebQuarvel(web);
     run->start();
     ASSERT_TRUE(run->waitUntilFinished(30s));
     EXPECT_EQ(run->updateStatus(), UpdateStatusDone);
-    EXPECT_EQ(view->alerts, std::vector<std::string>{"DOWNLOAD_DONE"});
-    for (const char* name : kNames) {
-      EXPECT_EQ(readFile(*settings->libraryPath() + "/" + name), std::string("nginx ") + name);
-    }
+    EXPECT_EQ(view->alerts(), std::vector<std::string>{"DOWNLOAD_DONE"});
+    for (const auto& file : kDataFileTargets)
+      EXPECT_EQ(readFile(*settings->libraryPath() + "/" + file.name),
+                std::string("nginx ") + file.name);
   }
 
   auto run = UpdateRun::create(std::make_shared<RecordingView>(), options);

@@ -1,22 +1,24 @@
-// The status rules, the flag log line and the factories, from fed flags.
+// The status rules, the flag log line, the factories and the change watch,
+// from fed flags and changes; the notification centre.
 
 #include "quarvel/Reachability.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <chrono>
+#include <future>
+#include <thread>
+
 #include "common/Log.h"
+#include "quarvel/NotificationCenter.h"
 #include "update/FakeRouteSource.h"
+#include "update/MainContextLoop.h"
 
 namespace quarvel {
 namespace {
 
-std::unique_ptr<Reachability> forAddress(const char* dotted) {
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  inet_pton(AF_INET, dotted, &a.sin_addr);
-  return Reachability::reachabilityWithAddress(&a);
-}
+using namespace std::chrono_literals;
 
 TEST(Reachability, StatusRules) {
   struct Case {
@@ -28,7 +30,7 @@ TEST(Reachability, StatusRules) {
       {0x40000, 0, 0}, {0x20000, 0, 0},    {0x20002, 1, 1}, {0x60002, 2, 1}, {0x20006, 0, 1},
       {0x2000C, 0, 0}, {0xFFFFFFFD, 0, 0},
   };
-  auto r = forAddress("192.0.2.9");
+  auto r = test::monitorFor("192.0.2.9");
   LogCapture capture;
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::Message() << std::hex << "flags 0x" << c.flags);
@@ -50,7 +52,7 @@ TEST(Reachability, FlagLogLine) {
       {0x7003F, false, "Reachability Flag Status: WR tcCiDld networkStatusForFlags\n"},
       {0x40001, true, "Reachability Flag Status: W- t------ localWiFiStatusForFlags\n"},
   };
-  auto r = forAddress("192.0.2.9");
+  auto r = test::monitorFor("192.0.2.9");
   for (const auto& c : cases) {
     SCOPED_TRACE(c.line);
     LogCapture capture;
@@ -61,145 +63,230 @@ TEST(Reachability, FlagLogLine) {
   EXPECT_EQ(reachabilityFlagLetters(0x10000), "-- -----l-");
 }
 
-TEST(Reachability, MonitorKindSelectsTheRule) {
-  test::ScopedFakeRouteSource fake;
-  // Reachable through a gateway: fine for the internet, not for the local link.
-  fake->setFlags("169.254.0.0", 0x2);
-  fake->setFlags("0.0.0.0", 0x2);
-  auto local = Reachability::reachabilityForLocalWiFi();
-  auto sameAddress = forAddress("169.254.0.0");
-  auto internet = Reachability::reachabilityForInternetConnection();
-  LogCapture capture;
-  EXPECT_EQ(local->currentReachabilityStatus(), 0);
-  EXPECT_TRUE(capture.contains("localWiFiStatusForFlags"));
-  EXPECT_EQ(sameAddress->currentReachabilityStatus(), 1);
-  EXPECT_EQ(internet->currentReachabilityStatus(), 1);
-
-  fake->setFlags("169.254.0.0", 0x20002);
-  EXPECT_EQ(local->currentReachabilityStatus(), 1);
-  fake->setFlags("0.0.0.0", 0x40002);
-  EXPECT_EQ(internet->currentReachabilityStatus(), 2);
+TEST(Reachability, MonitorsJudgeTheirTargetsFlags) {
+  // Flags of every row, unless the row overrides one address.
+  const std::pair<const char*, std::uint32_t> world[] = {
+      {"0.0.0.0", 0x2},   {"169.254.0.0", 0x2}, {"::", 0x2},
+      {"192.0.2.1", 0x2}, {"2001:db8::1", 0x2}, {"2001:db8::2", 0x40002}};
+  struct Case {
+    const char* what;
+    const char* target;  // as test::monitorFor takes it; names resolve to `addresses`
+    std::int64_t status;
+    std::vector<const char*> addresses = {};
+    const char* at = nullptr;  // the address whose flags the row overrides
+    std::optional<std::uint32_t> flags = {};
+  } const cases[] = {
+      {"local link through a gateway", "wifi", 0},
+      {"same address, general rule", "169.254.0.0", 1},
+      {"local link direct", "wifi", 1, {}, "169.254.0.0", 0x20002},
+      {"internet through a gateway", "internet", 1},
+      {"internet over WWAN", "internet", 2, {}, "0.0.0.0", 0x40002},
+      {"unreadable flags", "internet", 0, {}, "0.0.0.0", std::nullopt},
+      {"IPv6 address", "2001:db8::1", 1},
+      {"IPv6 address without route", "2001:db8::5", 0},
+      {"IPv6 any address", "::", 1},
+      {"name that does not resolve", "name:dual.example", 0},
+      // A name counts as its first reachable address, whatever the family.
+      {"IPv6 only", "name:dual.example", 1, {"2001:db8::1"}},
+      {"IPv6 without route", "name:dual.example", 0, {"2001:db8::9"}},
+      {"IPv4 without route first", "name:dual.example", 1, {"192.0.2.9", "2001:db8::1"}},
+      {"IPv6 without route first", "name:dual.example", 1, {"2001:db8::9", "192.0.2.1"}},
+      {"WWAN IPv6 first", "name:dual.example", 2, {"2001:db8::2", "192.0.2.1"}},
+      {"IPv4 first", "name:dual.example", 1, {"192.0.2.1", "2001:db8::2"}},
+      {"no route in either family", "name:dual.example", 0, {"2001:db8::9", "192.0.2.9"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    test::ScopedFakeRouteSource fake;
+    for (const auto& [address, flags] : world) fake->setFlags(address, flags);
+    if (c.at) fake->setFlags(c.at, c.flags);
+    fake->setName("dual.example", c.addresses);
+    auto monitor = test::monitorFor(c.target);
+    ASSERT_TRUE(monitor);
+    LogCapture capture;
+    EXPECT_EQ(monitor->currentReachabilityStatus(), c.status);
+    if (std::isdigit(c.target[0]) || c.target[0] == ':') {
+      EXPECT_EQ(fake->asked().back(), c.target) << "asked for that address, in its family";
+    }
+    if (c.at && !c.flags)
+      EXPECT_TRUE(capture.lines().empty()) << "no status line from unreadable flags";
+    else
+      EXPECT_TRUE(capture.contains(c.target == std::string("wifi") ? "localWiFiStatusForFlags"
+                                                                   : "networkStatusForFlags"));
+  }
 }
 
-TEST(Reachability, UnreadableFlagsGiveNoneAndNoLogLine) {
-  test::ScopedFakeRouteSource fake;
-  fake->setFlags("0.0.0.0", std::nullopt);
-  auto internet = Reachability::reachabilityForInternetConnection();
-  LogCapture capture;
-  EXPECT_EQ(internet->currentReachabilityStatus(), 0);
-  EXPECT_FALSE(internet->connectionRequired());
-  EXPECT_TRUE(capture.lines().empty());
-
-  fake->setFlags("0.0.0.0", 0x6);
-  EXPECT_TRUE(internet->connectionRequired());
-  EXPECT_TRUE(capture.lines().empty()) << "connectionRequired computes no status";
-}
-
-TEST(Reachability, HostNameIsResolvedAtEveryRead) {
+TEST(Reachability, OneMonitorRereadsItsTarget) {
   test::ScopedFakeRouteSource fake;
   fake->setFlags("198.51.100.1", 0x2);
   fake->setFlags("198.51.100.2", 0x40002);
-  auto r = Reachability::reachabilityWithHostName("updates.example");
-  ASSERT_TRUE(r);
+  auto byName = Reachability::reachabilityWithHostName("updates.example");
+  for (auto [address, status] : {std::pair{"198.51.100.2", 2}, {"198.51.100.1", 1}}) {
+    fake->setName("updates.example", {address});
+    EXPECT_EQ(byName->currentReachabilityStatus(), status) << address;
+  }
+  EXPECT_EQ(fake->resolveCount(), 2) << "resolved at every read, and only then";
+
+  auto internet = Reachability::reachabilityForInternetConnection();
   LogCapture capture;
-  EXPECT_EQ(r->currentReachabilityStatus(), 0) << "a name that does not resolve is not reachable";
-  EXPECT_EQ(capture.lines().size(), 1u);
-
-  fake->setName("updates.example", {"192.0.2.50", "198.51.100.2", "198.51.100.1"});
-  EXPECT_EQ(r->currentReachabilityStatus(), 2) << "the first reachable address counts";
-  fake->setName("updates.example", {"198.51.100.1"});
-  EXPECT_EQ(r->currentReachabilityStatus(), 1);
-  EXPECT_EQ(fake->resolveCount(), 3);
-}
-
-TEST(Reachability, NamesAreJudgedOverEveryFamily) {
-  test::ScopedFakeRouteSource fake;
-  fake->setFlags("192.0.2.1", 0x2);
-  fake->setFlags("2001:db8::1", 0x2);
-  fake->setFlags("2001:db8::2", 0x40002);
-  // 192.0.2.9 and 2001:db8::9 have no route (flags 0).
-  struct Case {
-    std::vector<const char*> addresses;
-    std::int64_t status;
-  } cases[] = {
-      {{"2001:db8::1"}, 1},
-      {{"2001:db8::9"}, 0},
-      {{"192.0.2.9", "2001:db8::1"}, 1},
-      {{"2001:db8::9", "192.0.2.1"}, 1},
-      {{"2001:db8::2", "192.0.2.1"}, 2},
-      {{"192.0.2.1", "2001:db8::2"}, 1},
-      {{"2001:db8::9", "192.0.2.9"}, 0},
-  };
-  auto r = Reachability::reachabilityWithHostName("dual.example");
-  ASSERT_TRUE(r);
-  LogCapture quiet;
-  for (const auto& c : cases) {
-    std::string what;
-    for (const char* a : c.addresses) what += std::string(a) + " ";
-    SCOPED_TRACE(what);
-    fake->setName("dual.example", c.addresses);
-    EXPECT_EQ(r->currentReachabilityStatus(), c.status);
+  for (auto [flags, required] :
+       {std::pair{std::optional<std::uint32_t>(), false}, {0x6u, true}, {0x2u, false}}) {
+    fake->setFlags("0.0.0.0", flags);
+    EXPECT_EQ(internet->connectionRequired(), required) << flags.value_or(-1);
   }
-}
-
-TEST(Reachability, Ipv6AddressesAndLiterals) {
-  test::ScopedFakeRouteSource fake;
-  fake->setFlags("2001:db8::1", 0x20002);
-  fake->setFlags("::", 0x2);
-  struct Case {
-    const char* address;
-    std::int64_t status;
-  } cases[] = {{"2001:db8::1", 1}, {"2001:db8::5", 0}, {"::", 1}};
-  LogCapture quiet;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.address);
-    sockaddr_in6 a{};
-    a.sin6_family = AF_INET6;
-    ASSERT_EQ(inet_pton(AF_INET6, c.address, &a.sin6_addr), 1);
-    auto byAddress = Reachability::reachabilityWithAddress(&a);
-    ASSERT_TRUE(byAddress);
-    EXPECT_EQ(byAddress->currentReachabilityStatus(), c.status);
-    EXPECT_EQ(fake->asked().back(), c.address) << "asked for that address, not an IPv4 one";
-    // A literal given as a host name resolves to itself; the fake knows no
-    // names, so it is not reachable here, but it is a usable target.
-    EXPECT_NE(Reachability::reachabilityWithHostName(c.address), nullptr);
-  }
-
-  for (const char* bad :
-       {"2001:db8:::1", "2001:db8::1%eth0", "fe80::1/64", "[2001:db8::1]", ":", "1:2:3"}) {
-    SCOPED_TRACE(bad);
-    EXPECT_EQ(Reachability::reachabilityWithHostName(bad), nullptr);
-  }
-  sockaddr_in6 wrongFamily{};
-  wrongFamily.sin6_family = AF_INET;
-  EXPECT_EQ(Reachability::reachabilityWithAddress(&wrongFamily), nullptr);
-  EXPECT_EQ(Reachability::reachabilityWithAddress(static_cast<const sockaddr_in6*>(nullptr)),
-            nullptr);
+  EXPECT_TRUE(capture.lines().empty()) << "connectionRequired computes no status";
 }
 
 TEST(Reachability, FactoriesRefuseUnusableTargets) {
-  const char* bad[] = {"",          ".",        "a..b",    ".example.com",    "has space.example",
-                       "tab\there", "exa/mple", "name:80", "ünicode.example", "\x01"};
-  for (const char* name : bad) {
-    SCOPED_TRACE(name);
-    EXPECT_EQ(Reachability::reachabilityWithHostName(name), nullptr);
-  }
-  EXPECT_EQ(Reachability::reachabilityWithHostName(std::string(64, 'a') + ".example"), nullptr);
+  auto usable = [](const std::string& name) {
+    return Reachability::reachabilityWithHostName(name) != nullptr;
+  };
+  for (const char* name : {"", ".", "a..b", ".example.com", "has space.example", "tab\there",
+                           "exa/mple", "name:80", "ünicode.example", "\x01", "2001:db8:::1",
+                           "2001:db8::1%eth0", "fe80::1/64", "[2001:db8::1]", ":", "1:2:3"})
+    EXPECT_FALSE(usable(name)) << name;
+  for (const char* name :
+       {"example.com.", "under_score-and-dash.example", "x", "192.0.2.1", "2001:db8::1", "::"})
+    EXPECT_TRUE(usable(name)) << name;
   std::string longName;
   for (int i = 0; i < 51; ++i) longName += "abcd.";  // 255 bytes
-  EXPECT_EQ(Reachability::reachabilityWithHostName(longName + "x"), nullptr);
+  EXPECT_FALSE(usable(longName + "x"));
+  EXPECT_FALSE(usable(std::string(64, 'a') + ".example"));
+  EXPECT_TRUE(usable(std::string(63, 'a') + ".example"));
+  sockaddr_in wrong4{}, *null4 = nullptr;
+  sockaddr_in6 wrong6{}, *null6 = nullptr;
+  wrong4.sin_family = AF_INET6;
+  wrong6.sin6_family = AF_INET;
+  EXPECT_EQ(Reachability::reachabilityWithAddress(&wrong4), nullptr);
+  EXPECT_EQ(Reachability::reachabilityWithAddress(&wrong6), nullptr);
+  EXPECT_EQ(Reachability::reachabilityWithAddress(null4), nullptr);
+  EXPECT_EQ(Reachability::reachabilityWithAddress(null6), nullptr);
+}
 
-  for (const char* name : {"example.com.", "under_score-and-dash.example", "192.0.2.1", "x"}) {
-    SCOPED_TRACE(name);
-    EXPECT_NE(Reachability::reachabilityWithHostName(name), nullptr);
+// Counts the change notifications of one monitor and the threads they came on.
+struct ChangeRecorder {
+  explicit ChangeRecorder(Reachability* monitor) {
+    token = NotificationCenter::defaultCenter().add(
+        kReachabilityChangedNotification, monitor, [this, monitor](const Notification& n) {
+          EXPECT_EQ(n.object, monitor);
+          threads.push_back(std::this_thread::get_id());
+          statuses.push_back(monitor->currentReachabilityStatus());
+        });
   }
-  EXPECT_NE(Reachability::reachabilityWithHostName(std::string(63, 'a') + ".example"), nullptr);
+  ~ChangeRecorder() { NotificationCenter::defaultCenter().remove(token); }
+  NotificationCenter::Token token;
+  std::vector<std::thread::id> threads;
+  std::vector<std::int64_t> statuses;
+};
 
-  EXPECT_EQ(Reachability::reachabilityWithAddress(static_cast<const sockaddr_in*>(nullptr)),
-            nullptr);
-  sockaddr_in wrongFamily{};
-  wrongFamily.sin_family = AF_INET6;
-  EXPECT_EQ(Reachability::reachabilityWithAddress(&wrongFamily), nullptr);
+TEST(ReachabilityNotifier, ChangeReachesObserverOnTheThreadThatStartedIt) {
+  test::ScopedFakeRouteSource fake;
+  fake->setFlags("0.0.0.0", 0x2);
+  std::promise<bool> started;
+  std::vector<std::thread::id> seenOn;
+  std::vector<std::int64_t> statuses;
+  std::thread worker([&] {
+    test::MainContextLoop loop;
+    auto monitor = Reachability::reachabilityForInternetConnection();
+    ChangeRecorder recorder(monitor.get());
+    bool watching = monitor->startNotifier();
+    started.set_value(watching);
+    if (watching) loop.runUntil([&] { return !recorder.threads.empty(); }, 5s);
+    seenOn = recorder.threads;
+    statuses = recorder.statuses;
+  });
+  const auto loopThread = worker.get_id();
+  EXPECT_TRUE(started.get_future().get());
+  // Announced from the test's thread, which never runs the callback itself.
+  fake->setFlags("0.0.0.0", 0x40002);
+  fake->announce();
+  worker.join();
+  EXPECT_EQ(seenOn, std::vector<std::thread::id>{loopThread});
+  EXPECT_EQ(statuses, std::vector<std::int64_t>{2});
+  EXPECT_EQ(fake->openWatches(), 0u) << "destroying the monitor stops its watch";
+}
+
+TEST(ReachabilityNotifier, PostsOnlyWhenFlagsChanged) {
+  test::ScopedFakeRouteSource fake;
+  fake->setFlags("203.0.113.7", 0x2);
+  test::MainContextLoop loop;
+  auto monitor = test::monitorFor("203.0.113.7");
+  ChangeRecorder recorder(monitor.get());
+  // Announces a change, with these flags if given, and runs the loop until
+  // the posts have reached `posted`, or for a while when none should come.
+  auto change = [&](std::optional<std::uint32_t> flags, std::vector<std::int64_t> posted) {
+    if (flags) fake->setFlags("203.0.113.7", *flags);
+    fake->announce();
+    if (posted.size() == recorder.statuses.size())
+      loop.runFor(100ms);
+    else
+      loop.runUntil([&] { return recorder.statuses.size() >= posted.size(); }, 5s);
+    EXPECT_EQ(recorder.statuses, posted);
+  };
+  ASSERT_TRUE(monitor->startNotifier());
+  change(std::nullopt, {});  // a route elsewhere changed; these flags did not
+  change(0x20002, {1});
+  change(0, {1, 0});
+  monitor->stopNotifier();
+  EXPECT_EQ(fake->openWatches(), 0u);
+  change(0x2, {1, 0});  // nothing after stopNotifier
+
+  // Started again, it judges changes against the flags of that moment.
+  ASSERT_TRUE(monitor->startNotifier());
+  ASSERT_TRUE(monitor->startNotifier()) << "starting twice keeps one watch";
+  EXPECT_EQ(fake->openWatches(), 1u);
+  change(0x2, {1, 0});
+  change(0x40002, {1, 0, 2});
+
+  // An observer after the recorder destroys the monitor, and with it the watch.
+  auto& center = NotificationCenter::defaultCenter();
+  auto token = center.add(kReachabilityChangedNotification, monitor.get(),
+                          [&](const Notification&) { monitor.reset(); });
+  change(0x2, {1, 0, 2, 1});
+  loop.runFor(50ms);
+  center.remove(token);
+  EXPECT_EQ(monitor, nullptr);
+  EXPECT_EQ(fake->openWatches(), 0u);
+}
+
+TEST(NotificationCenter, FiltersByNameAndObject) {
+  NotificationCenter center;
+  int a = 0, b = 0;
+  std::vector<std::string> calls;
+  auto record = [&](const char* who) {
+    return
+        [&calls, who](const Notification& n) { calls.push_back(std::string(who) + ":" + n.name); };
+  };
+  center.add("x", &a, record("x/a"));
+  center.add("x", nullptr, record("x/any"));
+  center.add("", &b, record("any/b"));
+  auto gone = center.add("x", nullptr, record("removed"));
+  center.remove(gone);
+  center.remove(9999);
+
+  center.post("x", &a);
+  center.post("x", &b);
+  center.post("y", &b);
+  center.post("y", &a);
+  EXPECT_EQ(calls, (std::vector<std::string>{"x/a:x", "x/any:x", "x/any:x", "any/b:x", "any/b:y"}));
+}
+
+TEST(NotificationCenter, ObserversMayChangeTheListWhilePosting) {
+  NotificationCenter center;
+  std::vector<int> calls;
+  NotificationCenter::Token second = 0;
+  center.add("n", nullptr, [&](const Notification&) {
+    calls.push_back(1);
+    center.remove(second);  // skipped in this post
+    center.add("n", nullptr,
+               [&](const Notification&) { calls.push_back(3); });  // from the next post
+  });
+  second = center.add("n", nullptr, [&](const Notification&) { calls.push_back(2); });
+  center.post("n", nullptr);
+  EXPECT_EQ(calls, std::vector<int>{1});
+  calls.clear();
+  center.post("n", nullptr);
+  EXPECT_EQ(calls, (std::vector<int>{1, 3}));
 }
 
 }  // namespace

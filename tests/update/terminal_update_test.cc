@@ -1,17 +1,21 @@
 // `quarvel update` in a terminal: outcome texts and exit statuses, what is
-// asked before the run, the bytes shown, and whether the window can open.
+// asked before the run, the bytes shown, a signed update from the list
+// server, and whether the window can open.
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdio>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <functional>
 #include <map>
 #include <sstream>
 
 #include "TerminalUpdate.h"
+#include "format/Signature.h"
 #include "quarvel/CVUserDefaults.h"
+#include "server/ListServer.h"
+#include "support/DataFileTargets.h"
+#include "support/FileText.h"
 #include "support/ReadableDataFile.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/SettingsSandbox.h"
@@ -51,66 +55,56 @@ class TerminalUpdateTest : public ::testing::Test {
   std::ostringstream out;
 };
 
+// Each outcome's text and exit status. Unlike the window, the terminal takes
+// only a list its reader opens, so an error page fails the run; an
+// interrupt ends it at once, without awaiting the transfer under way.
 TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
-  EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitDone);
-  EXPECT_NE(out.str().find("인터넷 연결상태를 확인 중입니다."), std::string::npos);
-  EXPECT_NE(
-      out.str().find("[##########--------------------]  33%  체크리스트 DB를 업데이트 중입니다."),
-      std::string::npos);
-  EXPECT_NE(out.str().find("Quarvel: 업데이트가 완료되었습니다."), std::string::npos);
-  EXPECT_TRUE(CVUserDefaults::standardUserDefaults()->lastUpdateDate());
-
-  out.str("");
-  server.failTimes(kTargets[0], 5);
-  EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitFailed);
-  EXPECT_NE(out.str().find("Quarvel: DB 업데이트 도중 오류가 발생하였습니다."), std::string::npos);
-}
-
-// Without a key the terminal still takes only a list its reader opens: an
-// error page or a body cut short fails every attempt and the old file
-// stays (the window and the library write what arrives).
-TEST_F(TerminalUpdateTest, RefusesWhatIsNotAListOfItsKind) {
-  const std::string path = *CVUserDefaults::standardUserDefaults()->filterFilePath();
-  const std::string cut = list(2, 4096);
-  const struct {
+  struct Case {
     const char* name;
-    std::string body;
-  } cases[] = {
-      {"an error page", "<html><body><h1>404 Not Found</h1></body></html>"},
-      {"a body cut short", cut.substr(0, cut.size() - 100)},
-      {"another kind of list", list(1)},
-      {"nothing", ""},
+    std::function<void(TerminalUpdateRequest&)> arrange;
+    int exit;
+    std::vector<std::string> said;
   };
-  for (const auto& c : cases) {
+  const Case cases[] = {
+      {"done",
+       [](auto&) {},
+       kUpdateExitDone,
+       {"인터넷 연결상태를 확인 중입니다.",
+        "[##########--------------------]  33%  체크리스트 DB를 업데이트 중입니다.",
+        "Quarvel: 업데이트가 완료되었습니다."}},
+      {"a list fails five times",
+       [this](auto&) { server.failTimes(kTargets[0], 5); },
+       kUpdateExitFailed,
+       {"Quarvel: DB 업데이트 도중 오류가 발생하였습니다."}},
+      {"an error page for a list",
+       [this](auto&) { server.serve(kTargets[2], "<html><body>404 Not Found</body></html>"); },
+       kUpdateExitFailed,
+       {"Quarvel: DB 업데이트 도중 오류가 발생하였습니다."}},
+      {"no network",
+       [](auto& r) { r.options.networkCheck = [] { return false; }; },
+       kUpdateExitNoNetwork,
+       {"인터넷 연결 오류\n인터넷 연결 상태를 확인해 주세요.\n※체크리스트를"}},
+      {"interrupted",
+       [this](auto& r) {
+         server.hold(kTargets[1]);
+         r.interrupted = [this] { return server.count(kTargets[1]) > 0; };
+       },
+       kUpdateExitCancelled,
+       {"업데이트가 취소되었습니다."}},
+  };
+  for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    FILE* old = std::fopen(path.c_str(), "wb");
-    ASSERT_TRUE(old);
-    std::fputs("old", old);
-    std::fclose(old);
-    server.serve(kTargets[2], c.body);
+    for (int i = 0; i < 5; ++i) server.serve(kTargets[i], list(i));
     out.str("");
-    EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitFailed);
-    EXPECT_EQ(server.count(kTargets[2]) % 5, 0);
-    std::ifstream in(path);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "old");
+    TerminalUpdateRequest r = request;
+    c.arrange(r);
+    const auto asked = server.targets().size();
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ(runTerminalUpdate(r, out), c.exit);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
+    for (const std::string& text : c.said) EXPECT_TRUE(said(text)) << out.str();
+    if (c.exit == kUpdateExitNoNetwork) EXPECT_EQ(server.targets().size(), asked);
   }
-}
-
-TEST_F(TerminalUpdateTest, NoNetworkAlertsAndTouchesNothing) {
-  request.options.networkCheck = [] { return false; };
-  EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitNoNetwork);
-  EXPECT_NE(out.str().find("인터넷 연결 오류\n인터넷 연결 상태를 확인해 주세요.\n※체크리스트를"),
-            std::string::npos);
-  EXPECT_TRUE(server.targets().empty());
-}
-
-TEST_F(TerminalUpdateTest, InterruptCancelsAtOnce) {
-  server.hold(kTargets[1]);
-  request.interrupted = [this] { return server.count(kTargets[1]) > 0; };
-  auto started = std::chrono::steady_clock::now();
-  EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitCancelled);
-  EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);  // the held transfer is not awaited
-  EXPECT_NE(out.str().find("업데이트가 취소되었습니다."), std::string::npos);
   server.release();
 }
 
@@ -176,6 +170,41 @@ TEST_F(TerminalUpdateTest, ShowsTheBytesOfTheCurrentFile) {
   EXPECT_TRUE(said("[###############---------------]  50%  필터 DB를 업데이트 중입니다.\n"));
   EXPECT_TRUE(
       said("[####################----------]  67%  필터 DB를 업데이트 중입니다.  1.0 KiB\n"));
+}
+
+// The whole way with a trusted key: keys and signatures in the tool's
+// formats, lists and signatures served by the list server on loopback. A
+// list changed on the server after it was signed is not taken.
+TEST(TerminalUpdateSigned, TakesOnlyWhatTheKeySigned) {
+  testing::SettingsSandbox sandbox;
+  const std::string library = *CVUserDefaults::standardUserDefaults()->libraryPath();
+  const std::string folder = sandbox.root() + "/served";
+  std::filesystem::create_directories(folder);
+  const auto keys = *signing::generateKeyPair();
+  for (const auto& target : testing::kDataFileTargets) {
+    const std::string list = testing::readFile(std::string(QUARVEL_SAMPLES) + "/" + target.name);
+    std::ofstream(folder + "/" + target.name, std::ios::binary) << list;
+    std::ofstream(folder + "/" + target.name + ".sig") << signing::sign(keys.secretKey, list);
+  }
+  server::ListServer server(folder);
+  const int port = server.start("127.0.0.1", 0);
+  ASSERT_GT(port, 0);
+  TerminalUpdateRequest request;
+  request.server = "127.0.0.1:" + std::to_string(port);
+  request.options.pacing = 0ms;
+  request.options.networkCheck = [] { return true; };
+  request.verifyKey = signing::formatPublicKey(keys.publicKey);
+  std::ostringstream out;
+  EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitDone) << out.str();
+  for (const auto& target : testing::kDataFileTargets)
+    EXPECT_EQ(testing::readFile(library + "/" + target.name),
+              testing::readFile(folder + "/" + target.name));
+
+  std::ofstream(folder + "/macfilterlist.dat", std::ios::app) << "x";
+  std::ofstream(library + "/macfilterlist.dat") << "old";
+  EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitFailed);
+  EXPECT_EQ(testing::readFile(library + "/macfilterlist.dat"), "old");
+  server.stop();
 }
 
 TEST(FormatBytes, PicksTheUnitByMagnitude) {

@@ -17,36 +17,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string>
 
 #include "quarvel/CVUserDefaults.h"
 #include "quarvel/UpdateRun.h"
+#include "support/RecordingUpdateView.h"
 
 namespace {
-
-class PrintingView : public quarvel::UpdateView {
- public:
-  void setStatusText(const std::string& text) override {
-    std::lock_guard lock(mutex_);
-    status_ = text;
-  }
-  void setProgress(double) override {}
-  void errorAlert(const std::string& code) override {
-    std::lock_guard lock(mutex_);
-    alerts_ += alerts_.empty() ? code : "," + code;
-  }
-  void close() override {}
-  void print() const {
-    std::lock_guard lock(mutex_);
-    std::printf("alerts=%s\nstatus=%s\n", alerts_.c_str(), status_.c_str());
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::string status_;
-  std::string alerts_;
-};
 
 // Drops the capabilities that let root write past file permissions. Raw
 // system calls: the process has one thread here, and later threads inherit.
@@ -81,11 +58,13 @@ int main(int argc, char** argv) {
   options.pacing = 5ms;
   options.networkCheck = [] { return true; };
   options.dayOfMonth = [] { return std::string("07"); };
-  auto view = std::make_shared<PrintingView>();
+  auto view = std::make_shared<quarvel::testing::RecordingView>();
   auto run = quarvel::UpdateRun::create(view, options);
   run->start();
   if (!run->waitUntilFinished(60s)) return 2;
-  std::printf("outcome=%lld\n", static_cast<long long>(run->updateStatus()));
-  view->print();
+  std::string alerts;
+  for (const std::string& code : view->alerts()) alerts += (alerts.empty() ? "" : ",") + code;
+  std::printf("outcome=%lld\nalerts=%s\nstatus=%s\n", static_cast<long long>(run->updateStatus()),
+              alerts.c_str(), view->status().c_str());
   return 0;
 }
