@@ -329,18 +329,8 @@ struct Collector::State {
   std::atomic<std::uint64_t> bodiesInFlight{0};  // bytes of bodies being read
 
   // The open connections, for the deadline and the stop.
-  struct Connection {
-    int fd;
-    Clock::time_point since;  // of the request now under way
-    bool answered = false;
-  };
-  std::mutex mutex;
-  std::condition_variable wake;
-  std::unordered_map<MHD_Connection*, Connection> connections;  // guarded by mutex
-  bool watching = false;                                        // guarded by mutex
-  std::thread watcher;
+  ConnectionTracker connections{"collect", "no whole request"};
 
-  void watchDeadlines();
   Answer route(MHD_Connection* connection, Request& request);
   Answer receive(MHD_Connection* connection, Request& request);
   std::optional<Answer> refuseReader(MHD_Connection* connection, const Request& request);
@@ -380,32 +370,11 @@ MHD_Result queue(MHD_Connection* connection, Request& request, Answer answer) {
   return queued;
 }
 
-void onConnection(void* cls, MHD_Connection* connection, void**,
-                  MHD_ConnectionNotificationCode code) {
-  auto* state = static_cast<State*>(cls);
-  std::lock_guard lock(state->mutex);
-  if (code == MHD_CONNECTION_NOTIFY_STARTED) {
-    const MHD_ConnectionInfo* info =
-        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
-    state->connections[connection] = {info ? info->connect_fd : -1, Clock::now(), false};
-  } else {
-    state->connections.erase(connection);
-  }
-}
-
-void* onRequestLine(void*, const char* uri, MHD_Connection*) {
-  auto* request = new Request;
-  request->target = uri ? uri : "";
-  return request;
-}
-
 // Queues the answer; from then on the connection's deadline no longer
 // runs: a large answer takes as long as the client takes to read it.
 MHD_Result answer(State* state, MHD_Connection* connection, Request& request, Answer reply) {
   const MHD_Result queued = queue(connection, request, std::move(reply));
-  std::lock_guard lock(state->mutex);
-  auto it = state->connections.find(connection);
-  if (it != state->connections.end()) it->second.answered = true;
+  state->connections.settle(connection);
   return queued;
 }
 
@@ -478,9 +447,7 @@ void onCompleted(void* cls, MHD_Connection* connection, void** context,
   else
     logf("collect: %s \"%s\" no answer (cut)", clientAddress(connection).c_str(), target.c_str());
   delete request;
-  std::lock_guard lock(state->mutex);
-  auto it = state->connections.find(connection);
-  if (it != state->connections.end()) it->second = {it->second.fd, Clock::now(), false};
+  state->connections.restart(connection);
 }
 
 }  // namespace
@@ -602,26 +569,6 @@ Answer State::receive(MHD_Connection* connection, Request& request) {
   return jsonError(MHD_HTTP_SERVICE_UNAVAILABLE, "the store is unavailable");
 }
 
-// Closes connections whose request is not answered within the deadline:
-// the library's own time-out counts silence only.
-void State::watchDeadlines() {
-  const auto deadline = options.limits.deadline;
-  const auto tick = std::clamp<Clock::duration>(deadline / 4, std::chrono::milliseconds(10),
-                                                std::chrono::milliseconds(250));
-  std::unique_lock lock(mutex);
-  while (watching) {
-    wake.wait_for(lock, tick);
-    const Clock::time_point now = Clock::now();
-    for (auto& [connection, entry] : connections) {
-      if (entry.answered || now - entry.since < deadline || entry.fd < 0) continue;
-      entry.answered = true;
-      logf("collect: %s: no whole request within %lld ms, closing",
-           clientAddress(connection).c_str(), static_cast<long long>(deadline.count()));
-      ::shutdown(entry.fd, SHUT_RDWR);
-    }
-  }
-}
-
 Collector::Collector(ReportStore& store, CollectorOptions options)
     : state_(std::make_unique<State>(store, std::move(options))) {}
 
@@ -658,20 +605,18 @@ int Collector::start(const std::string& address, int port) {
       static_cast<unsigned>(std::max(1, limits.maxPerAddress)), MHD_OPTION_CONNECTION_TIMEOUT,
       static_cast<unsigned>(std::max<long long>(1, limits.idle.count())),
       MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<size_t>(64 * 1024),
-      MHD_OPTION_NOTIFY_CONNECTION, &onConnection, &state, MHD_OPTION_NOTIFY_COMPLETED,
-      &onCompleted, &state, MHD_OPTION_URI_LOG_CALLBACK, &onRequestLine, &state,
-      MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_END);
+      MHD_OPTION_NOTIFY_CONNECTION, &ConnectionTracker::notify, &state.connections,
+      MHD_OPTION_NOTIFY_COMPLETED, &onCompleted, &state, MHD_OPTION_URI_LOG_CALLBACK,
+      &startRequest<Request>, nullptr, MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_END);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   if (!state.daemon) {
     ::close(listenFd);
     return -1;
   }
   const int bound = boundPort(listenFd);
-  {
-    std::lock_guard lock(state.mutex);
-    state.watching = true;
-  }
-  state.watcher = std::thread([&state] { state.watchDeadlines(); });
+  // A request not answered within the deadline, however steadily its
+  // bytes trickle in, is cut.
+  state.connections.start(limits.deadline);
   return bound;
 }
 
@@ -680,22 +625,8 @@ void Collector::stop() {
   if (!state.daemon) return;
   const int listenFd = MHD_quiesce_daemon(state.daemon);
   if (listenFd >= 0) ::shutdown(listenFd, SHUT_RDWR);
-  const Clock::time_point until = Clock::now() + state.options.limits.grace;
-  size_t open = 0;
-  for (;;) {
-    {
-      std::lock_guard lock(state.mutex);
-      open = state.connections.size();
-    }
-    if (open == 0 || Clock::now() >= until) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  {
-    std::lock_guard lock(state.mutex);
-    state.watching = false;
-  }
-  state.wake.notify_all();
-  state.watcher.join();
+  state.connections.waitForClose(Clock::now() + state.options.limits.grace);
+  state.connections.stop();
   MHD_stop_daemon(state.daemon);
   state.daemon = nullptr;
   if (listenFd >= 0) ::close(listenFd);
