@@ -191,7 +191,7 @@ struct FleetHistory {
 };
 
 inline const FleetHistory kFleetHistories[] = {
-    {"fresh machines only", 1, 24, 24, 0, 0, 0},
+    {"a wide fleet, few replacements", 1, 24, 24, 0, 0, 0},
     {"replacements", 2, 60, 5, 0, 0, 0},
     {"late reports and duplicates", 3, 60, 5, 3, 4, 0},
     {"clocks ahead", 4, 40, 4, 0, 0, 3},
