@@ -14,13 +14,11 @@
 #include <array>
 #include <atomic>
 #include <cmath>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
-#include <thread>
 #include <unordered_map>
 
 #include "audit/AuditReport.h"

@@ -12,12 +12,8 @@
 
 #include <algorithm>
 #include <array>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
-#include <mutex>
-#include <thread>
-#include <unordered_map>
 
 #include "common/Log.h"
 #include "format/DataFileFormat.h"
