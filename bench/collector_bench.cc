@@ -77,14 +77,17 @@ void measure(const char* name, ReportStore& store, const std::vector<std::string
     auto overview = store.overview();
     const double query = seconds(Clock::now() - before);
     const auto json = overviewJson(*overview, 1795000000, 30);
-    std::printf("  overview: %zu machines, %zu products in %.3f s (JSON %zu bytes)\n",
-                overview->machines.size(), overview->products.size(), query, json.size());
+    const double answer = seconds(Clock::now() - before);
+    std::printf(
+        "  overview: %zu machines, %zu products: query %.3f s, with the JSON %.3f s (%zu bytes)\n",
+        overview->machines.size(), overview->products.size(), query, answer, json.size());
   }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);  // each figure as it comes, also into a file
   const unsigned machines = argc > 1 ? static_cast<unsigned>(std::atoi(argv[1])) : 10000;
   const int findings = argc > 2 ? std::atoi(argv[2]) : 200;
   std::vector<std::string> bodies;

@@ -14,13 +14,11 @@
 #include <array>
 #include <atomic>
 #include <cmath>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
-#include <thread>
 #include <unordered_map>
 
 #include "audit/AuditReport.h"
@@ -219,36 +217,55 @@ Answer jsonError(unsigned status, std::string_view message) {
 
 }  // namespace
 
+// The overview is written a row at a time rather than built as one
+// document: at 10,000 machines the document's many small objects cost
+// more than the query. Each value still goes through the JSON library.
 std::string overviewJson(const Overview& overview, std::int64_t now, int staleDays) {
-  Json products = Json::array();
-  for (const ProductSummary& p : overview.products)
-    products.push_back({{"maker", p.maker},
-                        {"product", p.product},
-                        {"machines", p.machines},
-                        {"findings", p.findings},
-                        {"price", amount(p.priceHundredths)}});
-  Json machines = Json::array();
-  Json stale = Json::array();
+  std::string out;
+  out.reserve(256 + 128 * overview.products.size() + 256 * overview.machines.size());
+  const auto put = [&out](std::string_view key, const Json& value) {
+    out += out.back() == '{' ? "\"" : ",\"";
+    out += key;
+    out += "\":";
+    out += value.dump(-1, ' ', false, Json::error_handler_t::replace);
+  };
+  out += '{';
+  put("generatedAt", formatUtcTimestamp(now));
+  put("staleDays", staleDays);
+  out += ",\"products\":[";
+  for (const ProductSummary& p : overview.products) {
+    out += out.back() == '[' ? "{" : ",{";
+    put("maker", p.maker);
+    put("product", p.product);
+    put("machines", p.machines);
+    put("findings", p.findings);
+    put("price", amount(p.priceHundredths));
+    out += '}';
+  }
+  out += "],\"machines\":[";
   const std::int64_t staleBefore = now - static_cast<std::int64_t>(staleDays) * kSecondsPerDay;
   for (const MachineSummary& m : overview.machines) {
-    machines.push_back({{"hostName", m.hostName},
-                        {"osVersion", m.osVersion},
-                        {"networkIdentity", m.networkIdentity},
-                        {"lastSeen", formatUtcTimestamp(m.lastSeen)},
-                        {"scannedAt", m.scannedAt},
-                        {"findings", m.findings},
-                        {"price", amount(m.priceHundredths)}});
-    if (m.lastSeen < staleBefore)
-      stale.push_back({{"hostName", m.hostName},
-                       {"lastSeen", formatUtcTimestamp(m.lastSeen)},
-                       {"daysUnseen", (now - m.lastSeen) / kSecondsPerDay}});
+    out += out.back() == '[' ? "{" : ",{";
+    put("hostName", m.hostName);
+    put("osVersion", m.osVersion);
+    put("networkIdentity", m.networkIdentity);
+    put("lastSeen", formatUtcTimestamp(m.lastSeen));
+    put("scannedAt", m.scannedAt);
+    put("findings", m.findings);
+    put("price", amount(m.priceHundredths));
+    out += '}';
   }
-  Json doc = {{"generatedAt", formatUtcTimestamp(now)},
-              {"staleDays", staleDays},
-              {"products", std::move(products)},
-              {"machines", std::move(machines)},
-              {"stale", std::move(stale)}};
-  return doc.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  out += "],\"stale\":[";
+  for (const MachineSummary& m : overview.machines) {
+    if (m.lastSeen >= staleBefore) continue;
+    out += out.back() == '[' ? "{" : ",{";
+    put("hostName", m.hostName);
+    put("lastSeen", formatUtcTimestamp(m.lastSeen));
+    put("daysUnseen", (now - m.lastSeen) / kSecondsPerDay);
+    out += '}';
+  }
+  out += "]}\n";
+  return out;
 }
 
 std::string findingsJson(const std::vector<ReportFinding>& findings) {
@@ -329,18 +346,8 @@ struct Collector::State {
   std::atomic<std::uint64_t> bodiesInFlight{0};  // bytes of bodies being read
 
   // The open connections, for the deadline and the stop.
-  struct Connection {
-    int fd;
-    Clock::time_point since;  // of the request now under way
-    bool answered = false;
-  };
-  std::mutex mutex;
-  std::condition_variable wake;
-  std::unordered_map<MHD_Connection*, Connection> connections;  // guarded by mutex
-  bool watching = false;                                        // guarded by mutex
-  std::thread watcher;
+  ConnectionTracker connections{"collect", "no whole request"};
 
-  void watchDeadlines();
   Answer route(MHD_Connection* connection, Request& request);
   Answer receive(MHD_Connection* connection, Request& request);
   std::optional<Answer> refuseReader(MHD_Connection* connection, const Request& request);
@@ -380,32 +387,11 @@ MHD_Result queue(MHD_Connection* connection, Request& request, Answer answer) {
   return queued;
 }
 
-void onConnection(void* cls, MHD_Connection* connection, void**,
-                  MHD_ConnectionNotificationCode code) {
-  auto* state = static_cast<State*>(cls);
-  std::lock_guard lock(state->mutex);
-  if (code == MHD_CONNECTION_NOTIFY_STARTED) {
-    const MHD_ConnectionInfo* info =
-        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
-    state->connections[connection] = {info ? info->connect_fd : -1, Clock::now(), false};
-  } else {
-    state->connections.erase(connection);
-  }
-}
-
-void* onRequestLine(void*, const char* uri, MHD_Connection*) {
-  auto* request = new Request;
-  request->target = uri ? uri : "";
-  return request;
-}
-
 // Queues the answer; from then on the connection's deadline no longer
 // runs: a large answer takes as long as the client takes to read it.
 MHD_Result answer(State* state, MHD_Connection* connection, Request& request, Answer reply) {
   const MHD_Result queued = queue(connection, request, std::move(reply));
-  std::lock_guard lock(state->mutex);
-  auto it = state->connections.find(connection);
-  if (it != state->connections.end()) it->second.answered = true;
+  state->connections.settle(connection);
   return queued;
 }
 
@@ -478,9 +464,7 @@ void onCompleted(void* cls, MHD_Connection* connection, void** context,
   else
     logf("collect: %s \"%s\" no answer (cut)", clientAddress(connection).c_str(), target.c_str());
   delete request;
-  std::lock_guard lock(state->mutex);
-  auto it = state->connections.find(connection);
-  if (it != state->connections.end()) it->second = {it->second.fd, Clock::now(), false};
+  state->connections.restart(connection);
 }
 
 }  // namespace
@@ -602,26 +586,6 @@ Answer State::receive(MHD_Connection* connection, Request& request) {
   return jsonError(MHD_HTTP_SERVICE_UNAVAILABLE, "the store is unavailable");
 }
 
-// Closes connections whose request is not answered within the deadline:
-// the library's own time-out counts silence only.
-void State::watchDeadlines() {
-  const auto deadline = options.limits.deadline;
-  const auto tick = std::clamp<Clock::duration>(deadline / 4, std::chrono::milliseconds(10),
-                                                std::chrono::milliseconds(250));
-  std::unique_lock lock(mutex);
-  while (watching) {
-    wake.wait_for(lock, tick);
-    const Clock::time_point now = Clock::now();
-    for (auto& [connection, entry] : connections) {
-      if (entry.answered || now - entry.since < deadline || entry.fd < 0) continue;
-      entry.answered = true;
-      logf("collect: %s: no whole request within %lld ms, closing",
-           clientAddress(connection).c_str(), static_cast<long long>(deadline.count()));
-      ::shutdown(entry.fd, SHUT_RDWR);
-    }
-  }
-}
-
 Collector::Collector(ReportStore& store, CollectorOptions options)
     : state_(std::make_unique<State>(store, std::move(options))) {}
 
@@ -658,20 +622,18 @@ int Collector::start(const std::string& address, int port) {
       static_cast<unsigned>(std::max(1, limits.maxPerAddress)), MHD_OPTION_CONNECTION_TIMEOUT,
       static_cast<unsigned>(std::max<long long>(1, limits.idle.count())),
       MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<size_t>(64 * 1024),
-      MHD_OPTION_NOTIFY_CONNECTION, &onConnection, &state, MHD_OPTION_NOTIFY_COMPLETED,
-      &onCompleted, &state, MHD_OPTION_URI_LOG_CALLBACK, &onRequestLine, &state,
-      MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_END);
+      MHD_OPTION_NOTIFY_CONNECTION, &ConnectionTracker::notify, &state.connections,
+      MHD_OPTION_NOTIFY_COMPLETED, &onCompleted, &state, MHD_OPTION_URI_LOG_CALLBACK,
+      &startRequest<Request>, nullptr, MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_END);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   if (!state.daemon) {
     ::close(listenFd);
     return -1;
   }
   const int bound = boundPort(listenFd);
-  {
-    std::lock_guard lock(state.mutex);
-    state.watching = true;
-  }
-  state.watcher = std::thread([&state] { state.watchDeadlines(); });
+  // A request not answered within the deadline, however steadily its
+  // bytes trickle in, is cut.
+  state.connections.start(limits.deadline);
   return bound;
 }
 
@@ -680,22 +642,8 @@ void Collector::stop() {
   if (!state.daemon) return;
   const int listenFd = MHD_quiesce_daemon(state.daemon);
   if (listenFd >= 0) ::shutdown(listenFd, SHUT_RDWR);
-  const Clock::time_point until = Clock::now() + state.options.limits.grace;
-  size_t open = 0;
-  for (;;) {
-    {
-      std::lock_guard lock(state.mutex);
-      open = state.connections.size();
-    }
-    if (open == 0 || Clock::now() >= until) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  {
-    std::lock_guard lock(state.mutex);
-    state.watching = false;
-  }
-  state.wake.notify_all();
-  state.watcher.join();
+  state.connections.waitForClose(Clock::now() + state.options.limits.grace);
+  state.connections.stop();
   MHD_stop_daemon(state.daemon);
   state.daemon = nullptr;
   if (listenFd >= 0) ::close(listenFd);

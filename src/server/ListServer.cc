@@ -12,12 +12,8 @@
 
 #include <algorithm>
 #include <array>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
-#include <mutex>
-#include <thread>
-#include <unordered_map>
 
 #include "common/Log.h"
 #include "format/DataFileFormat.h"
@@ -117,18 +113,7 @@ struct ListServer::State {
   int port = -1;
 
   // The open connections, for the header deadline and the stop.
-  struct Connection {
-    int fd;
-    Clock::time_point since;  // of the header now awaited
-    bool inHeader = true;
-  };
-  std::mutex mutex;
-  std::condition_variable wake;
-  std::unordered_map<MHD_Connection*, Connection> connections;  // guarded by mutex
-  bool watching = false;                                        // guarded by mutex
-  std::thread watcher;
-
-  void watchHeaders();
+  ConnectionTracker connections{"serve", "no complete request header"};
 };
 
 ServedFile::~ServedFile() {
@@ -224,27 +209,6 @@ namespace {
 
 using State = ListServer::State;
 
-void onConnection(void* cls, MHD_Connection* connection, void**,
-                  MHD_ConnectionNotificationCode code) {
-  auto* state = static_cast<State*>(cls);
-  std::lock_guard lock(state->mutex);
-  if (code == MHD_CONNECTION_NOTIFY_STARTED) {
-    const MHD_ConnectionInfo* info =
-        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
-    state->connections[connection] = {info ? info->connect_fd : -1, Clock::now(), true};
-  } else {
-    // Called before the library closes the socket, so the watcher, which
-    // holds the mutex while it shuts one down, never touches a reused one.
-    state->connections.erase(connection);
-  }
-}
-
-void* onRequestLine(void*, const char* uri, MHD_Connection*) {
-  auto* request = new Request;
-  request->target = uri ? uri : "";
-  return request;
-}
-
 MHD_Result onRequest(void* cls, MHD_Connection* connection, const char*, const char* method,
                      const char*, const char*, size_t* uploadSize, void** context) {
   auto* state = static_cast<State*>(cls);
@@ -254,11 +218,7 @@ MHD_Result onRequest(void* cls, MHD_Connection* connection, const char*, const c
     *uploadSize = 0;  // a body nobody asked for, after the answer was queued
     return MHD_YES;
   }
-  {
-    std::lock_guard lock(state->mutex);
-    auto it = state->connections.find(connection);
-    if (it != state->connections.end()) it->second.inHeader = false;
-  }
+  state->connections.settle(connection);  // the header is complete
   request->method = method ? method : "";
   const bool get = request->method == "GET" || request->method == "HEAD";
   std::optional<ServedFile> file =
@@ -323,34 +283,10 @@ void onCompleted(void* cls, MHD_Connection* connection, void** context,
   }
   delete request;
   // A kept-alive connection now awaits its next header.
-  std::lock_guard lock(state->mutex);
-  auto it = state->connections.find(connection);
-  if (it != state->connections.end()) it->second = {it->second.fd, Clock::now(), true};
+  state->connections.restart(connection);
 }
 
 }  // namespace
-
-// Closes connections whose request header is late. The library's own
-// time-out counts silence only, so a header trickling in a line at a time
-// would otherwise hold its connection for as long as the client likes.
-// shutdown() makes the library see the connection end and close it itself.
-void ListServer::State::watchHeaders() {
-  const auto tick = std::clamp<Clock::duration>(
-      limits.headerDeadline / 4, std::chrono::milliseconds(10), std::chrono::milliseconds(250));
-  std::unique_lock lock(mutex);
-  while (watching) {
-    wake.wait_for(lock, tick);
-    const Clock::time_point now = Clock::now();
-    for (auto& [connection, entry] : connections) {
-      if (!entry.inHeader || now - entry.since < limits.headerDeadline || entry.fd < 0) continue;
-      entry.inHeader = false;
-      logf("serve: %s: no complete request header within %lld ms, closing",
-           clientAddress(connection).c_str(),
-           static_cast<long long>(limits.headerDeadline.count()));
-      ::shutdown(entry.fd, SHUT_RDWR);
-    }
-  }
-}
 
 ListServer::ListServer(std::string folder, ServeLimits limits) : state_(std::make_unique<State>()) {
   state_->folder = std::move(folder);
@@ -394,20 +330,17 @@ int ListServer::start(const std::string& address, int port) {
       static_cast<unsigned>(maxConnections), MHD_OPTION_PER_IP_CONNECTION_LIMIT,
       static_cast<unsigned>(std::max(1, limits.maxPerAddress)), MHD_OPTION_CONNECTION_TIMEOUT,
       static_cast<unsigned>(std::max<long long>(1, limits.idle.count())),
-      MHD_OPTION_NOTIFY_CONNECTION, &onConnection, &state, MHD_OPTION_NOTIFY_COMPLETED,
-      &onCompleted, &state, MHD_OPTION_URI_LOG_CALLBACK, &onRequestLine, &state,
-      MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_END);
+      MHD_OPTION_NOTIFY_CONNECTION, &ConnectionTracker::notify, &state.connections,
+      MHD_OPTION_NOTIFY_COMPLETED, &onCompleted, &state, MHD_OPTION_URI_LOG_CALLBACK,
+      &startRequest<Request>, nullptr, MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_END);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   if (!state.daemon) {
     ::close(listenFd);
     return -1;
   }
   state.port = boundPort(listenFd);
-  {
-    std::lock_guard lock(state.mutex);
-    state.watching = true;
-  }
-  state.watcher = std::thread([&state] { state.watchHeaders(); });
+  // A header trickling in a line at a time is cut at its deadline.
+  state.connections.start(limits.headerDeadline);
   return state.port;
 }
 
@@ -419,24 +352,10 @@ void ListServer::stop() {
   // is only shut down here (which ends the listening) and closed after them.
   const int listenFd = MHD_quiesce_daemon(state.daemon);
   if (listenFd >= 0) ::shutdown(listenFd, SHUT_RDWR);
-  const Clock::time_point until = Clock::now() + state.limits.grace;
-  size_t open = 0;
-  for (;;) {
-    {
-      std::lock_guard lock(state.mutex);
-      open = state.connections.size();
-    }
-    if (open == 0 || Clock::now() >= until) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  const size_t open = state.connections.waitForClose(Clock::now() + state.limits.grace);
   if (open > 0)
     logf("serve: stopping, cut %zu connection%s still open", open, open == 1 ? "" : "s");
-  {
-    std::lock_guard lock(state.mutex);
-    state.watching = false;
-  }
-  state.wake.notify_all();
-  state.watcher.join();
+  state.connections.stop();
   MHD_stop_daemon(state.daemon);
   state.daemon = nullptr;
   if (listenFd >= 0) ::close(listenFd);

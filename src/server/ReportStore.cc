@@ -56,6 +56,31 @@ CREATE TABLE findings (
   PRIMARY KEY (report_id, seq)
 );
 )"},
+    // Running totals, so that the overview reads one row per product and
+    // per machine instead of adding up every finding of every current
+    // report: a report's own count and price sum (fixed once stored), and
+    // per maker and product the machines, findings and price of the
+    // current reports, kept in step by insert(). Filled here from what an
+    // existing store already holds.
+    {2, R"(
+ALTER TABLE reports ADD COLUMN finding_count BIGINT NOT NULL DEFAULT 0;
+ALTER TABLE reports ADD COLUMN price_total BIGINT NOT NULL DEFAULT 0;
+UPDATE reports SET
+  finding_count = (SELECT COUNT(*) FROM findings f WHERE f.report_id = reports.id),
+  price_total = (SELECT COALESCE(SUM(f.price), 0) FROM findings f WHERE f.report_id = reports.id);
+CREATE TABLE product_totals (
+  maker TEXT NOT NULL,
+  product TEXT NOT NULL,
+  machines BIGINT NOT NULL,
+  findings BIGINT NOT NULL,
+  price BIGINT NOT NULL,
+  PRIMARY KEY (maker, product)
+);
+INSERT INTO product_totals (maker, product, machines, findings, price)
+  SELECT f.maker, f.product, COUNT(DISTINCT m.id), COUNT(*), COALESCE(SUM(f.price), 0)
+  FROM machines m JOIN findings f ON f.report_id = m.current_report
+  GROUP BY f.maker, f.product;
+)"},
 };
 
 std::string withIdentity(std::string sql, std::string_view identity) {
@@ -71,8 +96,9 @@ const std::string kUpsertMachine =
     "CASE WHEN excluded.last_seen > machines.last_seen THEN excluded.last_seen "
     "ELSE machines.last_seen END RETURNING id";
 const std::string kInsertReport =
-    "INSERT INTO reports (report_id, machine_id, scanned_at, effective_at, received_at, lists) "
-    "VALUES ($1, $2, $3, $4, $5, $6) ON CONFLICT (report_id) DO NOTHING RETURNING id";
+    "INSERT INTO reports (report_id, machine_id, scanned_at, effective_at, received_at, lists, "
+    "finding_count, price_total) VALUES ($1, $2, $3, $4, $5, $6, $7, $8) "
+    "ON CONFLICT (report_id) DO NOTHING RETURNING id";
 // Findings go in rows of up to kFindingsPerStatement per statement: one
 // round trip per 64 findings rather than per finding, which is what the
 // ingest rate on PostgreSQL is made of.
@@ -93,19 +119,32 @@ std::string insertFindingsSql(size_t rows) {
   return sql;
 }
 
+const std::string kCurrentReport = "SELECT current_report FROM machines WHERE id = $1";
+// Answers a row only when the report became the machine's current one.
 const std::string kMakeCurrent =
     "UPDATE machines SET current_report = $1, network_identity = $2, os_version = $3 "
     "WHERE id = $4 AND (current_report IS NULL OR "
-    "(SELECT effective_at FROM reports WHERE reports.id = machines.current_report) <= $5)";
+    "(SELECT effective_at FROM reports WHERE reports.id = machines.current_report) <= $5) "
+    "RETURNING id";
+// Adds ($1 = 1) or takes away ($1 = -1) the findings of report $2 to the
+// product totals: each product it holds counts its machine once. (SQLite
+// numbers $-values in the order they first appear, so they appear in
+// order. The WHERE clause also keeps it from reading ON CONFLICT as a
+// join.)
+const std::string kAddToTotals =
+    "INSERT INTO product_totals (maker, product, machines, findings, price) "
+    "SELECT maker, product, CAST($1 AS BIGINT), CAST($1 AS BIGINT) * COUNT(*), "
+    "CAST($1 AS BIGINT) * COALESCE(SUM(price), 0) FROM findings WHERE report_id = $2 "
+    "GROUP BY maker, product ON CONFLICT (maker, product) DO UPDATE SET "
+    "machines = product_totals.machines + excluded.machines, "
+    "findings = product_totals.findings + excluded.findings, "
+    "price = product_totals.price + excluded.price";
+const std::string kDropEmptyTotals = "DELETE FROM product_totals WHERE machines <= 0";
 const std::string kProducts =
-    "SELECT f.maker, f.product, COUNT(DISTINCT m.id), COUNT(*), COALESCE(SUM(f.price), 0) "
-    "FROM machines m JOIN findings f ON f.report_id = m.current_report "
-    "GROUP BY f.maker, f.product";
+    "SELECT maker, product, machines, findings, price FROM product_totals";
 const std::string kMachines =
     "SELECT m.host_name, m.os_version, m.network_identity, m.last_seen, "
-    "COALESCE(r.scanned_at, ''), "
-    "(SELECT COUNT(*) FROM findings f WHERE f.report_id = m.current_report), "
-    "(SELECT COALESCE(SUM(f.price), 0) FROM findings f WHERE f.report_id = m.current_report) "
+    "COALESCE(r.scanned_at, ''), COALESCE(r.finding_count, 0), COALESCE(r.price_total, 0) "
     "FROM machines m LEFT JOIN reports r ON r.id = m.current_report";
 const std::string kFindingColumns =
     "f.kind, f.list, f.record, f.item_id, f.maker, f.product, f.version, f.price, f.price_text, "
@@ -284,13 +323,17 @@ class SqlReportStore final : public ReportStore {
       return Insert::kFailed;
 
     const std::int64_t effective = std::min(report.scannedAtSeconds, receivedAt);
+    std::int64_t priceTotal = 0;
+    for (const ReportFinding& f : report.findings) priceTotal += f.priceHundredths.value_or(0);
     std::int64_t stored = -1;
-    const std::array<SqlValue, 6> reportValues{std::string_view(report.reportId),
+    const std::array<SqlValue, 8> reportValues{std::string_view(report.reportId),
                                                machine,
                                                std::string_view(report.scannedAt),
                                                effective,
                                                receivedAt,
-                                               std::string_view(report.listsJson)};
+                                               std::string_view(report.listsJson),
+                                               static_cast<std::int64_t>(report.findings.size()),
+                                               priceTotal};
     if (!db_->run(kInsertReport, reportValues, [&](const SqlRow& row) { stored = row.integer(0); }))
       return Insert::kFailed;
     // Another collector on the same database stored it in the meantime.
@@ -318,10 +361,32 @@ class SqlReportStore final : public ReportStore {
       if (!db_->run(rows == kFindingsPerStatement ? fullBatch_ : insertFindingsSql(rows), values))
         return Insert::kFailed;
     }
+    return makeCurrent(report, machine, stored, effective) ? Insert::kStored : Insert::kFailed;
+  }
+
+  // Makes the stored report its machine's current one unless that machine
+  // has a newer one, and moves the product totals from the report it
+  // replaces to this one. A report that does not become current leaves
+  // the totals as they were.
+  bool makeCurrent(const Report& report, std::int64_t machine, std::int64_t stored,
+                   std::int64_t effective) {
+    std::optional<std::int64_t> previous;
+    const std::array<SqlValue, 1> machineId{machine};
+    if (!db_->run(kCurrentReport, machineId, [&](const SqlRow& row) {
+          if (!row.isNull(0)) previous = row.integer(0);
+        }))
+      return false;
+    bool replaced = false;
     const std::array<SqlValue, 5> current{stored, std::string_view(report.networkIdentity),
                                           std::string_view(report.osVersion), machine, effective};
-    if (!db_->run(kMakeCurrent, current)) return Insert::kFailed;
-    return Insert::kStored;
+    if (!db_->run(kMakeCurrent, current, [&](const SqlRow&) { replaced = true; })) return false;
+    if (!replaced) return true;
+    if (previous) {
+      const std::array<SqlValue, 2> remove{std::int64_t{-1}, *previous};
+      if (!db_->run(kAddToTotals, remove) || !db_->run(kDropEmptyTotals, {})) return false;
+    }
+    const std::array<SqlValue, 2> add{std::int64_t{1}, stored};
+    return db_->run(kAddToTotals, add);
   }
 
   const std::string fullBatch_ = insertFindingsSql(kFindingsPerStatement);

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "common/Log.h"
@@ -72,6 +73,79 @@ void logLibraryMessage(void* name, const char* format, va_list arguments) {
   std::string_view line(text);
   while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
   logf("%s: %s", static_cast<const char*>(name), escapeForLog(line).c_str());
+}
+
+void ConnectionTracker::notify(void* tracker, MHD_Connection* connection, void**,
+                               MHD_ConnectionNotificationCode code) {
+  auto* self = static_cast<ConnectionTracker*>(tracker);
+  std::lock_guard lock(self->mutex_);
+  if (code == MHD_CONNECTION_NOTIFY_STARTED) {
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    self->connections_[connection] = {info ? info->connect_fd : -1, Clock::now(), true};
+  } else {
+    self->connections_.erase(connection);
+  }
+}
+
+void ConnectionTracker::settle(MHD_Connection* connection) {
+  std::lock_guard lock(mutex_);
+  auto it = connections_.find(connection);
+  if (it != connections_.end()) it->second.running = false;
+}
+
+void ConnectionTracker::restart(MHD_Connection* connection) {
+  std::lock_guard lock(mutex_);
+  auto it = connections_.find(connection);
+  if (it != connections_.end()) it->second = {it->second.fd, Clock::now(), true};
+}
+
+std::size_t ConnectionTracker::open() {
+  std::lock_guard lock(mutex_);
+  return connections_.size();
+}
+
+std::size_t ConnectionTracker::waitForClose(Clock::time_point until) {
+  for (;;) {
+    const std::size_t count = open();
+    if (count == 0 || Clock::now() >= until) return count;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+void ConnectionTracker::start(std::chrono::milliseconds deadline) {
+  std::lock_guard lock(mutex_);
+  if (watching_) return;
+  deadline_ = deadline;
+  watching_ = true;
+  watcher_ = std::thread([this] { watch(); });
+}
+
+void ConnectionTracker::stop() {
+  {
+    std::lock_guard lock(mutex_);
+    watching_ = false;
+  }
+  wake_.notify_all();
+  if (watcher_.joinable()) watcher_.join();
+}
+
+// shutdown() rather than close(): the library still owns the descriptor.
+void ConnectionTracker::watch() {
+  const auto tick = std::clamp<Clock::duration>(deadline_ / 4, std::chrono::milliseconds(10),
+                                                std::chrono::milliseconds(250));
+  std::unique_lock lock(mutex_);
+  while (watching_) {
+    wake_.wait_for(lock, tick);
+    const Clock::time_point now = Clock::now();
+    for (auto& [connection, entry] : connections_) {
+      if (!entry.running || now - entry.since < deadline_ || entry.fd < 0) continue;
+      entry.running = false;
+      logf("%s: %s: %s within %lld ms, closing", name_, clientAddress(connection).c_str(), late_,
+           static_cast<long long>(deadline_.count()));
+      ::shutdown(entry.fd, SHUT_RDWR);
+    }
+  }
 }
 
 }  // namespace quarvel::server

@@ -5,8 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <functional>
+#include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <random>
+#include <set>
 #include <string>
+#include <tuple>
 
 #include "server/ReportStore.h"
 
@@ -136,6 +142,111 @@ inline void checkStoreBehaviour(ReportStore& store) {
   EXPECT_EQ(health->reports, 5);
   EXPECT_EQ(health->findings, 3 + 1 + 2 + 0 + 1);
   EXPECT_EQ(store.schemaVersion(), currentSchemaVersion());
+}
+
+// The overview added up again from scratch: every finding of every
+// machine's current report, as the export pages through them.
+inline std::optional<Overview> recount(ReportStore& store) {
+  std::map<std::pair<std::string, std::string>, ProductSummary> products;
+  std::map<std::pair<std::string, std::string>, std::set<std::string>> hosts;
+  std::map<std::string, std::pair<std::int64_t, std::int64_t>> machines;  // findings, price
+  std::string after;
+  for (;;) {
+    auto last = store.exportRows(after, 3, [&](const ExportRow& row) {
+      const ReportFinding& f = row.finding;
+      ProductSummary& p = products[{f.maker, f.product}];
+      p.maker = f.maker;
+      p.product = f.product;
+      p.findings += 1;
+      p.priceHundredths += f.priceHundredths.value_or(0);
+      hosts[{f.maker, f.product}].insert(row.hostName);
+      machines[row.hostName].first += 1;
+      machines[row.hostName].second += f.priceHundredths.value_or(0);
+    });
+    if (!last) return std::nullopt;
+    if (last->empty()) break;
+    after = *last;
+  }
+  Overview out;
+  for (auto& [key, p] : products) {
+    p.machines = static_cast<std::int64_t>(hosts[key].size());
+    out.products.push_back(p);
+  }
+  for (const auto& [host, sums] : machines)
+    out.machines.push_back({host, "", "", 0, "", sums.first, sums.second});
+  return out;
+}
+
+// A random sequence of reports: new scans that replace a machine's
+// current report, late ones from a spool, clocks far ahead and the same
+// report sent again. After it the running totals must equal the recount.
+struct FleetHistory {
+  const char* name;
+  unsigned seed;
+  int reports;
+  int hosts;
+  int lateEvery;       // every n-th report is scanned before its machine's latest (0: never)
+  int duplicateEvery;  // every n-th step sends an earlier report again (0: never)
+  int aheadEvery;      // every n-th report claims a clock years ahead (0: never)
+};
+
+inline const FleetHistory kFleetHistories[] = {
+    {"a wide fleet, few replacements", 1, 24, 24, 0, 0, 0},
+    {"replacements", 2, 60, 5, 0, 0, 0},
+    {"late reports and duplicates", 3, 60, 5, 3, 4, 0},
+    {"clocks ahead", 4, 40, 4, 0, 0, 3},
+    {"everything, one machine", 5, 50, 1, 4, 5, 6},
+    {"everything, a fleet", 6, 120, 12, 5, 6, 9},
+};
+
+inline void checkTotalsFollowHistory(ReportStore& store, const FleetHistory& history) {
+  std::mt19937 random(history.seed);
+  const auto pick = [&](int below) {
+    return static_cast<int>(random() % static_cast<unsigned>(below));
+  };
+  const std::int64_t start = *parseUtcTimestamp("2026-11-01T00:00:00Z");
+  std::vector<Report> sent;
+  for (int step = 1; step <= history.reports; ++step) {
+    const std::int64_t now = start + step * 3600;
+    if (history.duplicateEvery && step % history.duplicateEvery == 0 && !sent.empty()) {
+      ASSERT_EQ(store.insert(sent[static_cast<size_t>(pick(static_cast<int>(sent.size())))], now),
+                ReportStore::Insert::kDuplicate);
+      continue;
+    }
+    std::int64_t scanned = now - 60;
+    if (history.lateEvery && step % history.lateEvery == 0) scanned = start - pick(30) * 86400;
+    if (history.aheadEvery && step % history.aheadEvery == 0) scanned = now + 50LL * 365 * 86400;
+    // A few makers and products, some found twice on one machine, some
+    // without a price.
+    Json findings = Json::array();
+    for (int i = pick(6); i > 0; --i) {
+      const int product = pick(7);
+      findings.push_back(finding("Maker " + std::to_string(product % 3),
+                                 "Product " + std::to_string(product),
+                                 pick(4) == 0 ? Json(nullptr) : Json(pick(5000) / 4.0)));
+    }
+    sent.push_back(
+        parsed(report(static_cast<unsigned>(step), "pc-" + std::to_string(pick(history.hosts)),
+                      formatUtcTimestamp(scanned), std::move(findings))));
+    ASSERT_EQ(store.insert(sent.back(), now), ReportStore::Insert::kStored);
+  }
+  const auto overview = store.overview();
+  const auto expected = recount(store);
+  ASSERT_TRUE(overview && expected);
+  const auto product = [](const ProductSummary& p) {
+    return std::make_tuple(p.maker, p.product, p.machines, p.findings, p.priceHundredths);
+  };
+  ASSERT_EQ(overview->products.size(), expected->products.size());
+  for (size_t i = 0; i < expected->products.size(); ++i)
+    EXPECT_EQ(product(overview->products[i]), product(expected->products[i]));
+  // Machines whose current report found nothing have no export rows.
+  std::map<std::string, std::pair<std::int64_t, std::int64_t>> machines;
+  for (const MachineSummary& m : overview->machines)
+    if (m.findings) machines[m.hostName] = {m.findings, m.priceHundredths};
+  std::map<std::string, std::pair<std::int64_t, std::int64_t>> recounted;
+  for (const MachineSummary& m : expected->machines)
+    recounted[m.hostName] = {m.findings, m.priceHundredths};
+  EXPECT_EQ(machines, recounted);
 }
 
 }  // namespace quarvel::server::testing

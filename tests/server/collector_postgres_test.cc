@@ -42,6 +42,16 @@ TEST_F(PostgresStoreTest, KeepsReportsExactly) {
   testing::checkStoreBehaviour(*store);
 }
 
+TEST_F(PostgresStoreTest, RunningTotalsMatchARecount) {
+  int n = 0;
+  for (const testing::FleetHistory& history : testing::kFleetHistories) {
+    SCOPED_TRACE(history.name);
+    auto store = openPostgresStore(server_->freshDatabase("totals" + std::to_string(++n)));
+    ASSERT_TRUE(store);
+    testing::checkTotalsFollowHistory(*store, history);
+  }
+}
+
 TEST_F(PostgresStoreTest, SecondCollectorSharesTheMigratedDatabase) {
   const std::string url = server_->freshDatabase("shared");
   auto first = openPostgresStore(url);

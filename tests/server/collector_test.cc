@@ -105,6 +105,56 @@ TEST(SqliteStore, KeepsReportsExactly) {
   testing::checkStoreBehaviour(*store);
 }
 
+TEST(SqliteStore, RunningTotalsMatchARecount) {
+  for (const testing::FleetHistory& history : testing::kFleetHistories) {
+    SCOPED_TRACE(history.name);
+    quarvel::testing::TempTree tree;
+    auto store = openSqliteStore(tree.path("collect.sqlite"));
+    ASSERT_TRUE(store);
+    testing::checkTotalsFollowHistory(*store, history);
+  }
+}
+
+// A store written before the running totals existed gets them, filled from
+// the reports it holds, when it is opened.
+TEST(SqliteStore, UpgradeFillsTheRunningTotals) {
+  quarvel::testing::TempTree tree;
+  const std::string path = tree.path("collect.sqlite");
+  {
+    auto store = openSqliteStore(path);
+    ASSERT_TRUE(store);
+    testing::checkTotalsFollowHistory(*store, testing::kFleetHistories[5]);
+  }
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(
+      sqlite3_exec(db,
+                   "DROP TABLE product_totals; ALTER TABLE reports DROP COLUMN finding_count; "
+                   "ALTER TABLE reports DROP COLUMN price_total; "
+                   "DELETE FROM schema_version WHERE version > 1",
+                   nullptr, nullptr, nullptr),
+      SQLITE_OK)
+      << sqlite3_errmsg(db);
+  sqlite3_close(db);
+  auto store = openSqliteStore(path);
+  ASSERT_TRUE(store);
+  EXPECT_EQ(store->schemaVersion(), currentSchemaVersion());
+  const auto overview = store->overview();
+  const auto expected = testing::recount(*store);
+  ASSERT_TRUE(overview && expected);
+  ASSERT_FALSE(expected->products.empty());
+  ASSERT_EQ(overview->products.size(), expected->products.size());
+  for (size_t i = 0; i < expected->products.size(); ++i) {
+    EXPECT_EQ(overview->products[i].machines, expected->products[i].machines);
+    EXPECT_EQ(overview->products[i].priceHundredths, expected->products[i].priceHundredths);
+  }
+  std::int64_t findings = 0;
+  for (const MachineSummary& m : overview->machines) findings += m.findings;
+  std::int64_t recounted = 0;
+  for (const MachineSummary& m : expected->machines) recounted += m.findings;
+  EXPECT_EQ(findings, recounted);
+}
+
 TEST(SqliteStore, MigratesOnceAndRefusesANewerSchema) {
   quarvel::testing::TempTree tree;
   const std::string path = tree.path("collect.sqlite");
