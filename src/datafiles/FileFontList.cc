@@ -8,6 +8,8 @@ namespace quarvel {
 struct FileFontList::Indexes {
   LookupIndex m_pDicFileName;
   LookupIndex m_pDicDbToIdx;
+  /// The text of the records read last, while they keep it.
+  std::weak_ptr<const std::string> text;
 };
 
 FileFontList::FileFontList() : indexes_(std::make_unique<Indexes>()) {
@@ -35,8 +37,10 @@ bool FileFontList::openWithFileName(const std::string& fileName, bool isFullPath
     m_pHeader.insertRecord(lines[i], datafile::kSeparator);
   }
   const std::int64_t first = loadRecords(m_pFontList, read, [](std::string_view) {});
+  std::shared_ptr<const std::string> text = std::move(read.text);
   read = ReadResult();  // the records keep the text; the lines go
-  indexLowered(indexes_->m_pDicFileName, m_pFontList, first,
+  indexes_->text = text;
+  indexLowered(indexes_->m_pDicFileName, m_pFontList, first, std::move(text),
                [](const Record& record) { return record[datafile::kExeFileIndex]; });
   setM_strFileName(path);
   return true;
@@ -60,7 +64,7 @@ int FileFontList::getIdByFileName(std::string_view fileName) const {
 
 int FileFontList::getIndex(std::string_view dbId) {
   if (indexes_->m_pDicDbToIdx.empty())
-    indexField(indexes_->m_pDicDbToIdx, m_pFontList, datafile::kFieldDbId);
+    indexField(indexes_->m_pDicDbToIdx, m_pFontList, datafile::kFieldDbId, indexes_->text.lock());
   return static_cast<int>(indexes_->m_pDicDbToIdx.find(dbId));
 }
 
