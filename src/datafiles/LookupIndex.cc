@@ -299,7 +299,10 @@ void LookupIndex::referTo(std::shared_ptr<const std::string> text) {
 
 LookupIndex::Entry LookupIndex::entryOf(std::string_view given, bool caseBlind,
                                         std::string& scratch) const {
-  const bool inText = text_ && given.data() >= text_->data() &&
+  // Short keys (file names, identifiers) are copied all the same: in one
+  // small buffer they stay in the caches, while a place in the text is a
+  // miss of its own; the long ones are where copies cost memory.
+  const bool inText = given.size() >= kHeldInPlaceFrom && text_ && given.data() >= text_->data() &&
                       given.data() + given.size() <= text_->data() + text_->size() &&
                       static_cast<std::size_t>(given.data() - text_->data()) <= UINT32_MAX;
   if (!caseBlind) return {given, inText ? given.data() : nullptr, false};

@@ -6,9 +6,9 @@
 ///
 /// An open-addressing table: a record costs a 16-byte slot (at most half of
 /// the slots are used) holding the key's hash, length and place, and a
-/// look-up allocates nothing. A key that setRows meets inside the text given
-/// to referTo (the records' own text, as read) is held as its place there;
-/// any other key is copied into the index's own buffer. Key bytes are
+/// look-up allocates nothing. A long key that setRows meets inside the text
+/// given to referTo (the records' own text, as read) is held as its place
+/// there; any other key is copied into the index's own buffer. Key bytes are
 /// addressed in 32 bits: keys beyond 4 GiB of key text in all are not
 /// entered.
 
@@ -91,6 +91,8 @@ class LookupIndex {
   /// kCaseBlind is set too (such keys lower by ASCII's rule alone).
   static constexpr std::uint32_t kInText = 1u << 31, kCaseBlind = 1u << 30;
   static constexpr std::uint32_t kLengthMask = kCaseBlind - 1;
+  /// Keys at least this long are held in place; shorter ones are copied.
+  static constexpr std::size_t kHeldInPlaceFrom = 24;
 
   /// A key to enter: `key` as hashed and compared; `given` the text it was
   /// lowered from, to be held in place, or null to copy `key`.

@@ -77,16 +77,17 @@ TEST(LookupKeys, FindLoweredFindsEveryLengthAndMissesAnyOtherByte) {
   }
 }
 
-// Keys held in place in the records' text compare as the copies they stand
-// for: case-blind ones lowered, exact ones as given; keys outside the text,
-// or lowered by more than ASCII's rule, are copied; and moving to another
-// text keeps every key entered before.
+// Long keys held in place in the records' text compare as the copies they
+// stand for: case-blind ones lowered, exact ones as given; short keys, keys
+// outside the text or lowered by more than ASCII's rule are copied; and
+// moving to another text keeps every key entered before.
 TEST(LookupKeys, KeysHeldInTheTextFindAsCopiesWould) {
   const std::string outside = "Outside.Key";
   for (const bool caseBlind : {true, false}) {
     SCOPED_TRACE(caseBlind ? "case-blind" : "exact");
     auto text = std::make_shared<const std::string>(
-        "Setup.EXE|readme|\xCE\xA3\xCE\x9F Soft|\xED\x95\x9C Gl\xED\x95\x9C Tool.App|Zq");
+        "Acme Corp\tSetup Tool\t1.0\tSETUP.EXE|readme|\xCE\xA3\xCE\x9F Soft, Athens\t2.0\tA.app|"
+        "\xED\x95\x9C Gl\xED\x95\x9C Tool.App\tWriter\t3.1\tHW.exe|Zq");
     std::vector<std::string_view> given;
     for (std::size_t from = 0; from <= text->size();) {
       const std::size_t at = std::min(text->find('|', from), text->size());
