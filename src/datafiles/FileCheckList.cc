@@ -24,9 +24,6 @@ struct FileCheckList::Indexes {
   LookupIndex m_pDicProperty;
   LookupIndex m_pDicFileName;
   LookupIndex m_pDicDbToIdx;
-  /// The text of the records read last, while they keep it: the identifier
-  /// index, built later, holds its keys in place too.
-  std::weak_ptr<const std::string> text;
 };
 
 FileCheckList::FileCheckList() : indexes_(std::make_unique<Indexes>()) {
@@ -79,18 +76,16 @@ bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPat
     logf("%s (%d) // CHECKLIST INSERT FAIL : %s", kOpenMethod, kLineInsertFail,
          std::string(line).c_str());
   });
-  std::shared_ptr<const std::string> text = std::move(read.text);
   read = ReadResult();  // the records keep the text; the lines go
-  indexes_->text = text;
   // The property key's four values are consecutive in a record, so the key
   // is a view of the record's own text.
   static_assert(datafile::kProductIndex == datafile::kCompanyIndex + 1 &&
                 datafile::kVersionIndex == datafile::kCompanyIndex + 2 &&
                 datafile::kOriginalFileIndex == datafile::kCompanyIndex + 3);
-  indexLowered(indexes_->m_pDicProperty, m_pCheckList, first, text, [](const Record& record) {
+  indexLowered(indexes_->m_pDicProperty, m_pCheckList, first, [](const Record& record) {
     return record.joined(datafile::kCompanyIndex, datafile::kOriginalFileIndex);
   });
-  indexLowered(indexes_->m_pDicFileName, m_pCheckList, first, std::move(text),
+  indexLowered(indexes_->m_pDicFileName, m_pCheckList, first,
                [](const Record& record) { return record[datafile::kExeFileIndex]; });
   setM_strFileName(path);
   return true;
@@ -127,7 +122,7 @@ int FileCheckList::getIdByProperty(std::string_view property) const {
 
 int FileCheckList::getIndex(std::string_view dbId) {
   if (indexes_->m_pDicDbToIdx.empty())
-    indexField(indexes_->m_pDicDbToIdx, m_pCheckList, datafile::kFieldDbId, indexes_->text.lock());
+    indexField(indexes_->m_pDicDbToIdx, m_pCheckList, datafile::kFieldDbId);
   return static_cast<int>(indexes_->m_pDicDbToIdx.find(dbId));
 }
 

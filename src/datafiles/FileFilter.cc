@@ -39,10 +39,9 @@ bool FileFilter::openWithFileName(const std::string& fileName, bool isFullPath) 
     m_pHeader.insertRecord(lines[i], datafile::kSeparator);
   }
   const std::int64_t first = loadRecords(m_pSWList, read, [](std::string_view) {});
-  std::shared_ptr<const std::string> text = std::move(read.text);
   read = ReadResult();  // the records keep the text; the lines go
   // A loaded record holds exactly the four key values, in key order.
-  indexLowered(indexes_->m_pDicFilter, m_pSWList, first, std::move(text),
+  indexLowered(indexes_->m_pDicFilter, m_pSWList, first,
                [](const Record& record) { return record.tabbedText(); });
   setM_strFileName(path);
   return true;

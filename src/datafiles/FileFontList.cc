@@ -8,8 +8,6 @@ namespace quarvel {
 struct FileFontList::Indexes {
   LookupIndex m_pDicFileName;
   LookupIndex m_pDicDbToIdx;
-  /// The text of the records read last, while they keep it.
-  std::weak_ptr<const std::string> text;
 };
 
 FileFontList::FileFontList() : indexes_(std::make_unique<Indexes>()) {
@@ -37,10 +35,8 @@ bool FileFontList::openWithFileName(const std::string& fileName, bool isFullPath
     m_pHeader.insertRecord(lines[i], datafile::kSeparator);
   }
   const std::int64_t first = loadRecords(m_pFontList, read, [](std::string_view) {});
-  std::shared_ptr<const std::string> text = std::move(read.text);
   read = ReadResult();  // the records keep the text; the lines go
-  indexes_->text = text;
-  indexLowered(indexes_->m_pDicFileName, m_pFontList, first, std::move(text),
+  indexLowered(indexes_->m_pDicFileName, m_pFontList, first,
                [](const Record& record) { return record[datafile::kExeFileIndex]; });
   setM_strFileName(path);
   return true;
@@ -64,7 +60,7 @@ int FileFontList::getIdByFileName(std::string_view fileName) const {
 
 int FileFontList::getIndex(std::string_view dbId) {
   if (indexes_->m_pDicDbToIdx.empty())
-    indexField(indexes_->m_pDicDbToIdx, m_pFontList, datafile::kFieldDbId, indexes_->text.lock());
+    indexField(indexes_->m_pDicDbToIdx, m_pFontList, datafile::kFieldDbId);
   return static_cast<int>(indexes_->m_pDicDbToIdx.find(dbId));
 }
 

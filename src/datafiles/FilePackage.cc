@@ -9,9 +9,6 @@ namespace quarvel {
 
 struct FilePackage::Indexes {
   LookupIndex m_pDicPackageId2Idx;
-  /// The text of the records read last, while they keep it: the index,
-  /// built later, holds its keys in place.
-  std::weak_ptr<const std::string> text;
 };
 
 FilePackage::FilePackage()
@@ -45,7 +42,6 @@ bool FilePackage::openWithFileName(const std::string& fileName, bool isFullPath)
   const auto ignore = [](std::string_view) {};
   loadRecords(m_pPackage, read, ignore);
   loadRecords(m_pSub, read, ignore);
-  indexes_->text = read.text;
   setM_strFileName(path);
   return true;
 }
@@ -68,8 +64,7 @@ bool FilePackage::saveAsFileName(const std::string& fileName, bool isFullPath) {
 
 int FilePackage::getPackageIndex(std::string_view packageId) {
   if (indexes_->m_pDicPackageId2Idx.empty())
-    indexField(indexes_->m_pDicPackageId2Idx, m_pPackage, datafile::kFieldDbId,
-               indexes_->text.lock());
+    indexField(indexes_->m_pDicPackageId2Idx, m_pPackage, datafile::kFieldDbId);
   return static_cast<int>(indexes_->m_pDicPackageId2Idx.find(packageId));
 }
 

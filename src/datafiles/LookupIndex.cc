@@ -119,38 +119,6 @@ inline bool sameBytes(const char* a, const char* b, std::size_t n) {
   return (differ | (x ^ y)) == 0;
 }
 
-// Each byte of any word from 'A' to 'Z' gains 0x20; bytes beyond ASCII
-// stay as they are (the additions work on seven bits, so never carry).
-inline std::uint64_t lowerAnyWord(std::uint64_t word) {
-  const std::uint64_t low = word & ~kHighs;
-  const std::uint64_t fromA = low + kOnes * (0x80 - 'A');
-  const std::uint64_t pastZ = low + kOnes * (0x80 - 'Z' - 1);
-  return word | ((fromA & ~pastZ & ~word & kHighs) >> 2);
-}
-
-// Whether n bytes of `given`, lowered by ASCII's rule, are the n bytes at
-// `lowered`; read in the words sameBytes reads.
-inline bool sameLowered(const char* given, const char* lowered, std::size_t n) {
-  if (n < 8) {
-    for (std::size_t i = 0; i < n; ++i) {
-      const auto byte = static_cast<unsigned char>(given[i]);
-      if ((byte >= 'A' && byte <= 'Z' ? byte + ('a' - 'A') : byte) !=
-          static_cast<unsigned char>(lowered[i]))
-        return false;
-    }
-    return true;
-  }
-  std::uint64_t x, y, differ = 0;
-  for (std::size_t i = 0; i + 8 < n; i += 8) {
-    std::memcpy(&x, given + i, 8);
-    std::memcpy(&y, lowered + i, 8);
-    differ |= lowerAnyWord(x) ^ y;
-  }
-  std::memcpy(&x, given + n - 8, 8);
-  std::memcpy(&y, lowered + n - 8, 8);
-  return (differ | (lowerAnyWord(x) ^ y)) == 0;
-}
-
 // Lowers the keys most look-ups take (ASCII, Hangul, CJK) into `out`, which
 // has room for text.size() bytes. False when the key holds anything else
 // (the text may then be partly written).
@@ -259,59 +227,15 @@ std::uint32_t LookupIndex::hashOf(std::string_view key) {
   return finishHash(hash ^ word);
 }
 
-bool LookupIndex::holds(const Slot& slot, std::string_view key) const {
-  if ((slot.length & kInText) == 0)
-    return sameBytes(keys_.data() + slot.offset, key.data(), key.size());
-  const char* const given = text_->data() + slot.offset;
-  if ((slot.length & kCaseBlind) != 0) return sameLowered(given, key.data(), key.size());
-  return sameBytes(given, key.data(), key.size());
-}
-
 std::size_t LookupIndex::slotOf(std::string_view key, std::uint32_t hash) const {
   const std::size_t mask = slots_.size() - 1;
   for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
     const Slot& slot = slots_[at];
     if (slot.value < 0) return at;
-    if (slot.hash == hash && (slot.length & kLengthMask) == key.size() && holds(slot, key))
+    if (slot.hash == hash && slot.length == key.size() &&
+        sameBytes(keys_.data() + slot.offset, key.data(), key.size()))
       return at;
   }
-}
-
-void LookupIndex::referTo(std::shared_ptr<const std::string> text) {
-  if (text == text_) return;
-  // Keys held in the text before are copied (lowered, when compared so):
-  // their offsets mean nothing in the new one. keyBytes_ counts them
-  // already, so they fit.
-  for (Slot& slot : slots_) {
-    if (slot.value < 0 || (slot.length & kInText) == 0) continue;
-    const std::size_t length = slot.length & kLengthMask;
-    const char* const given = text_->data() + slot.offset;
-    const std::size_t at = keys_.size();
-    keys_.insert(keys_.end(), given, given + length);
-    if ((slot.length & kCaseBlind) != 0)
-      for (std::size_t i = at; i < keys_.size(); ++i)
-        if (keys_[i] >= 'A' && keys_[i] <= 'Z') keys_[i] = static_cast<char>(keys_[i] + 32);
-    slot.offset = static_cast<std::uint32_t>(at);
-    slot.length = static_cast<std::uint32_t>(length);
-  }
-  text_ = std::move(text);
-}
-
-LookupIndex::Entry LookupIndex::entryOf(std::string_view given, bool caseBlind,
-                                        std::string& scratch) const {
-  // Short keys (file names, identifiers) are copied all the same: in one
-  // small buffer they stay in the caches, while a place in the text is a
-  // miss of its own; the long ones are where copies cost memory.
-  const bool inText = given.size() >= kHeldInPlaceFrom && text_ && given.data() >= text_->data() &&
-                      given.data() + given.size() <= text_->data() + text_->size() &&
-                      static_cast<std::size_t>(given.data() - text_->data()) <= UINT32_MAX;
-  if (!caseBlind) return {given, inText ? given.data() : nullptr, false};
-  // A key of ASCII and caseless characters lowers byte by byte, so it can
-  // be compared lowered where it stands; any other is copied lowered.
-  scratch.resize(given.size());
-  if (inText && lowerSimpleKey(given, scratch.data())) return {scratch, given.data(), true};
-  lowerKeyInto(scratch, given);
-  return {scratch, nullptr, false};
 }
 
 void LookupIndex::rehash(std::size_t slotCount) {
@@ -333,34 +257,25 @@ void LookupIndex::reserve(std::size_t count) {
 }
 
 void LookupIndex::clear() {
-  text_.reset();
-  keyBytes_ = 0;
   keys_.clear();
   slots_.clear();
   size_ = 0;
 }
 
 void LookupIndex::set(std::string_view key, std::int64_t index) {
-  setHashed(Entry{key}, hashOf(key), index);
+  setHashed(key, hashOf(key), index);
 }
 
-void LookupIndex::setHashed(const Entry& entry, std::uint32_t hash, std::int64_t index) {
+void LookupIndex::setHashed(std::string_view key, std::uint32_t hash, std::int64_t index) {
   if (index < 0 || index > INT32_MAX) return;
   if (2 * (size_ + 1) > slots_.size()) reserve(size_ + 1);
-  const std::string_view key = entry.key;
   Slot& slot = slots_[slotOf(key, hash)];
+  if (slot.value < 0 && keys_.size() + key.size() > UINT32_MAX) return;
   if (slot.value < 0) {
-    if (keyBytes_ + key.size() > UINT32_MAX) return;
-    keyBytes_ += key.size();
     slot.hash = hash;
+    slot.offset = static_cast<std::uint32_t>(keys_.size());
     slot.length = static_cast<std::uint32_t>(key.size());
-    if (entry.given != nullptr) {
-      slot.offset = static_cast<std::uint32_t>(entry.given - text_->data());
-      slot.length |= kInText | (entry.caseBlind ? kCaseBlind : 0);
-    } else {
-      slot.offset = static_cast<std::uint32_t>(keys_.size());
-      keys_.insert(keys_.end(), key.begin(), key.end());
-    }
+    keys_.insert(keys_.end(), key.begin(), key.end());
     ++size_;
   }
   slot.value = static_cast<std::int32_t>(index);
@@ -371,12 +286,10 @@ std::int64_t LookupIndex::find(std::string_view key) const {
   return slots_[slotOf(key, hashOf(key))].value;
 }
 
-void indexField(LookupIndex& index, TableMulti& table, std::string_view field,
-                std::shared_ptr<const std::string> text) {
+void indexField(LookupIndex& index, TableMulti& table, std::string_view field) {
   const std::uint64_t fieldIndex = table.getFieldIndex(field);
   const std::vector<RecordPtr>& records = table.m_arrData();
-  if (text) index.referTo(std::move(text));
-  index.setRows(0, records.size(), false, [&](std::int64_t row) {
+  index.setRows(0, records.size(), [&](std::int64_t row, std::string&) {
     const RecordPtr& record = records[static_cast<std::size_t>(row)];
     if (fieldIndex == Table::kNotFound || !record || fieldIndex >= record->size())
       return std::string_view(Table::kOutOfBounds);

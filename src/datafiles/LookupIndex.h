@@ -4,18 +4,14 @@
 /// Keys are held as given; callers lower-case both sides where the look-up is
 /// case-blind (lowerKey). On a repeated key the last record entered wins.
 ///
-/// An open-addressing table: a record costs a 16-byte slot (at most half of
-/// the slots are used) holding the key's hash, length and place, and a
-/// look-up allocates nothing. A long key that setRows meets inside the text
-/// given to referTo (the records' own text, as read) is held as its place
-/// there; any other key is copied into the index's own buffer. Key bytes are
-/// addressed in 32 bits: keys beyond 4 GiB of key text in all are not
-/// entered.
+/// An open-addressing table over one buffer of key bytes: a record costs a
+/// 16-byte slot (at most half of the slots are used) plus its key's bytes,
+/// and a look-up allocates nothing. The key bytes are addressed in 32 bits:
+/// keys beyond 4 GiB of key text in all are not entered.
 
 #include <array>
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -62,16 +58,12 @@ class LookupIndex {
   void set(std::string_view key, std::int64_t index);
   /// The index entered under `key`, or -1.
   std::int64_t find(std::string_view key) const;
-  /// Keys setRows meets inside `text` are from now on held as places in it,
-  /// and the index keeps it. Keys held in an earlier text are copied first.
-  void referTo(std::shared_ptr<const std::string> text);
   /// Enters the key of every row from `first` to `first + count - 1`, in row
-  /// order, exactly as set(lowerKey(key)) (`caseBlind`) or set(key) would.
-  /// keyOf(row) answers the row's key as given: a view of text that outlives
-  /// the call. Slots are fetched a few keys ahead, which is what an index
-  /// larger than the caches needs.
+  /// order, exactly as set() would. keyOf(row, scratch) answers the row's key:
+  /// a view of `scratch` or of text that outlives the call. Slots are fetched
+  /// a few keys ahead, which is what an index larger than the caches needs.
   template <typename KeyOf>
-  void setRows(std::int64_t first, std::size_t count, bool caseBlind, KeyOf&& keyOf);
+  void setRows(std::int64_t first, std::size_t count, KeyOf&& keyOf);
   /// find(lowerKey(key)) without allocating.
   std::int64_t findLowered(std::string_view key) const;
   bool empty() const { return size_ == 0; }
@@ -83,82 +75,60 @@ class LookupIndex {
  private:
   struct Slot {
     std::uint32_t hash = 0;    ///< places the slot and screens comparisons
-    std::uint32_t offset = 0;  ///< of the key in keys_, or in text_ (kInText)
-    std::uint32_t length = 0;  ///< the key's length, and the two flags
-    std::int32_t value = -1;   ///< -1: the slot is free
-  };
-  /// The key is in text_; there it is as given, and compares lowered when
-  /// kCaseBlind is set too (such keys lower by ASCII's rule alone).
-  static constexpr std::uint32_t kInText = 1u << 31, kCaseBlind = 1u << 30;
-  static constexpr std::uint32_t kLengthMask = kCaseBlind - 1;
-  /// Keys at least this long are held in place; shorter ones are copied.
-  static constexpr std::size_t kHeldInPlaceFrom = 24;
-
-  /// A key to enter: `key` as hashed and compared; `given` the text it was
-  /// lowered from, to be held in place, or null to copy `key`.
-  struct Entry {
-    std::string_view key;
-    const char* given = nullptr;
-    bool caseBlind = false;
+    std::uint32_t offset = 0;  ///< of the key in keys_
+    std::uint32_t length = 0;
+    std::int32_t value = -1;  ///< -1: the slot is free
   };
   static std::uint32_t hashOf(std::string_view key);
   std::size_t slotOf(std::string_view key, std::uint32_t hash) const;
-  bool holds(const Slot& slot, std::string_view key) const;
-  void setHashed(const Entry& entry, std::uint32_t hash, std::int64_t index);
-  /// Makes `entry` for `given`, lowered into `scratch` when caseBlind.
-  Entry entryOf(std::string_view given, bool caseBlind, std::string& scratch) const;
+  void setHashed(std::string_view key, std::uint32_t hash, std::int64_t index);
   void rehash(std::size_t slotCount);
 
-  std::shared_ptr<const std::string> text_;
-  std::size_t keyBytes_ = 0;  ///< of every key entered, copied or not
   std::vector<char, HugePageAllocator<char>> keys_;
   std::vector<Slot, HugePageAllocator<Slot>> slots_;  ///< a power of two in size, or empty
   std::size_t size_ = 0;
 };
 
 template <typename KeyOf>
-void LookupIndex::setRows(std::int64_t first, std::size_t count, bool caseBlind, KeyOf&& keyOf) {
+void LookupIndex::setRows(std::int64_t first, std::size_t count, KeyOf&& keyOf) {
   if (count == 0) return;
   reserve(size_ + count);
   constexpr std::size_t kAhead = 16;
   struct Pending {
     std::string scratch;
-    Entry entry;
+    std::string_view key;
     std::uint32_t hash = 0;
   };
   std::array<Pending, kAhead> ring;
   const std::size_t mask = slots_.size() - 1;
   auto prepare = [&](std::size_t i) {
     Pending& pending = ring[i % kAhead];
-    pending.entry =
-        entryOf(keyOf(first + static_cast<std::int64_t>(i)), caseBlind, pending.scratch);
-    pending.hash = hashOf(pending.entry.key);
+    pending.key = keyOf(first + static_cast<std::int64_t>(i), pending.scratch);
+    pending.hash = hashOf(pending.key);
     __builtin_prefetch(&slots_[pending.hash & mask]);
   };
   for (std::size_t i = 0; i < count && i < kAhead; ++i) prepare(i);
   for (std::size_t i = 0; i < count; ++i) {
     const Pending& pending = ring[i % kAhead];
-    setHashed(pending.entry, pending.hash, first + static_cast<std::int64_t>(i));
+    setHashed(pending.key, pending.hash, first + static_cast<std::int64_t>(i));
     if (i + kAhead < count) prepare(i + kAhead);
   }
 }
 
 /// Enters into `index`, case-blind, the key of every record of `table`
-/// from row `first` on: keyOf(record) answers the key's text. Keys inside
-/// `text` (the records' text as read, or null) are held in place.
+/// from row `first` on: keyOf(record) answers the key's text.
 template <typename KeyOf>
-void indexLowered(LookupIndex& index, const TableMulti& table, std::int64_t first,
-                  std::shared_ptr<const std::string> text, KeyOf&& keyOf) {
+void indexLowered(LookupIndex& index, const TableMulti& table, std::int64_t first, KeyOf&& keyOf) {
   const std::vector<RecordPtr>& records = table.m_arrData();
-  if (text) index.referTo(std::move(text));
-  index.setRows(first, records.size() - static_cast<std::size_t>(first), true,
-                [&](std::int64_t row) { return keyOf(*records[static_cast<std::size_t>(row)]); });
+  index.setRows(first, records.size() - static_cast<std::size_t>(first),
+                [&](std::int64_t row, std::string& scratch) {
+                  lowerKeyInto(scratch, keyOf(*records[static_cast<std::size_t>(row)]));
+                  return std::string_view(scratch);
+                });
 }
 
 /// Enters into `index`, exactly, every record's value of `field` as
 /// select(row, field) answers it (kOutOfBounds for a record without one).
-/// Keys inside `text` (or null) are held in place.
-void indexField(LookupIndex& index, TableMulti& table, std::string_view field,
-                std::shared_ptr<const std::string> text);
+void indexField(LookupIndex& index, TableMulti& table, std::string_view field);
 
 }  // namespace quarvel

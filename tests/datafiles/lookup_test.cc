@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <memory>
 #include <random>
 
 #include "common/Log.h"
@@ -73,48 +71,6 @@ TEST(LookupKeys, FindLoweredFindsEveryLengthAndMissesAnyOtherByte) {
       std::string other = keys[i];
       other[at] = other[at] == '#' ? '%' : '#';
       ASSERT_EQ(index.findLowered(other), -1) << "byte " << at;
-    }
-  }
-}
-
-// Long keys held in place in the records' text compare as the copies they
-// stand for: case-blind ones lowered, exact ones as given; short keys, keys
-// outside the text or lowered by more than ASCII's rule are copied; and
-// moving to another text keeps every key entered before.
-TEST(LookupKeys, KeysHeldInTheTextFindAsCopiesWould) {
-  const std::string outside = "Outside.Key";
-  for (const bool caseBlind : {true, false}) {
-    SCOPED_TRACE(caseBlind ? "case-blind" : "exact");
-    auto text = std::make_shared<const std::string>(
-        "Acme Corp\tSetup Tool\t1.0\tSETUP.EXE|readme|\xCE\xA3\xCE\x9F Soft, Athens\t2.0\tA.app|"
-        "\xED\x95\x9C Gl\xED\x95\x9C Tool.App\tWriter\t3.1\tHW.exe|Zq");
-    std::vector<std::string_view> given;
-    for (std::size_t from = 0; from <= text->size();) {
-      const std::size_t at = std::min(text->find('|', from), text->size());
-      given.emplace_back(text->data() + from, at - from);
-      from = at + 1;
-    }
-    given.push_back(outside);
-    std::vector<std::string> keys;
-    for (std::string_view key : given) keys.push_back(caseBlind ? lowerKey(key) : std::string(key));
-    LookupIndex index;
-    index.referTo(text);
-    index.setRows(0, given.size(), caseBlind,
-                  [&](std::int64_t row) { return given[static_cast<std::size_t>(row)]; });
-    for (int round = 0; round < 2; ++round) {
-      for (std::size_t i = 0; i < keys.size(); ++i) {
-        SCOPED_TRACE(keys[i]);
-        ASSERT_EQ(index.find(keys[i]), static_cast<std::int64_t>(i));
-        std::string upper = keys[i];
-        for (char& c : upper) c = static_cast<char>(c >= 'a' && c <= 'z' ? c - 32 : c);
-        if (caseBlind) {
-          ASSERT_EQ(index.findLowered(upper), static_cast<std::int64_t>(i));
-        } else if (upper != keys[i]) {
-          ASSERT_EQ(index.find(upper), -1);
-        }
-      }
-      index.referTo(std::make_shared<const std::string>("later"));  // the keys are copied
-      text.reset();
     }
   }
 }
