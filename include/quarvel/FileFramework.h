@@ -89,9 +89,9 @@ class FileFramework {
   enum class ReadStatus { kOk, kOpenFailed, kDecryptFailed, kDamaged };
   struct ReadResult {
     ReadStatus status = ReadStatus::kOpenFailed;
-    int errorCode = 0;                    ///< the stream's error value on kOpenFailed
-    std::unique_ptr<std::string> text;    ///< the decoded text that `lines` view
-    std::vector<std::string_view> lines;  ///< the deciphered lines on kOk
+    int errorCode = 0;                        ///< the stream's error value on kOpenFailed
+    std::shared_ptr<const std::string> text;  ///< the decoded text that `lines` view
+    std::vector<std::string_view> lines;      ///< the deciphered lines on kOk
   };
 
   /// Reads and deciphers `path` and sets the start and end positions of
@@ -107,27 +107,20 @@ class FileFramework {
   /// Appends the lines strictly inside `table`'s section as its records,
   /// exactly as insertRecord(line, "\t") would: a line whose field count
   /// differs from the table's is refused and passed to `refused(line)`, in
-  /// line order. Records are appended in one step. Answers the row of the
-  /// first record appended (the table's count before).
+  /// line order. Records are appended in one step and refer to the read's
+  /// text, which they keep. Answers the row of the first record appended
+  /// (the table's count before).
   template <typename Refused>
-  static std::int64_t loadRecords(TableMulti& table, const std::vector<std::string_view>& lines,
-                                  Refused&& refused) {
-    const std::size_t fieldCount = table.getFields()->size();
+  static std::int64_t loadRecords(TableMulti& table, const ReadResult& read, Refused&& refused) {
     const int first = table.getStartPosition() + 1;
     const int end = table.getEndPosition();
-    std::vector<RecordPtr> batch;
-    if (end > first) batch.reserve(static_cast<std::size_t>(end - first));
-    for (int i = first; i < end; ++i) {
-      const std::string_view line = lines[static_cast<std::size_t>(i)];
-      std::optional<Record> record = Record::fromTabbedLine(line, fieldCount);
-      if (!record) {
-        refused(line);
-        continue;
-      }
-      batch.push_back(std::make_shared<Record>(std::move(*record)));
-    }
-    const auto row = static_cast<std::int64_t>(table.getCount());
-    table.addArrayItems(std::move(batch));
+    std::span<const std::string_view> lines;
+    if (end > first)
+      lines = std::span(read.lines)
+                  .subspan(static_cast<std::size_t>(first), static_cast<std::size_t>(end - first));
+    std::vector<std::size_t> refusedLines;
+    const std::int64_t row = table.addTabbedLines(read.text, lines, refusedLines);
+    for (std::size_t i : refusedLines) refused(lines[i]);
     return row;
   }
 

@@ -10,8 +10,13 @@
 /// the offsets, not the tabs, say where values end, and joining the values
 /// with "\t" still gives exactly the stored text.
 ///
-/// Values are read as string_views into the block; they stay valid until the
-/// record is changed or destroyed.
+/// A record read from a data file need not own its text: referring() builds
+/// one over a layout and text that its table keeps (one buffer for all of a
+/// file's records), and such a record gets a block of its own the first time
+/// it is changed. A copy always owns its block.
+///
+/// Values are read as string_views into the block or the referred text; they
+/// stay valid until the record is changed or destroyed.
 ///
 /// Not thread-safe to change: readers on several threads are fine while no
 /// thread changes the record.
@@ -67,20 +72,35 @@ class Record {
   /// The same when the line holds exactly `valueCount` values; nothing
   /// otherwise.
   static std::optional<Record> fromTabbedLine(std::string_view line, std::size_t valueCount);
+  /// Writes the end offset of each of `valueCount` values of `line` to
+  /// `ends` (room for valueCount); false, with `ends` partly written, when
+  /// the line does not hold exactly that many values or is 4 GiB or more.
+  static bool splitTabbedLine(std::string_view line, std::size_t valueCount, std::uint32_t* ends);
+  /// A record of the values `layout` describes ([0] the value count n > 0,
+  /// [1..n] each value's end offset from `text`, values separated by one
+  /// byte), referring to both instead of copying them. The caller keeps both
+  /// alive and unchanged while the record, or one it is moved into, refers
+  /// to them; set(), resize(), erase() and clear() end the reference.
+  static Record referring(const std::uint32_t* layout, const char* text) {
+    Record record;
+    record.layout_ = layout;
+    record.text_ = text;
+    return record;
+  }
 
   Record(const Record& other);
   Record& operator=(const Record& other);
-  Record(Record&&) noexcept = default;
-  Record& operator=(Record&&) noexcept = default;
+  Record(Record&& other) noexcept;
+  Record& operator=(Record&& other) noexcept;
   ~Record() = default;
 
-  std::size_t size() const { return block_ ? block_[0] : 0; }
+  std::size_t size() const { return layout_ ? layout_[0] : 0; }
   bool empty() const { return size() == 0; }
   /// Value `index`; the index must be below size().
   std::string_view operator[](std::size_t index) const {
-    const std::uint32_t* ends = block_.get() + 1;
+    const std::uint32_t* ends = layout_ + 1;
     const std::uint32_t begin = index == 0 ? 0 : ends[index - 1] + 1;
-    return std::string_view(text() + begin, ends[index] - begin);
+    return std::string_view(text_ + begin, ends[index] - begin);
   }
   /// Value `index`; throws std::out_of_range beyond the values.
   std::string_view at(std::size_t index) const;
@@ -93,16 +113,16 @@ class Record {
   void resize(std::size_t count, std::string_view fill);
   /// Removes value `index` (below size()).
   void erase(std::size_t index);
-  void clear() { block_.reset(); }
+  void clear() { *this = Record(); }
 
   /// The values joined by tabs: the stored text itself.
   std::string_view tabbedText() const;
   /// Values `first` to `last` (inclusive, last below size()) joined by tabs,
   /// as a view of the stored text.
   std::string_view joined(std::size_t first, std::size_t last) const {
-    const std::uint32_t* ends = block_.get() + 1;
+    const std::uint32_t* ends = layout_ + 1;
     const std::uint32_t begin = first == 0 ? 0 : ends[first - 1] + 1;
-    return std::string_view(text() + begin, ends[last] - begin);
+    return std::string_view(text_ + begin, ends[last] - begin);
   }
   std::vector<std::string> values() const;
 
@@ -113,11 +133,15 @@ class Record {
   /// `ends` receives each value's end offset.
   static Record withText(std::size_t count, std::string_view text, std::uint32_t** ends);
   static Record fromValues(std::size_t count, const std::string_view* values);
-  std::size_t textSize() const;
-  const char* text() const { return reinterpret_cast<const char*>(block_.get() + 1 + block_[0]); }
+  std::size_t textSize() const { return layout_ ? layout_[layout_[0]] : 0; }
 
-  /// [0] value count n, [1..n] end offsets, then the text (n > 0), or null.
+  /// [0] value count n, [1..n] end offsets, then the text (n > 0); null for
+  /// no values or a record referring to its table's text.
   std::unique_ptr<std::uint32_t[]> block_;
+  /// The count and offsets, and the text: in block_ or referred to; the
+  /// layout is null for no values.
+  const std::uint32_t* layout_ = nullptr;
+  const char* text_ = nullptr;
 };
 
 /// Prints the values as {"a", "b"} (test failure messages).

@@ -13,6 +13,8 @@
 /// Records are shared pointers: a copy() and the records handed out share
 /// them with the table.
 
+#include <span>
+
 #include "quarvel/Table.h"
 
 namespace quarvel {
@@ -39,6 +41,16 @@ class TableMulti : public Table {
   /// Appends the split line when its count equals the field count and answers
   /// its index; otherwise answers -1 silently.
   std::int64_t add(std::string_view line, std::string_view separator) override;
+  /// Appends a record for each of `lines` that holds exactly the field
+  /// count of values split on "\t", as add(line, "\t") would, and the index
+  /// in `lines` of each other line to `refused`. The records refer to
+  /// `text`, which every line is a view of and which they keep alive (see
+  /// Record::referring): one allocation for them all rather than one each.
+  /// Answers the row of the first record appended (the count before).
+  /// Throws std::bad_alloc when memory runs out.
+  std::int64_t addTabbedLines(std::shared_ptr<const std::string> text,
+                              std::span<const std::string_view> lines,
+                              std::vector<std::size_t>& refused);
   /// Appends the records unchecked.
   void addArrayItems(const std::vector<RecordPtr>& records);
   void addArrayItems(std::vector<RecordPtr>&& records);

@@ -72,11 +72,11 @@ bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPat
            std::string(lines[i]).c_str());
     }
   }
-  const std::int64_t first = loadRecords(m_pCheckList, lines, [](std::string_view line) {
+  const std::int64_t first = loadRecords(m_pCheckList, read, [](std::string_view line) {
     logf("%s (%d) // CHECKLIST INSERT FAIL : %s", kOpenMethod, kLineInsertFail,
          std::string(line).c_str());
   });
-  read = ReadResult();  // the text goes before the indexes are built
+  read = ReadResult();  // the records keep the text; the lines go
   // The property key's four values are consecutive in a record, so the key
   // is a view of the record's own text.
   static_assert(datafile::kProductIndex == datafile::kCompanyIndex + 1 &&

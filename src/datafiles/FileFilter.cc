@@ -38,8 +38,8 @@ bool FileFilter::openWithFileName(const std::string& fileName, bool isFullPath) 
   for (int i = m_pHeader.getStartPosition() + 1; i < m_pHeader.getEndPosition(); ++i) {
     m_pHeader.insertRecord(lines[i], datafile::kSeparator);
   }
-  const std::int64_t first = loadRecords(m_pSWList, lines, [](std::string_view) {});
-  read = ReadResult();  // the text goes before the indexes are built
+  const std::int64_t first = loadRecords(m_pSWList, read, [](std::string_view) {});
+  read = ReadResult();  // the records keep the text; the lines go
   // A loaded record holds exactly the four key values, in key order.
   indexLowered(indexes_->m_pDicFilter, m_pSWList, first,
                [](const Record& record) { return record.tabbedText(); });

@@ -34,8 +34,8 @@ bool FileFontList::openWithFileName(const std::string& fileName, bool isFullPath
   for (int i = m_pHeader.getStartPosition() + 1; i < m_pHeader.getEndPosition(); ++i) {
     m_pHeader.insertRecord(lines[i], datafile::kSeparator);
   }
-  const std::int64_t first = loadRecords(m_pFontList, lines, [](std::string_view) {});
-  read = ReadResult();  // the text goes before the indexes are built
+  const std::int64_t first = loadRecords(m_pFontList, read, [](std::string_view) {});
+  read = ReadResult();  // the records keep the text; the lines go
   indexLowered(indexes_->m_pDicFileName, m_pFontList, first,
                [](const Record& record) { return record[datafile::kExeFileIndex]; });
   setM_strFileName(path);

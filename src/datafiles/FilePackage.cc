@@ -40,8 +40,8 @@ bool FilePackage::openWithFileName(const std::string& fileName, bool isFullPath)
   }
   // No index is built here: getPackageIndex builds its own on first use.
   const auto ignore = [](std::string_view) {};
-  loadRecords(m_pPackage, read.lines, ignore);
-  loadRecords(m_pSub, read.lines, ignore);
+  loadRecords(m_pPackage, read, ignore);
+  loadRecords(m_pSub, read, ignore);
   setM_strFileName(path);
   return true;
 }

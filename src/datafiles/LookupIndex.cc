@@ -256,6 +256,10 @@ void LookupIndex::reserve(std::size_t count) {
   if (wanted > slots_.size()) rehash(wanted);
 }
 
+void LookupIndex::reserveKeyBytes(std::size_t bytes) {
+  if (bytes <= UINT32_MAX - keys_.size()) keys_.reserve(keys_.size() + bytes);
+}
+
 void LookupIndex::clear() {
   keys_.clear();
   slots_.clear();
@@ -289,11 +293,17 @@ std::int64_t LookupIndex::find(std::string_view key) const {
 void indexField(LookupIndex& index, TableMulti& table, std::string_view field) {
   const std::uint64_t fieldIndex = table.getFieldIndex(field);
   const std::vector<RecordPtr>& records = table.m_arrData();
-  index.setRows(0, records.size(), [&](std::int64_t row, std::string&) {
-    const RecordPtr& record = records[static_cast<std::size_t>(row)];
+  const auto keyOf = [&](std::size_t row) {
+    const RecordPtr& record = records[row];
     if (fieldIndex == Table::kNotFound || !record || fieldIndex >= record->size())
       return std::string_view(Table::kOutOfBounds);
     return (*record)[fieldIndex];
+  };
+  std::size_t keyBytes = 0;
+  for (std::size_t row = 0; row < records.size(); ++row) keyBytes += keyOf(row).size();
+  index.reserveKeyBytes(keyBytes);
+  index.setRows(0, records.size(), [&](std::int64_t row, std::string&) {
+    return keyOf(static_cast<std::size_t>(row));
   });
 }
 

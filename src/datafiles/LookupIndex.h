@@ -70,6 +70,9 @@ class LookupIndex {
   std::size_t size() const { return size_; }
   /// Makes room for `count` keys without regrowing.
   void reserve(std::size_t count);
+  /// Makes room for `bytes` more bytes of keys: the key buffer then grows
+  /// once, leaving no smaller buffers behind in the heap.
+  void reserveKeyBytes(std::size_t bytes);
   void clear();
 
  private:
@@ -120,6 +123,11 @@ void LookupIndex::setRows(std::int64_t first, std::size_t count, KeyOf&& keyOf) 
 template <typename KeyOf>
 void indexLowered(LookupIndex& index, const TableMulti& table, std::int64_t first, KeyOf&& keyOf) {
   const std::vector<RecordPtr>& records = table.m_arrData();
+  // Lowering keeps the length of nearly every key.
+  std::size_t keyBytes = 0;
+  for (std::size_t row = static_cast<std::size_t>(first); row < records.size(); ++row)
+    keyBytes += keyOf(*records[row]).size();
+  index.reserveKeyBytes(keyBytes);
   index.setRows(first, records.size() - static_cast<std::size_t>(first),
                 [&](std::int64_t row, std::string& scratch) {
                   lowerKeyInto(scratch, keyOf(*records[static_cast<std::size_t>(row)]));

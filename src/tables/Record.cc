@@ -6,6 +6,7 @@
 #include <limits>
 #include <ostream>
 #include <stdexcept>
+#include <utility>
 
 namespace quarvel {
 
@@ -19,6 +20,8 @@ Record Record::withText(std::size_t count, std::string_view text, std::uint32_t*
   record.block_.reset(new std::uint32_t[words]);
   record.block_[0] = static_cast<std::uint32_t>(count);
   if (!text.empty()) std::memcpy(record.block_.get() + 1 + count, text.data(), text.size());
+  record.layout_ = record.block_.get();
+  record.text_ = reinterpret_cast<const char*>(record.block_.get() + 1 + count);
   *ends = record.block_.get() + 1;
   return record;
 }
@@ -31,10 +34,16 @@ Record Record::fromTabbedLine(std::string_view line) {
 
 std::optional<Record> Record::fromTabbedLine(std::string_view line, std::size_t valueCount) {
   if (valueCount == 0) return std::nullopt;
-  // One pass writes the offsets straight into the block; a line with the
-  // wrong count (rare: a damaged file) just costs the block.
+  // The offsets go straight into the block; a line with the wrong count
+  // (rare: a damaged file) just costs the block.
   std::uint32_t* ends = nullptr;
   Record record = withText(valueCount, line, &ends);
+  if (!splitTabbedLine(line, valueCount, ends)) return std::nullopt;
+  return record;
+}
+
+bool Record::splitTabbedLine(std::string_view line, std::size_t valueCount, std::uint32_t* ends) {
+  if (valueCount == 0 || line.size() > std::numeric_limits<std::uint32_t>::max()) return false;
   const std::size_t last = valueCount - 1;
   std::size_t found = 0;
   std::size_t i = 0;
@@ -47,19 +56,19 @@ std::optional<Record> Record::fromTabbedLine(std::string_view line, std::size_t 
       std::memcpy(&word, line.data() + i, 8);
       const std::uint64_t x = word ^ kTabs;  // a zero byte where a tab was
       for (std::uint64_t tabs = ~(((x & kLow7) + kLow7) | x | kLow7); tabs != 0; tabs &= tabs - 1) {
-        if (found == last) return std::nullopt;
+        if (found == last) return false;
         ends[found++] = static_cast<std::uint32_t>(i + (std::countr_zero(tabs) >> 3));
       }
     }
   }
   for (; i < line.size(); ++i) {
     if (line[i] != '\t') continue;
-    if (found == last) return std::nullopt;
+    if (found == last) return false;
     ends[found++] = static_cast<std::uint32_t>(i);
   }
-  if (found != last) return std::nullopt;
+  if (found != last) return false;
   ends[last] = static_cast<std::uint32_t>(line.size());
-  return record;
+  return true;
 }
 
 Record Record::fromValues(std::size_t count, const std::string_view* values) {
@@ -92,10 +101,10 @@ Record::Record(const std::vector<std::string>& values) {
 }
 
 Record::Record(const Record& other) {
-  if (!other.block_) return;
-  const std::size_t words = 1 + other.size() + (other.textSize() + 3) / 4;
-  block_.reset(new std::uint32_t[words]);
-  std::memcpy(block_.get(), other.block_.get(), words * sizeof(std::uint32_t));
+  if (other.layout_ == nullptr) return;
+  std::uint32_t* ends = nullptr;
+  *this = withText(other.size(), other.tabbedText(), &ends);
+  std::memcpy(ends, other.layout_ + 1, other.size() * sizeof(std::uint32_t));
 }
 
 Record& Record::operator=(const Record& other) {
@@ -103,10 +112,22 @@ Record& Record::operator=(const Record& other) {
   return *this;
 }
 
-std::size_t Record::textSize() const { return block_ ? block_[block_[0]] : 0; }
+Record::Record(Record&& other) noexcept
+    : block_(std::move(other.block_)),
+      layout_(std::exchange(other.layout_, nullptr)),
+      text_(std::exchange(other.text_, nullptr)) {}
+
+Record& Record::operator=(Record&& other) noexcept {
+  if (this != &other) {
+    block_ = std::move(other.block_);
+    layout_ = std::exchange(other.layout_, nullptr);
+    text_ = std::exchange(other.text_, nullptr);
+  }
+  return *this;
+}
 
 std::string_view Record::tabbedText() const {
-  return block_ ? std::string_view(text(), textSize()) : std::string_view();
+  return layout_ ? std::string_view(text_, textSize()) : std::string_view();
 }
 
 std::string_view Record::at(std::size_t index) const {

@@ -1,6 +1,8 @@
 #include "quarvel/TableMulti.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <memory>
 #include <stdexcept>
 
 #include "common/Log.h"
@@ -22,6 +24,15 @@ std::string_view valueAt(const RecordPtr& record, std::uint64_t field) {
     throw std::out_of_range("record has no value for the sort field");
   return (*record)[field];
 }
+
+// The records of one addTabbedLines call: their layouts in one array, the
+// records in another, and the text they refer to. Each RecordPtr the table
+// holds shares ownership of the whole.
+struct SharedRecords {
+  std::shared_ptr<const std::string> text;
+  std::unique_ptr<std::uint32_t[]> layouts;
+  std::unique_ptr<Record[]> records;
+};
 
 }  // namespace
 
@@ -74,6 +85,36 @@ std::int64_t TableMulti::add(std::string_view line, std::string_view separator) 
   }
   records_.push_back(std::move(record));
   return static_cast<std::int64_t>(records_.size()) - 1;
+}
+
+std::int64_t TableMulti::addTabbedLines(std::shared_ptr<const std::string> text,
+                                        std::span<const std::string_view> lines,
+                                        std::vector<std::size_t>& refused) {
+  const auto first = static_cast<std::int64_t>(records_.size());
+  const std::size_t fieldCount = fields_.size();
+  if (fieldCount == 0 || fieldCount > UINT32_MAX - 1) {
+    for (std::size_t i = 0; i < lines.size(); ++i) refused.push_back(i);
+    return first;
+  }
+  if (lines.empty()) return first;
+  const std::size_t stride = 1 + fieldCount;
+  auto shared = std::make_shared<SharedRecords>();
+  shared->text = std::move(text);
+  shared->layouts = std::make_unique_for_overwrite<std::uint32_t[]>(lines.size() * stride);
+  shared->records = std::make_unique<Record[]>(lines.size());
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    std::uint32_t* layout = shared->layouts.get() + kept * stride;
+    layout[0] = static_cast<std::uint32_t>(fieldCount);
+    if (!Record::splitTabbedLine(lines[i], fieldCount, layout + 1)) {
+      refused.push_back(i);
+      continue;
+    }
+    shared->records[kept++] = Record::referring(layout, lines[i].data());
+  }
+  records_.reserve(records_.size() + kept);
+  for (std::size_t i = 0; i < kept; ++i) records_.emplace_back(shared, &shared->records[i]);
+  return first;
 }
 
 void TableMulti::addArrayItems(const std::vector<RecordPtr>& records) {

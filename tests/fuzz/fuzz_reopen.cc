@@ -5,12 +5,18 @@
 // the first left wherever its own tag lines are missing: it must never read
 // beyond its own lines. A refused open leaves every table's records as they
 // were; an accepted one only adds records and leaves each section's start
-// before its end; the writer's buffer ends in its zero.
+// before its end, with the records that the file's lines give one by one;
+// every record is then found under its keys, at itself or at a later record
+// of the same key; the writer's buffer ends in its zero.
 
 #include <functional>
+#include <memory>
+#include <string>
 #include <string_view>
 
 #include "FuzzSupport.h"
+#include "common/StringUtil.h"
+#include "format/DataFileFormat.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
 #include "quarvel/FileFontList.h"
@@ -51,6 +57,35 @@ void openOnce(Subject& subject) {
     if (table->getStartPosition() < 0 || table->getStartPosition() >= table->getEndPosition())
       fail("an accepted open left a section's start not before its end");
   }
+  // The records appended are those that the lines read one by one give.
+  std::vector<std::string> lines;
+  quarvel::CommonLib::Decrypt(lines, quarvel::fuzz::scratchPath());
+  for (std::size_t i = 0; i < after.size(); ++i) {
+    auto* table = dynamic_cast<quarvel::TableMulti*>(subject.file->getTableByTag(subject.tags[i]));
+    if (table == nullptr) continue;
+    quarvel::TableMulti reference;
+    reference.setM_arrField(table->m_arrField());
+    for (int line = table->getStartPosition() + 1; line < table->getEndPosition(); ++line)
+      reference.insertRecord(lines.at(static_cast<std::size_t>(line)), "\t");
+    if (reference.getCount() != after[i] - before[i]) fail("records differ in number");
+    for (std::uint64_t row = 0; row < reference.getCount(); ++row)
+      if (*reference.getAt(static_cast<std::int64_t>(row)) !=
+          *table->getAt(static_cast<std::int64_t>(before[i] + row)))
+        fail("a record differs from its line");
+  }
+}
+
+// Each record of `table` is found by find(record): at itself, or at a later
+// record whose keyOf is the same (the last one wins).
+template <typename Find, typename KeyOf>
+void findsEveryRecord(quarvel::Table* table, Find&& find, KeyOf&& keyOf) {
+  const auto count = static_cast<std::int64_t>(table->getDataCount());
+  for (std::int64_t row = 0; row < count; ++row) {
+    const quarvel::RecordPtr record = table->getAt(row);
+    const std::int64_t found = find(*record);
+    if (found < row || found >= count || keyOf(*table->getAt(found)) != keyOf(*record))
+      fail("a record is not found under its key");
+  }
 }
 
 }  // namespace
@@ -78,6 +113,28 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       return 0;
     for (Subject& subject : subjects) openOnce(subject);
   }
+  using quarvel::Record;
+  constexpr std::size_t kExe = quarvel::datafile::kExeFileIndex;
+  const auto fileName = [](const Record& r) { return quarvel::lowercase(r[kExe]); };
+  const auto property = [](const Record& r) { return quarvel::lowercase(r.joined(1, 4)); };
+  const auto identifier = [](const Record& r) { return std::string(r[0]); };
+  quarvel::Table* checks = checkList.getTableByTag("#CHECKLIST");
+  findsEveryRecord(
+      checks, [&](const Record& r) { return checkList.getIdByFileName(r[kExe]); }, fileName);
+  findsEveryRecord(
+      checks, [&](const Record& r) { return checkList.getIdByProperty(r.joined(1, 4)); }, property);
+  findsEveryRecord(
+      checks, [&](const Record& r) { return checkList.getIndex(r[0]); }, identifier);
+  findsEveryRecord(
+      fonts.getTableByTag("#CHECKLIST"),
+      [&](const Record& r) { return fonts.getIdByFileName(r[kExe]); }, fileName);
+  findsEveryRecord(
+      package.getTableByTag("#PACKAGE"),
+      [&](const Record& r) { return package.getPackageIndex(r[0]); }, identifier);
+  findsEveryRecord(
+      filter.getTableByTag("#SWLIST"),
+      [&](const Record& r) { return filter.getIdByFilter(r.tabbedText()); },
+      [](const Record& r) { return quarvel::lowercase(r.tabbedText()); });
   for (Subject& subject : subjects) {
     std::uint64_t length = 0;
     std::unique_ptr<unsigned char[]> contents = subject.contents(length);

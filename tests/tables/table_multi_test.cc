@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <stdexcept>
 
 #include "common/Log.h"
@@ -111,6 +112,44 @@ TEST(TableMulti, CopySharesRecordsButNotTheArrays) {
 
   copy.initWithRecord("Z", "\t");
   EXPECT_EQ(table.getFieldIndex("A"), 0u);
+}
+
+// Lines added together refer to one text: each record reads as its own line
+// did, an edit through any table sharing it changes that record alone and
+// never the text, and records outlive the table and the caller's text.
+TEST(TableMulti, LinesAddedTogetherShareTheirTextUntilEdited) {
+  auto text = std::make_shared<const std::string>("a\tb\nbad\nc\t\nx\ty\tz\n\td");
+  const std::string original = *text;
+  const std::vector<std::string_view> lines = {{text->data(), 3},
+                                               {text->data() + 4, 3},
+                                               {text->data() + 8, 2},
+                                               {text->data() + 11, 5},
+                                               {text->data() + 17, 2}};
+  auto table = std::make_unique<TableMulti>();
+  table->setFieldWithRecord("A\tB", "\t");
+  EXPECT_EQ(table->insertRecord("0\t0", "\t"), 0);
+  std::vector<std::size_t> refused;
+  EXPECT_EQ(table->addTabbedLines(text, lines, refused), 1);
+  EXPECT_EQ(refused, (std::vector<std::size_t>{1, 3}));
+  EXPECT_EQ(column(*table, "A"), (std::vector<std::string>{"0", "a", "c", ""}));
+  EXPECT_EQ(column(*table, "B"), (std::vector<std::string>{"0", "b", "", "d"}));
+
+  std::unique_ptr<Table> copy = table->copy();
+  EXPECT_TRUE(copy->setValue(1, "B", "longer than the line"));
+  EXPECT_EQ(table->select(1, "B"), "longer than the line");
+  EXPECT_EQ(table->selectToStr(2), "c\t");
+  EXPECT_EQ(*text, original);
+
+  RecordPtr kept = table->select(3);
+  const Record copied = *kept;
+  table.reset();
+  copy.reset();
+  text.reset();
+  EXPECT_EQ(*kept, (Record{"", "d"}));
+  EXPECT_EQ(copied, *kept);
+  Record moved = std::move(*kept);
+  EXPECT_EQ(moved.tabbedText(), "\td");
+  EXPECT_TRUE(kept->empty());
 }
 
 // Sorting compares case-blind and numerically; two fields share one
