@@ -141,7 +141,7 @@ run_tests() {
     [ -n "$bin" ] || return 1
     (cd "$build" && QT_QPA_PLATFORM=offscreen GTEST_FAIL_FAST=1 \
       timeout -k 10 "$timeout_s" "$root/$bin" --gtest_filter="$filter" --gtest_brief=1 \
-      >"$build/mutate-test.log" 2>&1) || return 1
+      >"$root/$build/mutate-test.log" 2>&1) || return 1
   done
   return 0
 }
