@@ -18,7 +18,7 @@
 #   --build DIR      the build folder (default build-mutate; configured when
 #                    missing: RelWithDebInfo, no sanitizers, no benchmarks)
 #   --only ID[,ID]   run only these mutants
-#   --timeout SECS   bound on each test program's run (default 300)
+#   --timeout SECS   bound on each test program's run (default 120)
 #   --no-baseline    skip the check that every named test passes unmutated
 #   --propose FILE   print candidate mutants for FILE (comparisons, bounds,
 #                    early returns) as list rows to copy and edit; runs none
@@ -38,7 +38,7 @@ root=$PWD
 list=scripts/mutants.tsv
 build=build-mutate
 only=""
-timeout_s=300
+timeout_s=120
 baseline=1
 propose=""
 results=""
@@ -81,11 +81,14 @@ fi
 command -v renice >/dev/null && renice -n 10 $$ >/dev/null 2>&1 || true
 
 # The file under mutation and its saved copy; restored on every way out.
+# The restored file takes a new time stamp: with its old one it would look
+# older than the mutant's object, and the build would keep the mutant.
 saved=$(mktemp)
 mutated=""
 restore() {
   if [ -n "$mutated" ]; then
-    cp -p "$saved" "$mutated"
+    cp "$saved" "$mutated"
+    touch "$mutated"
     mutated=""
   fi
 }
@@ -152,6 +155,9 @@ fields() { IFS=$'\037' read -r "$@"; }
 us() { printf '%s' "${1//$'\t'/$'\037'}"; }
 all_tests=$(for row in "${rows[@]}"; do fields _ _ _ _ _ _ tests _ <<<"$(us "$row")"; echo "$tests"; done)
 mapfile -t all_targets < <(for t in $all_tests; do echo "${t%%:*}"; done | sort -u)
+# A run cut short (power, kill -9) can leave a mutant's object behind a
+# restored source; new time stamps on every listed file rebuild them.
+for row in "${rows[@]}"; do fields _ _ _ file _ <<<"$(us "$row")"; touch "$file"; done
 echo "mutate: building ${#all_targets[@]} test programs in $build"
 cmake --build "$build" -j"$(nproc)" --target "${all_targets[@]}" >"$build/mutate-build.log" 2>&1 ||
   { tail -n 30 "$build/mutate-build.log"; echo "mutate: the unmutated tree does not build" >&2; exit 1; }
