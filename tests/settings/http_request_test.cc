@@ -196,7 +196,8 @@ class AnsweringNetwork : public PlatformWrapper {
 // reaches the completion; a cut transfer, a time-out and an answer past the
 // cap delivered piece by piece all read as empty text.
 TEST_F(HttpRequestTest, TransferFaultsInjectedInProcess) {
-  const std::string past(16 * 1024 * 1024 + 1, 'x');
+  const std::string atCap(16 * 1024 * 1024, 'x');
+  const std::string past = atCap + 'x';
   const struct {
     std::string body;
     std::size_t piece;
@@ -207,6 +208,7 @@ TEST_F(HttpRequestTest, TransferFaultsInjectedInProcess) {
       {"203.0.113.9\n", 4, CURLE_OK, "203.0.113.9\n", "an answer in pieces"},
       {"203.0.", 3, CURLE_RECV_ERROR, "", "connection reset mid-body"},
       {"", 1, CURLE_OPERATION_TIMEDOUT, "", "gone idle"},
+      {atCap, 1 << 20, CURLE_OK, atCap, "at the cap"},
       {past, 1 << 20, CURLE_OK, "", "past the cap"},
   };
   for (const auto& c : cases) {

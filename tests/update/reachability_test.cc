@@ -188,6 +188,9 @@ TEST(Reachability, FactoriesRefuseUnusableTargets) {
   std::string longName;
   for (int i = 0; i < 51; ++i) longName += "abcd.";  // 255 bytes
   EXPECT_EQ(Reachability::reachabilityWithHostName(longName + "x"), nullptr);
+  const std::string name253 = longName.substr(0, 250) + "abc";
+  EXPECT_NE(Reachability::reachabilityWithHostName(name253), nullptr);
+  EXPECT_EQ(Reachability::reachabilityWithHostName(name253 + "d"), nullptr);
 
   for (const char* name : {"example.com.", "under_score-and-dash.example", "192.0.2.1", "x"}) {
     SCOPED_TRACE(name);

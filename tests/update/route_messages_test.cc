@@ -175,6 +175,8 @@ TEST(RouteMessages, DamagedBytesAreReportedNotOverread) {
   auto longAttr = good;
   longAttr[NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(rtmsg))] = 0xF0;  // rta_len past the message
   EXPECT_TRUE(parseBatch(longAttr).malformed);
+  longAttr[NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(rtmsg))] = RTA_LENGTH(4) + 1;  // one byte past
+  EXPECT_TRUE(parseBatch(longAttr).malformed);
 
   auto shortHeader = good;
   shortHeader[0] = 8;  // nlmsg_len smaller than a header

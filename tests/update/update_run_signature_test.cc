@@ -167,6 +167,19 @@ TEST_F(UpdateRunSignatureTest, RefusesWhatTheKeyDoesNotVouchFor) {
   }
 }
 
+// Each list, the first one too, opens before it replaces its file.
+TEST_F(UpdateRunSignatureTest, ASignedBodyThatIsNoListIsRefusedForEveryList) {
+  const std::string page = kErrorPage;
+  for (int file : {0, 1, 3, 4}) {  // the filter list: above
+    SCOPED_TRACE(kDataFileTargets[file].name);
+    network->answer(kDataFileTargets[file].target, page);
+    network->answer(signatureTarget(file), signing::sign(keys.secretKey, page));
+    expectFailedAt(*run(signing::formatPublicKey(keys.publicKey)), file);
+    network->answer(kDataFileTargets[file].target, lists[file]);
+    network->answer(signatureTarget(file), signing::sign(keys.secretKey, lists[file]));
+  }
+}
+
 // Where the key comes from, and what each choice of checks takes.
 TEST_F(UpdateRunSignatureTest, KeyFromTheOptionsOrTheSettings) {
   const std::string key = signing::formatPublicKey(keys.publicKey);
