@@ -13,11 +13,23 @@ command -v gcovr >/dev/null || {
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -q --no-install-recommends gcovr
 }
 dir=${1:-build-coverage}
+# No compiler cache: an instrumented object names the folder its counters
+# go to and carries notes of the folder it was compiled in, and the shared
+# cache (its base_dir folds folders together, hash_dir is off) hands one
+# build's objects to another, whose counters then land elsewhere or fail to
+# match their notes ("profile mismatch"). The top-level CMakeLists sets the
+# launcher as a plain variable, which hides a -D given here, so the cache is
+# switched off in ccache itself.
+export CCACHE_DISABLE=1
 if [ ! -f "$dir/build.ninja" ]; then
   cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DQUARVEL_BUILD_BENCH=OFF \
-    -DCMAKE_CXX_COMPILER_LAUNCHER= \
     -DCMAKE_CXX_FLAGS="--coverage -O0 -fprofile-update=atomic" \
     -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_SHARED_LINKER_FLAGS=--coverage >/dev/null
+fi
+# A folder built before the cache was off may still hold cached objects.
+if [ ! -f "$dir/.built-uncached" ]; then
+  cmake --build "$dir" --target clean >/dev/null
+  touch "$dir/.built-uncached"
 fi
 cmake --build "$dir" -j"$(nproc)"
 find "$dir" -name '*.gcda' -delete

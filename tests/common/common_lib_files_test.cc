@@ -200,6 +200,7 @@ TEST(CommonLibSystemTest, VersionTextFromOsReleaseAndKernel) {
       {"PRETTY_NAME=\"Arch Linux\"\nVERSION_ID=rolling\n", "6.6", "Arch Linux (Kernel 6.6)"},
       {"", "6.6", "Linux (Kernel 6.6)"},
       {"garbage without equals\n", "", "Linux"},
+      {"NAME=\"\nVERSION='\n", "6.6", "\" ' (Kernel 6.6)"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.osRelease);

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -22,6 +23,7 @@
 #include "common/Log.h"
 #include "support/FileText.h"
 #include "support/ScratchDir.h"
+#include "support/TestPlatform.h"
 
 namespace quarvel {
 namespace {
@@ -197,6 +199,41 @@ TEST(FileReplacement, AFailedReplacementLeavesTheOldFileAndHardLinksStayLinked) 
   }
   EXPECT_EQ(readFile(dir / "f"), "old");
   EXPECT_EQ(dir.names().size(), 3u);
+}
+
+// A write that stores nothing is a full disk, not a reason to try again for
+// ever; one interrupted by a signal is tried again.
+class StallingWrites : public PlatformWrapper {
+ public:
+  explicit StallingWrites(bool interruptOnce) : interruptOnce_(interruptOnce) {}
+  ssize_t write(int fd, const void* data, std::size_t size) override {
+    if (!interruptOnce_) return 0;
+    if (!interrupted_.exchange(true)) return errno = EINTR, -1;
+    return PlatformWrapper::write(fd, data, size);
+  }
+
+ private:
+  bool interruptOnce_;
+  std::atomic<bool> interrupted_{false};
+};
+
+TEST(FileReplacement, AWriteThatStoresNothingFailsAndAnInterruptedOneIsRetried) {
+  struct Case {
+    bool interruptOnce;
+    int status;  // of the child: 0 replaced, 1 refused
+    const char* after;
+  };
+  for (const Case& c : {Case{false, 1, "old"}, Case{true, 0, "new"}}) {
+    SCOPED_TRACE(c.interruptOnce ? "interrupted once" : "stores nothing");
+    ScratchDir dir;
+    put(dir / "f", "old");
+    EXPECT_EQ(inChild([&] {
+                testing::ScopedPlatform scope(std::make_shared<StallingWrites>(c.interruptOnce));
+                return FileReplacement::replace(dir / "f", "new") ? 0 : 1;
+              }),
+              c.status);
+    EXPECT_EQ(readFile(dir / "f"), c.after);
+  }
 }
 
 // What an unprivileged process may write, it writes; what it may not, it

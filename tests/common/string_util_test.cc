@@ -23,6 +23,8 @@ TEST(StringUtil, LowercaseIsFullUnicode) {
 TEST(StringUtil, TrimsTheListedWhiteSpaceOnly) {
   EXPECT_EQ(trimWhitespace(" \t\u3000a b\u00A0"), "a b");
   EXPECT_EQ(trimWhitespace("\na\n"), "\na\n");
+  EXPECT_EQ(trimWhitespace("\u2000\u200Ba\u200B"), "a");
+  EXPECT_EQ(trimWhitespace("\u200Ca\u1FFF"), "\u200Ca\u1FFF");
   EXPECT_EQ(trimWhitespaceAndNewlines("\r\n 1.2.3.4\n\u2028"), "1.2.3.4");
   EXPECT_EQ(trimWhitespaceAndNewlines(" \n "), "");
 }

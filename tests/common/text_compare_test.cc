@@ -48,6 +48,8 @@ TEST(TextCompare, DigitRunsCompareByValue) {
 TEST(TextCompare, CaseFoldingIsFullButLiteral) {
   expectOrder({
       {"abc", "ABC", 0},
+      {"xyz", "XYZ", 0},
+      {"@", "`", -1},
       {"9", "a", -1},
       {".", "1", -1},
       {"_", "a", -1},

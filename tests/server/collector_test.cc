@@ -66,6 +66,8 @@ TEST(ReadReport, RefusesWhatIsNotAReport) {
       {"totals not an object", with(kGood, "/totals"_json_pointer, Json::array()).dump(), "type"},
       {"31 February", with(kGood, "/scannedAt"_json_pointer, "2026-02-31T00:00:00Z").dump(),
        "date"},
+      {"29 February of a leap year",
+       with(kGood, "/scannedAt"_json_pointer, "2028-02-29T00:00:00Z").dump(), ""},
       {"local time", with(kGood, "/scannedAt"_json_pointer, "2026-02-01T00:00:00+09:00").dump(),
        "pattern"},
       {"NUL in a text",

@@ -136,6 +136,7 @@ TEST_F(HttpRequestTest, SilentServerFailsAfterTheIdleTimeout) {
 // UTF-8 reaches the completion; a cut transfer, a time-out and an answer
 // past the cap, delivered piece by piece, all read as empty text.
 TEST_F(HttpRequestTest, TransferFaultsInjectedInProcess) {
+  const std::string atCap(16 * 1024 * 1024, 'x');
   const struct {
     const char* why;
     std::string body;
@@ -148,7 +149,8 @@ TEST_F(HttpRequestTest, TransferFaultsInjectedInProcess) {
       {"answer that is not UTF-8", "\xFF\xFE", 1, CURLE_OK, ""},
       {"connection reset mid-body", "203.0.", 3, CURLE_RECV_ERROR, ""},
       {"gone idle", "", 1, CURLE_OPERATION_TIMEDOUT, ""},
-      {"past the cap", std::string(16 * 1024 * 1024 + 1, 'x'), 1 << 20, CURLE_OK, ""},
+      {"at the cap", atCap, 1 << 20, CURLE_OK, atCap},
+      {"past the cap", atCap + 'x', 1 << 20, CURLE_OK, ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.why);

@@ -20,9 +20,10 @@ TEST(MountTableTest, ParsesFieldsEscapesAndOptionalTags) {
       "rw,uid=1000\n"
       "96 22 0:55 / /mnt/share rw,relatime - cifs //server/share rw,vers=3.0\n"
       "97 22 0:56 / /mnt/cd ro,relatime - iso9660 /dev/sr0 ro\n"
-      "98 22 0:57 / /mnt/late rw - ext4 /dev/sdc1 ro\n";
+      "98 22 0:57 / /mnt/late rw - ext4 /dev/sdc1 ro\n"
+      "99 22 0:58 / /mnt/a\\134b rw - ext4 /dev/sdd1 rw\n";
   std::vector<MountEntry> table = parseMountInfo(text);
-  ASSERT_EQ(table.size(), 5u);
+  ASSERT_EQ(table.size(), 6u);
   EXPECT_EQ(table[0].mountPoint, "/");
   EXPECT_EQ(table[0].major, 8u);
   EXPECT_EQ(table[0].minor, 2u);
@@ -34,16 +35,18 @@ TEST(MountTableTest, ParsesFieldsEscapesAndOptionalTags) {
   EXPECT_EQ(table[2].fsType, "cifs");
   EXPECT_TRUE(table[3].readOnly());
   EXPECT_TRUE(table[4].readOnly()) << "read-only superblock under a read-write mount";
+  EXPECT_EQ(table[5].mountPoint, "/mnt/a\\b");
 }
 
 TEST(MountTableTest, SkipsMalformedLines) {
   const std::string lines[] = {
       "",
-      "22 1 8:2 / / rw shared:1 ext4 /dev/sda2 rw",  // no separator
-      "22 1 8:2 / / rw - ext4",                      // no source
-      "22 1 eight:2 / / rw - ext4 /dev/sda2 rw",     // bad device number
-      "22 1 8:2 / relative rw - ext4 /dev/sda2 rw",  // mount point not absolute
-      "22 1 8 / / rw - ext4 /dev/sda2 rw",           // no minor
+      "22 1 8:2 / / rw shared:1 ext4 /dev/sda2 rw",           // no separator
+      "22 1 8:2 / / rw - ext4",                               // no source
+      "22 1 8:2 / / rw shared:1 master:2 unbindable - ext4",  // tags, then no source
+      "22 1 eight:2 / / rw - ext4 /dev/sda2 rw",              // bad device number
+      "22 1 8:2 / relative rw - ext4 /dev/sda2 rw",           // mount point not absolute
+      "22 1 8 / / rw - ext4 /dev/sda2 rw",                    // no minor
   };
   for (const std::string& line : lines) {
     SCOPED_TRACE(line);

@@ -236,6 +236,8 @@ TEST(PropertyListTest, DamagedDocumentsReadAsAbsent) {
       {"torn binary", goodBinary.substr(0, goodBinary.size() - 8)},
       {"bad trailer", badTrailer},
       {"bad top object", binaryDocument({"\xA1\x05"}).replace(8, 1, "\x77")},
+      {"string into the offset table", binaryDocument({"\x55"
+                                                       "abcd"})},
       {"XML 257 deep", deepXml(257)},
       {"XML 200,000 deep", deepXml(200000)},
       {"binary 257 deep", deepBinary(257)},
@@ -284,6 +286,7 @@ TEST(PropertyListTest, AnUnreadableValueCostsOnlyItsEntry) {
        "/bad"},
       {"XML date", xml("<key>bad</key><date>2024-02-30T00:00:00Z</date>"), {}, "/bad"},
       {"XML data", xml("<key>bad</key><data>QUJD*</data>"), {}, "/bad"},
+      {"XML data padded inside", xml("<key>bad</key><data>QUJD=QUJ</data>"), {}, "/bad"},
       {"XML unknown element", xml("<key>bad</key><set><x/></set>"), {}, "/bad"},
       {"XML array element",
        xml("<key>list</key><array><real>1.5</real><real>one</real><true/></array>"),

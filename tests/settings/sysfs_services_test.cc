@@ -158,6 +158,7 @@ TEST(SysfsServices, DefaultRouteMetrics) {
        {{"a", 200}},
        "lowest metric wins"},
       {"a\t00000000\t0\t0002\t0\t0\t1\t00000000\n", {}, "route not up"},
+      {"a\t00000000\t0\t0003\t0\t0\t1\t000000FF\n", {}, "0.0.0.0/8 is not a default route"},
       {"a\t00000000\t0\t0003\t0\t0\tx\t00000000\n"
        "b\t00000000\t0\t0003\n"
        "c 00000000 0 0003 0 0 4294967296 00000000\n"

@@ -147,5 +147,33 @@ TEST(AuditReport, HtmlIsSelfContainedWithAChartPerMaker) {
   EXPECT_EQ(formatHtml(AuditResult{}).find("<svg"), std::string::npos);
 }
 
+// A chart label is cut to 30 terminal cells, the ellipsis among them.
+TEST(AuditReport, ChartLabelsFitThirtyCellsWithTheirEllipsis) {
+  auto repeat = [](std::string_view piece, int times) {
+    std::string out;
+    for (int i = 0; i < times; ++i) out += piece;
+    return out;
+  };
+  const struct {
+    std::string maker, label;
+  } cases[] = {
+      {repeat("m", 30), repeat("m", 30)},
+      {repeat("m", 31), repeat("m", 29) + "\u2026"},
+      {repeat("\ud55c", 20), repeat("\ud55c", 14) + "\u2026"},  // two cells each
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.maker);
+    AuditResult result;
+    Finding f;
+    f.list = "checklist";
+    f.maker = c.maker;
+    f.priceText = "1";
+    f.price = Money::parse(f.priceText);
+    result.findings.push_back(f);
+    finishResult(result);
+    EXPECT_NE(formatHtml(result).find("\"middle\">" + c.label + "</text>"), std::string::npos);
+  }
+}
+
 }  // namespace
 }  // namespace quarvel::audit

@@ -511,6 +511,13 @@ inline const FaultRow kFaultRows[] = {
        s.script(signatureTarget(2), Answer::whole(signing::sign(s.keys.secretKey, kErrorPage)));
      },
      kFailed, "nnooo", kInProcess, 5, true},
+    {"SignedErrorPageForTheFirstList",
+     [](FaultScene& s) {
+       trustTheRunKey(s);
+       s.script(0, Answer::whole(kErrorPage));
+       s.script(signatureTarget(0), Answer::whole(signing::sign(s.keys.secretKey, kErrorPage)));
+     },
+     kFailed, "ooooo", kInProcess, 5, true},
     {"SignedBodyCutShort",
      [](FaultScene& s) {
        trustTheRunKey(s);

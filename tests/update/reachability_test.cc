@@ -151,6 +151,9 @@ TEST(Reachability, FactoriesRefuseUnusableTargets) {
   std::string longName;
   for (int i = 0; i < 51; ++i) longName += "abcd.";  // 255 bytes
   EXPECT_FALSE(usable(longName + "x"));
+  const std::string name253 = longName.substr(0, 250) + "abc";
+  EXPECT_TRUE(usable(name253));
+  EXPECT_FALSE(usable(name253 + "d"));
   EXPECT_FALSE(usable(std::string(64, 'a') + ".example"));
   EXPECT_TRUE(usable(std::string(63, 'a') + ".example"));
   sockaddr_in wrong4{}, *null4 = nullptr;

@@ -189,6 +189,9 @@ TEST(RouteMessages, ParsedBatches) {
       {"error without its code", MessageBuilder().begin(NLMSG_ERROR).end().bytes(), "malformed"},
   };
   for (const auto& c : cases) EXPECT_EQ(show(parseBatch(c.bytes)), c.batch) << c.what;
+  // An attribute one byte longer than what is left is as damaged as one far past it.
+  EXPECT_TRUE(
+      parseBatch(damaged(NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(rtmsg)), RTA_LENGTH(4) + 1)).malformed);
 
   // Every truncation: parsing stays inside the span (ASan watches) and a
   // cut message is never taken for a whole one.
