@@ -103,7 +103,9 @@ TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
     EXPECT_EQ(runTerminalUpdate(r, out), c.exit);
     EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
     for (const std::string& text : c.said) EXPECT_TRUE(said(text)) << out.str();
-    if (c.exit == kUpdateExitNoNetwork) EXPECT_EQ(server.targets().size(), asked);
+    if (c.exit == kUpdateExitNoNetwork) {
+      EXPECT_EQ(server.targets().size(), asked);
+    }
   }
   server.release();
 }
