@@ -68,6 +68,7 @@ TEST(ReadReport, RefusesWhatIsNotAReport) {
        "date"},
       {"29 February of a leap year",
        with(kGood, "/scannedAt"_json_pointer, "2028-02-29T00:00:00Z").dump(), ""},
+      {"second 60", with(kGood, "/scannedAt"_json_pointer, "2026-11-18T08:00:60Z").dump(), "date"},
       {"local time", with(kGood, "/scannedAt"_json_pointer, "2026-02-01T00:00:00+09:00").dump(),
        "pattern"},
       {"NUL in a text",
@@ -431,6 +432,22 @@ TEST_F(CollectorTest, ExportsAFleetLargerThanOneBatch) {
     EXPECT_EQ(lines[2 * n - 1], "pc-" + std::to_string(1000 + n));
     EXPECT_EQ(lines[2 * n], "pc-" + std::to_string(1000 + n));
   }
+}
+
+// Texts from machines that a spreadsheet would run as a formula are exported
+// with a leading quote.
+TEST_F(CollectorTest, ExportQuotesCellsASpreadsheetWouldRun) {
+  start();
+  ASSERT_EQ(
+      store_->insert(testing::parsed(testing::report(
+                         1, "pc-01", "2026-11-18T08:00:00Z",
+                         Json::array({finding("=Acme", "+Paint", 1), finding("@Ink", "-Pen", 2)}))),
+                     1),
+      ReportStore::Insert::kStored);
+  auto answer = get("/api/export.csv");
+  ASSERT_TRUE(answer);
+  for (const char* cell : {",'=Acme,'+Paint,", ",'@Ink,'-Pen,"})
+    EXPECT_NE(answer->body.find(cell), std::string::npos) << cell << "\n" << answer->body;
 }
 
 TEST_F(CollectorTest, WithoutATokenOnlyLocalClientsSeeTheOverview) {

@@ -189,6 +189,7 @@ class ServedFolderTest : public ::testing::Test {
 TEST_F(ServedFolderTest, ServesPlainFilesOnlyAndLogsEachRequest) {
   tree.file("served/macchecklist.dat", std::string("\x01\x00\xff", 3));
   tree.file("served/package.dat", "pkg");
+  tree.file("served/del\x7f.dat", "del");  // a control character in the name
   tree.link(tree.path("secret.txt"), "served/link.dat");
   ASSERT_EQ(::mkfifo((folder + "/fifo").c_str(), 0600), 0);
 
@@ -214,13 +215,16 @@ TEST_F(ServedFolderTest, ServesPlainFilesOnlyAndLogsEachRequest) {
       {"/cmmn/download.nis?type=file&filename=package.dat%00x", 404, ""},  // NUL
       {"/file/keyfile60/package.dat%00x", 404, ""},
       {"/cmmn/download.nis?type=file&filename=fifo", 404, ""},  // not a regular file
+      {"/file/keyfile60/del%7F.dat", 404, ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.target);
     auto result = get(c.target);
     ASSERT_TRUE(result);
     EXPECT_EQ(result->status, c.status);
-    if (c.status == 200) EXPECT_EQ(result->body, c.body);
+    if (c.status == 200) {
+      EXPECT_EQ(result->body, c.body);
+    }
     EXPECT_NE(result->body, "secret");
   }
   httplib::Client client("127.0.0.1", port);
