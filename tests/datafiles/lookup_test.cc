@@ -244,6 +244,11 @@ TEST(FilePackage, PackageIndexIsExactLastWinsAndBuiltOnce) {
   EXPECT_EQ(package.getPackageIndex("p1"), -1);
   table->insertRecord("P3\tAcme\tNew\t1\tG\tSuite\t1\tY", "\t");
   EXPECT_EQ(package.getPackageIndex("P3"), -1);
+
+  // The package ids are one dictionary, made on first use.
+  package.getPackageIds()["P1"] = PlistValue::integer(1);
+  EXPECT_EQ(&package.getPackageIds(), &package.getPackageIds());
+  EXPECT_EQ(package.getPackageIds().size(), 1u);
 }
 
 }  // namespace

@@ -91,6 +91,12 @@ TEST(CVUserDefaultsTest, TypedGettersReadOnlyNumbers) {
   EXPECT_EQ(d->integerForKey("absent"), 0);
   EXPECT_FALSE(d->precisionInspect());
 
+  d->setObject(PlistValue::data({1, 2}), "data");
+  EXPECT_EQ(d->dataForKey("data"), (PlistData{1, 2}));
+  EXPECT_FALSE(d->dataForKey("b").has_value());
+  EXPECT_FALSE(d->arrayForKey("data").has_value());
+  EXPECT_FALSE(d->dictionaryForKey("data").has_value());
+
   d->setURL({"https://example.test/x"}, "u");
   EXPECT_EQ(d->URLForKey("u")->text, "https://example.test/x");
   EXPECT_FALSE(d->stringForKey("u").has_value());
