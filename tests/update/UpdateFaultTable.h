@@ -379,6 +379,14 @@ inline std::string strangerSignature(std::string_view bytes) {
   return signing::sign(signing::generateKeyPair()->secretKey, bytes);
 }
 inline void trustTheRunKey(FaultScene& s) { s.options.trustedKey = s.publicKey(); }
+// A trusted key, and for list `file` an error page that the key signed:
+// the signature holds, but the body is no list.
+template <int file>
+void signedErrorPageFor(FaultScene& s) {
+  trustTheRunKey(s);
+  s.script(file, Answer::whole(kErrorPage));
+  s.script(signatureTarget(file), Answer::whole(signing::sign(s.keys.secretKey, kErrorPage)));
+}
 inline void setTrustedListKey(FaultScene& s, const std::string& text) {
   s.settings->setTrustedListKey(PlistValue::string(text));
 }
@@ -504,20 +512,9 @@ inline const FaultRow kFaultRows[] = {
        s.script(signatureTarget(2), Answer::whole(kErrorPage, 404));
      },
      kFailed, "nnooo", kInProcess, 5, true},
-    {"SignedErrorPageForAList",
-     [](FaultScene& s) {
-       trustTheRunKey(s);
-       s.script(2, Answer::whole(kErrorPage));
-       s.script(signatureTarget(2), Answer::whole(signing::sign(s.keys.secretKey, kErrorPage)));
-     },
-     kFailed, "nnooo", kInProcess, 5, true},
-    {"SignedErrorPageForTheFirstList",
-     [](FaultScene& s) {
-       trustTheRunKey(s);
-       s.script(0, Answer::whole(kErrorPage));
-       s.script(signatureTarget(0), Answer::whole(signing::sign(s.keys.secretKey, kErrorPage)));
-     },
-     kFailed, "ooooo", kInProcess, 5, true},
+    {"SignedErrorPageForAList", signedErrorPageFor<2>, kFailed, "nnooo", kInProcess, 5, true},
+    {"SignedErrorPageForTheFirstList", signedErrorPageFor<0>, kFailed, "ooooo", kInProcess, 5,
+     true},
     {"SignedBodyCutShort",
      [](FaultScene& s) {
        trustTheRunKey(s);
