@@ -16,17 +16,13 @@
 
 #include "audit/AuditLists.h"
 #include "common/StringUtil.h"
+#include "support/ScratchDir.h"
 
 namespace quarvel::testing {
 
 class TempTree {
  public:
-  TempTree() {
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "quarvel-audit-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) std::abort();
-    root_ = pattern;
-  }
+  TempTree() = default;
   ~TempTree() {
     // Give back any permission a test took away, so that removal succeeds.
     std::error_code ignored;
@@ -35,7 +31,6 @@ class TempTree {
          it != std::filesystem::recursive_directory_iterator(); it.increment(ignored))
       if (it->is_directory(ignored) && !it->is_symlink(ignored)) ::chmod(it->path().c_str(), 0755);
     ::chmod(root_.c_str(), 0755);
-    std::filesystem::remove_all(root_, ignored);
   }
   TempTree(const TempTree&) = delete;
   TempTree& operator=(const TempTree&) = delete;
@@ -66,7 +61,8 @@ class TempTree {
   }
 
  private:
-  std::string root_;
+  ScratchDir dir_;  // removed once the permissions are given back
+  const std::string& root_ = dir_.path();
 };
 
 // A list held in memory: records given as field -> value maps, fields not

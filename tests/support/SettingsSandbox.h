@@ -32,16 +32,13 @@
 
 #include "quarvel/CVUserDefaults.h"
 #include "settings/SettingsForTesting.h"
+#include "support/ScratchDir.h"
 
 namespace quarvel::testing {
 
 class SettingsSandbox {
  public:
   SettingsSandbox() {
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "quarvel-settings-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) std::abort();
-    root_ = pattern;
     std::filesystem::create_directories(root_ + "/home/Documents");
     std::filesystem::create_directories(root_ + "/config");
     std::filesystem::create_directories(root_ + "/data");
@@ -64,8 +61,6 @@ class SettingsSandbox {
       else
         ::unsetenv(it->first.c_str());
     }
-    std::error_code ignored;
-    std::filesystem::remove_all(root_, ignored);
   }
 
   SettingsSandbox(const SettingsSandbox&) = delete;
@@ -87,7 +82,8 @@ class SettingsSandbox {
     ::unsetenv(name);
   }
 
-  std::string root_;
+  ScratchDir dir_;  // removed after the environment is restored
+  const std::string& root_ = dir_.path();
   std::string previousEchoHost_;
   std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
 };
