@@ -312,7 +312,7 @@ int main(int argc, char** argv) {
   struct Row {
     std::string label;
     std::vector<std::string> argv;
-    std::vector<double> wall, cpu;
+    std::vector<double> wall{}, cpu{};
     std::size_t bytes = 0;
     char** env = environ;
   };
