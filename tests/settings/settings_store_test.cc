@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <thread>
 
 #include "common/Log.h"
@@ -222,46 +223,66 @@ TEST(CVUserDefaultsTest, BinaryDomainLoads) {
   EXPECT_TRUE(CVUserDefaults::standardUserDefaults()->area() == PlistValue::string("seoul"));
 }
 
-TEST(CVUserDefaultsTest, UnreadableDomainIsKeptAsideAndTheStoreStartsEmpty) {
+// A domain that cannot be loaded is kept aside under a dated name and the
+// store starts empty; a write starts a fresh domain and leaves the copy
+// alone. A file past the size limit and a pipe in the file's place go aside
+// unread: the pipe must not hold the start-up waiting for a writer.
+TEST(CVUserDefaultsTest, AnUnloadableDomainIsKeptAsideAndTheStoreStartsEmpty) {
   const struct {
     const char* what;
-    std::string bytes;
+    std::string bytes;  // the file's, unless `make` makes it
+    std::function<void(const std::string&)> make;
+    const char* logged;
   } cases[] = {
       // How the reader fails is its own tests' matter; here only that it
       // does, and a document that is not a dictionary.
-      {"garbage", std::string("\x89\0\xff garbage \x01\x02 <dict>", 20)},
-      {"truncated binary", kBinaryDomain.substr(0, 40)},
-      {"not a dictionary", "<plist><array><string>area</string></array></plist>"},
+      {"garbage", std::string("\x89\0\xff garbage \x01\x02 <dict>", 20), nullptr, "could not"},
+      {"truncated binary", kBinaryDomain.substr(0, 40), nullptr, "could not"},
+      {"not a dictionary", "<plist><array><string>area</string></array></plist>", nullptr,
+       "could not"},
+      {"past the size limit", "",
+       [](const std::string& path) {
+         { std::ofstream(path) << "<plist><dict/></plist>"; }
+         fs::resize_file(path, kMaxPropertyListBytes + 1);  // sparse, never read
+       },
+       "is larger than"},
+      {"a pipe", "", [](const std::string& path) { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); },
+       "is not a regular file"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     testing::SettingsSandbox sandbox;
-    { std::ofstream(domainFile(sandbox), std::ios::binary) << c.bytes; }
+    const std::string path = domainFile(sandbox);
+    if (c.make)
+      c.make(path);
+    else
+      std::ofstream(path, std::ios::binary) << c.bytes;
 
     LogCapture log;
     CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
     EXPECT_FALSE(d->area().has_value());
     EXPECT_EQ(defaultsDic.size(), 1u) << "only DefaultPath";
-    EXPECT_TRUE(log.contains("could not be read; kept it as " + domainFile(sandbox) + ".corrupt-"));
-
-    std::vector<fs::path> aside;
-    for (const auto& entry : fs::directory_iterator(sandbox.root() + "/config"))
-      if (entry.path() != domainFile(sandbox)) aside.push_back(entry.path());
+    EXPECT_TRUE(log.contains(c.logged));
+    EXPECT_TRUE(log.contains("could not be read; kept it as " + path + ".corrupt-"));
+    const std::vector<std::string> aside = configNames(sandbox);
     ASSERT_EQ(aside.size(), 1u);
-    const std::string name = aside[0].filename().string();
-    EXPECT_TRUE(name.starts_with("com.Corvane.Defaults.plist.corrupt-") && name.size() == 50 &&
-                name[43] == '_')
-        << name;
-    EXPECT_EQ(readFile(aside[0].string()), c.bytes);
+    EXPECT_TRUE(aside[0].starts_with("com.Corvane.Defaults.plist.corrupt-") &&
+                aside[0].size() == 50 && aside[0][43] == '_')
+        << aside[0];
+    const std::string asidePath = sandbox.root() + "/config/" + aside[0];
+    if (!c.make) {
+      EXPECT_EQ(readFile(asidePath), c.bytes);
+    }
 
-    // Writing starts a fresh domain and leaves the damaged copy alone.
     d->setArea(PlistValue::string("부산"));
     d->setInteger(2, "count");
     auto domain = d->persistentDomainForName(CVUserDefaults::kDomainName);
     ASSERT_TRUE(domain.has_value());
     EXPECT_TRUE(domain->at("area") == PlistValue::string("부산"));
     EXPECT_EQ(domain->size(), 3u);
-    EXPECT_EQ(readFile(aside[0].string()), c.bytes);
+    if (!c.make) {
+      EXPECT_EQ(readFile(asidePath), c.bytes);
+    }
   }
 }
 
@@ -366,100 +387,84 @@ TEST(CVUserDefaultsTest, AValueTooDeepToReadBackIsRefused) {
   EXPECT_TRUE(CVUserDefaults::standardUserDefaults()->objectForKey("deep") == deep);
 }
 
-// Set aside without being read: a file past the size limit, and a pipe in
-// the file's place, which must not hold the start-up waiting for a writer.
-TEST(CVUserDefaultsTest, ADomainTooLargeOrNoFileIsKeptAsideUnread) {
-  const struct {
-    const char* what;
-    std::function<void(const std::string&)> make;
-    const char* logged;
-  } cases[] = {
-      {"past the size limit",
-       [](const std::string& path) {
-         { std::ofstream(path) << "<plist><dict/></plist>"; }
-         fs::resize_file(path, kMaxPropertyListBytes + 1);  // sparse, never read
-       },
-       "is larger than"},
-      {"a pipe", [](const std::string& path) { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); },
-       "is not a regular file"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    testing::SettingsSandbox sandbox;
-    c.make(domainFile(sandbox));
-    LogCapture log;
-    CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
-    EXPECT_TRUE(log.contains(c.logged));
-    EXPECT_FALSE(fs::exists(domainFile(sandbox)));
-    d->setInteger(1, "count");
-    EXPECT_TRUE(fs::is_regular_file(domainFile(sandbox)));
-  }
-}
-
-// settings_child with `args`; wait() gives its exit status, or -1 when it
-// outlived `limit` and was killed.
-class Child {
- public:
-  explicit Child(std::vector<std::string> args) {
-    args.insert(args.begin(), QUARVEL_SETTINGS_CHILD);
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    if (::posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid_ = -1;
-  }
-  ~Child() { wait(std::chrono::seconds(0)); }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-
-  int wait(std::chrono::steady_clock::duration limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    int status = 0;
-    while (pid_ > 0 && ::waitpid(pid_, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) ::kill(pid_, SIGKILL);
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    const bool ran = pid_ > 0;
-    pid_ = -1;
-    return ran && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  pid_t pid_ = -1;
-};
-
-// Two processes write the domain in turn while a third reads the file all
-// along. Each write replaces the file with the writer's whole dictionary (as
-// loaded once, plus its own counter), so every read must load and be exactly
-// one writer's dictionary as of one of its writes, each writer's in the order
-// it wrote them (settings_child judges every read), and the file left at the
+// Two writer processes (settings_child) write the domain in turn while this
+// one reads the file all along. Each write replaces the file with the
+// writer's whole dictionary (as loaded once, plus its own counter), so every
+// read must load and be exactly one writer's dictionary as of one of its
+// writes, each writer's in the order it wrote them, and the file left at the
 // end one writer's last dictionary, byte for byte.
 TEST(CVUserDefaultsTest, ProcessesWritingInTurnNeverTearTheFile) {
   testing::SettingsSandbox sandbox;
-  constexpr auto kLimit = std::chrono::seconds(120);
-  const std::string dir = sandbox.root() + "/run", rounds = "300";
+  const std::string dir = sandbox.root() + "/run";
+  const std::vector<std::string> names = {"first", "second"};
+  constexpr int kRounds = 300;
   fs::create_directories(dir);
   // Some bulk, so that a torn file would be more than a cut-off tag.
   PlistArray paths;
   for (int i = 0; i < 200; ++i) paths.push_back(PlistValue::string("/opt/앱/" + std::to_string(i)));
+  const PlistDictionary initial{{"selectedArr", PlistValue::array(paths)}};
   ASSERT_TRUE(CVUserDefaults::standardUserDefaults()->setPersistentDomain(
-      {{"selectedArr", PlistValue::array(paths)}}, CVUserDefaults::kDomainName));
+      initial, CVUserDefaults::kDomainName));
+  PlistDictionary loaded = initial;  // what each writer starts from
+  loaded.insert_or_assign("DefaultPath", defaultsDic.at("DefaultPath"));
 
-  Child reader({"reader", dir, rounds, "first", "second"});
-  Child first({"writer", dir, "first", rounds});
-  Child second({"writer", dir, "second", rounds});
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  for (const char* name : {"reader", "first", "second"}) {
+  std::map<pid_t, int> writers;  // exit status once it ended, -1 while it runs
+  for (std::string name : names) {
+    std::string program = QUARVEL_SETTINGS_CHILD, folder = dir, rounds = std::to_string(kRounds);
+    char* argv[] = {program.data(), folder.data(), name.data(), rounds.data(), nullptr};
+    pid_t pid = -1;
+    ASSERT_EQ(::posix_spawn(&pid, argv[0], nullptr, nullptr, argv, environ), 0);
+    writers[pid] = -1;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+  for (const std::string& name : names) {
     while (!fs::exists(dir + "/" + name + ".ready") && std::chrono::steady_clock::now() < deadline)
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   std::ofstream(dir + "/go").put('\n');
-  EXPECT_EQ(first.wait(kLimit), 0);
-  EXPECT_EQ(second.wait(kLimit), 0);
-  std::ofstream(dir + "/stop").put('\n');
-  EXPECT_EQ(reader.wait(kLimit), 0);
 
-  const std::string last = readFile(domainFile(sandbox));
-  EXPECT_TRUE(last == readFile(dir + "/first.final") || last == readFile(dir + "/second.final"));
+  LogCapture log;
+  std::map<std::string, std::int64_t> seen;  // by writer, the latest counter read
+  std::string fault, owner;
+  for (bool last = false; fault.empty() && !last;) {
+    last = true;  // once both writers ended, one more read of the file left
+    for (auto& [pid, status] : writers) {
+      int raw = 0;
+      if (status == -1 && std::chrono::steady_clock::now() > deadline) ::kill(pid, SIGKILL);
+      if (status == -1 && ::waitpid(pid, &raw, WNOHANG) == pid)
+        status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128;
+      last = last && status != -1;
+    }
+    const auto state = CVUserDefaults::standardUserDefaults()->persistentDomainForName(
+        CVUserDefaults::kDomainName);
+    if (!state) {
+      fault = "a read did not load";
+    } else if (*state == initial) {
+      if (!seen.empty()) fault = "the initial file came back";
+    } else {
+      std::vector<std::string> owners;
+      for (const std::string& name : names)
+        if (state->count(name + ".count")) owners.push_back(name);
+      if (owners.size() != 1) {
+        fault = "a file held " + std::to_string(owners.size()) + " counters";
+        break;
+      }
+      owner = owners[0];
+      const std::int64_t count = state->at(owner + ".count").integerValue();
+      PlistDictionary expected = loaded;
+      expected.insert_or_assign(owner + ".count", PlistValue::integer(count));
+      if (!(*state == expected)) fault = "not " + owner + "'s whole dictionary";
+      if (count < seen[owner]) fault = owner + " went back to " + std::to_string(count);
+      if (last && count != kRounds) fault = "the file left is not a last write";
+      seen[owner] = count;
+    }
+  }
+  EXPECT_EQ(fault, "");
+  for (const auto& [pid, status] : writers) EXPECT_EQ(status, 0);
+  EXPECT_FALSE(log.contains("could not be read"));
+  // Without states of both writers the reading did not overlap their writing.
+  for (const std::string& name : names) EXPECT_GT(seen[name], 0) << name;
+  EXPECT_EQ(readFile(domainFile(sandbox)), readFile(dir + "/" + owner + ".final"));
   EXPECT_EQ(configNames(sandbox), std::vector<std::string>{kDomainFileName});
 }
 
