@@ -92,6 +92,10 @@ TEST(NetworkIdentity, TextFollowsServiceOrderFiltersAndPieces) {
        "203.0.113.1",
        "내부 IP : 192.168.0.10<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:01<br>",
        "USB and bridge ports are left out"},
+      {{{"en7", "USB AX88179 Gigabit Ethernet"}, {"bridge0", "Bridge"}, {"en0", "Wi-Fi"}},
+       "x",
+       "내부 IP : 192.168.0.10<br>외부 IP : x<br>00:00:00:00:00:01<br>",
+       "USB and bridge ports as the sysfs names them are left out too"},
       {{{"en1", "Ethernet"}, {"en2", "Thunderbolt 1"}},
        " 203.0.113.2\r\n",
        "내부 IP : 172.16.0.3<br>외부 IP : 203.0.113.2<br>00:00:00:00:00:02<br>"

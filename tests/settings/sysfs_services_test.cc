@@ -4,10 +4,9 @@
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
+#include <map>
 #include <string>
 
-#include "settings/NetworkFakes.h"
-#include "settings/NetworkIdentity.h"
 #include "settings/SysfsServices.h"
 #include "support/ScratchDir.h"
 
@@ -170,32 +169,6 @@ TEST(SysfsServices, DefaultRouteMetrics) {
     SCOPED_TRACE(c.why);
     EXPECT_EQ(parseDefaultRouteMetrics(kRouteHeader + c.rows), c.expected);
   }
-}
-
-// The identity text on the fixture laptop: Wi-Fi and wired adapters, address-
-// less ones, and USB and bridge ports that must not show.
-TEST(SysfsServices, IdentityTextOfTheFixtureMachine) {
-  SysfsFixture f;
-  buildLaptop(f);
-  f.writeRoot("route", std::string(kRouteHeader) +
-                           "wlp2s0\t00000000\t0101A8C0\t0003\t0\t0\t600\t00000000\t0\t0\t0\n");
-  SysfsServiceSource services(f.classNet(), f.routes());
-  testing::FakeInterfaces interfaces({{
-      {"lo", "18", "00:00:00:00:00:00"},
-      {"enp0s31f6", "18", "54:E1:AD:00:00:01"},
-      {"wlp2s0", "18", "F8:FF:C2:00:00:02"},
-      {"enx00e04c680001", "18", "00:E0:4C:68:00:01"},
-      {"docker0", "18", "02:42:AC:11:00:01"},
-      {"eth1", "18", "02:42:AC:11:00:09"},
-      {"lo", "2", "127.0.0.1"},
-      {"wlp2s0", "2", "192.168.1.23"},
-      {"enx00e04c680001", "2", "10.20.0.5"},
-      {"docker0", "2", "172.17.0.1"},
-  }});
-  NetworkIdentityRun run = buildNetworkIdentity(services, interfaces, "198.51.100.4\n");
-  EXPECT_EQ(run.ipStr,
-            "내부 IP : 192.168.1.23<br>외부 IP : 198.51.100.4<br>F8:FF:C2:00:00:02<br>"
-            "54:E1:AD:00:00:01<br>02:42:AC:11:00:09<br>");
 }
 
 }  // namespace
