@@ -155,34 +155,30 @@ TEST_F(SysfsTree, SystemEnvironmentCombinesMountsAndSysfs) {
       << "2 1 8:17 / " << real(usb) << " rw - vfat /dev/sdb1 rw\n"
       << "3 1 0:60 / " << real(share) << " rw - smb3 //host/share rw\n"
       << "4 1 0:61 / " << real(cd) << " ro - iso9660 /dev/sr0 ro\n";
-  SystemHostEnvironment environment(root_.string());
-
-  auto facts = environment.volumeFacts(usb.string());
-  ASSERT_TRUE(facts.has_value());
-  EXPECT_TRUE(facts->removable);
-  EXPECT_TRUE(facts->writable);
-  EXPECT_TRUE(facts->unmountable);
-  EXPECT_EQ(facts->type, "vfat");
-
-  EXPECT_TRUE(facts->isVolumeRoot);
-
-  facts = environment.volumeFacts(share.string());
-  ASSERT_TRUE(facts.has_value());
-  EXPECT_FALSE(facts->removable);
-  EXPECT_TRUE(facts->writable);
-  EXPECT_EQ(facts->type, "smbfs");
-  // A folder inside the share is not the share's root.
   fs::create_directories(share / "tools");
-  auto inside = environment.volumeFacts((share / "tools").string());
-  ASSERT_TRUE(inside.has_value());
-  EXPECT_EQ(inside->type, "smbfs");
-  EXPECT_FALSE(inside->isVolumeRoot);
-
-  facts = environment.volumeFacts(cd.string());
-  ASSERT_TRUE(facts.has_value());
-  EXPECT_FALSE(facts->writable);
-
-  EXPECT_FALSE(environment.volumeFacts((root_ / "missing").string()).has_value());
+  SystemHostEnvironment environment(root_.string());
+  const struct {
+    fs::path path;
+    std::optional<VolumeFacts> facts;
+  } cases[] = {
+      {usb, VolumeFacts{true, true, true, "vfat", true}},
+      {share, VolumeFacts{false, true, true, "smbfs", true}},
+      // A folder inside the share is not the share's root.
+      {share / "tools", VolumeFacts{false, true, true, "smbfs", false}},
+      {cd, VolumeFacts{false, false, true, "iso9660", true}},
+      {root_ / "missing", std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    const auto facts = environment.volumeFacts(c.path.string());
+    ASSERT_EQ(facts.has_value(), c.facts.has_value());
+    if (!facts) continue;
+    EXPECT_EQ(facts->removable, c.facts->removable);
+    EXPECT_EQ(facts->writable, c.facts->writable);
+    EXPECT_EQ(facts->unmountable, c.facts->unmountable);
+    EXPECT_EQ(facts->type, c.facts->type);
+    EXPECT_EQ(facts->isVolumeRoot, c.facts->isVolumeRoot);
+  }
 }
 
 TEST(HostEnvironmentTest, DocumentsFolderFromUserDirs) {
