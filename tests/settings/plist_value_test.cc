@@ -34,6 +34,7 @@ TEST(PlistValueTest, NumberReadings) {
       {PlistValue::real(1.5), true, 1},
       {PlistValue::real(-2.7), true, -2},
       {PlistValue::real(-1e300), true, std::numeric_limits<std::int64_t>::min()},
+      {PlistValue::real(1e300), true, std::numeric_limits<std::int64_t>::max()},
       {PlistValue::real(std::nan("")), true, 0},
       {PlistValue::string("12"), true, 0},  // strings have no integer reading here
       {PlistValue::data({1}), false, 0},
