@@ -433,7 +433,10 @@ TEST(CVUserDefaultsTest, ProcessesWritingInTurnNeverTearTheFile) {
     }
   }
   EXPECT_EQ(fault, "");
-  for (const auto& [pid, status] : writers) EXPECT_EQ(status, 0);
+  for (const auto& [pid, status] : writers) {
+    if (status == -1) ::waitpid(pid, nullptr, 0);  // a fault ended the reading early
+    EXPECT_EQ(status, 0);
+  }
   EXPECT_FALSE(log.contains("could not be read"));
   // Without states of both writers the reading did not overlap their writing.
   for (const std::string& name : names) EXPECT_GT(seen[name], 0) << name;
