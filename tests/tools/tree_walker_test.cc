@@ -148,6 +148,12 @@ TEST(TreeWalker, UnreadableFoldersAreCountedAndSkipped) {
     names.emplace_back(f.name());
   });
   EXPECT_EQ(names, std::vector<std::string>{"a"});
+
+  // Past the first 50, unreadable folders are counted but no longer named.
+  for (int i = 0; i <= 50; ++i) tree.file("many/" + std::to_string(i) + "/locked/x");
+  walker.walk(tree.path("many"), {.maxDepth = 5}, [](const FoundFile&) {});
+  EXPECT_EQ(stats.unreadableFolders, 53u);
+  EXPECT_EQ(stats.unreadablePaths.size(), ScanStats::kMaxUnreadableListed);
 }
 
 }  // namespace
