@@ -159,7 +159,7 @@ TEST(ReportDelivery, SecretFile) {
   EXPECT_FALSE(readSecretFile(tree.root(), error));
 }
 
-TEST(ReportSpool, DamagedFilesGoAsideAndStraysStay) {
+TEST(ReportSpool, FlushWaitsItsTurnAndSetsDamagedFilesAside) {
   TempTree tree;
   ReportSpool spool(tree.path("spool"));
   const std::string good = *newReportId(), notJson = *newReportId(), big = *newReportId(),
@@ -172,6 +172,17 @@ TEST(ReportSpool, DamagedFilesGoAsideAndStraysStay) {
   tree.file("spool/" + good + ".json.part", "x");
   auto collector = std::make_shared<ScriptedCollector>(CURLE_OK, 201);
   quarvel::testing::ScopedPlatform platform(collector);
+  {
+    // One sender at a time: a second waits for the lease, then gives up.
+    ReportSpool other(tree.path("spool"));
+    auto held = other.lease({});
+    ASSERT_TRUE(held);
+    const FlushOutcome busy =
+        flushSpool(spool, {.url = "http://c", .secret = "s"}, std::chrono::milliseconds(120));
+    EXPECT_TRUE(busy.busy);
+    EXPECT_EQ(busy.left, 4u);
+    EXPECT_TRUE(collector->requests.empty());
+  }
   LogCapture log;
   const FlushOutcome outcome = flushSpool(spool, {.url = "http://c", .secret = "s"}, {});
   EXPECT_EQ(outcome.delivered, 1u);
@@ -205,26 +216,6 @@ TEST(ReportSpool, BoundsDropTheOldestWithAWarning) {
   for (const auto& entry : spool.pending()) ASSERT_TRUE(spool.reject(*lease, entry, "test"));
   EXPECT_EQ(filesIn(spool.rejectedFolder()), 2u);
   EXPECT_TRUE(std::filesystem::exists(spool.rejectedFolder() + "/" + ids[4] + ".json"));
-}
-
-TEST(ReportSpool, OneSenderAtATime) {
-  TempTree tree;
-  ReportSpool spool(tree.path("spool"));
-  const std::string id = *newReportId();
-  ASSERT_TRUE(spool.add(id, reportBody(id)));
-  auto collector = std::make_shared<ScriptedCollector>(CURLE_OK, 201);
-  quarvel::testing::ScopedPlatform platform(collector);
-  {
-    ReportSpool other(tree.path("spool"));
-    auto held = other.lease({});
-    ASSERT_TRUE(held);
-    const FlushOutcome busy =
-        flushSpool(spool, {.url = "http://c", .secret = "s"}, std::chrono::milliseconds(120));
-    EXPECT_TRUE(busy.busy);
-    EXPECT_EQ(busy.left, 1u);
-    EXPECT_TRUE(collector->requests.empty());
-  }
-  EXPECT_EQ(flushSpool(spool, {.url = "http://c", .secret = "s"}, {}).delivered, 1u);
 }
 
 TEST(FleetReport, CarriesTheAuditJsonAndTheMachine) {
