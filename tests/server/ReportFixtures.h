@@ -58,67 +58,63 @@ inline Report parsed(const Json& json) {
   return reading.report ? *reading.report : Report{};
 }
 
+// Report number `n` of `host`, read and stored as received at `now`.
+inline ReportStore::Insert send(ReportStore& store, std::int64_t now, unsigned n,
+                                const std::string& host, const std::string& scannedAt,
+                                Json findings) {
+  return store.insert(parsed(report(n, host, scannedAt, std::move(findings))), now);
+}
+
 // What every store must do with duplicates, clocks, hostile texts and sums.
 inline void checkStoreBehaviour(ReportStore& store) {
+  using Insert = ReportStore::Insert;
   const std::int64_t kNow = *parseUtcTimestamp("2026-11-18T08:00:00Z");
   const Report first =
       parsed(report(1, "pc-01", "2026-11-18T08:00:00Z",
                     Json::array({finding("Acme", "Paint", 1200000), finding("Acme", "Type", 12.5),
                                  finding("다온테크", "Hangul Font", nullptr)})));
-  ASSERT_EQ(store.insert(first, kNow), ReportStore::Insert::kStored);
-  ASSERT_EQ(store.insert(first, kNow + 5), ReportStore::Insert::kDuplicate);
+  ASSERT_EQ(store.insert(first, kNow), Insert::kStored);
+  ASSERT_EQ(store.insert(first, kNow + 5), Insert::kDuplicate);
   auto health = store.health();
   ASSERT_TRUE(health);
-  EXPECT_EQ(health->reports, 1);
-  EXPECT_EQ(health->findings, 3);
+  EXPECT_EQ(std::tie(health->reports, health->findings), std::make_tuple(1, 3));
 
   // A clock years ahead does not keep its report current: the next honest
   // scan replaces it, and last seen follows the receipts.
-  ASSERT_EQ(store.insert(parsed(report(2, "pc-01", "2099-01-01T00:00:00Z",
-                                       Json::array({finding("Acme", "Paint", 99)}))),
-                         kNow + 100),
-            ReportStore::Insert::kStored);
-  ASSERT_EQ(store.insert(parsed(report(3, "pc-01", "2026-11-18T08:30:00Z",
-                                       Json::array({finding("Acme", "Paint", 1200000),
-                                                    finding("Acme", "Type", 12.5)}))),
-                         kNow + 200),
-            ReportStore::Insert::kStored);
+  ASSERT_EQ(send(store, kNow + 100, 2, "pc-01", "2099-01-01T00:00:00Z",
+                 Json::array({finding("Acme", "Paint", 99)})),
+            Insert::kStored);
+  ASSERT_EQ(send(store, kNow + 200, 3, "pc-01", "2026-11-18T08:30:00Z",
+                 Json::array({finding("Acme", "Paint", 1200000), finding("Acme", "Type", 12.5)})),
+            Insert::kStored);
   // An old report delivered late from the spool does not replace a newer one.
-  ASSERT_EQ(
-      store.insert(parsed(report(4, "pc-01", "2026-11-01T00:00:00Z", Json::array())), kNow + 300),
-      ReportStore::Insert::kStored);
+  ASSERT_EQ(send(store, kNow + 300, 4, "pc-01", "2026-11-01T00:00:00Z", Json::array()),
+            Insert::kStored);
 
   // Texts that look like SQL or hold control characters come back exactly.
   const std::string sqlLike = "x'); DROP TABLE findings; --";
   const std::string controls = std::string("a\x01\x1f\x7f\tb\r\n\"\\") + "\u2028z";
-  const Json places = Json::array({"/opt/it's \"here\"", controls});
-  ASSERT_EQ(store.insert(parsed(report(5, sqlLike, "2026-11-18T09:00:00Z",
-                                       Json::array({finding(sqlLike, controls, 0.01, places)}))),
-                         kNow),
-            ReportStore::Insert::kStored);
+  const std::vector<std::string> places{"/opt/it's \"here\"", controls};
+  ASSERT_EQ(send(store, kNow, 5, sqlLike, "2026-11-18T09:00:00Z",
+                 Json::array({finding(sqlLike, controls, 0.01, places)})),
+            Insert::kStored);
   auto hostile = store.machineFindings(sqlLike);
   ASSERT_TRUE(hostile);
   ASSERT_EQ(hostile->size(), 1u);
-  EXPECT_EQ((*hostile)[0].maker, sqlLike);
-  EXPECT_EQ((*hostile)[0].product, controls);
-  EXPECT_EQ((*hostile)[0].where, (std::vector<std::string>{"/opt/it's \"here\"", controls}));
-  EXPECT_EQ((*hostile)[0].priceHundredths, 1);
-  EXPECT_EQ((*hostile)[0].type, "상용");
+  const ReportFinding& h = (*hostile)[0];
+  EXPECT_EQ(std::tie(h.maker, h.product, h.where, h.priceHundredths, h.type),
+            std::make_tuple(sqlLike, controls, places, std::optional<std::int64_t>(1), "상용"));
 
   auto overview = store.overview();
   ASSERT_TRUE(overview);
   ASSERT_EQ(overview->machines.size(), 2u);
   const MachineSummary& pc = overview->machines[0];
-  EXPECT_EQ(pc.hostName, "pc-01");
-  EXPECT_EQ(pc.lastSeen, kNow + 300);
-  EXPECT_EQ(pc.scannedAt, "2026-11-18T08:30:00Z");
-  EXPECT_EQ(pc.findings, 2);
-  EXPECT_EQ(pc.priceHundredths, 120001250);
+  EXPECT_EQ(std::tie(pc.hostName, pc.lastSeen, pc.scannedAt, pc.findings, pc.priceHundredths),
+            std::make_tuple("pc-01", kNow + 300, "2026-11-18T08:30:00Z", 2, 120001250));
   ASSERT_EQ(overview->products.size(), 3u);
-  EXPECT_EQ(overview->products[0].maker, "Acme");
-  EXPECT_EQ(overview->products[0].product, "Paint");
-  EXPECT_EQ(overview->products[0].machines, 1);
-  EXPECT_EQ(overview->products[0].priceHundredths, 120000000);
+  const ProductSummary& paint = overview->products[0];
+  EXPECT_EQ(std::tie(paint.maker, paint.product, paint.machines, paint.priceHundredths),
+            std::make_tuple("Acme", "Paint", 1, 120000000));
   EXPECT_EQ(overview->products[2].maker, sqlLike);
 
   // Paged one machine at a time: each machine's current findings, in order.
@@ -138,9 +134,8 @@ inline void checkStoreBehaviour(ReportStore& store) {
   health = store.health();
   ASSERT_TRUE(health);
   EXPECT_TRUE(health->intact);
-  EXPECT_EQ(health->machines, 2);
-  EXPECT_EQ(health->reports, 5);
-  EXPECT_EQ(health->findings, 3 + 1 + 2 + 0 + 1);
+  EXPECT_EQ(std::tie(health->machines, health->reports, health->findings),
+            std::make_tuple(2, 5, 3 + 1 + 2 + 0 + 1));
   EXPECT_EQ(store.schemaVersion(), currentSchemaVersion());
 }
 
@@ -175,6 +170,28 @@ inline std::optional<Overview> recount(ReportStore& store) {
   for (const auto& [host, sums] : machines)
     out.machines.push_back({host, "", "", 0, "", sums.first, sums.second});
   return out;
+}
+
+// The store's running totals against a recount of its current findings.
+inline void expectTotalsMatchRecount(ReportStore& store) {
+  const auto overview = store.overview();
+  const auto expected = recount(store);
+  ASSERT_TRUE(overview && expected);
+  ASSERT_FALSE(expected->products.empty());
+  const auto product = [](const ProductSummary& p) {
+    return std::make_tuple(p.maker, p.product, p.machines, p.findings, p.priceHundredths);
+  };
+  ASSERT_EQ(overview->products.size(), expected->products.size());
+  for (size_t i = 0; i < expected->products.size(); ++i)
+    EXPECT_EQ(product(overview->products[i]), product(expected->products[i]));
+  // Machines whose current report found nothing have no export rows.
+  std::map<std::string, std::pair<std::int64_t, std::int64_t>> machines;
+  for (const MachineSummary& m : overview->machines)
+    if (m.findings) machines[m.hostName] = {m.findings, m.priceHundredths};
+  std::map<std::string, std::pair<std::int64_t, std::int64_t>> recounted;
+  for (const MachineSummary& m : expected->machines)
+    recounted[m.hostName] = {m.findings, m.priceHundredths};
+  EXPECT_EQ(machines, recounted);
 }
 
 // A random sequence of reports: new scans that replace a machine's
@@ -230,23 +247,7 @@ inline void checkTotalsFollowHistory(ReportStore& store, const FleetHistory& his
                       formatUtcTimestamp(scanned), std::move(findings))));
     ASSERT_EQ(store.insert(sent.back(), now), ReportStore::Insert::kStored);
   }
-  const auto overview = store.overview();
-  const auto expected = recount(store);
-  ASSERT_TRUE(overview && expected);
-  const auto product = [](const ProductSummary& p) {
-    return std::make_tuple(p.maker, p.product, p.machines, p.findings, p.priceHundredths);
-  };
-  ASSERT_EQ(overview->products.size(), expected->products.size());
-  for (size_t i = 0; i < expected->products.size(); ++i)
-    EXPECT_EQ(product(overview->products[i]), product(expected->products[i]));
-  // Machines whose current report found nothing have no export rows.
-  std::map<std::string, std::pair<std::int64_t, std::int64_t>> machines;
-  for (const MachineSummary& m : overview->machines)
-    if (m.findings) machines[m.hostName] = {m.findings, m.priceHundredths};
-  std::map<std::string, std::pair<std::int64_t, std::int64_t>> recounted;
-  for (const MachineSummary& m : expected->machines)
-    recounted[m.hostName] = {m.findings, m.priceHundredths};
-  EXPECT_EQ(machines, recounted);
+  expectTotalsMatchRecount(store);
 }
 
 }  // namespace quarvel::server::testing

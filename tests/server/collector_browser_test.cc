@@ -32,12 +32,10 @@ TEST(CollectorPageInBrowser, ChartBarsAreDrawnInProportion) {
       Json::array({finding("다온테크", "Font", 600000), finding("Acme", "Paint", 500000),
                    finding("<b>Zeta</b>", "Z", 200000)});
   const Json two = Json::array({finding("다온테크", "Font", 400000)});
-  ASSERT_EQ(
-      store->insert(testing::parsed(testing::report(1, "pc-1", "2026-11-18T08:00:00Z", one)), 1),
-      ReportStore::Insert::kStored);
-  ASSERT_EQ(
-      store->insert(testing::parsed(testing::report(2, "pc-2", "2026-11-18T08:00:00Z", two)), 1),
-      ReportStore::Insert::kStored);
+  for (const auto& [n, findings] : {std::pair(1u, one), std::pair(2u, two)})
+    ASSERT_EQ(
+        testing::send(*store, 1, n, "pc-" + std::to_string(n), "2026-11-18T08:00:00Z", findings),
+        ReportStore::Insert::kStored);
   CollectorOptions options;
   options.secret = "secret";
   Collector collector(*store, options);

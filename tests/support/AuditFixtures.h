@@ -2,7 +2,6 @@
 // Helpers for the audit tests: a temporary folder tree removed at the end,
 // and in-memory lists with the check list's field names.
 
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -49,10 +48,6 @@ class TempTree {
   }
   std::string executable(const std::string& relative) const {
     return file(relative, "#!/bin/sh\n", 0755);
-  }
-  std::string folder(const std::string& relative) const {
-    std::filesystem::create_directories(path(relative));
-    return path(relative);
   }
   // A symbolic link at `relative` pointing to `target` (as written).
   void link(const std::string& target, const std::string& relative) const {

@@ -76,23 +76,14 @@ inline std::optional<Image> readPng(const std::string& path) {
       const int a = i >= static_cast<std::size_t>(channels) ? line[i - channels] : 0;
       const int b = previous[i];
       const int c = i >= static_cast<std::size_t>(channels) ? previous[i - channels] : 0;
-      int predictor = 0;
-      switch (filter) {
-        case 1:
-          predictor = a;
-          break;
-        case 2:
-          predictor = b;
-          break;
-        case 3:
-          predictor = (a + b) / 2;
-          break;
-        case 4: {
-          const int p = a + b - c, pa = std::abs(p - a), pb = std::abs(p - b), pc = std::abs(p - c);
-          predictor = (pa <= pb && pa <= pc) ? a : pb <= pc ? b : c;
-          break;
-        }
-      }
+      // The five filters: none, sub, up, average, Paeth.
+      const int p = a + b - c, pa = std::abs(p - a), pb = std::abs(p - b), pc = std::abs(p - c);
+      const int paeth = (pa <= pb && pa <= pc) ? a : pb <= pc ? b : c;
+      const int predictor = filter == 1   ? a
+                            : filter == 2 ? b
+                            : filter == 3 ? (a + b) / 2
+                            : filter == 4 ? paeth
+                                          : 0;
       line[i] = static_cast<unsigned char>(row[1 + i] + predictor);
     }
     for (int x = 0; x < image.width; ++x)

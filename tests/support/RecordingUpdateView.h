@@ -14,55 +14,42 @@ namespace quarvel::testing {
 
 class RecordingView : public UpdateView {
  public:
-  void setStatusText(const std::string& text) override {
-    std::lock_guard lock(mutex_);
-    statuses_.push_back(text);
-  }
-  void setProgress(double value) override {
-    std::lock_guard lock(mutex_);
-    progress_.push_back(value);
-  }
-  void setBytesReceived(std::uint64_t bytes) override {
-    std::lock_guard lock(mutex_);
-    bytes_.push_back(bytes);
-  }
-  void errorAlert(const std::string& code) override {
-    std::lock_guard lock(mutex_);
-    alerts_.push_back(code);
-  }
+  void setStatusText(const std::string& text) override { add(statuses_, text); }
+  void setProgress(double value) override { add(progress_, value); }
+  void setBytesReceived(std::uint64_t bytes) override { add(bytes_, bytes); }
+  void errorAlert(const std::string& code) override { add(alerts_, code); }
   void close() override {
     std::lock_guard lock(mutex_);
     ++closes_;
   }
 
   // Every status text in order, and the last one ("" before any).
-  std::vector<std::string> statuses() const {
-    std::lock_guard lock(mutex_);
-    return statuses_;
-  }
+  std::vector<std::string> statuses() const { return copy(statuses_); }
   std::string status() const {
     std::lock_guard lock(mutex_);
     return statuses_.empty() ? std::string() : statuses_.back();
   }
-  std::vector<double> progress() const {
-    std::lock_guard lock(mutex_);
-    return progress_;
-  }
+  std::vector<double> progress() const { return copy(progress_); }
   // Every count of bytes received, in order.
-  std::vector<std::uint64_t> bytes() const {
-    std::lock_guard lock(mutex_);
-    return bytes_;
-  }
-  std::vector<std::string> alerts() const {
-    std::lock_guard lock(mutex_);
-    return alerts_;
-  }
+  std::vector<std::uint64_t> bytes() const { return copy(bytes_); }
+  std::vector<std::string> alerts() const { return copy(alerts_); }
   int closes() const {
     std::lock_guard lock(mutex_);
     return closes_;
   }
 
  private:
+  template <typename T>
+  void add(std::vector<T>& to, const T& value) {
+    std::lock_guard lock(mutex_);
+    to.push_back(value);
+  }
+  template <typename T>
+  std::vector<T> copy(const std::vector<T>& from) const {
+    std::lock_guard lock(mutex_);
+    return from;
+  }
+
   mutable std::mutex mutex_;
   std::vector<std::string> statuses_;
   std::vector<double> progress_;

@@ -1,6 +1,7 @@
 #include "support/ScriptedHttpServer.h"
 
 #include <algorithm>
+#include <chrono>
 
 namespace quarvel::testing {
 
@@ -45,18 +46,9 @@ int ScriptedHttpServer::count(const std::string& target) const {
   return static_cast<int>(std::count(targets_.begin(), targets_.end(), target));
 }
 
-bool ScriptedHttpServer::waitForRequest(const std::string& target,
-                                        std::chrono::milliseconds timeout) {
-  std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, timeout, [&] {
-    return std::find(targets_.begin(), targets_.end(), target) != targets_.end();
-  });
-}
-
 HttpReply ScriptedHttpServer::answer(const HttpReceived& request) {
   std::unique_lock lock(mutex_);
   targets_.push_back(request.target);
-  changed_.notify_all();
   Rule& rule = rules_[request.target];
   if (rule.hold) changed_.wait_for(lock, std::chrono::seconds(20), [this] { return released_; });
   if (rule.failuresLeft > 0) {

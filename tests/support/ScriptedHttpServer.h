@@ -13,7 +13,6 @@
 // announces 100 bytes and closes the connection without sending them. The
 // script may be changed from any thread.
 
-#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -47,8 +46,6 @@ class ScriptedHttpServer {
 
   std::vector<std::string> targets() const;
   int count(const std::string& target) const;
-  // Waits until `target` has been asked for at least once.
-  bool waitForRequest(const std::string& target, std::chrono::milliseconds timeout);
 
  private:
   struct Rule {

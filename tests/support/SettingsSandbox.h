@@ -1,24 +1,18 @@
 #pragma once
-// A private home for one test: a fresh temporary folder holding HOME, the XDG
-// configuration, data and documents folders, with the shared settings
-// instance forgotten so that the next CVUserDefaults::standardUserDefaults()
-// runs its start-up there. The external-address lookup is pointed at a
-// closed loopback port so that it fails at once.
-//
-//   quarvel::testing::SettingsSandbox sandbox;
-//   auto* defaults = quarvel::CVUserDefaults::standardUserDefaults();
-//   // defaults->libraryPath() == sandbox.root() + "/data/Quarvel"
-//
-// Layout under root(): home/ (HOME), home/Documents (documents folder),
-// config/ (XDG_CONFIG_HOME, where the settings domain file goes), data/
-// (XDG_DATA_HOME, the user Library folder). The test binary does not lie on a
-// removable or shared volume, so the run is not portable: the work folder is
-// home/Documents/.Quarvel and the library folder data/Quarvel.
+// A private home for one test: a fresh temporary folder holding HOME
+// (home/), its documents folder (home/Documents), XDG_CONFIG_HOME (config/,
+// where the settings domain file goes) and XDG_DATA_HOME (data/, the user
+// Library folder). The shared settings instance is forgotten so that the next
+// CVUserDefaults::standardUserDefaults() runs its start-up there; the test
+// binary lies on no removable or shared volume, so the run is not portable:
+// its work folder is home/Documents/.Quarvel, its library data/Quarvel. The
+// external-address lookup is pointed at a closed loopback port so that it
+// fails at once.
 //
 // A test installs its own platform pieces with TestPlatform (TestPlatform.h),
 // inside or around a sandbox. The destructor forgets the shared instance
-// again, restores the environment variables and removes the folder. One sandbox at a time per
-// process.
+// again, restores the environment and removes the folder. One sandbox at a
+// time per process.
 
 #include <stdlib.h>
 

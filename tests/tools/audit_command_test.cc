@@ -71,62 +71,56 @@ class AuditCommand : public ::testing::Test {
   std::string errors;
 };
 
-TEST_F(AuditCommand, CsvOfTheBundledListsFindsTheirProducts) {
-  EXPECT_EQ(run(options(ReportFormat::Csv)),
-            "Row,Maker,Product,Version,Price,Type,Group,Where,Count\r\n"
-            "finding,Brightpath Labs,PhotoLoom 6,6.0,550000,1,그래픽,<T>/usr/bin/photoloom6,\r\n"
-            "finding,Kestrel Type,Kestrel Sans "
-            "Bold,1.3,120000,1,고딕,<T>/home/kim/.fonts/KestrelSans-Bold.otf,\r\n"
-            "finding,Quillmark,Quillmark Notes,4.2,59000,2,사무용,"
-            "<T>/var/lib/flatpak/exports/share/applications/com.quillmark.Notes.desktop,\r\n"
-            "finding,Tidewell Software,Tidewell Office 2023,2023,320000,1,사무용,"
-            "<T>/opt/tidewell/bin/tidewell-calc; <T>/opt/tidewell/bin/tidewell-writer,\r\n"
-            // Both weights are one product; the first record names it.
-            "finding,누리글꼴,누리명조 Regular,2.0,88000,1,명조,"
-            "<T>/usr/share/fonts/truetype/nuri/NuriMyeongjo-Bold.ttf; "
-            "<T>/usr/share/fonts/truetype/nuri/NuriMyeongjo-Regular.ttf,\r\n"
-            "finding,한결소프트,한결 문서편집기 3.1,3.1,180000,1,사무용,"
-            "<T>/usr/share/applications/hangyeol-docs.desktop,\r\n"
-            "group,,,,120000,,고딕,,1\r\n"
-            "group,,,,550000,,그래픽,,1\r\n"
-            "group,,,,88000,,명조,,1\r\n"
-            "group,,,,559000,,사무용,,3\r\n"
-            "total,,,,1317000,,,,6\r\n");
+// Each finding as "id list: maker/product version price type group: places";
+// the records and lists behind it show only in the JSON.
+TEST_F(AuditCommand, TheBundledListsFindTheirProducts) {
+  const auto doc = nlohmann::json::parse(run(options(ReportFormat::Json)));
+  std::vector<std::string> rows;
+  for (const auto& f : doc["findings"]) {
+    std::string row = f["id"].get<std::string>() + " " + f["list"].get<std::string>() + ": " +
+                      f["maker"].get<std::string>() + "/" + f["product"].get<std::string>() + " " +
+                      f["version"].get<std::string>() + " " + f["price"].dump() + " " +
+                      f["type"].get<std::string>() + " " + f["group"].get<std::string>() + ":";
+    for (const auto& place : f["where"]) row += " " + place.get<std::string>();
+    rows.push_back(row);
+  }
+  EXPECT_EQ(rows,
+            (std::vector<std::string>{
+                "SW100102 checklist: Brightpath Labs/PhotoLoom 6 6.0 550000 1 그래픽: "
+                "<T>/usr/bin/photoloom6",
+                "FT300302 fontlist: Kestrel Type/Kestrel Sans Bold 1.3 120000 1 고딕: "
+                "<T>/home/kim/.fonts/KestrelSans-Bold.otf",
+                "US000003 userchecklist: Quillmark/Quillmark Notes 4.2 59000 2 사무용: "
+                "<T>/var/lib/flatpak/exports/share/applications/com.quillmark.Notes.desktop",
+                "SW100201 checklist: Tidewell Software/Tidewell Office 2023 2023 320000 1 사무용: "
+                "<T>/opt/tidewell/bin/tidewell-calc <T>/opt/tidewell/bin/tidewell-writer",
+                // Both weights are one product; the first record names it.
+                "FT300101 fontlist: 누리글꼴/누리명조 Regular 2.0 88000 1 명조: "
+                "<T>/usr/share/fonts/truetype/nuri/NuriMyeongjo-Bold.ttf "
+                "<T>/usr/share/fonts/truetype/nuri/NuriMyeongjo-Regular.ttf",
+                "SW100301 checklist: 한결소프트/한결 문서편집기 3.1 3.1 180000 1 사무용: "
+                "<T>/usr/share/applications/hangyeol-docs.desktop",
+            }));
+  EXPECT_EQ(doc["totals"], nlohmann::json::parse(R"({"groups": [
+      {"group": "고딕", "count": 1, "price": 120000}, {"group": "그래픽", "count": 1, "price": 550000},
+      {"group": "명조", "count": 1, "price": 88000}, {"group": "사무용", "count": 3, "price": 559000}],
+      "count": 6, "price": 1317000})"));
+  EXPECT_EQ(doc["scan"]["filteredHits"], 2);
+  EXPECT_EQ(doc["scan"]["files"], 71);
   EXPECT_NE(errors.find("files in"), std::string::npos) << errors;
   EXPECT_NE(errors.find("2 filtered"), std::string::npos) << errors;
 }
 
-TEST_F(AuditCommand, JsonNamesTheRecordsAndListsBehindEachFinding) {
-  auto doc = nlohmann::json::parse(run(options(ReportFormat::Json)));
-  std::vector<std::string> ids, lists;
-  for (const auto& f : doc["findings"]) {
-    ids.push_back(f["id"]);
-    lists.push_back(f["list"]);
-  }
-  EXPECT_EQ(ids, (std::vector<std::string>{"SW100102", "FT300302", "US000003", "SW100201",
-                                           "FT300101", "SW100301"}));
-  EXPECT_EQ(lists, (std::vector<std::string>{"checklist", "fontlist", "userchecklist", "checklist",
-                                             "fontlist", "checklist"}));
-  EXPECT_EQ(doc["findings"][0]["where"], (nlohmann::json{"<T>/usr/bin/photoloom6"}));
-  EXPECT_EQ(doc["totals"]["price"], 1317000);
-  EXPECT_EQ(doc["scan"]["filteredHits"], 2);
-  EXPECT_EQ(doc["scan"]["files"], 71);
-}
-
+// The table on standard output and the page beside it (the formats
+// themselves are the report's own tests).
 TEST_F(AuditCommand, TableAndPageBesideIt) {
   AuditCommandOptions o = options(ReportFormat::Table);
   o.htmlFile = output.path("report.html");
   const std::string table = run(o);
   EXPECT_NE(table.find("\nTotal       6  1,317,000\n"), std::string::npos) << table;
   const std::string page = quarvel::testing::readFile(*o.htmlFile);
-  EXPECT_NE(page.find("<td>누리명조 Regular</td>"), std::string::npos);
   EXPECT_NE(page.find("<td class=\"num\">6</td><td class=\"num\">1,317,000</td>"),
             std::string::npos);
-  std::size_t bars = 0;
-  for (std::size_t at = page.find("class=\"bar\""); at != std::string::npos;
-       at = page.find("class=\"bar\"", at + 1))
-    ++bars;
-  EXPECT_EQ(bars, 6u);
 }
 
 TEST_F(AuditCommand, OptionsThatNarrowOrStopTheRun) {

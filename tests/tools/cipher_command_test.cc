@@ -33,6 +33,11 @@ TEST(EncipherText, LineEndsBecomeCrLfAndTheTextBecomesMacKorean) {
     ASSERT_TRUE(file);
     EXPECT_EQ(quarvel::testing::decipher(*file), c.plain);
   }
+  // The bundled sample is the enciphered form of its text.
+  const std::string source = quarvel::testing::readBytes(QUARVEL_SAMPLES "/welcome.txt");
+  ASSERT_FALSE(source.empty());
+  EXPECT_EQ(encipherText(source, nullptr),
+            quarvel::testing::readBytes(QUARVEL_SAMPLES "/welcome.dat"));
 }
 
 TEST(EncipherText, RefusesWhatTheReaderCouldNotGiveBack) {
@@ -59,42 +64,30 @@ TEST(EncipherText, RefusesWhatTheReaderCouldNotGiveBack) {
   }
 }
 
-TEST(CipherCommands, EncryptThenDecryptGivesTheLinesBack) {
+// encrypt then decrypt gives the lines back; OUT is replaced whole or not
+// at all: neither an unencodable character nor a write that runs out of room
+// touches the old file, which still deciphers.
+TEST(CipherCommands, EncryptReplacesOutWholeOrNotAtAll) {
   TempDir dir;
   const std::string text =
       "#HEADER_START\n20240101\n#HEADER_END\n\xED\x95\x9C\xEA\xB8\x80\tHangul\n";
+  std::string longer;
+  for (int line = 0; line < 100; ++line) longer += std::string(40, 'x') + "\n";
   quarvel::testing::writeBytes(dir.path() / "in.txt", text);
+  quarvel::testing::writeBytes(dir.path() / "bad.txt", "fine\ncaf\xC3\xA9\n");
+  quarvel::testing::writeBytes(dir.path() / "new.txt", longer);
   std::ostringstream err;
   ASSERT_EQ(runEncrypt({dir.file("in.txt"), dir.file("out.dat")}, err), 0) << err.str();
-
   LogCapture log;
   std::ostringstream out;
   EXPECT_EQ(runDecrypt(dir.file("out.dat"), out, err), 0);
   EXPECT_EQ(out.str(), text);
-}
-
-TEST(CipherCommands, AnUnencodableCharacterWritesNothing) {
-  TempDir dir;
-  quarvel::testing::writeBytes(dir.path() / "in.txt", "fine\ncaf\xC3\xA9\n");
-  std::ostringstream err;
-  EXPECT_EQ(runEncrypt({dir.file("in.txt"), dir.file("out.dat")}, err), 1);
-  EXPECT_EQ(err.str(),
-            dir.file("in.txt") + ":2:4: U+00E9 has no Mac Korean form; nothing written\n");
-  EXPECT_FALSE(std::filesystem::exists(dir.file("out.dat")));
-}
-
-// OUT is replaced whole or not at all: a write that runs out of room leaves
-// the old file, which still deciphers.
-TEST(CipherCommands, AFailedWriteLeavesOutAsItWas) {
-  TempDir dir;
-  quarvel::testing::writeBytes(dir.path() / "old.txt", "old\n");
-  std::string longer;
-  for (int line = 0; line < 100; ++line) longer += std::string(40, 'x') + "\n";
-  quarvel::testing::writeBytes(dir.path() / "new.txt", longer);
-  std::ostringstream err;
-  ASSERT_EQ(runEncrypt({dir.file("old.txt"), dir.file("out.dat")}, err), 0) << err.str();
   const std::string before = quarvel::testing::readBytes(dir.path() / "out.dat");
 
+  std::ostringstream refused;
+  EXPECT_EQ(runEncrypt({dir.file("bad.txt"), dir.file("out.dat")}, refused), 1);
+  EXPECT_EQ(refused.str(),
+            dir.file("bad.txt") + ":2:4: U+00E9 has no Mac Korean form; nothing written\n");
   {
     quarvel::testing::ScopedPlatform full(std::make_shared<quarvel::testing::FaultyDisk>(
         quarvel::testing::FaultyDisk::Fault::kFull, 1024));
@@ -105,7 +98,7 @@ TEST(CipherCommands, AFailedWriteLeavesOutAsItWas) {
   EXPECT_EQ(quarvel::testing::readBytes(dir.path() / "out.dat"), before);
   std::vector<std::string> names = dir.entries();
   std::sort(names.begin(), names.end());
-  EXPECT_EQ(names, (std::vector<std::string>{"new.txt", "old.txt", "out.dat"}));
+  EXPECT_EQ(names, (std::vector<std::string>{"bad.txt", "in.txt", "new.txt", "out.dat"}));
 }
 
 // decrypt, check and show refuse the same files, before reading them, and
@@ -140,14 +133,6 @@ TEST(CipherCommands, DataFileCommandsRefuseTheSameFilesBeforeReading) {
           << out.str() << err.str();
     }
   }
-}
-
-// The bundled sample is the enciphered form of its text.
-TEST(CipherCommands, TheSampleMatchesItsSource) {
-  const std::string source = quarvel::testing::readBytes(QUARVEL_SAMPLES "/welcome.txt");
-  const std::string sample = quarvel::testing::readBytes(QUARVEL_SAMPLES "/welcome.dat");
-  ASSERT_FALSE(source.empty());
-  EXPECT_EQ(encipherText(source, nullptr), sample);
 }
 
 }  // namespace

@@ -61,17 +61,17 @@ TEST(DataFileTool, ShowDetectsTheKindAndAlignsWideText) {
 }
 
 TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
-  for (const auto& file : {std::pair{"macchecklist.dat", DataFileKind::CheckList},
-                           std::pair{"macpcklist.dat", DataFileKind::Package},
-                           std::pair{"macfilterlist.dat", DataFileKind::Filter},
-                           std::pair{"fontchecklist.dat", DataFileKind::Font}}) {
-    // Plain names, not a structured binding: clang before 16 cannot capture
-    // one in a lambda.
-    const char* const name = file.first;
-    const DataFileKind kind = file.second;
-    SCOPED_TRACE(name);
+  const struct {
+    const char* name;
+    DataFileKind kind;
+  } files[] = {{"macchecklist.dat", DataFileKind::CheckList},
+               {"macpcklist.dat", DataFileKind::Package},
+               {"macfilterlist.dat", DataFileKind::Filter},
+               {"fontchecklist.dat", DataFileKind::Font}};
+  for (const auto& f : files) {
+    SCOPED_TRACE(f.name);
     const Outcome shown = run([&](auto& out, auto& err) {
-      return showDataFile(sample(name), kind, OutputFormat::Tsv, out, err);
+      return showDataFile(sample(f.name), f.kind, OutputFormat::Tsv, out, err);
     });
     ASSERT_EQ(shown.status, 0);
     // One block per section: its tag, then the TSV.
@@ -86,9 +86,9 @@ TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
     }
     const std::string rebuilt = dir.file("rebuilt.dat");
     const Outcome built =
-        run([&](auto&, auto& err) { return buildDataFileFromTsv(kind, inputs, rebuilt, err); });
+        run([&](auto&, auto& err) { return buildDataFileFromTsv(f.kind, inputs, rebuilt, err); });
     ASSERT_EQ(built.status, 0) << built.err;
-    EXPECT_EQ(quarvel::testing::readBytes(rebuilt), quarvel::testing::readBytes(sample(name)));
+    EXPECT_EQ(quarvel::testing::readBytes(rebuilt), quarvel::testing::readBytes(sample(f.name)));
   }
 }
 
@@ -176,46 +176,38 @@ TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
   EXPECT_NE(refused.out.find("the reader refuses this file as damaged"), std::string::npos);
 }
 
+// Each input alone in a folder of its own; the last four rows would lose
+// records in the stored file.
 TEST(DataFileTool, BuildingFromTsvNamesTheFaultyRow) {
   TempDir dir;
-  quarvel::testing::writeBytes(dir.path() / "SWLIST.tsv",
-                               "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE\nA\tB\tC\tD\nA\tB\tC\n");
-  quarvel::testing::writeBytes(dir.path() / "BOGUS.tsv", "x\n");
-  quarvel::testing::writeBytes(dir.path() / "HEADER.tsv", "Ver\n1\n");
-  // Rows that would lose records in the stored file, each in a folder of its own.
   const std::string fields = "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE\n";
   std::string korean;  // 2,042 bytes stored, 3,063 as UTF-8
   for (int i = 0; i < 1021; ++i) korean += "\xED\x95\x9C";
-  const std::pair<const char*, std::string> lossy[] = {
-      {"zero", std::string("A\tB\0C\tC\tD\n", 10)},
-      {"cr", "A\tB\rC\tC\tD\r\n"},
-      {"long", "A\tB\tC\t" + std::string(2042, 'x') + "\n"},
-      {"long_korean", "A\tB\tC\t" + korean + "\n"},
+  const struct {
+    const char* file;
+    std::string text, message;  // the message follows the file's path
+  } cases[] = {
+      {"SWLIST.tsv", fields + "A\tB\tC\tD\nA\tB\tC\n", ":3: 3 fields, #SWLIST has 4\n"},
+      {"BOGUS.tsv", "x\n", ": a filter file has no section #BOGUS"},
+      {"HEADER.tsv", "Ver\n1\n", ":1: the first row must name the fields: Version\n"},
+      {"SWLIST.tsv", fields + std::string("A\tB\0C\tC\tD\n", 10), ":2: a zero byte\n"},
+      {"SWLIST.tsv", fields + "A\tB\rC\tC\tD\r\n", ":2: a CR that does not end the row\n"},
+      {"SWLIST.tsv", fields + "A\tB\tC\t" + std::string(2042, 'x') + "\n",
+       ":2: the row takes 2048 bytes, more than the 2047"},
+      {"SWLIST.tsv", fields + "A\tB\tC\t" + korean + "\n",
+       ":2: the row takes 2048 bytes, more than the 2047"},
   };
-  for (const auto& [folder, row] : lossy) {
-    std::filesystem::create_directory(dir.path() / folder);
-    quarvel::testing::writeBytes(dir.path() / folder / "SWLIST.tsv", fields + row);
-  }
-  struct Case {
-    std::vector<std::string> inputs;
-    std::string message;
-  };
-  const Case cases[] = {
-      {{dir.file("SWLIST.tsv")}, dir.file("SWLIST.tsv") + ":3: 3 fields, #SWLIST has 4\n"},
-      {{dir.file("BOGUS.tsv")}, "has no section #BOGUS"},
-      {{dir.file("HEADER.tsv")},
-       dir.file("HEADER.tsv") + ":1: the first row must name the fields: Version\n"},
-      {{dir.file("zero")}, ":2: a zero byte\n"},
-      {{dir.file("cr")}, ":2: a CR that does not end the row\n"},
-      {{dir.file("long")}, ":2: the row takes 2048 bytes, more than the 2047"},
-      {{dir.file("long_korean")}, ":2: the row takes 2048 bytes, more than the 2047"},
-  };
-  for (const Case& c : cases) {
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(cases[i].message);
+    const std::string folder = dir.file(std::to_string(i));
+    std::filesystem::create_directory(folder);
+    quarvel::testing::writeBytes(folder + "/" + cases[i].file, cases[i].text);
     const Outcome built = run([&](auto&, auto& err) {
-      return buildDataFileFromTsv(DataFileKind::Filter, c.inputs, dir.file("out.dat"), err);
+      return buildDataFileFromTsv(DataFileKind::Filter, {folder}, dir.file("out.dat"), err);
     });
     EXPECT_EQ(built.status, 1);
-    EXPECT_NE(built.err.find(c.message), std::string::npos) << built.err;
+    EXPECT_NE(built.err.find(folder + "/" + cases[i].file + cases[i].message), std::string::npos)
+        << built.err;
   }
   EXPECT_FALSE(std::filesystem::exists(dir.file("out.dat")));
 }

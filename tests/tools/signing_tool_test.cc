@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -11,14 +10,14 @@
 
 #include "SigningTool.h"
 #include "support/FileText.h"
+#include "support/ScratchDir.h"
 
 namespace quarvel::cli {
 namespace {
 
 TEST(SigningTool, KeysSignaturesAndVerdicts) {
-  const std::filesystem::path folder =
-      std::filesystem::temp_directory_path() / ("quarvel-signing-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(folder);
+  const quarvel::testing::ScratchDir scratch;
+  const std::filesystem::path folder = scratch.path();
   const std::string secret = folder / "lists.key", publicKey = folder / "lists.pub";
   std::ostringstream out, err;
   ASSERT_EQ(generateKeyFiles(secret, publicKey, err), 0) << err.str();
@@ -48,7 +47,6 @@ TEST(SigningTool, KeysSignaturesAndVerdicts) {
   EXPECT_NE(out.str().find(files[2] + ": BAD"), std::string::npos) << out.str();
   // The secret key is no public key.
   EXPECT_EQ(verifyFiles(secret, {files[0]}, out, err), 1);
-  std::filesystem::remove_all(folder);
 }
 
 }  // namespace
