@@ -1,12 +1,9 @@
 // The update run against nginx with the documented configuration, on
 // loopback. Skipped when nginx is not installed.
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -43,17 +40,6 @@ std::string findNginx() {
   return "";
 }
 
-bool accepts(int port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  ::close(fd);
-  return ok;
-}
-
 void replace(std::string& text, const std::string& from, const std::string& to) {
   auto at = text.find(from);
   ASSERT_NE(at, std::string::npos) << from;
@@ -61,51 +47,47 @@ void replace(std::string& text, const std::string& from, const std::string& to) 
 }
 
 // nginx in the foreground as a child of the test, with a configuration made
-// of the documented server block.
+// of the documented server block; three tries at a free port.
 class NginxServer {
  public:
   NginxServer(const std::string& nginx, const std::string& work, const std::string& root) {
     fs::create_directories(work + "/logs");
-    std::string block = readFile(std::string(QUARVEL_SOURCE_DIR) + "/docs/nginx-quarvel.conf");
+    const std::string block =
+        readFile(std::string(QUARVEL_SOURCE_DIR) + "/docs/nginx-quarvel.conf");
+    // Everything the child needs is made before the fork.
+    const std::string conf = work + "/nginx.conf", errors = work + "/logs/error.log";
     for (int attempt = 0; attempt < 3 && pid_ < 0; ++attempt) {
       port_ = testing::freeLoopbackPort();
       std::string server = block;
       replace(server, "listen 8080;", "listen 127.0.0.1:" + std::to_string(port_) + ";");
       replace(server, "root /srv/quarvel/lists;", "root " + root + ";");
-      std::ostringstream conf;
-      conf << "daemon off;\nmaster_process off;\nworker_processes 1;\n"
-           << "pid " << work << "/nginx.pid;\nerror_log " << work << "/logs/error.log;\n"
+      std::ostringstream text;
+      text << "daemon off;\nmaster_process off;\nworker_processes 1;\n"
+           << "pid " << work << "/nginx.pid;\nerror_log " << errors << ";\n"
            << "events { worker_connections 64; }\nhttp {\n"
-           << "  access_log " << work << "/logs/access.log;\n"
-           << "  client_body_temp_path " << work << "/body;\n"
-           << "  proxy_temp_path " << work << "/proxy;\n"
-           << "  fastcgi_temp_path " << work << "/fastcgi;\n"
-           << "  uwsgi_temp_path " << work << "/uwsgi;\n"
-           << "  scgi_temp_path " << work << "/scgi;\n"
-           << server << "}\n";
-      writeFile(work + "/nginx.conf", conf.str());
-      // Everything the child needs is made before the fork.
-      const std::string confPath = work + "/nginx.conf";
-      const std::string errorPath = work + "/logs/error.log";
-      pid_t child = ::fork();
+           << "  access_log " << work << "/logs/access.log;\n";
+      for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+        text << "  " << temp << "_temp_path " << work << "/" << temp << ";\n";
+      writeFile(conf, text.str() + server + "}\n");
+      const pid_t child = ::fork();
       if (child == 0) {
-        ::execl(nginx.c_str(), nginx.c_str(), "-p", work.c_str(), "-c", confPath.c_str(), "-e",
-                errorPath.c_str(), static_cast<char*>(nullptr));
+        ::execl(nginx.c_str(), nginx.c_str(), "-p", work.c_str(), "-c", conf.c_str(), "-e",
+                errors.c_str(), static_cast<char*>(nullptr));
         ::_exit(127);
       }
-      for (int i = 0; i < 500; ++i) {
-        if (accepts(port_)) {
+      httplib::Client probe("127.0.0.1", port_);
+      for (int i = 0; i < 500 && pid_ < 0; ++i) {
+        if (probe.Get("/"))
           pid_ = child;
-          break;
-        }
-        int status;
-        if (::waitpid(child, &status, WNOHANG) == child) break;  // gave up (port taken?)
-        std::this_thread::sleep_for(10ms);
+        else if (::waitpid(child, nullptr, WNOHANG) == child)
+          break;  // gave up (port taken?)
+        else
+          std::this_thread::sleep_for(10ms);
       }
       if (pid_ < 0) {
         ::kill(child, SIGKILL);
         ::waitpid(child, nullptr, 0);
-        error_ = readFile(work + "/logs/error.log");
+        error_ = readFile(errors);
       }
     }
   }
@@ -149,8 +131,7 @@ TEST(NginxUpdate, RunsBothVariantsAgainstTheDocumentedConfiguration) {
   CVUserDefaults* settings = CVUserDefaults::standardUserDefaults();
   settings->setWebQuarvelIPAddress(PlistValue::string(hostPort));
   UpdateOptions options;
-  options.listServer = "http://" + hostPort;
-  options.fileServer = "http://" + hostPort;
+  options.listServer = options.fileServer = "http://" + hostPort;
   options.windowsPackageServer = "http://" + hostPort + "/file/keyfile60";
   options.pacing = 1ms;
   options.networkCheck = [] { return true; };
