@@ -52,10 +52,17 @@ class TerminalUpdateTest : public ::testing::Test {
   std::ostringstream out;
 };
 
-// Each outcome's text and exit status. Unlike the window, the terminal takes
-// only a list its reader opens, so an error page fails the run; an
-// interrupt ends it at once, without awaiting the transfer under way.
+// Each outcome's text and exit status. Before the run only the
+// internet-connection monitor is asked, and an unreachable internet asks the
+// mirror nothing; anything else that is wrong is the run's to meet, with the
+// run's own outcome. Unlike the window, the terminal takes only a list its
+// reader opens, so an error page fails the run; an interrupt ends it at
+// once, without awaiting the transfer under way.
 TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
+  testing::ScriptedHttpServer v6server("::1");
+  EXPECT_GE(v6server.port(), 0) << "no IPv6 loopback to listen on";  // the machine, not the code
+  for (int i = 0; i < 5; ++i) v6server.serve(target(i), list(i));
+  const std::string failed = "Quarvel: DB 업데이트 도중 오류가 발생하였습니다.";
   struct Case {
     const char* name;
     std::function<void(TerminalUpdateRequest&)> arrange;
@@ -81,7 +88,27 @@ TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
       {"an error page for a list",
        [this](auto&) { server.serve(target(2), "<html><body>404 Not Found</body></html>"); },
        kUpdateExitFailed,
-       {"Quarvel: DB 업데이트 도중 오류가 발생하였습니다."}},
+       {failed}},
+      {"no route to the internet",
+       [this](auto&) { fakeRoutes->setFlags("0.0.0.0", 0u); },
+       kUpdateExitNoNetwork,
+       {"인터넷 연결 오류\n인터넷 연결 상태를 확인해 주세요.\n※체크리스트를"}},
+      {"flags unreadable",
+       [this](auto&) { fakeRoutes->setFlags("0.0.0.0", std::nullopt); },
+       kUpdateExitNoNetwork,
+       {"인터넷 연결 오류"}},
+      {"--web with no in-house address",
+       [](auto& r) {
+         r.web = true;
+         r.server.reset();
+       },
+       kUpdateExitFailed,
+       {failed}},
+      {"a mirror with an IPv6 address only",
+       [&v6server](auto& r) { r.server = v6server.hostAndPort(); },
+       kUpdateExitDone,
+       {"Quarvel: 업데이트가 완료되었습니다."}},
+      // Last: the held transfer holds every connection after it.
       {"interrupted",
        [this](auto& r) {
          server.hold(target(1));
@@ -93,59 +120,22 @@ TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     for (int i = 0; i < 5; ++i) server.serve(target(i), list(i));
+    fakeRoutes->setFlags("0.0.0.0", 0x2);
     out.str("");
     TerminalUpdateRequest r = request;
     c.arrange(r);
+    const auto asked = server.targets().size();
     const auto started = std::chrono::steady_clock::now();
     EXPECT_EQ(runTerminalUpdate(r, out), c.exit);
     EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
     for (const std::string& text : c.said) EXPECT_TRUE(said(text)) << out.str();
+    const bool unreachable = c.exit == kUpdateExitNoNetwork;
+    EXPECT_EQ(said("인터넷 연결 오류"), unreachable) << out.str();
+    if (unreachable) {
+      EXPECT_EQ(server.targets().size(), asked);
+    }
   }
   server.release();
-}
-
-// Before the run only the internet-connection monitor is asked; anything
-// else that is wrong is the run's to meet, with the run's own outcome.
-TEST_F(TerminalUpdateTest, OnlyTheInternetMonitorIsAskedBeforeTheRun) {
-  testing::ScriptedHttpServer v6server("::1");
-  for (int i = 0; i < 5; ++i) v6server.serve(target(i), list(i));
-  struct Case {
-    const char* name;
-    std::optional<std::uint32_t> internet;  // flags of the route to 0.0.0.0
-    bool web;
-    std::string server;  // --server, or "" for none
-    int exit;
-    const char* text;
-  };
-  const std::string mirror = request.server.value();
-  const Case cases[] = {
-      {"no route to the internet, mirror on loopback", 0u, false, mirror, kUpdateExitNoNetwork,
-       "인터넷 연결 오류\n인터넷 연결 상태를 확인해 주세요.\n※체크리스트를"},
-      {"flags unreadable", std::nullopt, false, mirror, kUpdateExitNoNetwork, "인터넷 연결 오류"},
-      {"--web with no in-house address", 0x2u, true, "", kUpdateExitFailed,
-       "Quarvel: DB 업데이트 도중 오류가 발생하였습니다."},
-      {"a mirror with an IPv6 address only", 0x2u, false, v6server.hostAndPort(), kUpdateExitDone,
-       "Quarvel: 업데이트가 완료되었습니다."},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    if (c.server.starts_with("[") && v6server.port() < 0) {
-      ADD_FAILURE() << "no IPv6 loopback to listen on";  // the machine, not the code
-      continue;
-    }
-    out.str("");
-    fakeRoutes->setFlags("0.0.0.0", c.internet);
-    TerminalUpdateRequest r = request;
-    r.options.networkCheck = nullptr;
-    r.web = c.web;
-    r.server = c.server.empty() ? std::nullopt : std::optional(c.server);
-    EXPECT_EQ(runTerminalUpdate(r, out), c.exit);
-    EXPECT_TRUE(said(c.text)) << out.str();
-    if (c.exit != kUpdateExitNoNetwork) {
-      EXPECT_FALSE(said("인터넷 연결 오류")) << out.str();
-    }
-  }
-  EXPECT_EQ(server.targets().size(), 0u);  // the unreachable cases asked nothing
   EXPECT_EQ(v6server.count(target(4)), 1);
 }
 
