@@ -3,11 +3,10 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -46,63 +45,49 @@ void replace(std::string& text, const std::string& from, const std::string& to) 
   text.replace(at, from.size(), to);
 }
 
-// nginx in the foreground as a child of the test, with a configuration made
-// of the documented server block; three tries at a free port.
+// nginx as a daemon, with a configuration made of the documented server
+// block. It detaches only once it listens, so its start either serves or
+// fails (a port taken since it was picked: three tries); it stops through
+// its pid file.
 class NginxServer {
  public:
-  NginxServer(const std::string& nginx, const std::string& work, const std::string& root) {
+  NginxServer(const std::string& nginx, const std::string& work, const std::string& root)
+      : pidFile_(work + "/nginx.pid"),
+        command_("'" + nginx + "' -p '" + work + "' -c '" + work + "/nginx.conf' -e '" + work +
+                 "/logs/error.log'") {
     fs::create_directories(work + "/logs");
     const std::string block =
         readFile(std::string(QUARVEL_SOURCE_DIR) + "/docs/nginx-quarvel.conf");
-    // Everything the child needs is made before the fork.
-    const std::string conf = work + "/nginx.conf", errors = work + "/logs/error.log";
-    for (int attempt = 0; attempt < 3 && pid_ < 0; ++attempt) {
+    for (int attempt = 0; attempt < 3 && !running_; ++attempt) {
       port_ = testing::freeLoopbackPort();
       std::string server = block;
       replace(server, "listen 8080;", "listen 127.0.0.1:" + std::to_string(port_) + ";");
       replace(server, "root /srv/quarvel/lists;", "root " + root + ";");
       std::ostringstream text;
-      text << "daemon off;\nmaster_process off;\nworker_processes 1;\n"
-           << "pid " << work << "/nginx.pid;\nerror_log " << errors << ";\n"
+      text << "master_process off;\nworker_processes 1;\n"
+           << "pid " << pidFile_ << ";\nerror_log " << work << "/logs/error.log;\n"
            << "events { worker_connections 64; }\nhttp {\n"
            << "  access_log " << work << "/logs/access.log;\n";
       for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
         text << "  " << temp << "_temp_path " << work << "/" << temp << ";\n";
-      writeFile(conf, text.str() + server + "}\n");
-      const pid_t child = ::fork();
-      if (child == 0) {
-        ::execl(nginx.c_str(), nginx.c_str(), "-p", work.c_str(), "-c", conf.c_str(), "-e",
-                errors.c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-      }
-      httplib::Client probe("127.0.0.1", port_);
-      for (int i = 0; i < 500 && pid_ < 0; ++i) {
-        if (probe.Get("/"))
-          pid_ = child;
-        else if (::waitpid(child, nullptr, WNOHANG) == child)
-          break;  // gave up (port taken?)
-        else
-          std::this_thread::sleep_for(10ms);
-      }
-      if (pid_ < 0) {
-        ::kill(child, SIGKILL);
-        ::waitpid(child, nullptr, 0);
-        error_ = readFile(errors);
-      }
+      writeFile(work + "/nginx.conf", text.str() + server + "}\n");
+      running_ = std::system(command_.c_str()) == 0;
     }
+    if (!running_) error_ = readFile(work + "/logs/error.log");
   }
   ~NginxServer() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGTERM);
-      ::waitpid(pid_, nullptr, 0);
-    }
+    if (!running_ || std::system((command_ + " -s stop").c_str()) != 0) return;
+    // Gone when it has removed its pid file; the sandbox goes next.
+    for (int i = 0; i < 500 && fs::exists(pidFile_); ++i) std::this_thread::sleep_for(10ms);
   }
-  bool running() const { return pid_ > 0; }
+  bool running() const { return running_; }
   int port() const { return port_; }
   const std::string& error() const { return error_; }
 
  private:
-  pid_t pid_ = -1;
+  std::string pidFile_;
+  std::string command_;
+  bool running_ = false;
   int port_ = -1;
   std::string error_;
 };
