@@ -58,8 +58,7 @@ TEST(UpdateFaults, AnEndlessBodyEndsAtTheCeilingWithMemoryFlat) {
   const FaultRow row{"Endless",
                      [](FaultScene& s) {
                        s.options.dataFileTimeout = 5s;
-                       s.options.maxFileBytes = kCeiling;
-                       s.script(2, Answer::flood(std::string(64 * 1024, 'z')));
+                       capped(s, 2, Answer::flood(std::string(64 * 1024, 'z')), kCeiling);
                      },
                      kFailed, "nnooo"};
   LogCapture log;
