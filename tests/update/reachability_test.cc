@@ -20,7 +20,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(Reachability, StatusRules) {
+TEST(Reachability, StatusRulesAndTheirLogLine) {
   struct Case {
     std::uint32_t flags;
     std::int64_t general, local;
@@ -38,27 +38,25 @@ TEST(Reachability, StatusRules) {
     EXPECT_EQ(r->localWiFiStatusForFlags(c.flags), c.local);
   }
   EXPECT_EQ(capture.lines().size(), 2 * std::size(cases));
-}
 
-TEST(Reachability, FlagLogLine) {
-  struct Case {
+  // Each judgement logs one line: the flags as letters and the rule's name.
+  struct Line {
     std::uint32_t flags;
     bool local;
     const char* line;
-  } cases[] = {
+  } lines[] = {
       {0x20002, true, "Reachability Flag Status: -R ------d localWiFiStatusForFlags\n"},
       {0x2, false, "Reachability Flag Status: -R ------- networkStatusForFlags\n"},
       {0, false, "Reachability Flag Status: -- ------- networkStatusForFlags\n"},
       {0x7003F, false, "Reachability Flag Status: WR tcCiDld networkStatusForFlags\n"},
       {0x40001, true, "Reachability Flag Status: W- t------ localWiFiStatusForFlags\n"},
   };
-  auto r = test::monitorFor("192.0.2.9");
-  for (const auto& c : cases) {
+  for (const auto& c : lines) {
     SCOPED_TRACE(c.line);
-    LogCapture capture;
+    LogCapture one;
     c.local ? r->localWiFiStatusForFlags(c.flags) : r->networkStatusForFlags(c.flags);
-    ASSERT_EQ(capture.lines().size(), 1u);
-    EXPECT_EQ(capture.lines()[0], c.line);
+    ASSERT_EQ(one.lines().size(), 1u);
+    EXPECT_EQ(one.lines()[0], c.line);
   }
   EXPECT_EQ(reachabilityFlagLetters(0x10000), "-- -----l-");
 }
