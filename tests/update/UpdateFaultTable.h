@@ -16,6 +16,7 @@
 // runFaultRow makes its own settings sandbox: one run at a time per process.
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -203,10 +204,7 @@ class FaultNetwork : public PlatformWrapper {
     const std::string& url = exchange.url();
     const std::size_t host = url.find("://");
     const std::size_t slash = url.find('/', host == std::string::npos ? 0 : host + 3);
-    {
-      std::lock_guard lock(mutex_);
-      lastIdleTimeout = exchange.options().idleTimeout;
-    }
+    idleTimeout = exchange.options().idleTimeout;
     Answer a = scene_.answer(slash == std::string::npos ? "/" : url.substr(slash));
     if (a.cancel) cancelRun(scene_);
     if (a.kind == Answer::Kind::kUnreachable) return CURLE_COULDNT_CONNECT;
@@ -230,15 +228,10 @@ class FaultNetwork : public PlatformWrapper {
     if (auto run = scene.run.lock()) run->cancel();
   }
 
-  std::chrono::milliseconds idleTimeout() const {
-    std::lock_guard lock(mutex_);
-    return lastIdleTimeout;
-  }
+  std::atomic<std::chrono::milliseconds> idleTimeout{};  // of the last exchange
 
  private:
   FaultScene& scene_;
-  mutable std::mutex mutex_;
-  std::chrono::milliseconds lastIdleTimeout{0};
 };
 
 inline HttpReply onTheWire(const Answer& a) {
@@ -375,10 +368,21 @@ inline FaultRun runFaultRow(const FaultRow& row, Transport transport) {
 inline std::string withoutLast(const std::string& text, std::size_t bytes) {
   return text.substr(0, text.size() - bytes);
 }
-inline std::string strangerSignature(std::string_view bytes) {
-  return signing::sign(signing::generateKeyPair()->secretKey, bytes);
-}
+// The arrangements most rows share: an answer for the filter list, or for
+// its signature, under a key the run trusts or with lists required readable.
 inline void trustTheRunKey(FaultScene& s) { s.options.trustedKey = s.publicKey(); }
+inline void signedFilterList(FaultScene& s, const std::string& body) {
+  trustTheRunKey(s);
+  s.script(2, Answer::whole(body));
+}
+inline void filterListSignature(FaultScene& s, const Answer& signature) {
+  trustTheRunKey(s);
+  s.script(signatureTarget(2), signature);
+}
+inline void readableFilterList(FaultScene& s, const Answer& answer) {
+  s.options.requireReadableLists = true;
+  s.script(2, answer);
+}
 // A trusted key, and for list `file` an error page that the key signed:
 // the signature holds, but the body is no list.
 template <int file>
@@ -389,6 +393,14 @@ void signedErrorPageFor(FaultScene& s) {
 }
 inline void setTrustedListKey(FaultScene& s, const std::string& text) {
   s.settings->setTrustedListKey(PlistValue::string(text));
+}
+inline std::string anotherPublicKey() {
+  return signing::formatPublicKey(signing::generateKeyPair()->publicKey);
+}
+// An answer for `file` under a ceiling on a body's size.
+inline void capped(FaultScene& s, int file, const Answer& answer, std::size_t ceiling = 100000) {
+  s.options.maxFileBytes = ceiling;
+  s.script(file, answer);
 }
 
 constexpr std::int64_t kDone = UpdateStatusDone;
@@ -444,30 +456,18 @@ inline const FaultRow kFaultRows[] = {
        s.script(4, Answer::whole("", 500), 1);
      },
      kDone, "pnpnp", kBoth},
-    // The ceiling is a size a body may reach, not pass.
+    // The ceiling is a size a body may reach, not pass, an error page's too.
     {"BodyAtTheCeiling",
-     [](FaultScene& s) {
-       s.options.maxFileBytes = 100000;
-       s.script(0, Answer::whole(std::string(100000, 'c')));
-     },
-     kDone, "pnnnn", kBoth},
+     [](FaultScene& s) { capped(s, 0, Answer::whole(std::string(100000, 'c'))); }, kDone, "pnnnn",
+     kBoth},
     {"BodyOneBytePastTheCeiling",
-     [](FaultScene& s) {
-       s.options.maxFileBytes = 100000;
-       s.script(0, Answer::whole(std::string(100001, 'c')));
-     },
-     kFailed, "ooooo", kBoth},
+     [](FaultScene& s) { capped(s, 0, Answer::whole(std::string(100001, 'c'))); }, kFailed, "ooooo",
+     kBoth},
     {"ErrorPagePastTheCeiling",
-     [](FaultScene& s) {
-       s.options.maxFileBytes = 100000;
-       s.script(0, Answer::whole(std::string(100001, 'c'), 404));
-     },
-     kFailed, "ooooo"},
+     [](FaultScene& s) { capped(s, 0, Answer::whole(std::string(100001, 'c'), 404)); }, kFailed,
+     "ooooo"},
     {"EndlessBodyEndsAtTheCeiling",
-     [](FaultScene& s) {
-       s.options.maxFileBytes = 1 << 20;
-       s.script(2, Answer::flood(std::string(64 * 1024, 'z')));
-     },
+     [](FaultScene& s) { capped(s, 2, Answer::flood(std::string(64 * 1024, 'z')), 1 << 20); },
      kFailed, "nnooo", kBoth},
     // Closing the window: the transfer under way lands, nothing after it.
     {"CancelledDuringTheSecondFile",
@@ -494,79 +494,53 @@ inline const FaultRow kFaultRows[] = {
     {"SignedListsReplace", trustTheRunKey, kDone, "nnnnn", kInProcess, 5, true},
     {"TamperedByte",
      [](FaultScene& s) {
-       trustTheRunKey(s);
        std::string tampered = s.body[2];
        tampered[tampered.size() / 2] ^= 0x20;
-       s.script(2, Answer::whole(tampered));
+       signedFilterList(s, tampered);
      },
+     kFailed, "nnooo", kInProcess, 5, true},
+    {"SignedBodyCutShort", [](FaultScene& s) { signedFilterList(s, withoutLast(s.body[2], 1)); },
      kFailed, "nnooo", kInProcess, 5, true},
     {"SignedWithAnotherKey",
      [](FaultScene& s) {
-       trustTheRunKey(s);
-       s.script(signatureTarget(2), Answer::whole(strangerSignature(s.body[2])));
+       filterListSignature(
+           s, Answer::whole(signing::sign(signing::generateKeyPair()->secretKey, s.body[2])));
      },
      kFailed, "nnooo", kInProcess, 5, true},
     {"NoSignatureFile",
+     [](FaultScene& s) { filterListSignature(s, Answer::whole(kErrorPage, 404)); }, kFailed,
+     "nnooo", kInProcess, 5, true},
+    {"SignatureOfAnotherList",
      [](FaultScene& s) {
-       trustTheRunKey(s);
-       s.script(signatureTarget(2), Answer::whole(kErrorPage, 404));
+       filterListSignature(s, Answer::whole(signing::sign(s.keys.secretKey, s.body[1])));
      },
      kFailed, "nnooo", kInProcess, 5, true},
     {"SignedErrorPageForAList", signedErrorPageFor<2>, kFailed, "nnooo", kInProcess, 5, true},
     {"SignedErrorPageForTheFirstList", signedErrorPageFor<0>, kFailed, "ooooo", kInProcess, 5,
      true},
-    {"SignedBodyCutShort",
-     [](FaultScene& s) {
-       trustTheRunKey(s);
-       s.script(2, Answer::whole(withoutLast(s.body[2], 1)));
-     },
-     kFailed, "nnooo", kInProcess, 5, true},
-    {"SignatureOfAnotherList",
-     [](FaultScene& s) {
-       trustTheRunKey(s);
-       s.script(signatureTarget(2), Answer::whole(signing::sign(s.keys.secretKey, s.body[1])));
-     },
-     kFailed, "nnooo", kInProcess, 5, true},
     // Where the key comes from: the run's options before the settings.
     {"KeyFromTheSettings", [](FaultScene& s) { setTrustedListKey(s, s.publicKey()); }, kDone,
      "nnnnn", kInProcess, 5, true},
-    {"SettingsKeyRefuses",
-     [](FaultScene& s) {
-       setTrustedListKey(s, signing::formatPublicKey(signing::generateKeyPair()->publicKey));
-     },
-     kFailed, "ooooo", kInProcess, 5, true},
+    {"SettingsKeyRefuses", [](FaultScene& s) { setTrustedListKey(s, anotherPublicKey()); }, kFailed,
+     "ooooo", kInProcess, 5, true},
     {"RunKeyBeforeTheSettings",
      [](FaultScene& s) {
        trustTheRunKey(s);
-       setTrustedListKey(s, signing::formatPublicKey(signing::generateKeyPair()->publicKey));
+       setTrustedListKey(s, anotherPublicKey());
      },
      kDone, "nnnnn", kInProcess, 5, true},
     {"SettingThatIsNoKey", [](FaultScene& s) { setTrustedListKey(s, "not a key"); }, kFailed,
      "ooooo", kInProcess, 0},
     // Without a key, lists required readable: only a list of its kind.
     {"ReadableOnlyRefusesAnErrorPage",
-     [](FaultScene& s) {
-       s.options.requireReadableLists = true;
-       s.script(2, Answer::whole(kErrorPage, 404));
-     },
-     kFailed, "nnooo"},
+     [](FaultScene& s) { readableFilterList(s, Answer::whole(kErrorPage, 404)); }, kFailed,
+     "nnooo"},
     {"ReadableOnlyRefusesACutList",
-     [](FaultScene& s) {
-       s.options.requireReadableLists = true;
-       s.script(2, Answer::whole(withoutLast(s.body[2], 100)));
-     },
+     [](FaultScene& s) { readableFilterList(s, Answer::whole(withoutLast(s.body[2], 100))); },
      kFailed, "nnooo"},
     {"ReadableOnlyRefusesAnotherKind",
-     [](FaultScene& s) {
-       s.options.requireReadableLists = true;
-       s.script(2, Answer::whole(s.body[1]));
-     },
-     kFailed, "nnooo"},
-    {"ReadableOnlyRefusesNothing",
-     [](FaultScene& s) {
-       s.options.requireReadableLists = true;
-       s.script(2, Answer::whole(""));
-     },
+     [](FaultScene& s) { readableFilterList(s, Answer::whole(s.body[1])); }, kFailed, "nnooo"},
+    {"ReadableOnlyRefusesNothing", [](FaultScene& s) { readableFilterList(s, Answer::whole("")); },
      kFailed, "nnooo"},
 };
 

@@ -1,16 +1,12 @@
 // The update run against nginx with the documented configuration, on
 // loopback. Skipped when nginx is not installed.
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -43,84 +39,55 @@ std::string findNginx() {
   return "";
 }
 
-bool accepts(int port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  ::close(fd);
-  return ok;
-}
-
 void replace(std::string& text, const std::string& from, const std::string& to) {
   auto at = text.find(from);
   ASSERT_NE(at, std::string::npos) << from;
   text.replace(at, from.size(), to);
 }
 
-// nginx in the foreground as a child of the test, with a configuration made
-// of the documented server block.
+// nginx as a daemon, with a configuration made of the documented server
+// block. It detaches only once it listens, so its start either serves or
+// fails (a port taken since it was picked: three tries); it stops through
+// its pid file.
 class NginxServer {
  public:
-  NginxServer(const std::string& nginx, const std::string& work, const std::string& root) {
+  NginxServer(const std::string& nginx, const std::string& work, const std::string& root)
+      : pidFile_(work + "/nginx.pid"),
+        command_("'" + nginx + "' -p '" + work + "' -c '" + work + "/nginx.conf' -e '" + work +
+                 "/logs/error.log'") {
     fs::create_directories(work + "/logs");
-    std::string block = readFile(std::string(QUARVEL_SOURCE_DIR) + "/docs/nginx-quarvel.conf");
-    for (int attempt = 0; attempt < 3 && pid_ < 0; ++attempt) {
+    const std::string block =
+        readFile(std::string(QUARVEL_SOURCE_DIR) + "/docs/nginx-quarvel.conf");
+    for (int attempt = 0; attempt < 3 && !running_; ++attempt) {
       port_ = testing::freeLoopbackPort();
       std::string server = block;
       replace(server, "listen 8080;", "listen 127.0.0.1:" + std::to_string(port_) + ";");
       replace(server, "root /srv/quarvel/lists;", "root " + root + ";");
-      std::ostringstream conf;
-      conf << "daemon off;\nmaster_process off;\nworker_processes 1;\n"
-           << "pid " << work << "/nginx.pid;\nerror_log " << work << "/logs/error.log;\n"
+      std::ostringstream text;
+      text << "master_process off;\nworker_processes 1;\n"
+           << "pid " << pidFile_ << ";\nerror_log " << work << "/logs/error.log;\n"
            << "events { worker_connections 64; }\nhttp {\n"
-           << "  access_log " << work << "/logs/access.log;\n"
-           << "  client_body_temp_path " << work << "/body;\n"
-           << "  proxy_temp_path " << work << "/proxy;\n"
-           << "  fastcgi_temp_path " << work << "/fastcgi;\n"
-           << "  uwsgi_temp_path " << work << "/uwsgi;\n"
-           << "  scgi_temp_path " << work << "/scgi;\n"
-           << server << "}\n";
-      writeFile(work + "/nginx.conf", conf.str());
-      // Everything the child needs is made before the fork.
-      const std::string confPath = work + "/nginx.conf";
-      const std::string errorPath = work + "/logs/error.log";
-      pid_t child = ::fork();
-      if (child == 0) {
-        ::execl(nginx.c_str(), nginx.c_str(), "-p", work.c_str(), "-c", confPath.c_str(), "-e",
-                errorPath.c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-      }
-      for (int i = 0; i < 500; ++i) {
-        if (accepts(port_)) {
-          pid_ = child;
-          break;
-        }
-        int status;
-        if (::waitpid(child, &status, WNOHANG) == child) break;  // gave up (port taken?)
-        std::this_thread::sleep_for(10ms);
-      }
-      if (pid_ < 0) {
-        ::kill(child, SIGKILL);
-        ::waitpid(child, nullptr, 0);
-        error_ = readFile(work + "/logs/error.log");
-      }
+           << "  access_log " << work << "/logs/access.log;\n";
+      for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+        text << "  " << temp << "_temp_path " << work << "/" << temp << ";\n";
+      writeFile(work + "/nginx.conf", text.str() + server + "}\n");
+      running_ = std::system(command_.c_str()) == 0;
     }
+    if (!running_) error_ = readFile(work + "/logs/error.log");
   }
   ~NginxServer() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGTERM);
-      ::waitpid(pid_, nullptr, 0);
-    }
+    if (!running_ || std::system((command_ + " -s stop").c_str()) != 0) return;
+    // Gone when it has removed its pid file; the sandbox goes next.
+    for (int i = 0; i < 500 && fs::exists(pidFile_); ++i) std::this_thread::sleep_for(10ms);
   }
-  bool running() const { return pid_ > 0; }
+  bool running() const { return running_; }
   int port() const { return port_; }
   const std::string& error() const { return error_; }
 
  private:
-  pid_t pid_ = -1;
+  std::string pidFile_;
+  std::string command_;
+  bool running_ = false;
   int port_ = -1;
   std::string error_;
 };
@@ -149,8 +116,7 @@ TEST(NginxUpdate, RunsBothVariantsAgainstTheDocumentedConfiguration) {
   CVUserDefaults* settings = CVUserDefaults::standardUserDefaults();
   settings->setWebQuarvelIPAddress(PlistValue::string(hostPort));
   UpdateOptions options;
-  options.listServer = "http://" + hostPort;
-  options.fileServer = "http://" + hostPort;
+  options.listServer = options.fileServer = "http://" + hostPort;
   options.windowsPackageServer = "http://" + hostPort + "/file/keyfile60";
   options.pacing = 1ms;
   options.networkCheck = [] { return true; };

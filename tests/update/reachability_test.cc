@@ -20,7 +20,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(Reachability, StatusRules) {
+TEST(Reachability, StatusRulesAndTheirLogLine) {
   struct Case {
     std::uint32_t flags;
     std::int64_t general, local;
@@ -38,27 +38,25 @@ TEST(Reachability, StatusRules) {
     EXPECT_EQ(r->localWiFiStatusForFlags(c.flags), c.local);
   }
   EXPECT_EQ(capture.lines().size(), 2 * std::size(cases));
-}
 
-TEST(Reachability, FlagLogLine) {
-  struct Case {
+  // Each judgement logs one line: the flags as letters and the rule's name.
+  struct Line {
     std::uint32_t flags;
     bool local;
     const char* line;
-  } cases[] = {
+  } lines[] = {
       {0x20002, true, "Reachability Flag Status: -R ------d localWiFiStatusForFlags\n"},
       {0x2, false, "Reachability Flag Status: -R ------- networkStatusForFlags\n"},
       {0, false, "Reachability Flag Status: -- ------- networkStatusForFlags\n"},
       {0x7003F, false, "Reachability Flag Status: WR tcCiDld networkStatusForFlags\n"},
       {0x40001, true, "Reachability Flag Status: W- t------ localWiFiStatusForFlags\n"},
   };
-  auto r = test::monitorFor("192.0.2.9");
-  for (const auto& c : cases) {
+  for (const auto& c : lines) {
     SCOPED_TRACE(c.line);
-    LogCapture capture;
+    LogCapture one;
     c.local ? r->localWiFiStatusForFlags(c.flags) : r->networkStatusForFlags(c.flags);
-    ASSERT_EQ(capture.lines().size(), 1u);
-    EXPECT_EQ(capture.lines()[0], c.line);
+    ASSERT_EQ(one.lines().size(), 1u);
+    EXPECT_EQ(one.lines()[0], c.line);
   }
   EXPECT_EQ(reachabilityFlagLetters(0x10000), "-- -----l-");
 }
@@ -252,7 +250,7 @@ TEST(ReachabilityNotifier, PostsOnlyWhenFlagsChanged) {
   EXPECT_EQ(fake->openWatches(), 0u);
 }
 
-TEST(NotificationCenter, FiltersByNameAndObject) {
+TEST(NotificationCenter, FiltersByNameAndObjectAndToleratesChangesWhilePosting) {
   NotificationCenter center;
   int a = 0, b = 0;
   std::vector<std::string> calls;
@@ -272,24 +270,21 @@ TEST(NotificationCenter, FiltersByNameAndObject) {
   center.post("y", &b);
   center.post("y", &a);
   EXPECT_EQ(calls, (std::vector<std::string>{"x/a:x", "x/any:x", "x/any:x", "any/b:x", "any/b:y"}));
-}
 
-TEST(NotificationCenter, ObserversMayChangeTheListWhilePosting) {
-  NotificationCenter center;
-  std::vector<int> calls;
+  // Observers may change the list while a post runs: one removed is skipped
+  // in that post, one added is called from the next.
+  calls.clear();
   NotificationCenter::Token second = 0;
   center.add("n", nullptr, [&](const Notification&) {
-    calls.push_back(1);
-    center.remove(second);  // skipped in this post
-    center.add("n", nullptr,
-               [&](const Notification&) { calls.push_back(3); });  // from the next post
+    calls.push_back("first");
+    center.remove(second);
+    center.add("n", nullptr, [&](const Notification&) { calls.push_back("added"); });
   });
-  second = center.add("n", nullptr, [&](const Notification&) { calls.push_back(2); });
+  second = center.add("n", nullptr, [&](const Notification&) { calls.push_back("removed"); });
   center.post("n", nullptr);
-  EXPECT_EQ(calls, std::vector<int>{1});
-  calls.clear();
+  EXPECT_EQ(calls, std::vector<std::string>{"first"});
   center.post("n", nullptr);
-  EXPECT_EQ(calls, (std::vector<int>{1, 3}));
+  EXPECT_EQ(calls, (std::vector<std::string>{"first", "first", "added"}));
 }
 
 }  // namespace

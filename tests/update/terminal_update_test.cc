@@ -26,10 +26,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const char* kTargets[] = {"/quarvel/download/list/check/mac/",
-                          "/quarvel/download/list/package/mac/",
-                          "/quarvel/download/list/filter/mac/", "/quarvel/download/list/user/mac/",
-                          "/quarvel/download/list/font/mac/"};
+const char* target(int file) { return testing::kDataFileTargets[file].target; }
 
 class TerminalUpdateTest : public ::testing::Test {
  protected:
@@ -37,7 +34,7 @@ class TerminalUpdateTest : public ::testing::Test {
     // The internet-connection monitor answers reachable through a gateway.
     fakeRoutes->setFlags("0.0.0.0", 0x2);
     CVUserDefaults::standardUserDefaults();
-    for (int i = 0; i < 5; ++i) server.serve(kTargets[i], list(i));
+    for (int i = 0; i < 5; ++i) server.serve(target(i), list(i));
     request.server = "127.0.0.1:" + std::to_string(server.port());
     request.options.pacing = 1ms;
     request.options.dataFileTimeout = 5s;
@@ -55,10 +52,17 @@ class TerminalUpdateTest : public ::testing::Test {
   std::ostringstream out;
 };
 
-// Each outcome's text and exit status. Unlike the window, the terminal takes
-// only a list its reader opens, so an error page fails the run; an
-// interrupt ends it at once, without awaiting the transfer under way.
+// Each outcome's text and exit status. Before the run only the
+// internet-connection monitor is asked, and an unreachable internet asks the
+// mirror nothing; anything else that is wrong is the run's to meet, with the
+// run's own outcome. Unlike the window, the terminal takes only a list its
+// reader opens, so an error page fails the run; an interrupt ends it at
+// once, without awaiting the transfer under way.
 TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
+  testing::ScriptedHttpServer v6server("::1");
+  EXPECT_GE(v6server.port(), 0) << "no IPv6 loopback to listen on";  // the machine, not the code
+  for (int i = 0; i < 5; ++i) v6server.serve(target(i), list(i));
+  const std::string failed = "Quarvel: DB 업데이트 도중 오류가 발생하였습니다.";
   struct Case {
     const char* name;
     std::function<void(TerminalUpdateRequest&)> arrange;
@@ -66,35 +70,57 @@ TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
     std::vector<std::string> said;
   };
   const Case cases[] = {
+      // Each file's byte count appears with the step that ends it (one line
+      // per step when not redrawing); a new file starts from nothing.
       {"done",
-       [](auto&) {},
+       [this](auto&) {
+         server.serve(target(0), list(0, 3 << 20));
+         server.serve(target(1), list(1, 1536));
+         server.serve(target(2), list(2, 1024));
+       },
        kUpdateExitDone,
        {"인터넷 연결상태를 확인 중입니다.",
-        "[##########--------------------]  33%  체크리스트 DB를 업데이트 중입니다.",
+        "[##########--------------------]  33%  체크리스트 DB를 업데이트 중입니다.  3.0 MiB\n",
+        "[###############---------------]  50%  패키지 DB를 업데이트 중입니다.  1.5 KiB\n",
+        "[###############---------------]  50%  필터 DB를 업데이트 중입니다.\n",
+        "[####################----------]  67%  필터 DB를 업데이트 중입니다.  1.0 KiB\n",
         "Quarvel: 업데이트가 완료되었습니다."}},
-      {"a list fails five times",
-       [this](auto&) { server.failTimes(kTargets[0], 5); },
-       kUpdateExitFailed,
-       {"Quarvel: DB 업데이트 도중 오류가 발생하였습니다."}},
       {"an error page for a list",
-       [this](auto&) { server.serve(kTargets[2], "<html><body>404 Not Found</body></html>"); },
+       [this](auto&) { server.serve(target(2), "<html><body>404 Not Found</body></html>"); },
        kUpdateExitFailed,
-       {"Quarvel: DB 업데이트 도중 오류가 발생하였습니다."}},
-      {"no network",
-       [](auto& r) { r.options.networkCheck = [] { return false; }; },
+       {failed}},
+      {"no route to the internet",
+       [this](auto&) { fakeRoutes->setFlags("0.0.0.0", 0u); },
        kUpdateExitNoNetwork,
        {"인터넷 연결 오류\n인터넷 연결 상태를 확인해 주세요.\n※체크리스트를"}},
+      {"flags unreadable",
+       [this](auto&) { fakeRoutes->setFlags("0.0.0.0", std::nullopt); },
+       kUpdateExitNoNetwork,
+       {"인터넷 연결 오류"}},
+      {"--web with no in-house address",
+       [](auto& r) {
+         r.web = true;
+         r.server.reset();
+       },
+       kUpdateExitFailed,
+       {failed}},
+      {"a mirror with an IPv6 address only",
+       [&v6server](auto& r) { r.server = v6server.hostAndPort(); },
+       kUpdateExitDone,
+       {"Quarvel: 업데이트가 완료되었습니다."}},
+      // Last: the held transfer holds every connection after it.
       {"interrupted",
        [this](auto& r) {
-         server.hold(kTargets[1]);
-         r.interrupted = [this] { return server.count(kTargets[1]) > 0; };
+         server.hold(target(1));
+         r.interrupted = [this] { return server.count(target(1)) > 0; };
        },
        kUpdateExitCancelled,
        {"업데이트가 취소되었습니다."}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    for (int i = 0; i < 5; ++i) server.serve(kTargets[i], list(i));
+    for (int i = 0; i < 5; ++i) server.serve(target(i), list(i));
+    fakeRoutes->setFlags("0.0.0.0", 0x2);
     out.str("");
     TerminalUpdateRequest r = request;
     c.arrange(r);
@@ -103,82 +129,20 @@ TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
     EXPECT_EQ(runTerminalUpdate(r, out), c.exit);
     EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
     for (const std::string& text : c.said) EXPECT_TRUE(said(text)) << out.str();
-    if (c.exit == kUpdateExitNoNetwork) {
+    const bool unreachable = c.exit == kUpdateExitNoNetwork;
+    EXPECT_EQ(said("인터넷 연결 오류"), unreachable) << out.str();
+    if (unreachable) {
       EXPECT_EQ(server.targets().size(), asked);
     }
   }
   server.release();
-}
-
-// Before the run only the internet-connection monitor is asked; anything
-// else that is wrong is the run's to meet, with the run's own outcome.
-TEST_F(TerminalUpdateTest, OnlyTheInternetMonitorIsAskedBeforeTheRun) {
-  testing::ScriptedHttpServer v6server("::1");
-  for (int i = 0; i < 5; ++i) v6server.serve(kTargets[i], list(i));
-  struct Case {
-    const char* name;
-    std::optional<std::uint32_t> internet;  // flags of the route to 0.0.0.0
-    bool web;
-    std::string server;  // --server, or "" for none
-    int exit;
-    const char* text;
-  };
-  const std::string mirror = request.server.value();
-  const Case cases[] = {
-      {"no route to the internet, mirror on loopback", 0u, false, mirror, kUpdateExitNoNetwork,
-       "인터넷 연결 오류\n인터넷 연결 상태를 확인해 주세요."},
-      {"flags unreadable", std::nullopt, false, mirror, kUpdateExitNoNetwork, "인터넷 연결 오류"},
-      {"--web with no in-house address", 0x2u, true, "", kUpdateExitFailed,
-       "Quarvel: DB 업데이트 도중 오류가 발생하였습니다."},
-      {"a mirror with an IPv6 address only", 0x2u, false, v6server.hostAndPort(), kUpdateExitDone,
-       "Quarvel: 업데이트가 완료되었습니다."},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    if (c.server.starts_with("[") && v6server.port() < 0) {
-      ADD_FAILURE() << "no IPv6 loopback to listen on";  // the machine, not the code
-      continue;
-    }
-    out.str("");
-    fakeRoutes->setFlags("0.0.0.0", c.internet);
-    TerminalUpdateRequest r = request;
-    r.options.networkCheck = nullptr;
-    r.web = c.web;
-    r.server = c.server.empty() ? std::nullopt : std::optional(c.server);
-    EXPECT_EQ(runTerminalUpdate(r, out), c.exit);
-    EXPECT_TRUE(said(c.text)) << out.str();
-    if (c.exit != kUpdateExitNoNetwork) {
-      EXPECT_FALSE(said("인터넷 연결 오류")) << out.str();
-    }
-  }
-  EXPECT_EQ(server.targets().size(), 0u);  // the unreachable cases asked nothing
-  EXPECT_EQ(v6server.count(kTargets[4]), 1);
-}
-
-// Each file's byte count appears with the step that ends it (one line per
-// step when not redrawing); a redrawn line follows the bytes as they come.
-TEST_F(TerminalUpdateTest, ShowsTheBytesOfTheCurrentFile) {
-  server.serve(kTargets[0], list(0, 3 << 20));
-  server.serve(kTargets[1], list(1, 1536));
-  server.serve(kTargets[2], list(2, 1024));
-  EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitDone);
-  EXPECT_TRUE(
-      said("[##########--------------------]  33%  체크리스트 DB를 업데이트 중입니다.  3.0 MiB\n"))
-      << out.str();
-  EXPECT_TRUE(
-      said("[###############---------------]  50%  패키지 DB를 업데이트 중입니다.  1.5 KiB\n"))
-      << out.str();
-  // A new file starts from nothing.
-  EXPECT_TRUE(said("[###############---------------]  50%  필터 DB를 업데이트 중입니다.\n"));
-  EXPECT_TRUE(
-      said("[####################----------]  67%  필터 DB를 업데이트 중입니다.  1.0 KiB\n"));
+  EXPECT_EQ(v6server.count(target(4)), 1);
 }
 
 // The whole way with a trusted key: keys and signatures in the tool's
 // formats, lists and signatures served by the list server on loopback. A
 // list changed on the server after it was signed is not taken.
-TEST(TerminalUpdateSigned, TakesOnlyWhatTheKeySigned) {
-  testing::SettingsSandbox sandbox;
+TEST_F(TerminalUpdateTest, TakesOnlyWhatTheKeySigned) {
   const std::string library = *CVUserDefaults::standardUserDefaults()->libraryPath();
   const std::string folder = sandbox.root() + "/served";
   std::filesystem::create_directories(folder);
@@ -188,15 +152,11 @@ TEST(TerminalUpdateSigned, TakesOnlyWhatTheKeySigned) {
     std::ofstream(folder + "/" + target.name, std::ios::binary) << list;
     std::ofstream(folder + "/" + target.name + ".sig") << signing::sign(keys.secretKey, list);
   }
-  server::ListServer server(folder);
-  const int port = server.start("127.0.0.1", 0);
+  server::ListServer lists(folder);
+  const int port = lists.start("127.0.0.1", 0);
   ASSERT_GT(port, 0);
-  TerminalUpdateRequest request;
   request.server = "127.0.0.1:" + std::to_string(port);
-  request.options.pacing = 0ms;
-  request.options.networkCheck = [] { return true; };
   request.verifyKey = signing::formatPublicKey(keys.publicKey);
-  std::ostringstream out;
   EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitDone) << out.str();
   for (const auto& target : testing::kDataFileTargets)
     EXPECT_EQ(testing::readFile(library + "/" + target.name),
@@ -206,7 +166,7 @@ TEST(TerminalUpdateSigned, TakesOnlyWhatTheKeySigned) {
   std::ofstream(library + "/macfilterlist.dat") << "old";
   EXPECT_EQ(runTerminalUpdate(request, out), kUpdateExitFailed);
   EXPECT_EQ(testing::readFile(library + "/macfilterlist.dat"), "old");
-  server.stop();
+  lists.stop();
 }
 
 TEST(FormatBytes, PicksTheUnitByMagnitude) {

@@ -17,6 +17,7 @@
 
 #include "quarvel/CVUserDefaults.h"
 #include "quarvel/UpdateWindowController.h"
+#include "support/DataFileTargets.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/SettingsSandbox.h"
 
@@ -37,11 +38,7 @@ namespace quarvel {
 namespace {
 
 using namespace std::chrono_literals;
-
-const char* kTargets[] = {"/quarvel/download/list/check/mac/",
-                          "/quarvel/download/list/package/mac/",
-                          "/quarvel/download/list/filter/mac/", "/quarvel/download/list/user/mac/",
-                          "/quarvel/download/list/font/mac/"};
+using testing::kDataFileTargets;
 
 struct SeenAlert {
   QString title, text, informative;
@@ -87,7 +84,7 @@ class UpdateWindowTest : public ::testing::Test {
 
   void SetUp() override {
     CVUserDefaults::standardUserDefaults();
-    for (const char* target : kTargets) server.serve(target, "list");
+    for (const auto& file : kDataFileTargets) server.serve(file.target, "list");
   }
 
   UpdateOptions options() {
@@ -114,87 +111,106 @@ class UpdateWindowTest : public ::testing::Test {
   std::vector<int> progress;  // per mille
 };
 
-void expectOutcomeAlert(const SeenAlert& alert, const char* informative) {
+// An alert as the window shows it: a warning with one "확인" button.
+void expectAlert(const SeenAlert& alert, const char* informative, const char* text = "Quarvel") {
   EXPECT_EQ(alert.title, "Quarvel");
-  EXPECT_EQ(alert.text, "Quarvel");
+  EXPECT_EQ(alert.text, QString::fromUtf8(text));
   EXPECT_EQ(alert.informative, QString::fromUtf8(informative));
   EXPECT_EQ(alert.icon, QMessageBox::Warning);
   EXPECT_EQ(alert.buttons, QStringList{QString::fromUtf8("확인")});
 }
 
-TEST_F(UpdateWindowTest, SuccessfulRunShowsProgressAlertsAndRecordsTheDay) {
-  auto window = makeWindow(options());
-  bool visibleDuringAlert = false;
-  dismisser.onAlert = [&] { visibleDuringAlert = window->isVisible(); };
-  EXPECT_EQ(window->showWindow(), UpdateStatusDone);
-
-  EXPECT_EQ(progress, (std::vector<int>{333, 500, 667, 833, 1000}));
-  EXPECT_EQ(window->statusTextField()->text(), QString::fromUtf8("업데이트가 완료되었습니다."));
-  ASSERT_EQ(dismisser.alerts.size(), 1u);
-  expectOutcomeAlert(dismisser.alerts[0], "업데이트가 완료되었습니다.");
-  EXPECT_TRUE(visibleDuringAlert);  // the run closes the window only afterwards
-  EXPECT_FALSE(window->isVisible());
-  EXPECT_EQ(*CVUserDefaults::standardUserDefaults()->lastUpdateDate(), PlistValue::string("31"));
+// Each way a run ends, as the window shows it: where the bar stopped, the
+// status line, the one alert, and whether the day of the update was kept.
+// The run's retries are the fault table's; here only the window's side.
+// The rows share one settings folder, so the day is recorded by the last.
+TEST_F(UpdateWindowTest, EachOutcomeShowsItsProgressStatusAndAlert) {
+  struct Case {
+    const char* what;
+    bool network;
+    int failures;  // broken transfers of the filter list
+    std::int64_t outcome;
+    int steps;  // how far the bar went
+    const char* status;
+    const char* alertText;
+    const char* alertInformative;
+  } const cases[] = {
+      {"no network", false, 0, UpdateStatusPending, 0, "인터넷 연결상태를 확인 중입니다.",
+       "인터넷 연결 오류",
+       "인터넷 연결 상태를 확인해 주세요.\n※체크리스트를 다운로드 하시려면 인터넷 환경을 "
+       "확인하세요."},
+      {"failed", true, 5, UpdateStatusFailed, 2, "필터 DB를 업데이트 중입니다.", "Quarvel",
+       "DB 업데이트 도중 오류가 발생하였습니다."},
+      {"done", true, 0, UpdateStatusDone, 5, "업데이트가 완료되었습니다.", "Quarvel",
+       "업데이트가 완료되었습니다."},
+  };
+  const std::vector<int> full = {333, 500, 667, 833, 1000};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    progress.clear();
+    dismisser.alerts.clear();
+    UpdateOptions o = options();
+    if (!c.network) o.networkCheck = [] { return false; };
+    server.failTimes(kDataFileTargets[2].target, c.failures);
+    auto window = makeWindow(o);
+    bool visibleDuringAlert = false;
+    dismisser.onAlert = [&] { visibleDuringAlert = window->isVisible(); };
+    EXPECT_EQ(window->showWindow(), c.outcome);
+    EXPECT_EQ(progress, std::vector<int>(full.begin(), full.begin() + c.steps));
+    EXPECT_EQ(window->statusTextField()->text(), QString::fromUtf8(c.status));
+    ASSERT_EQ(dismisser.alerts.size(), 1u);
+    expectAlert(dismisser.alerts[0], c.alertInformative, c.alertText);
+    const auto day = CVUserDefaults::standardUserDefaults()->lastUpdateDate();
+    EXPECT_EQ(day == PlistValue::string("31"), c.outcome == UpdateStatusDone);
+    if (c.outcome == UpdateStatusDone) {
+      EXPECT_TRUE(visibleDuringAlert);  // the run closes the window only afterwards
+      EXPECT_FALSE(window->isVisible());
+    }
+    if (!c.network) {
+      EXPECT_FALSE(window->bRun());
+      EXPECT_TRUE(server.targets().empty());
+    }
+  }
 }
 
-// The window's side of a failed run (the run's retries are the fault
-// table's): the bar stops where the run did, the alert says it failed.
-TEST_F(UpdateWindowTest, AFailedRunShowsWhereItStoppedAndTheFailureAlert) {
-  server.failTimes(kTargets[2], 5);
-  auto window = makeWindow(options());
-  EXPECT_EQ(window->showWindow(), UpdateStatusFailed);
-  EXPECT_EQ(progress, (std::vector<int>{333, 500}));
-  EXPECT_EQ(window->statusTextField()->text(), QString::fromUtf8("필터 DB를 업데이트 중입니다."));
-  ASSERT_EQ(dismisser.alerts.size(), 1u);
-  expectOutcomeAlert(dismisser.alerts[0], "DB 업데이트 도중 오류가 발생하였습니다.");
-}
-
+// Closing the window mid-run cancels at once, the transfer under way still
+// held; the worker finishes it after the window is gone and asks for nothing
+// more. Just before closing, the window is drawn into a PNG:
+// $QUARVEL_SCREENSHOT, else update-window.png in the build folder
+// (docs/update-window.png is one).
 TEST_F(UpdateWindowTest, ClosingDuringTheRunCancelsAndReturnsAtOnce) {
-  server.hold(kTargets[1]);
+  const char* chosen = std::getenv("QUARVEL_SCREENSHOT");
+  const std::string shot = chosen ? chosen : QUARVEL_BINARY_DIR "/update-window.png";
+  const char* held = kDataFileTargets[2].target;
+  server.hold(held);
   auto window = makeWindow(options());
+  bool saved = false;
   std::chrono::steady_clock::time_point closedAt;
   QTimer closer;
   closer.setInterval(10);
   QObject::connect(&closer, &QTimer::timeout, [&] {
-    if (server.count(kTargets[1]) == 0 || !window->isVisible()) return;
+    if (server.count(held) == 0 || !window->isVisible()) return;
     closer.stop();
+    QApplication::processEvents();
+    saved = window->grab().save(QString::fromStdString(shot));
     closedAt = std::chrono::steady_clock::now();
     window->close();
   });
   closer.start();
   EXPECT_EQ(window->showWindow(), UpdateStatusCancelled);
+  EXPECT_TRUE(saved);
   // The transfer is still held (for up to its 5-second idle time-out).
   EXPECT_LT(std::chrono::steady_clock::now() - closedAt, 4s);
   EXPECT_FALSE(window->bRun());
 
-  // The worker finishes its transfer after the window is gone and stops.
   auto run = window->run();
   window.reset();
   server.release();
   ASSERT_TRUE(run->waitUntilFinished(10s));
   EXPECT_EQ(run->updateStatus(), UpdateStatusCancelled);
-  EXPECT_EQ(server.count(kTargets[2]), 0);
+  EXPECT_EQ(server.count(kDataFileTargets[3].target), 0);
   QApplication::processEvents();
   EXPECT_TRUE(dismisser.alerts.empty());
-}
-
-TEST_F(UpdateWindowTest, WithoutNetworkAlertsAndReturnsPending) {
-  UpdateOptions o = options();
-  o.networkCheck = [] { return false; };
-  auto window = makeWindow(o);
-  EXPECT_EQ(window->showWindow(), UpdateStatusPending);
-  ASSERT_EQ(dismisser.alerts.size(), 1u);
-  EXPECT_EQ(dismisser.alerts[0].text, QString::fromUtf8("인터넷 연결 오류"));
-  EXPECT_EQ(dismisser.alerts[0].informative,
-            QString::fromUtf8("인터넷 연결 상태를 확인해 주세요.\n※체크리스트를 다운로드 하시려면 "
-                              "인터넷 환경을 확인하세요."));
-  EXPECT_EQ(dismisser.alerts[0].icon, QMessageBox::Warning);
-  EXPECT_EQ(dismisser.alerts[0].buttons, QStringList{QString::fromUtf8("확인")});
-  EXPECT_EQ(window->statusTextField()->text(),
-            QString::fromUtf8("인터넷 연결상태를 확인 중입니다."));
-  EXPECT_FALSE(window->bRun());
-  EXPECT_TRUE(server.targets().empty());
-  EXPECT_FALSE(CVUserDefaults::standardUserDefaults()->lastUpdateDate());
 }
 
 TEST_F(UpdateWindowTest, AlertCodesWithoutTextShowTitleAndButtonOnly) {
@@ -202,35 +218,8 @@ TEST_F(UpdateWindowTest, AlertCodesWithoutTextShowTitleAndButtonOnly) {
   window.errorAlert("DB_LATEST_VERSION");
   window.errorAlert("SOMETHING_ELSE");
   ASSERT_EQ(dismisser.alerts.size(), 2u);
-  expectOutcomeAlert(dismisser.alerts[0],
-                     "이미 최신버전을 사용중입니다.\n업데이트 할 항목이 없습니다.");
-  expectOutcomeAlert(dismisser.alerts[1], "");
-}
-
-// Draws the window during a run into a PNG: $QUARVEL_SCREENSHOT, else
-// update-window.png in the build folder (docs/update-window.png is one).
-TEST_F(UpdateWindowTest, Screenshot) {
-  const char* chosen = std::getenv("QUARVEL_SCREENSHOT");
-  const std::string target = chosen ? chosen : QUARVEL_BINARY_DIR "/update-window.png";
-  server.hold(kTargets[2]);
-  auto window = makeWindow(options());
-  bool saved = false;
-  QTimer shooter;
-  shooter.setInterval(10);
-  QObject::connect(&shooter, &QTimer::timeout, [&] {
-    if (server.count(kTargets[2]) == 0 || !window->isVisible()) return;
-    shooter.stop();
-    QApplication::processEvents();
-    saved = window->grab().save(QString::fromStdString(target));
-    window->close();
-  });
-  shooter.start();
-  window->showWindow();
-  EXPECT_TRUE(saved);
-  auto run = window->run();
-  window.reset();
-  server.release();
-  run->waitUntilFinished(10s);
+  expectAlert(dismisser.alerts[0], "이미 최신버전을 사용중입니다.\n업데이트 할 항목이 없습니다.");
+  expectAlert(dismisser.alerts[1], "");
 }
 
 }  // namespace
