@@ -5,6 +5,7 @@
 #include "common/Log.h"
 #include "datafiles/LookupIndex.h"
 #include "format/DataFileFormat.h"
+#include "format/HugePages.h"
 
 namespace quarvel {
 
@@ -87,6 +88,7 @@ bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPat
   });
   indexLowered(indexes_->m_pDicFileName, m_pCheckList, first,
                [](const Record& record) { return record[datafile::kExeFileIndex]; });
+  datafile::releaseFreedMemory();
   setM_strFileName(path);
   return true;
 }

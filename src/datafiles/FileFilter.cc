@@ -2,6 +2,7 @@
 
 #include "datafiles/LookupIndex.h"
 #include "format/DataFileFormat.h"
+#include "format/HugePages.h"
 
 namespace quarvel {
 
@@ -43,6 +44,7 @@ bool FileFilter::openWithFileName(const std::string& fileName, bool isFullPath) 
   // A loaded record holds exactly the four key values, in key order.
   indexLowered(indexes_->m_pDicFilter, m_pSWList, first,
                [](const Record& record) { return record.tabbedText(); });
+  datafile::releaseFreedMemory();
   setM_strFileName(path);
   return true;
 }

@@ -188,7 +188,7 @@ std::int64_t LookupIndex::findLowered(std::string_view key) const {
     std::memcpy(lowered + key.size() - 8, &word, 8);
     if (ascii) {
       const std::string_view text(lowered, key.size());
-      return slots_[slotOf(text, finishHash(hash ^ word))].value;
+      return valueAt(slotOf(text, finishHash(hash ^ word)));
     }
   }
   // Shorter keys, and those beyond ASCII: lowered first, then hashed; on
@@ -231,9 +231,13 @@ std::size_t LookupIndex::slotOf(std::string_view key, std::uint32_t hash) const 
   const std::size_t mask = slots_.size() - 1;
   for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
     const Slot& slot = slots_[at];
-    if (slot.value < 0) return at;
-    if (slot.hash == hash && slot.length == key.size() &&
-        sameBytes(keys_.data() + slot.offset, key.data(), key.size()))
+    if (slot.entry == 0) return at;
+    if (slot.hash != hash) continue;
+    // A hash that matches is almost always the key: its entry's length and
+    // bytes are one read away from its value.
+    const std::uint32_t* entry = entries_.data() + slot.entry - 1;
+    if (entry[1] == key.size() &&
+        sameBytes(reinterpret_cast<const char*>(entry + kEntryHead), key.data(), key.size()))
       return at;
   }
 }
@@ -243,25 +247,28 @@ void LookupIndex::rehash(std::size_t slotCount) {
   slots_.assign(slotCount, Slot{});
   const std::size_t mask = slotCount - 1;
   for (const Slot& slot : old) {
-    if (slot.value < 0) continue;
+    if (slot.entry == 0) continue;
     std::size_t at = slot.hash & mask;
-    while (slots_[at].value >= 0) at = (at + 1) & mask;
+    while (slots_[at].entry != 0) at = (at + 1) & mask;
     slots_[at] = slot;
   }
 }
 
 void LookupIndex::reserve(std::size_t count) {
+  // At most four slots in five used: probes stay short, and eight slots
+  // share a cache line.
   std::size_t wanted = 16;
-  while (wanted < 2 * count) wanted *= 2;
+  while (wanted / 5 * 4 < count) wanted *= 2;
   if (wanted > slots_.size()) rehash(wanted);
 }
 
-void LookupIndex::reserveKeyBytes(std::size_t bytes) {
-  if (bytes <= UINT32_MAX - keys_.size()) keys_.reserve(keys_.size() + bytes);
+void LookupIndex::reserveKeyBytes(std::size_t count, std::size_t bytes) {
+  const std::size_t units = count * (kEntryHead + 1) + bytes / 4;
+  if (units <= UINT32_MAX - entries_.size()) entries_.reserve(entries_.size() + units);
 }
 
 void LookupIndex::clear() {
-  keys_.clear();
+  entries_.clear();
   slots_.clear();
   size_ = 0;
 }
@@ -272,22 +279,26 @@ void LookupIndex::set(std::string_view key, std::int64_t index) {
 
 void LookupIndex::setHashed(std::string_view key, std::uint32_t hash, std::int64_t index) {
   if (index < 0 || index > INT32_MAX) return;
-  if (2 * (size_ + 1) > slots_.size()) reserve(size_ + 1);
+  if (size_ + 1 > slots_.size() / 5 * 4) reserve(size_ + 1);
   Slot& slot = slots_[slotOf(key, hash)];
-  if (slot.value < 0 && keys_.size() + key.size() > UINT32_MAX) return;
-  if (slot.value < 0) {
+  if (slot.entry == 0) {
+    const std::size_t units = entryUnits(key.size());
+    // Slots name an entry by 1 + its place, in 32 bits.
+    if (key.size() > UINT32_MAX || entries_.size() + units > UINT32_MAX) return;
     slot.hash = hash;
-    slot.offset = static_cast<std::uint32_t>(keys_.size());
-    slot.length = static_cast<std::uint32_t>(key.size());
-    keys_.insert(keys_.end(), key.begin(), key.end());
+    slot.entry = static_cast<std::uint32_t>(entries_.size() + 1);
+    entries_.resize(entries_.size() + units);  // the padding after the key is zero
+    std::uint32_t* entry = entries_.data() + slot.entry - 1;
+    entry[1] = static_cast<std::uint32_t>(key.size());
+    if (!key.empty()) std::memcpy(entry + kEntryHead, key.data(), key.size());
     ++size_;
   }
-  slot.value = static_cast<std::int32_t>(index);
+  entries_[slot.entry - 1] = static_cast<std::uint32_t>(index);
 }
 
 std::int64_t LookupIndex::find(std::string_view key) const {
   if (slots_.empty()) return -1;
-  return slots_[slotOf(key, hashOf(key))].value;
+  return valueAt(slotOf(key, hashOf(key)));
 }
 
 void indexField(LookupIndex& index, TableMulti& table, std::string_view field) {
@@ -301,7 +312,7 @@ void indexField(LookupIndex& index, TableMulti& table, std::string_view field) {
   };
   std::size_t keyBytes = 0;
   for (std::size_t row = 0; row < records.size(); ++row) keyBytes += keyOf(row).size();
-  index.reserveKeyBytes(keyBytes);
+  index.reserveKeyBytes(records.size(), keyBytes);
   index.setRows(0, records.size(), [&](std::int64_t row, std::string&) {
     return keyOf(static_cast<std::size_t>(row));
   });

@@ -4,10 +4,14 @@
 /// Keys are held as given; callers lower-case both sides where the look-up is
 /// case-blind (lowerKey). On a repeated key the last record entered wins.
 ///
-/// An open-addressing table over one buffer of key bytes: a record costs a
-/// 16-byte slot (at most half of the slots are used) plus its key's bytes,
-/// and a look-up allocates nothing. The key bytes are addressed in 32 bits:
-/// keys beyond 4 GiB of key text in all are not entered.
+/// An open-addressing table of 8-byte slots (the key's hash and where its
+/// entry starts; at most four in five used) over one buffer of entries (the
+/// value, the length and the key's bytes, in the order entered). A look-up
+/// allocates nothing. The slots are small enough to stay in the caches for
+/// lists of a few hundred thousand keys, so a hit reads one cache line
+/// beyond them (the entry: value and key together) and a miss usually none.
+/// Entries are addressed in 4-byte units through 32 bits: keys beyond
+/// 16 GiB of entries in all are not entered.
 
 #include <array>
 #include <cstdint>
@@ -70,24 +74,35 @@ class LookupIndex {
   std::size_t size() const { return size_; }
   /// Makes room for `count` keys without regrowing.
   void reserve(std::size_t count);
-  /// Makes room for `bytes` more bytes of keys: the key buffer then grows
-  /// once, leaving no smaller buffers behind in the heap.
-  void reserveKeyBytes(std::size_t bytes);
+  /// Makes room for `count` more keys of `bytes` bytes in all: the entry
+  /// buffer then grows once, leaving no smaller buffers behind in the heap.
+  void reserveKeyBytes(std::size_t count, std::size_t bytes);
   void clear();
 
  private:
   struct Slot {
-    std::uint32_t hash = 0;    ///< places the slot and screens comparisons
-    std::uint32_t offset = 0;  ///< of the key in keys_
-    std::uint32_t length = 0;
-    std::int32_t value = -1;  ///< -1: the slot is free
+    std::uint32_t hash = 0;   ///< places the slot and screens comparisons
+    std::uint32_t entry = 0;  ///< 1 + the entry's place in entries_; 0: free
   };
+  /// An entry is its value, its key's length and its key's bytes, in
+  /// 4-byte units of entries_: each one starts aligned.
+  static constexpr std::size_t kEntryHead = 2;
+  static constexpr std::size_t entryUnits(std::size_t keyLength) {
+    return kEntryHead + (keyLength + 3) / 4;
+  }
   static std::uint32_t hashOf(std::string_view key);
+  /// The slot holding `key`, or the free slot ending its probe.
   std::size_t slotOf(std::string_view key, std::uint32_t hash) const;
+  /// The value of the key in slot `at`, or -1 for a free slot.
+  std::int64_t valueAt(std::size_t at) const {
+    const std::uint32_t entry = slots_[at].entry;
+    return entry == 0 ? -1 : static_cast<std::int32_t>(entries_[entry - 1]);
+  }
   void setHashed(std::string_view key, std::uint32_t hash, std::int64_t index);
   void rehash(std::size_t slotCount);
 
-  std::vector<char, HugePageAllocator<char>> keys_;
+  /// Entries in units of 4 bytes, so each head is aligned.
+  std::vector<std::uint32_t, HugePageAllocator<std::uint32_t>> entries_;
   std::vector<Slot, HugePageAllocator<Slot>> slots_;  ///< a power of two in size, or empty
   std::size_t size_ = 0;
 };
@@ -127,7 +142,7 @@ void indexLowered(LookupIndex& index, const TableMulti& table, std::int64_t firs
   std::size_t keyBytes = 0;
   for (std::size_t row = static_cast<std::size_t>(first); row < records.size(); ++row)
     keyBytes += keyOf(*records[row]).size();
-  index.reserveKeyBytes(keyBytes);
+  index.reserveKeyBytes(records.size() - static_cast<std::size_t>(first), keyBytes);
   index.setRows(first, records.size() - static_cast<std::size_t>(first),
                 [&](std::int64_t row, std::string& scratch) {
                   lowerKeyInto(scratch, keyOf(*records[static_cast<std::size_t>(row)]));

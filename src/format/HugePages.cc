@@ -2,6 +2,10 @@
 
 #include <sys/mman.h>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 #include <cstdint>
 
 namespace quarvel::datafile {
@@ -13,6 +17,12 @@ void adviseHugePages(void* block, std::size_t bytes) {
   const std::uintptr_t last = (begin + bytes) & ~(kHuge - 1);
   if (block == nullptr || last <= first) return;
   ::madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+}
+
+void releaseFreedMemory() {
+#if defined(__GLIBC__)
+  ::malloc_trim(0);
+#endif
 }
 
 }  // namespace quarvel::datafile

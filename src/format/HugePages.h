@@ -12,4 +12,10 @@ namespace quarvel::datafile {
 // silently (the pages stay small). Safe from any thread.
 void adviseHugePages(void* block, std::size_t bytes);
 
+// Hands the heap's free pages back to the kernel. An open frees its file's
+// bytes, its lines and its buffers as it goes, and builds what stays (the
+// records, the indexes) partly in their place: without this, the memory
+// freed stays resident for as long as the process lives.
+void releaseFreedMemory();
+
 }  // namespace quarvel::datafile

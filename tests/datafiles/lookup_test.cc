@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <random>
 
 #include "common/Log.h"
@@ -71,6 +72,32 @@ TEST(LookupKeys, FindLoweredFindsEveryLengthAndMissesAnyOtherByte) {
       std::string other = keys[i];
       other[at] = other[at] == '#' ? '%' : '#';
       ASSERT_EQ(index.findLowered(other), -1) << "byte " << at;
+    }
+  }
+}
+
+// A million keys of one length that differ only in their last word, entered
+// one by one through every growth of the table: among them some hundred
+// pairs share a 32-bit hash, which only the bytes of the last word tell
+// apart. Each key finds its own value, a repeat replaces it, and keys one
+// byte longer or shorter (other entry padding) are absent.
+TEST(LookupKeys, MillionKeysThroughGrowthAndSharedHashes) {
+  constexpr int kKeys = 1000000;
+  const auto key = [](int i) {
+    char text[32];
+    std::snprintf(text, sizeof text, "filename%08x", static_cast<unsigned>(i) * 2654435761u);
+    return std::string(text);
+  };
+  LookupIndex index;
+  for (int i = 0; i < kKeys; ++i) index.set(key(i), i);
+  for (int i = 0; i < kKeys; i += 3) index.set(key(i), kKeys - i);
+  ASSERT_EQ(index.size(), static_cast<std::size_t>(kKeys));
+  for (int i = 0; i < kKeys; ++i) {
+    const std::string k = key(i);
+    ASSERT_EQ(index.find(k), i % 3 == 0 ? kKeys - i : i) << k;
+    if (i % 1000 == 0) {
+      EXPECT_EQ(index.find(k + "x"), -1) << k;
+      EXPECT_EQ(index.find(k.substr(1)), -1) << k;
     }
   }
 }
