@@ -44,6 +44,29 @@ inline std::string crlf(const std::vector<std::string>& lines) {
   return text;
 }
 
+// A data file's plain text: each tag's lines between its start and end lines.
+inline std::string sections(
+    const std::vector<std::pair<std::string, std::vector<std::string>>>& parts) {
+  std::vector<std::string> lines;
+  for (const auto& [tag, records] : parts) {
+    lines.push_back(tag + "_START");
+    lines.insert(lines.end(), records.begin(), records.end());
+    lines.push_back(tag + "_END");
+  }
+  return crlf(lines);
+}
+
+// What a save of `file` would write before enciphering; "<refused>" when
+// getContents refuses, "<unterminated>" when the buffer lacks its zero byte.
+template <typename File>
+std::string contentsOf(File& file) {
+  std::uint64_t size = 0;
+  auto contents = file.getContents(size);
+  if (!contents) return "<refused>";
+  if (contents[size] != 0) return "<unterminated>";
+  return std::string(reinterpret_cast<const char*>(contents.get()), size);
+}
+
 class TempDir {
  public:
   TempDir() {

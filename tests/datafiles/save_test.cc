@@ -2,7 +2,6 @@
 // texts, atomic replacement and the package file's own folder creation.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <functional>
@@ -23,6 +22,8 @@ namespace quarvel {
 namespace {
 
 using testing::checkLine;
+using testing::contentsOf;
+using testing::sections;
 using testing::TempDir;
 
 const std::string kHangul = "\xED\x95\x9C\xEA\xB8\x80";  // 한글
@@ -62,11 +63,7 @@ void expectRoundTrip(const std::vector<std::pair<const char*, std::string>>& lin
   EXPECT_EQ(testing::readBytes(path), firstBytes);
   EXPECT_EQ(dir.entries(), std::vector<std::string>{"out.dat"});
 
-  // The file holds exactly the enciphered contents.
-  std::uint64_t size = 0;
-  auto contents = reread.getContents(size);
-  EXPECT_EQ(testing::decipher(firstBytes),
-            std::string(reinterpret_cast<char*>(contents.get()), size));
+  EXPECT_EQ(testing::decipher(firstBytes), contentsOf(reread)) << "the contents, enciphered";
 }
 
 TEST(DataFileSave, AllFourKindsRoundTripWithIdenticalRecords) {
@@ -94,11 +91,7 @@ TEST(DataFileSave, AllFourKindsRoundTripWithIdenticalRecords) {
 
 TEST(DataFileSave, EmptyTablesStillWriteEverySection) {
   FilePackage package;
-  std::uint64_t size = 0;
-  auto contents = package.getContents(size);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(contents.get()), size),
-            "#HEADER_START\r\n#HEADER_END\r\n#PACKAGE_START\r\n#PACKAGE_END\r\n#SUB_START\r\n"
-            "#SUB_END\r\n");
+  EXPECT_EQ(contentsOf(package), sections({{"#HEADER", {}}, {"#PACKAGE", {}}, {"#SUB", {}}}));
 }
 
 // Most lines skip folding and take the encoder's fast lane, the others are
@@ -119,23 +112,19 @@ TEST(DataFileSave, EveryLineIsStoredAsTheWholeTextFoldedAndEncoded) {
       "\xC2\xA6 \xC2\xAF",         // symbols folding substitutes
   };
   FileFilter filter;
-  std::string text = "#HEADER_START\r\n1\r\n#HEADER_END\r\n#SWLIST_START\r\n";
+  std::vector<std::string> records;
   fill(filter, {{"#HEADER", "1"}});
   for (const std::string& value : values) {
-    fill(filter, {{"#SWLIST", value + "\tx\t" + value + "\ty"}});
-    text += value + "\tx\t" + value + "\ty\r\n";
+    records.push_back(value + "\tx\t" + value + "\ty");
+    fill(filter, {{"#SWLIST", records.back()}});
   }
-  text += "#SWLIST_END\r\n";
-  std::uint64_t size = 0;
-  auto contents = filter.getContents(size);
-  ASSERT_TRUE(contents);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(contents.get()), size),
-            MacKorean::encode(CommonLib::encodingForSpecialCharacter(text)));
+  const std::string text = sections({{"#HEADER", {"1"}}, {"#SWLIST", records}});
+  EXPECT_EQ(contentsOf(filter), MacKorean::encode(CommonLib::encodingForSpecialCharacter(text)));
 
   // A character without a code is named before an earlier line too long.
   fill(filter, {{"#SWLIST", std::string(2048, 'x') + "\t\t\t"}, {"#SWLIST", "\x7F\t\t\t"}});
   LogCapture log;
-  EXPECT_EQ(filter.getContents(size), nullptr);
+  EXPECT_EQ(contentsOf(filter), "<refused>");
   ASSERT_EQ(log.lines().size(), 1u);
   EXPECT_TRUE(log.contains("SAVE REFUSED: U+007F")) << log.lines()[0];
 }
@@ -233,28 +222,7 @@ TEST(DataFileSave, LinesOfExactly2047StoredBytesSaveAndReadBack) {
   // A zero byte is no fault: the stored text ends there.
   FileFilter zero;
   fill(zero, {{"#HEADER", std::string("1\0002", 3)}, {"#SWLIST", "A\tB\tC\tD"}});
-  std::uint64_t size = 0;
-  ASSERT_TRUE(zero.getContents(size));
-  EXPECT_EQ(size, std::string("#HEADER_START\r\n1").size());
-}
-
-TEST(DataFileSave, ReplacingAFileKeepsItsPermissionsAndLeavesNoTemporary) {
-  TempDir dir;
-  const std::string path = dir.file("c.dat");
-  testing::writeBytes(path, "old");
-  ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
-  FileFontList fonts;
-  fill(fonts, {{"#HEADER", "1"}});
-  ASSERT_TRUE(fonts.saveAsFileName(path, true));
-  struct stat info {};
-  ASSERT_EQ(::stat(path.c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0640u);
-  EXPECT_EQ(dir.entries(), std::vector<std::string>{"c.dat"});
-
-  // A folder in the way is not replaced.
-  std::filesystem::create_directory(dir.path() / "sub");
-  EXPECT_FALSE(fonts.saveAsFileName(dir.file("sub"), true));
-  EXPECT_TRUE(std::filesystem::is_directory(dir.path() / "sub"));
+  EXPECT_EQ(contentsOf(zero), "#HEADER_START\r\n1");
 }
 
 TEST(DataFileSave, OnlyThePackageFileCreatesItsMissingFolder) {
@@ -267,6 +235,10 @@ TEST(DataFileSave, OnlyThePackageFileCreatesItsMissingFolder) {
     EXPECT_FALSE(file->saveAsFileName(nested, true));
   }
   EXPECT_TRUE(dir.entries().empty());
+  // Nor does a folder in the way make a file.
+  std::filesystem::create_directory(dir.path() / "sub");
+  EXPECT_FALSE(fonts.saveAsFileName(dir.file("sub"), true));
+  EXPECT_TRUE(std::filesystem::is_directory(dir.path() / "sub"));
 
   FilePackage package;
   ASSERT_TRUE(package.saveAsFileName(nested, true));
