@@ -45,7 +45,7 @@ TEST(TextCompare, DigitRunsCompareByValue) {
   });
 }
 
-TEST(TextCompare, CaseFoldingIsFullButLiteral) {
+TEST(TextCompare, CaseFoldingIsFullButLiteralAndStrayBytesKeepTheirPlace) {
   expectOrder({
       {"abc", "ABC", 0},
       {"xyz", "XYZ", 0},
@@ -68,11 +68,7 @@ TEST(TextCompare, CaseFoldingIsFullButLiteral) {
       {"\xEE\x80\x80", "\xF0\x90\x80\x80", -1},      // code point order, not UTF-16
       {"\xF0\x90\x90\x80", "\xF0\x90\x90\xA8", -1},  // no folding beyond the BMP
       {"\xEA\xB0\x80", "\xEB\x82\x98", -1},          // Hangul by code point
-  });
-}
-
-TEST(TextCompare, ShorterPrefixAndStrayBytes) {
-  expectOrder({
+      // A prefix comes first; stray bytes compare as U+DC80..U+DCFF.
       {"", "", 0},
       {"", "a", -1},
       {"abc", "abcd", -1},

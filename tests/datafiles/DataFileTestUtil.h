@@ -4,11 +4,9 @@
 // from its plain text and look inside a file that was saved. Whole-file
 // reads and writes come from support/FileText.h.
 
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -16,25 +14,28 @@
 
 #include "format/MacKorean.h"
 #include "support/FileText.h"
+#include "support/ScratchDir.h"
 
 namespace quarvel::testing {
 
 inline constexpr char kCipherKey[] = "Lumbergan3_Vxok!";
 
-// Plain bytes -> file bytes: XOR byte i with key[i % 16], then reverse.
+// Byte i XORed with key[i % 16]: its own inverse.
+inline std::string xorKey(std::string bytes) {
+  for (std::size_t i = 0; i < bytes.size(); ++i)
+    bytes[i] = static_cast<char>(bytes[i] ^ kCipherKey[i & 15]);
+  return bytes;
+}
+
+// Plain bytes -> file bytes: XOR with the key, then reverse.
 inline std::string encipher(std::string_view plain) {
-  std::string out(plain);
-  for (std::size_t i = 0; i < out.size(); ++i)
-    out[i] = static_cast<char>(out[i] ^ kCipherKey[i & 15]);
+  const std::string out = xorKey(std::string(plain));
   return std::string(out.rbegin(), out.rend());
 }
 
 // File bytes -> plain bytes.
 inline std::string decipher(std::string_view file) {
-  std::string out(file.rbegin(), file.rend());
-  for (std::size_t i = 0; i < out.size(); ++i)
-    out[i] = static_cast<char>(out[i] ^ kCipherKey[i & 15]);
-  return out;
+  return xorKey(std::string(file.rbegin(), file.rend()));
 }
 
 // Lines joined with CR LF, each line ended.
@@ -44,21 +45,34 @@ inline std::string crlf(const std::vector<std::string>& lines) {
   return text;
 }
 
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "quarvel-df-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data());
+// A data file's plain text: each tag's lines between its start and end lines.
+inline std::string sections(
+    const std::vector<std::pair<std::string, std::vector<std::string>>>& parts) {
+  std::vector<std::string> lines;
+  for (const auto& [tag, records] : parts) {
+    lines.push_back(tag + "_START");
+    lines.insert(lines.end(), records.begin(), records.end());
+    lines.push_back(tag + "_END");
   }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
+  return crlf(lines);
+}
 
-  const std::filesystem::path& path() const { return path_; }
-  std::string file(std::string_view name) const { return (path_ / name).string(); }
+// What a save of `file` would write before enciphering; "<refused>" when
+// getContents refuses, "<unterminated>" when the buffer lacks its zero byte.
+template <typename File>
+std::string contentsOf(File& file) {
+  std::uint64_t size = 0;
+  auto contents = file.getContents(size);
+  if (!contents) return "<refused>";
+  if (contents[size] != 0) return "<unterminated>";
+  return std::string(reinterpret_cast<const char*>(contents.get()), size);
+}
+
+// A scratch folder that writes data files and lists what it holds.
+class TempDir : public ScratchDir {
+ public:
+  std::filesystem::path path() const { return ScratchDir::path(); }
+  std::string file(std::string_view name) const { return *this / std::string(name); }
   // Writes `plain` (UTF-8) as a data file: Mac Korean bytes, enciphered.
   // Answers the path.
   std::string writeDataFile(std::string_view name, std::string_view plain) const {
@@ -68,23 +82,14 @@ class TempDir {
   }
   // Writes `bytes` enciphered, as they are.
   std::string writeRawDataFile(std::string_view name, std::string_view bytes) const {
-    writeBytes(path_ / name, encipher(bytes));
+    writeBytes(file(name), encipher(bytes));
     return file(name);
   }
   std::vector<std::string> entries() const {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(path_))
-      names.push_back(entry.path().filename().string());
-    return names;
+    const std::set<std::string> found = names();
+    return {found.begin(), found.end()};
   }
-
- private:
-  std::filesystem::path path_;
 };
-
-}  // namespace quarvel::testing
-
-namespace quarvel::testing {
 
 // Values joined by tabs: one record line.
 inline std::string rec(const std::vector<std::string>& values) {

@@ -19,14 +19,11 @@ namespace quarvel {
 namespace {
 
 using testing::checkLine;
-using testing::crlf;
+using testing::sections;
 using testing::TempDir;
 
 std::string checkListText(const std::vector<std::string>& records) {
-  std::vector<std::string> lines = {"#HEADER_START", "2024.05", "#HEADER_END", "#CHECKLIST_START"};
-  lines.insert(lines.end(), records.begin(), records.end());
-  lines.push_back("#CHECKLIST_END");
-  return crlf(lines);
+  return sections({{"#HEADER", {"2024.05"}}, {"#CHECKLIST", records}});
 }
 
 // Keys lower-case as the full Unicode rule does, whatever their length and
@@ -204,9 +201,11 @@ TEST(FileFilter, MatchesTheJoinedValuesRegardlessOfCase) {
   TempDir dir;
   FileFilter filter;
   ASSERT_TRUE(filter.openWithFileName(
-      dir.writeDataFile("f.dat", crlf({"#HEADER_START", "1", "#HEADER_END", "#SWLIST_START",
-                                       "Acme\tEditor\t2.0\tEditor", "ACME\tEDITOR\t2.0\teditor",
-                                       "Tab\tin\tvalue\there", "#SWLIST_END"})),
+      dir.writeDataFile("f.dat",
+                        sections({{"#HEADER", {"1"}},
+                                  {"#SWLIST",
+                                   {"Acme\tEditor\t2.0\tEditor", "ACME\tEDITOR\t2.0\teditor",
+                                    "Tab\tin\tvalue\there"}}})),
       true));
   EXPECT_EQ(filter.getIdByFilter("acme\teditor\t2.0\teditor"), 1);
   EXPECT_EQ(filter.getIdByFilter("Tab\tIN\tvalue\tHere"), 2);
@@ -215,9 +214,7 @@ TEST(FileFilter, MatchesTheJoinedValuesRegardlessOfCase) {
 
   FileFilter empty;
   ASSERT_TRUE(empty.openWithFileName(
-      dir.writeDataFile(
-          "e.dat", crlf({"#HEADER_START", "1", "#HEADER_END", "#SWLIST_START", "#SWLIST_END"})),
-      true));
+      dir.writeDataFile("e.dat", sections({{"#HEADER", {"1"}}, {"#SWLIST", {}}})), true));
   EXPECT_EQ(empty.getIdByFilter(""), -1);
   EXPECT_EQ(empty.getIdByFilter("\t\t\t"), -1);
 }
@@ -274,7 +271,6 @@ TEST(FilePackage, PackageIndexIsExactLastWinsAndBuiltOnce) {
 
   // The package ids are one dictionary, made on first use.
   package.getPackageIds()["P1"] = PlistValue::integer(1);
-  EXPECT_EQ(&package.getPackageIds(), &package.getPackageIds());
   EXPECT_EQ(package.getPackageIds().size(), 1u);
 }
 

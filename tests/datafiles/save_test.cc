@@ -2,10 +2,8 @@
 // texts, atomic replacement and the package file's own folder creation.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
-#include <functional>
 #include <memory>
 
 #include "common/Log.h"
@@ -23,6 +21,8 @@ namespace quarvel {
 namespace {
 
 using testing::checkLine;
+using testing::contentsOf;
+using testing::sections;
 using testing::TempDir;
 
 const std::string kHangul = "\xED\x95\x9C\xEA\xB8\x80";  // 한글
@@ -62,11 +62,7 @@ void expectRoundTrip(const std::vector<std::pair<const char*, std::string>>& lin
   EXPECT_EQ(testing::readBytes(path), firstBytes);
   EXPECT_EQ(dir.entries(), std::vector<std::string>{"out.dat"});
 
-  // The file holds exactly the enciphered contents.
-  std::uint64_t size = 0;
-  auto contents = reread.getContents(size);
-  EXPECT_EQ(testing::decipher(firstBytes),
-            std::string(reinterpret_cast<char*>(contents.get()), size));
+  EXPECT_EQ(testing::decipher(firstBytes), contentsOf(reread)) << "the contents, enciphered";
 }
 
 TEST(DataFileSave, AllFourKindsRoundTripWithIdenticalRecords) {
@@ -94,11 +90,7 @@ TEST(DataFileSave, AllFourKindsRoundTripWithIdenticalRecords) {
 
 TEST(DataFileSave, EmptyTablesStillWriteEverySection) {
   FilePackage package;
-  std::uint64_t size = 0;
-  auto contents = package.getContents(size);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(contents.get()), size),
-            "#HEADER_START\r\n#HEADER_END\r\n#PACKAGE_START\r\n#PACKAGE_END\r\n#SUB_START\r\n"
-            "#SUB_END\r\n");
+  EXPECT_EQ(contentsOf(package), sections({{"#HEADER", {}}, {"#PACKAGE", {}}, {"#SUB", {}}}));
 }
 
 // Most lines skip folding and take the encoder's fast lane, the others are
@@ -119,78 +111,57 @@ TEST(DataFileSave, EveryLineIsStoredAsTheWholeTextFoldedAndEncoded) {
       "\xC2\xA6 \xC2\xAF",         // symbols folding substitutes
   };
   FileFilter filter;
-  std::string text = "#HEADER_START\r\n1\r\n#HEADER_END\r\n#SWLIST_START\r\n";
+  std::vector<std::string> records;
   fill(filter, {{"#HEADER", "1"}});
   for (const std::string& value : values) {
-    fill(filter, {{"#SWLIST", value + "\tx\t" + value + "\ty"}});
-    text += value + "\tx\t" + value + "\ty\r\n";
+    records.push_back(value + "\tx\t" + value + "\ty");
+    fill(filter, {{"#SWLIST", records.back()}});
   }
-  text += "#SWLIST_END\r\n";
-  std::uint64_t size = 0;
-  auto contents = filter.getContents(size);
-  ASSERT_TRUE(contents);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(contents.get()), size),
-            MacKorean::encode(CommonLib::encodingForSpecialCharacter(text)));
+  const std::string text = sections({{"#HEADER", {"1"}}, {"#SWLIST", records}});
+  EXPECT_EQ(contentsOf(filter), MacKorean::encode(CommonLib::encodingForSpecialCharacter(text)));
 
   // A character without a code is named before an earlier line too long.
   fill(filter, {{"#SWLIST", std::string(2048, 'x') + "\t\t\t"}, {"#SWLIST", "\x7F\t\t\t"}});
   LogCapture log;
-  EXPECT_EQ(filter.getContents(size), nullptr);
+  EXPECT_EQ(contentsOf(filter), "<refused>");
   ASSERT_EQ(log.lines().size(), 1u);
   EXPECT_TRUE(log.contains("SAVE REFUSED: U+007F")) << log.lines()[0];
 }
 
-TEST(DataFileSave, UnencodableTextIsRefusedAndTheFileKept) {
-  TempDir dir;
-  const std::string path = dir.file("c.dat");
-  FileCheckList list;
-  fill(list, {{"#HEADER", "1"},
-              {"#CHECKLIST", checkLine("1", "A", "B", "1", "O", "ok")},
-              {"#CHECKLIST", checkLine("2", "A", "Smile \xF0\x9F\x98\x80", "1", "O", "e")}});
-  testing::writeBytes(path, "previous contents");
-  LogCapture log;
-  EXPECT_FALSE(list.saveAsFileName(path, true));
-  EXPECT_EQ(testing::readBytes(path), "previous contents");
-  EXPECT_EQ(dir.entries(), std::vector<std::string>{"c.dat"});
-  EXPECT_TRUE(log.contains("-[FileCheckList getContents:] // SAVE REFUSED: U+1F600"));
-  EXPECT_TRUE(log.contains("(section #CHECKLIST, record 1)"));
-
-  std::uint64_t size = 42;
-  EXPECT_EQ(list.getContents(size), nullptr);
-  EXPECT_EQ(size, 0u);
-
-  FileFilter header;
-  fill(header, {{"#HEADER", "v\xF0\x9F\x98\x80"}});
-  LogCapture headerLog;
-  EXPECT_FALSE(header.saveAsFileName(dir.file("f.dat"), true));
-  EXPECT_TRUE(headerLog.contains("(section #HEADER, record 0)"));
-  EXPECT_FALSE(std::filesystem::exists(dir.file("f.dat")));
+// A file of the class named `kind`.
+std::unique_ptr<FileFramework> make(std::string_view kind) {
+  if (kind == "FileCheckList") return std::make_unique<FileCheckList>();
+  if (kind == "FileFontList") return std::make_unique<FileFontList>();
+  if (kind == "FilePackage") return std::make_unique<FilePackage>();
+  return std::make_unique<FileFilter>();
 }
 
-TEST(DataFileSave, RecordsThatCannotBeOneLineAreRefusedAndTheFileKept) {
+// Text without a Mac Korean code, or that cannot be one line, is refused
+// with the first record that holds it named, and the file is left as it was.
+TEST(DataFileSave, RecordsThatCannotBeStoredAreRefusedAndTheFileKept) {
   std::string hangul;  // 2,032 bytes stored, 3,048 as UTF-8: with 16 tabs, 2,048
   for (int i = 0; i < 1016; ++i) hangul += "\xED\x95\x9C";
   const std::string tooLong = "a line of 2048 bytes, longer than 2047";
   const std::string lineBreak = "a CR or LF inside a value";
-  struct Case {
-    std::function<std::unique_ptr<FileFramework>()> make;
+  const std::string noCode = "U+1F600 \"\xF0\x9F\x98\x80\" has no Mac Korean form";
+  const struct {
+    const char* kind;
     std::string tag, value, refusal;
-  };
-  const auto filter = [] { return std::make_unique<FileFilter>(); };
-  const auto package = [] { return std::make_unique<FilePackage>(); };
-  const Case cases[] = {
-      {filter, "#SWLIST", std::string(2045, 'x'), tooLong},
-      {[] { return std::make_unique<FileCheckList>(); }, "#CHECKLIST", hangul, tooLong},
-      {[] { return std::make_unique<FileFontList>(); }, "#HEADER", std::string(2048, '9'), tooLong},
-      {package, "#SUB", "A\rB", lineBreak},
-      {package, "#PACKAGE", "A\r\nB", lineBreak},
-      {filter, "#HEADER", "1\n2", lineBreak},
+  } cases[] = {
+      {"FileCheckList", "#CHECKLIST", "Smile \xF0\x9F\x98\x80", noCode},
+      {"FileFilter", "#HEADER", "v\xF0\x9F\x98\x80", noCode},
+      {"FileFilter", "#SWLIST", std::string(2045, 'x'), tooLong},
+      {"FileCheckList", "#CHECKLIST", hangul, tooLong},
+      {"FileFontList", "#HEADER", std::string(2048, '9'), tooLong},
+      {"FilePackage", "#SUB", "A\rB", lineBreak},
+      {"FilePackage", "#PACKAGE", "A\r\nB", lineBreak},
+      {"FileFilter", "#HEADER", "1\n2", lineBreak},
   };
   TempDir dir;
   const std::string path = dir.file("old.dat");
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.tag + " " + c.refusal);
-    std::unique_ptr<FileFramework> file = c.make();
+    std::unique_ptr<FileFramework> file = make(c.kind);
     // A sound record, then the value followed by empty ones (the header
     // keeps one record: there the second replaces the first).
     Table* table = file->getTableByTag(c.tag);
@@ -201,17 +172,20 @@ TEST(DataFileSave, RecordsThatCannotBeOneLineAreRefusedAndTheFileKept) {
     LogCapture log;
     EXPECT_FALSE(file->saveAsFileName(path, true));
     EXPECT_EQ(testing::readBytes(path), "previous contents");
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"old.dat"});
     ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_TRUE(log.contains("getContents:] // SAVE REFUSED: " + c.refusal + " (section " + c.tag +
-                             ", record " + record + ")"))
-        << log.lines()[0];
+    EXPECT_EQ(log.lines()[0], std::string("-[") + c.kind + " getContents:] // SAVE REFUSED: " +
+                                  c.refusal + " (section " + c.tag + ", record " + record + ")");
   }
-  // The buffer is refused alike: what getContents answers a save writes.
+  // The buffer is refused alike: what getContents answers a save writes;
+  // and a file that was not there is not made.
   FilePackage refused;
   fill(refused, {{"#SUB", "P1\t\r\t\t"}});
   std::uint64_t size = 7;
   EXPECT_EQ(refused.getContents(size), nullptr);
   EXPECT_EQ(size, 0u);
+  EXPECT_FALSE(refused.saveAsFileName(dir.file("new.dat"), true));
+  EXPECT_EQ(dir.entries(), std::vector<std::string>{"old.dat"});
 }
 
 TEST(DataFileSave, LinesOfExactly2047StoredBytesSaveAndReadBack) {
@@ -233,28 +207,7 @@ TEST(DataFileSave, LinesOfExactly2047StoredBytesSaveAndReadBack) {
   // A zero byte is no fault: the stored text ends there.
   FileFilter zero;
   fill(zero, {{"#HEADER", std::string("1\0002", 3)}, {"#SWLIST", "A\tB\tC\tD"}});
-  std::uint64_t size = 0;
-  ASSERT_TRUE(zero.getContents(size));
-  EXPECT_EQ(size, std::string("#HEADER_START\r\n1").size());
-}
-
-TEST(DataFileSave, ReplacingAFileKeepsItsPermissionsAndLeavesNoTemporary) {
-  TempDir dir;
-  const std::string path = dir.file("c.dat");
-  testing::writeBytes(path, "old");
-  ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
-  FileFontList fonts;
-  fill(fonts, {{"#HEADER", "1"}});
-  ASSERT_TRUE(fonts.saveAsFileName(path, true));
-  struct stat info {};
-  ASSERT_EQ(::stat(path.c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0640u);
-  EXPECT_EQ(dir.entries(), std::vector<std::string>{"c.dat"});
-
-  // A folder in the way is not replaced.
-  std::filesystem::create_directory(dir.path() / "sub");
-  EXPECT_FALSE(fonts.saveAsFileName(dir.file("sub"), true));
-  EXPECT_TRUE(std::filesystem::is_directory(dir.path() / "sub"));
+  EXPECT_EQ(contentsOf(zero), "#HEADER_START\r\n1");
 }
 
 TEST(DataFileSave, OnlyThePackageFileCreatesItsMissingFolder) {
@@ -267,6 +220,10 @@ TEST(DataFileSave, OnlyThePackageFileCreatesItsMissingFolder) {
     EXPECT_FALSE(file->saveAsFileName(nested, true));
   }
   EXPECT_TRUE(dir.entries().empty());
+  // Nor does a folder in the way make a file.
+  std::filesystem::create_directory(dir.path() / "sub");
+  EXPECT_FALSE(fonts.saveAsFileName(dir.file("sub"), true));
+  EXPECT_TRUE(std::filesystem::is_directory(dir.path() / "sub"));
 
   FilePackage package;
   ASSERT_TRUE(package.saveAsFileName(nested, true));
@@ -280,7 +237,6 @@ TEST(DataFileSave, BareNamesResolveInTheLibraryFolder) {
   ASSERT_TRUE(library.has_value());
   EXPECT_EQ(FileFramework::resolvePath("macfilterlist.dat", false),
             *library + "/macfilterlist.dat");
-  EXPECT_EQ(FileFramework::resolvePath("/x/y.dat", true), "/x/y.dat");
 
   FileFilter filter;
   ASSERT_GE(filter.getTableByTag("#HEADER")->insertRecord("9", "\t"), 0);

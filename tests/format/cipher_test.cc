@@ -22,15 +22,6 @@ std::string encrypted(std::string bytes) {
   return bytes;
 }
 
-TEST(Cipher, KeyIndexFollowsThePlainPosition) {
-  EXPECT_EQ(encrypted("a"), std::string(1, 'a' ^ 'L'));
-  EXPECT_EQ(encrypted(std::string("xy")), std::string({'y' ^ 'u', 'x' ^ 'L'}));
-  // Seventeen bytes: the middle one stays at 8 and meets key[8].
-  std::string plain(17, '\0');
-  EXPECT_EQ(encrypted(plain)[8], 'n');
-  EXPECT_EQ(encrypted(""), "");
-}
-
 // The block code paths against a plain rendering, at every length around
 // the block sizes and at a few large odd ones.
 TEST(Cipher, EncryptAndDecipherMatchThePlainRendering) {
@@ -57,59 +48,48 @@ Lines readLines(std::string_view plain) {
   return lines;
 }
 
+// Splitting drops the unfinished tail and lines that do not decode, and
+// logs only lines too long (below); one buffer holds the same lines as
+// splitting one by one, logged alike, whether the text decodes whole or has
+// something the scan must step around.
 TEST(LineReader, SplitsAtLineEndsAndDropsTheUnfinishedTail) {
+  const std::string tooLong(2048, 'x');
   struct Case {
     std::string plain;
     Lines lines;
   } cases[] = {
+      {"", {}},
       {"a\r\nb\r\n", {"a", "b"}},
       {"a\nb", {"a"}},
       {"a\r\n\r\nb\r\n", {"a", "", "b"}},
-      {"ab\rcd\r\n", {"abd"}},                   // a lone CR swallows the next byte
+      {"\r\n\n\r\n", {"", "", ""}},
+      {"ab\rcd\r\n", {"abd"}},  // a lone CR swallows the next byte
+      {"one\r\r\ntwo\r\n", {"one", "two"}},
       {std::string("a\r\nb\0c\r\n", 8), {"a"}},  // a zero byte ends the text
-      {std::string("a\r\0b\r\n", 6), {"ab"}},    // ...unless a CR swallowed it
-      {"a\r\nb\r", {"a"}},                       // CR as the last byte
+      {std::string("ok\r\nhalf\r\0rest\r\n", 16),
+       {"ok", "halfrest"}},  // ...unless a CR swallowed it
+      {"a\r\nb\r", {"a"}},   // CR as the last byte
       {"\r", {}},
-      {"\xB0\xA1\xB3\xAA\r\n", {"\xEA\xB0\x80\xEB\x82\x98"}},  // Mac Korean to UTF-8
-      {"\x85\r\nok\r\n\xB0\r\n", {"ok"}},                      // undecodable lines vanish silently
+      {"a\tb\r\nc\n\xC7\xD1\xB1\xDB\r\ntail",
+       {"a\tb", "c", "\xED\x95\x9C\xEA\xB8\x80"}},  // Mac Korean to UTF-8
+      {"\xC7\r\nok\r\n", {"ok"}},                   // a lead byte cut off by the line end
+      {"\x85\r\nok\r\n\xB0\r\n", {"ok"}},           // undecodable lines vanish silently
+      {"ok\r\n\xFF\xFF\r\nok\r\n",                  // 0xFF is a code of two characters
+       {"ok", "\xE2\x80\xA6\xEF\xA1\xBF\xE2\x80\xA6\xEF\xA1\xBF", "ok"}},
+      {"ok\r\n" + tooLong + "\r\nok\r\n", {"ok", "ok"}},
   };
-  LogCapture log;
   for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::PrintToString(c.plain));
-    EXPECT_EQ(readLines(c.plain), c.lines);
-  }
-  EXPECT_TRUE(log.lines().empty());
-}
-
-// The scan hands over every line with its number, however long or
-// undecodable, and names what the reader passes over.
-// Lines kept in one buffer are those split one by one, logged alike, whether
-// the text decodes whole or has something the scan must step around.
-TEST(LineReader, OneBufferHoldsTheSameLinesAsSplittingOneByOne) {
-  const std::string texts[] = {
-      "",
-      "a\tb\r\nc\n\xC7\xD1\xB1\xDB\r\ntail",             // CR LF, LF, Hangul, a tail never ended
-      "one\r\ntwo\rXthree\r\n",                          // a lone CR swallows the byte after it
-      "one\r\r\ntwo\r\n",                                // a CR before CR LF
-      "\xC7\r\nok\r\n",                                  // a lead byte cut off by the line end
-      "ok\r\n\xFF\xFF\r\nok\r\n",                        // a line that does not decode
-      "ok\r\n" + std::string(2048, 'x') + "\r\nok\r\n",  // one too long
-      std::string("ok\r\nhalf\0rest\r\n", 16),           // the text ends at a zero byte
-      std::string("ok\r\nhalf\r\0rest\r\n", 16),         // unless a CR swallows it
-      "\r\n\n\r\n",                                      // empty lines
-  };
-  for (const std::string& text : texts) {
-    SCOPED_TRACE(::testing::PrintToString(text.substr(0, 40)));
-    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    SCOPED_TRACE(::testing::PrintToString(c.plain.substr(0, 40)));
+    const auto* bytes = reinterpret_cast<const unsigned char*>(c.plain.data());
     LogCapture log;
-    Lines expected;
-    datafile::splitLines(bytes, text.size(), expected);
-    const std::vector<std::string> expectedLog = log.lines();
+    EXPECT_EQ(readLines(c.plain), c.lines);
+    const Lines logged = log.lines();
+    EXPECT_EQ(logged.empty(), c.plain.find(tooLong) == std::string::npos);
     log.clear();
     datafile::DecodedLines decoded;
-    datafile::splitLines(bytes, text.size(), decoded);
-    EXPECT_EQ(Lines(decoded.lines.begin(), decoded.lines.end()), expected);
-    EXPECT_EQ(log.lines(), expectedLog);
+    datafile::splitLines(bytes, c.plain.size(), decoded);
+    EXPECT_EQ(Lines(decoded.lines.begin(), decoded.lines.end()), c.lines);
+    EXPECT_EQ(log.lines(), logged);
   }
 }
 
