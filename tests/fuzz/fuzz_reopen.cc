@@ -5,9 +5,11 @@
 // the first left wherever its own tag lines are missing: it must never read
 // beyond its own lines. A refused open leaves every table's records as they
 // were; an accepted one only adds records and leaves each section's start
-// before its end, with the records that the file's lines give one by one;
-// every record is then found under its keys, at itself or at a later record
-// of the same key; the writer's buffer ends in its zero.
+// before its end, with the records that the file's lines give one by one.
+// After an accepted open the class's look-ups, asked for a key made of the
+// input's first bytes, answer -1 or a record, and every record is found
+// under its keys, at itself or at a later record of the same key. The
+// writer's buffer always ends in its zero.
 
 #include <functional>
 #include <memory>
@@ -30,6 +32,8 @@ struct Subject {
   quarvel::FileFramework* file;
   std::vector<const char*> tags;
   std::function<std::unique_ptr<unsigned char[]>(std::uint64_t&)> contents;
+  std::function<void(const std::string& key)> lookUp;
+  bool opened = false;  // by either open
 
   std::vector<std::uint64_t> counts() {
     std::vector<std::uint64_t> out;
@@ -39,17 +43,25 @@ struct Subject {
 };
 
 template <typename File>
-Subject subject(File& file, std::vector<const char*> tags) {
-  return {&file, std::move(tags), [&file](std::uint64_t& n) { return file.getContents(n); }};
+Subject subject(File& file, std::vector<const char*> tags,
+                std::function<void(const std::string&)> lookUp) {
+  return {&file, std::move(tags), [&file](std::uint64_t& n) { return file.getContents(n); },
+          std::move(lookUp)};
 }
 
-void openOnce(Subject& subject) {
+// A look-up's answer: -1 or a record of `table`.
+void noneOrRecord(std::int64_t found, quarvel::Table* table) {
+  if (found < -1 || (found >= 0 && static_cast<std::uint64_t>(found) >= table->getDataCount()))
+    fail("a look-up answered past the records");
+}
+
+bool openOnce(Subject& subject) {
   const std::vector<std::uint64_t> before = subject.counts();
   const bool opened = subject.file->openWithFileName(quarvel::fuzz::scratchPath(), true);
   const std::vector<std::uint64_t> after = subject.counts();
   if (!opened) {
     if (after != before) fail("a refused open changed the records");
-    return;
+    return false;
   }
   for (std::size_t i = 0; i < after.size(); ++i) {
     if (after[i] < before[i]) fail("an open lost records");
@@ -73,6 +85,7 @@ void openOnce(Subject& subject) {
           *table->getAt(static_cast<std::int64_t>(before[i] + row)))
         fail("a record differs from its line");
   }
+  return true;
 }
 
 // Each record of `table` is found by find(record): at itself, or at a later
@@ -102,23 +115,55 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   quarvel::FileFilter filter;
   quarvel::FileFontList fonts;
   Subject subjects[] = {
-      subject(checkList, {"#HEADER", "#CHECKLIST"}),
-      subject(package, {"#HEADER", "#PACKAGE", "#SUB"}),
-      subject(filter, {"#HEADER", "#SWLIST"}),
-      subject(fonts, {"#HEADER", "#CHECKLIST"}),
+      subject(checkList, {"#HEADER", "#CHECKLIST"},
+              [&](const std::string& key) {
+                quarvel::Table* checks = checkList.getTableByTag("#CHECKLIST");
+                for (int found : {checkList.getIdByFileName(key), checkList.getIdByProperty(key),
+                                  checkList.getIndex(key)})
+                  noneOrRecord(found, checks);
+                checkList.initCompanyAndProduct();
+                if (checkList.m_pArrCompany().size() != checks->getDataCount())
+                  fail("not one company per record");
+              }),
+      subject(package, {"#HEADER", "#PACKAGE", "#SUB"},
+              [&](const std::string& key) {
+                const int found = package.getPackageIndex(key);
+                const auto subs = static_cast<int>(package.getTableByTag("#SUB")->getDataCount());
+                for (int sub : {-1, 0, subs - 1, subs})
+                  (void)package.getProductNameByPackageIndex(found, sub);
+                (void)package.getProductNameByPackageIndex(0, 0);
+              }),
+      subject(filter, {"#HEADER", "#SWLIST"},
+              [&](const std::string& key) {
+                noneOrRecord(filter.getIdByFilter(key), filter.getTableByTag("#SWLIST"));
+              }),
+      subject(fonts, {"#HEADER", "#CHECKLIST"},
+              [&](const std::string& key) {
+                (void)fonts.getIdByFileName(key);
+                (void)fonts.getIndex(key);
+              }),
   };
   for (std::string_view text : {first, second}) {
     if (!quarvel::fuzz::writeEnciphered(reinterpret_cast<const std::uint8_t*>(text.data()),
                                         text.size()))
       return 0;
-    for (Subject& subject : subjects) openOnce(subject);
+    for (Subject& subject : subjects) {
+      subject.opened |= openOnce(subject);
+      std::uint64_t length = 0;
+      std::unique_ptr<unsigned char[]> contents = subject.contents(length);
+      if (contents && contents[length] != 0) fail("the writer's buffer does not end in a zero");
+    }
   }
+  // Only after both opens: an index that a look-up builds on first use is
+  // not rebuilt by a later open.
+  for (Subject& subject : subjects)
+    if (subject.opened) subject.lookUp(std::string(first.substr(0, 24)));
   using quarvel::Record;
+  quarvel::Table* checks = checkList.getTableByTag("#CHECKLIST");
   constexpr std::size_t kExe = quarvel::datafile::kExeFileIndex;
   const auto fileName = [](const Record& r) { return quarvel::lowercase(r[kExe]); };
   const auto property = [](const Record& r) { return quarvel::lowercase(r.joined(1, 4)); };
   const auto identifier = [](const Record& r) { return std::string(r[0]); };
-  quarvel::Table* checks = checkList.getTableByTag("#CHECKLIST");
   findsEveryRecord(
       checks, [&](const Record& r) { return checkList.getIdByFileName(r[kExe]); }, fileName);
   findsEveryRecord(
@@ -135,10 +180,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       filter.getTableByTag("#SWLIST"),
       [&](const Record& r) { return filter.getIdByFilter(r.tabbedText()); },
       [](const Record& r) { return quarvel::lowercase(r.tabbedText()); });
-  for (Subject& subject : subjects) {
-    std::uint64_t length = 0;
-    std::unique_ptr<unsigned char[]> contents = subject.contents(length);
-    if (contents && contents[length] != 0) fail("the writer's buffer does not end in a zero");
-  }
   return 0;
 }
