@@ -32,7 +32,6 @@ struct Subject {
   quarvel::FileFramework* file;
   std::vector<const char*> tags;
   std::function<std::unique_ptr<unsigned char[]>(std::uint64_t&)> contents;
-  std::function<void(const std::string& key)> lookUp;
   bool opened = false;  // by either open
 
   std::vector<std::uint64_t> counts() {
@@ -43,10 +42,8 @@ struct Subject {
 };
 
 template <typename File>
-Subject subject(File& file, std::vector<const char*> tags,
-                std::function<void(const std::string&)> lookUp) {
-  return {&file, std::move(tags), [&file](std::uint64_t& n) { return file.getContents(n); },
-          std::move(lookUp)};
+Subject subject(File& file, std::vector<const char*> tags) {
+  return {&file, std::move(tags), [&file](std::uint64_t& n) { return file.getContents(n); }};
 }
 
 // A look-up's answer: -1 or a record of `table`.
@@ -115,33 +112,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   quarvel::FileFilter filter;
   quarvel::FileFontList fonts;
   Subject subjects[] = {
-      subject(checkList, {"#HEADER", "#CHECKLIST"},
-              [&](const std::string& key) {
-                quarvel::Table* checks = checkList.getTableByTag("#CHECKLIST");
-                for (int found : {checkList.getIdByFileName(key), checkList.getIdByProperty(key),
-                                  checkList.getIndex(key)})
-                  noneOrRecord(found, checks);
-                checkList.initCompanyAndProduct();
-                if (checkList.m_pArrCompany().size() != checks->getDataCount())
-                  fail("not one company per record");
-              }),
-      subject(package, {"#HEADER", "#PACKAGE", "#SUB"},
-              [&](const std::string& key) {
-                const int found = package.getPackageIndex(key);
-                const auto subs = static_cast<int>(package.getTableByTag("#SUB")->getDataCount());
-                for (int sub : {-1, 0, subs - 1, subs})
-                  (void)package.getProductNameByPackageIndex(found, sub);
-                (void)package.getProductNameByPackageIndex(0, 0);
-              }),
-      subject(filter, {"#HEADER", "#SWLIST"},
-              [&](const std::string& key) {
-                noneOrRecord(filter.getIdByFilter(key), filter.getTableByTag("#SWLIST"));
-              }),
-      subject(fonts, {"#HEADER", "#CHECKLIST"},
-              [&](const std::string& key) {
-                (void)fonts.getIdByFileName(key);
-                (void)fonts.getIndex(key);
-              }),
+      subject(checkList, {"#HEADER", "#CHECKLIST"}),
+      subject(package, {"#HEADER", "#PACKAGE", "#SUB"}),
+      subject(filter, {"#HEADER", "#SWLIST"}),
+      subject(fonts, {"#HEADER", "#CHECKLIST"}),
   };
   for (std::string_view text : {first, second}) {
     if (!quarvel::fuzz::writeEnciphered(reinterpret_cast<const std::uint8_t*>(text.data()),
@@ -154,12 +128,31 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       if (contents && contents[length] != 0) fail("the writer's buffer does not end in a zero");
     }
   }
-  // Only after both opens: an index that a look-up builds on first use is
-  // not rebuilt by a later open.
-  for (Subject& subject : subjects)
-    if (subject.opened) subject.lookUp(std::string(first.substr(0, 24)));
-  using quarvel::Record;
+  // The look-ups for a key made of the input's first bytes, only after both
+  // opens: an index that a look-up builds on first use is not rebuilt by a
+  // later open.
+  const std::string key(first.substr(0, 24));
   quarvel::Table* checks = checkList.getTableByTag("#CHECKLIST");
+  if (subjects[0].opened) {
+    for (int found :
+         {checkList.getIdByFileName(key), checkList.getIdByProperty(key), checkList.getIndex(key)})
+      noneOrRecord(found, checks);
+    checkList.initCompanyAndProduct();
+    if (checkList.m_pArrCompany().size() != checks->getDataCount())
+      fail("not one company per record");
+  }
+  if (subjects[1].opened) {
+    const int found = package.getPackageIndex(key);
+    const auto subs = static_cast<int>(package.getTableByTag("#SUB")->getDataCount());
+    for (int sub : {-1, 0, subs - 1, subs}) (void)package.getProductNameByPackageIndex(found, sub);
+    (void)package.getProductNameByPackageIndex(0, 0);
+  }
+  if (subjects[2].opened) noneOrRecord(filter.getIdByFilter(key), filter.getTableByTag("#SWLIST"));
+  if (subjects[3].opened) {
+    (void)fonts.getIdByFileName(key);
+    (void)fonts.getIndex(key);
+  }
+  using quarvel::Record;
   constexpr std::size_t kExe = quarvel::datafile::kExeFileIndex;
   const auto fileName = [](const Record& r) { return quarvel::lowercase(r[kExe]); };
   const auto property = [](const Record& r) { return quarvel::lowercase(r.joined(1, 4)); };
