@@ -1,12 +1,11 @@
 #pragma once
 // What the fuzz targets share: failing one of their own checks, a quiet
-// log, a scratch folder, and the body of the data-file open fuzzers.
+// log, a scratch folder and a scratch data file.
 //
 // A data-file input is taken as the plain (deciphered) text of a file, so
 // that the fuzzer explores the format rather than the cipher, which maps
-// every byte string to exactly one file; it is enciphered, written to a
-// scratch file and opened. After a successful open the look-ups and the
-// writer run over what was loaded.
+// every byte string to exactly one file; it is enciphered and written to
+// the scratch file.
 
 #include <unistd.h>
 
@@ -14,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -69,27 +67,6 @@ inline bool writeEnciphered(const std::uint8_t* data, std::size_t size) {
   if (file == nullptr) return false;
   const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
   return std::fclose(file) == 0 && ok;
-}
-
-// Opens the input with a new File and, when it opens, hands it to `probe`;
-// the writer's buffer must end in its zero.
-template <typename File, typename Probe>
-int openAndProbe(const std::uint8_t* data, std::size_t size, Probe&& probe) {
-  quietLog();
-  if (!writeEnciphered(data, size)) return 0;
-  File file;
-  if (file.openWithFileName(scratchPath(), true)) {
-    probe(file);
-    std::uint64_t length = 0;
-    std::unique_ptr<unsigned char[]> contents = file.getContents(length);
-    if (contents && contents[length] != 0) fail("the writer's buffer does not end in a zero");
-  }
-  return 0;
-}
-
-// A key made from the input's own bytes, to hit the indexes now and then.
-inline std::string keyFrom(const std::uint8_t* data, std::size_t size) {
-  return std::string(reinterpret_cast<const char*>(data), size < 24 ? size : 24);
 }
 
 }  // namespace quarvel::fuzz

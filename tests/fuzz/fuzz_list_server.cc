@@ -15,6 +15,7 @@
 #include <string>
 
 #include "FuzzSupport.h"
+#include "common/StringUtil.h"
 #include "server/ListServer.h"
 
 namespace {
@@ -57,29 +58,17 @@ struct Folder {
 // Well-formed UTF-8 without control characters, DEL or '"', in which every
 // '\' starts an escape \xHH.
 bool quotable(const std::string& text) {
-  for (size_t i = 0; i < text.size();) {
+  const auto hex = [&](std::size_t at) {
+    return at < text.size() && std::isxdigit(static_cast<unsigned char>(text[at]));
+  };
+  for (std::size_t i = 0; i < text.size(); ++i) {
     const auto c = static_cast<unsigned char>(text[i]);
-    if (c == '\\') {
-      if (text.compare(i, 2, "\\x") != 0 || i + 4 > text.size() ||
-          !std::isxdigit(static_cast<unsigned char>(text[i + 2])) ||
-          !std::isxdigit(static_cast<unsigned char>(text[i + 3])))
-        return false;
-      i += 4;
-      continue;
-    }
-    if (c < 0x80) {
-      if (c < 0x20 || c == 0x7f || c == '"' || c == '\\') return false;
-      ++i;
-      continue;
-    }
-    const size_t length = c >= 0xf0 ? 4 : c >= 0xe0 ? 3 : c >= 0xc2 ? 2 : 0;
-    if (length == 0 || i + length > text.size()) return false;
-    for (size_t j = 1; j < length; ++j) {
-      if ((static_cast<unsigned char>(text[i + j]) & 0xc0) != 0x80) return false;
-    }
-    i += length;
+    if (c < 0x20 || c == 0x7f || c == '"') return false;
+    if (c != '\\') continue;
+    if (text.compare(i + 1, 1, "x") != 0 || !hex(i + 2) || !hex(i + 3)) return false;
+    i += 3;
   }
-  return true;
+  return quarvel::isValidUtf8(text);
 }
 
 }  // namespace

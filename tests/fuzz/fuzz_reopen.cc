@@ -5,9 +5,11 @@
 // the first left wherever its own tag lines are missing: it must never read
 // beyond its own lines. A refused open leaves every table's records as they
 // were; an accepted one only adds records and leaves each section's start
-// before its end, with the records that the file's lines give one by one;
-// every record is then found under its keys, at itself or at a later record
-// of the same key; the writer's buffer ends in its zero.
+// before its end, with the records that the file's lines give one by one.
+// After an accepted open the class's look-ups, asked for a key made of the
+// input's first bytes, answer -1 or a record, and every record is found
+// under its keys, at itself or at a later record of the same key. The
+// writer's buffer always ends in its zero.
 
 #include <functional>
 #include <memory>
@@ -30,6 +32,7 @@ struct Subject {
   quarvel::FileFramework* file;
   std::vector<const char*> tags;
   std::function<std::unique_ptr<unsigned char[]>(std::uint64_t&)> contents;
+  bool opened = false;  // by either open
 
   std::vector<std::uint64_t> counts() {
     std::vector<std::uint64_t> out;
@@ -43,13 +46,19 @@ Subject subject(File& file, std::vector<const char*> tags) {
   return {&file, std::move(tags), [&file](std::uint64_t& n) { return file.getContents(n); }};
 }
 
-void openOnce(Subject& subject) {
+// A look-up's answer: -1 or a record of `table`.
+void noneOrRecord(std::int64_t found, quarvel::Table* table) {
+  if (found < -1 || (found >= 0 && static_cast<std::uint64_t>(found) >= table->getDataCount()))
+    fail("a look-up answered past the records");
+}
+
+bool openOnce(Subject& subject) {
   const std::vector<std::uint64_t> before = subject.counts();
   const bool opened = subject.file->openWithFileName(quarvel::fuzz::scratchPath(), true);
   const std::vector<std::uint64_t> after = subject.counts();
   if (!opened) {
     if (after != before) fail("a refused open changed the records");
-    return;
+    return false;
   }
   for (std::size_t i = 0; i < after.size(); ++i) {
     if (after[i] < before[i]) fail("an open lost records");
@@ -73,6 +82,7 @@ void openOnce(Subject& subject) {
           *table->getAt(static_cast<std::int64_t>(before[i] + row)))
         fail("a record differs from its line");
   }
+  return true;
 }
 
 // Each record of `table` is found by find(record): at itself, or at a later
@@ -111,14 +121,42 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!quarvel::fuzz::writeEnciphered(reinterpret_cast<const std::uint8_t*>(text.data()),
                                         text.size()))
       return 0;
-    for (Subject& subject : subjects) openOnce(subject);
+    for (Subject& subject : subjects) {
+      subject.opened |= openOnce(subject);
+      std::uint64_t length = 0;
+      std::unique_ptr<unsigned char[]> contents = subject.contents(length);
+      if (contents && contents[length] != 0) fail("the writer's buffer does not end in a zero");
+    }
+  }
+  // The look-ups for a key made of the input's first bytes, only after both
+  // opens: an index that a look-up builds on first use is not rebuilt by a
+  // later open.
+  const std::string key(first.substr(0, 24));
+  quarvel::Table* checks = checkList.getTableByTag("#CHECKLIST");
+  if (subjects[0].opened) {
+    for (int found :
+         {checkList.getIdByFileName(key), checkList.getIdByProperty(key), checkList.getIndex(key)})
+      noneOrRecord(found, checks);
+    checkList.initCompanyAndProduct();
+    if (checkList.m_pArrCompany().size() != checks->getDataCount())
+      fail("not one company per record");
+  }
+  if (subjects[1].opened) {
+    const int found = package.getPackageIndex(key);
+    const auto subs = static_cast<int>(package.getTableByTag("#SUB")->getDataCount());
+    for (int sub : {-1, 0, subs - 1, subs}) (void)package.getProductNameByPackageIndex(found, sub);
+    (void)package.getProductNameByPackageIndex(0, 0);
+  }
+  if (subjects[2].opened) noneOrRecord(filter.getIdByFilter(key), filter.getTableByTag("#SWLIST"));
+  if (subjects[3].opened) {
+    (void)fonts.getIdByFileName(key);
+    (void)fonts.getIndex(key);
   }
   using quarvel::Record;
   constexpr std::size_t kExe = quarvel::datafile::kExeFileIndex;
   const auto fileName = [](const Record& r) { return quarvel::lowercase(r[kExe]); };
   const auto property = [](const Record& r) { return quarvel::lowercase(r.joined(1, 4)); };
   const auto identifier = [](const Record& r) { return std::string(r[0]); };
-  quarvel::Table* checks = checkList.getTableByTag("#CHECKLIST");
   findsEveryRecord(
       checks, [&](const Record& r) { return checkList.getIdByFileName(r[kExe]); }, fileName);
   findsEveryRecord(
@@ -135,10 +173,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       filter.getTableByTag("#SWLIST"),
       [&](const Record& r) { return filter.getIdByFilter(r.tabbedText()); },
       [](const Record& r) { return quarvel::lowercase(r.tabbedText()); });
-  for (Subject& subject : subjects) {
-    std::uint64_t length = 0;
-    std::unique_ptr<unsigned char[]> contents = subject.contents(length);
-    if (contents && contents[length] != 0) fail("the writer's buffer does not end in a zero");
-  }
   return 0;
 }

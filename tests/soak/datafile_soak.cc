@@ -1,7 +1,7 @@
 // Opens and saves data files back to back through the public data-file API,
 // as a host that reloads its lists all day would, and watches the process's
-// resident memory and open file descriptors: after a warm-up they must stay
-// flat.
+// resident memory and open file descriptors (SoakFigures.h): after a warm-up
+// of a tenth of the cycles they must stay flat.
 //
 //   datafile_soak [CYCLES]   CYCLES defaults to $QUARVEL_SOAK_CYCLES, else 300
 //
@@ -11,34 +11,24 @@
 // Each object is new, so every cycle builds and frees whole tables. Every
 // file keeps its record count and, once saved, its size.
 //
-// Flat means: the open descriptors at every sample after the warm-up are
-// all equal; and the highest resident memory of the last quarter of the
-// samples is at most kRssMarginKiB above the highest of the first quarter
-// (not checked under the sanitizers, whose allocators hold memory their own
-// way; LeakSanitizer watches leaks there). Exit status 0 when every cycle
-// succeeded and the figures stayed flat.
+// Exit status 0 when every cycle succeeded and the figures stayed flat.
 
 #include <stdlib.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "../../bench/ListGenerator.h"
+#include "SoakFigures.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
 #include "quarvel/FileFontList.h"
 #include "quarvel/FilePackage.h"
-
-#ifndef QUARVEL_SOAK_CHECK_RSS
-#define QUARVEL_SOAK_CHECK_RSS 1
-#endif
 
 namespace {
 
@@ -46,22 +36,6 @@ namespace fs = std::filesystem;
 using quarvel::FileFramework;
 
 constexpr std::size_t kRecords = 2000;  // about 400 KB once stored
-// A leak of one record per cycle exceeds this within the full run, one of
-// a file's buffer or table within a few cycles.
-constexpr long kRssMarginKiB = 512;
-
-long rssKiB() {
-  std::ifstream status("/proc/self/status");
-  for (std::string line; std::getline(status, line);)
-    if (line.rfind("VmRSS:", 0) == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
-  return -1;
-}
-
-long openFds() {
-  std::error_code ec;
-  const fs::directory_iterator fds("/proc/self/fd", ec);
-  return ec ? -1 : std::distance(fds, fs::directory_iterator());
-}
 
 // One data file of the cycle, opened into a new object of its class.
 struct Round {
@@ -132,43 +106,21 @@ int main(int argc, char** argv) {
 
   const int warmUp = std::max(cycles / 10, 20);
   const int every = std::max(1, (cycles - warmUp) / 200);
-  const long startRss = rssKiB(), startFds = openFds();
-  std::vector<std::pair<long, long>> samples;  // resident KiB, open descriptors
+  quarvel::soak::Figures figures;
   int failures = 0;
-  const auto began = std::chrono::steady_clock::now();
   for (int cycle = 1; cycle <= cycles; ++cycle) {
     const bool ok = std::all_of(std::begin(rounds), std::end(rounds),
                                 [&](Round& round) { return round.run(cycle); });
     if (!ok && ++failures >= 5) break;
-    if (cycle >= warmUp && (cycle - warmUp) % every == 0) samples.emplace_back(rssKiB(), openFds());
+    if (cycle >= warmUp && (cycle - warmUp) % every == 0) figures.sample();
   }
-  const double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-  std::printf("datafile_soak: %d cycles in %.1f s (%.2f ms a cycle)\n", cycles, seconds,
-              1000 * seconds / cycles);
+  std::printf("datafile_soak: %d cycles in %.1f s (%.2f ms a cycle), %d failed\n", cycles,
+              figures.seconds(), 1000 * figures.seconds() / cycles, failures);
   std::printf("  files: check list %ld bytes (%zu records), package %ld, filter %ld, fonts %ld\n",
               rounds[0].size, kRecords, rounds[1].size, rounds[2].size, rounds[3].size);
-  if (samples.size() < 8) {
+  if (figures.count() < 8) {
     std::printf("  too few samples after the warm-up of %d cycles\n", warmUp);
     return 1;
   }
-  const std::size_t quarter = samples.size() / 4;
-  const auto peak = [&](std::size_t from, std::size_t to) {
-    return std::max_element(samples.begin() + from, samples.begin() + to)->first;
-  };
-  const long early = peak(0, quarter), late = peak(samples.size() - quarter, samples.size());
-  std::printf(
-      "  RSS KiB: before %ld, after warm-up %ld, last %ld, max %ld; "
-      "first quarter max %ld, last quarter max %ld\n",
-      startRss, samples.front().first, samples.back().first, peak(0, samples.size()), early, late);
-  const auto [fewest, most] =
-      std::minmax_element(samples.begin(), samples.end(),
-                          [](const auto& a, const auto& b) { return a.second < b.second; });
-  std::printf("  fds: before %ld, after warm-up %ld, last %ld, range %ld..%ld over %zu samples\n",
-              startFds, samples.front().second, samples.back().second, fewest->second, most->second,
-              samples.size());
-  const bool flat =
-      fewest->second == most->second && (!QUARVEL_SOAK_CHECK_RSS || late <= early + kRssMarginKiB);
-  std::printf("  %s, %d cycle(s) failed\n", flat ? "flat" : "NOT FLAT", failures);
-  return flat && failures == 0 ? 0 : 1;
+  return figures.flat() && failures == 0 ? 0 : 1;
 }

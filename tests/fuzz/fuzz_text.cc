@@ -1,0 +1,127 @@
+// The text codecs on arbitrary bytes: the Mac Korean codec and the folding.
+//
+// The bytes are taken both as Mac Korean and as UTF-8. Checks that:
+// - whatever decodes is well-formed UTF-8, and reads exactly as its codes
+//   decoded one at a time (the eight-byte windows must not change the text);
+// - decoded text encodes again, to bytes that decode to the same text;
+// - text that encodes decodes back unchanged;
+// - a refused text is refused at a character boundary, and everything before
+//   the reported character encodes;
+// - the encoder's fast lane, where it answers, writes what encodeInto writes.
+//
+// The single-scan folding must not crash, its output is never longer than
+// its input (no replacement is longer than what it replaces), it folds a
+// text line by line as it folds the whole (the save folds each line alone),
+// text of characters it leaves alone stays as it is, and on short
+// well-formed text it agrees with the 209 passes replayed literally.
+
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "../common/FoldingReference.h"
+#include "FuzzSupport.h"
+#include "common/Folding.h"
+#include "common/StringUtil.h"
+#include "format/MacKorean.h"
+#include "quarvel/CommonLib.h"
+
+namespace {
+
+using quarvel::MacKorean;
+using quarvel::fuzz::fail;
+
+// The bytes decoded code by code: a byte from 0xA1 to 0xFD leads a two-byte
+// code, any other byte is a code of its own.
+std::optional<std::string> decodeCodeByCode(std::string_view bytes) {
+  std::string text;
+  for (std::size_t at = 0; at < bytes.size();) {
+    const auto b = static_cast<unsigned char>(bytes[at]);
+    const std::size_t length = b >= 0xA1 && b <= 0xFD ? 2 : 1;
+    if (at + length > bytes.size()) return std::nullopt;
+    const std::optional<std::string> one = MacKorean::decode(bytes.substr(at, length));
+    if (!one) return std::nullopt;
+    text += *one;
+    at += length;
+  }
+  return text;
+}
+
+// The code point at `at` of well-formed UTF-8, stepping past it.
+char32_t nextCodePoint(std::string_view text, std::size_t& at) {
+  const auto lead = static_cast<unsigned char>(text[at]);
+  const int length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+  char32_t c = length == 1 ? lead : lead & (0x7F >> length);
+  for (int i = 1; i < length; ++i) c = c << 6 | (static_cast<unsigned char>(text[at + i]) & 0x3F);
+  at += static_cast<std::size_t>(length);
+  return c;
+}
+
+void macKorean(std::string_view bytes) {
+  const std::optional<std::string> text = MacKorean::decode(bytes);
+  if (text != decodeCodeByCode(bytes)) fail("decoding differs from decoding code by code");
+  if (text) {
+    if (!quarvel::isValidUtf8(*text)) fail("decoded text is not UTF-8");
+    const std::optional<std::string> again = MacKorean::encode(*text);
+    if (!again) fail("decoded text does not encode");
+    if (MacKorean::decode(*again) != text) fail("decoded text does not survive encoding");
+  }
+
+  MacKorean::EncodeError error;
+  if (const std::optional<std::string> encoded = MacKorean::encode(bytes, &error)) {
+    if (MacKorean::decode(*encoded) != bytes) fail("encoded text does not decode back");
+  } else {
+    if (error.offset >= bytes.size()) fail("refusal reported past the end");
+    if (error.character != U'\uFFFD' &&
+        (static_cast<unsigned char>(bytes[error.offset]) & 0xC0) == 0x80)
+      fail("refusal reported inside a character");
+    if (!MacKorean::encode(bytes.substr(0, error.offset)))
+      fail("text before the reported character does not encode");
+  }
+
+  std::string fast(bytes.size(), '\0');
+  std::string careful(bytes.size(), '\0');
+  // Half the characters are refused, to take the lane's way out too.
+  const auto keepEvenCodes = [](char32_t c) { return c % 2 == 0; };
+  if (const std::optional<std::size_t> written =
+          MacKorean::encodePlainInto(bytes, fast.data(), keepEvenCodes)) {
+    const std::optional<std::size_t> expected = MacKorean::encodeInto(bytes, careful.data());
+    if (written != expected || fast.compare(0, *written, careful, 0, *written) != 0)
+      fail("the fast lane differs from encodeInto");
+  }
+}
+
+void folding(std::string_view text) {
+  const std::string folded = quarvel::CommonLib::encodingForSpecialCharacter(text);
+  if (folded.size() > text.size()) fail("folding made a text longer");
+
+  std::string byLines;
+  for (std::size_t from = 0; from <= text.size();) {
+    const std::size_t end = std::min(text.find("\r\n", from), text.size());
+    byLines += quarvel::CommonLib::encodingForSpecialCharacter(text.substr(from, end - from));
+    if (end == text.size()) break;
+    byLines += "\r\n";
+    from = end + 2;
+  }
+  if (byLines != folded) fail("folding line by line differs from folding the whole");
+
+  bool untouched = quarvel::isValidUtf8(text);
+  for (std::size_t at = 0; untouched && at < text.size();) {
+    const char32_t c = nextCodePoint(text, at);
+    untouched = c < 0x80 || quarvel::folding::leavesAlone(c);
+  }
+  if (untouched && folded != text) fail("a character folding leaves alone was folded");
+  if (text.size() <= 256 && quarvel::isValidUtf8(text) &&
+      folded != quarvel::foldref::referenceFold(text))
+    fail("fast folding differs from the passes");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  macKorean(bytes);
+  folding(bytes);
+  return 0;
+}
