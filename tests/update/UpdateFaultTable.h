@@ -252,6 +252,10 @@ inline HttpReply onTheWire(const Answer& a) {
 }
 
 enum class Transport { kInProcess, kLoopback };
+// Names the transport in a parameterised test's name and failure messages.
+inline void PrintTo(Transport transport, std::ostream* out) {
+  *out << (transport == Transport::kLoopback ? "loopback" : "in-process");
+}
 enum class Where { kInProcess, kLoopback, kBoth };
 
 struct FaultRow {
