@@ -163,11 +163,8 @@ void* allocateHugePageBlock(std::size_t bytes) {
   return block;
 }
 
-std::int64_t LookupIndex::findLowered(std::string_view key) const {
-  constexpr std::size_t kStackKey = 256;
-  if (slots_.empty()) return -1;
-  char lowered[kStackKey];
-  if (key.size() >= 8 && key.size() <= kStackKey) {
+std::optional<std::uint32_t> LookupIndex::lowerSimpleHashed(std::string_view key, char* out) {
+  if (key.size() >= 8) {
     // An ASCII key is lowered and hashed in one pass, as hashOf would hash
     // the lowered text, each word kept in a register: the hash never waits
     // on the bytes just written.
@@ -179,22 +176,29 @@ std::int64_t LookupIndex::findLowered(std::string_view key) const {
       std::memcpy(&word, key.data() + i, 8);
       ascii &= (word & kHighs) == 0;
       word = lowerAsciiWord(word);
-      std::memcpy(lowered + i, &word, 8);
+      std::memcpy(out + i, &word, 8);
       hash = mix(hash ^ word, kHashMultiplier);
     }
     std::memcpy(&word, key.data() + key.size() - 8, 8);
     ascii &= (word & kHighs) == 0;
     word = lowerAsciiWord(word);
-    std::memcpy(lowered + key.size() - 8, &word, 8);
-    if (ascii) {
-      const std::string_view text(lowered, key.size());
-      return valueAt(slotOf(text, finishHash(hash ^ word)));
-    }
+    std::memcpy(out + key.size() - 8, &word, 8);
+    if (ascii) return finishHash(hash ^ word);
   }
-  // Shorter keys, and those beyond ASCII: lowered first, then hashed; on
-  // the stack unless the key needs Unicode's full rules or is long.
-  if (key.size() <= kStackKey && lowerSimpleKey(key, lowered))
-    return find(std::string_view(lowered, key.size()));
+  // Shorter keys, and those beyond ASCII: lowered first, then hashed.
+  if (!lowerSimpleKey(key, out)) return std::nullopt;
+  return hashOf(std::string_view(out, key.size()));
+}
+
+std::int64_t LookupIndex::findLowered(std::string_view key) const {
+  constexpr std::size_t kStackKey = 256;
+  if (slots_.empty()) return -1;
+  // On the stack unless the key needs Unicode's full rules or is long.
+  char lowered[kStackKey];
+  if (key.size() <= kStackKey) {
+    if (const std::optional<std::uint32_t> hash = lowerSimpleHashed(key, lowered))
+      return valueAt(slotOf(std::string_view(lowered, key.size()), *hash));
+  }
   thread_local std::string scratch;
   lowerKeyInto(scratch, key);
   return find(scratch);
@@ -294,6 +298,42 @@ void LookupIndex::setHashed(std::string_view key, std::uint32_t hash, std::int64
     ++size_;
   }
   entries_[slot.entry - 1] = static_cast<std::uint32_t>(index);
+}
+
+LookupIndex::LoweredFiller::LoweredFiller(LookupIndex& index, std::size_t count,
+                                          std::size_t keyBytes)
+    : index_(index) {
+  index_.reserve(index_.size_ + count);
+  index_.reserveKeyBytes(count, keyBytes);
+}
+
+void LookupIndex::LoweredFiller::add(std::string_view key, std::int64_t value) {
+  if (added_ - entered_ == kAhead) enterOldest();
+  Pending& pending = ring_[added_ % kAhead];
+  std::optional<std::uint32_t> hash;
+  if (key.size() <= kKeyRoom) hash = lowerSimpleHashed(key, pending.bytes);
+  if (hash) {
+    pending.key = std::string_view(pending.bytes, key.size());
+    pending.hash = *hash;
+  } else {
+    lowerKeyInto(pending.scratch, key);
+    pending.key = pending.scratch;
+    pending.hash = hashOf(pending.key);
+  }
+  pending.value = value;
+  if (!index_.slots_.empty())
+    __builtin_prefetch(&index_.slots_[pending.hash & (index_.slots_.size() - 1)]);
+  ++added_;
+}
+
+void LookupIndex::LoweredFiller::enterOldest() {
+  const Pending& pending = ring_[entered_ % kAhead];
+  index_.setHashed(pending.key, pending.hash, pending.value);
+  ++entered_;
+}
+
+void LookupIndex::LoweredFiller::finish() {
+  while (entered_ < added_) enterOldest();
 }
 
 std::int64_t LookupIndex::find(std::string_view key) const {

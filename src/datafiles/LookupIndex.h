@@ -16,6 +16,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -57,6 +58,8 @@ struct HugePageAllocator {
 
 class LookupIndex {
  public:
+  class LoweredFiller;
+
   /// Enters `key` -> `index` (0 <= index <= INT32_MAX), replacing an earlier
   /// entry of the same key.
   void set(std::string_view key, std::int64_t index);
@@ -91,6 +94,10 @@ class LookupIndex {
     return kEntryHead + (keyLength + 3) / 4;
   }
   static std::uint32_t hashOf(std::string_view key);
+  /// Lowers a key of ASCII, Hangul and CJK characters into `out` (room for
+  /// key.size() bytes) and answers hashOf of the lowered key; nothing for
+  /// any other key (`out` may then be partly written).
+  static std::optional<std::uint32_t> lowerSimpleHashed(std::string_view key, char* out);
   /// The slot holding `key`, or the free slot ending its probe.
   std::size_t slotOf(std::string_view key, std::uint32_t hash) const;
   /// The value of the key in slot `at`, or -1 for a free slot.
@@ -133,6 +140,42 @@ void LookupIndex::setRows(std::int64_t first, std::size_t count, KeyOf&& keyOf) 
   }
 }
 
+/// Enters keys into an index case-blind, one at a time as a caller meets
+/// them: add(key, value) is set(lowerKey(key), value), done a few keys
+/// later, so that the key's slot is fetched while the next keys are lowered
+/// and hashed. finish() (or the destructor) enters what is still pending;
+/// the index is not to be used before.
+class LookupIndex::LoweredFiller {
+ public:
+  /// Makes room in `index` for `count` more keys of at most `keyBytes`
+  /// bytes in all (only a bound: the buffer is not touched beyond what the
+  /// keys fill, and grows should lowering lengthen them).
+  LoweredFiller(LookupIndex& index, std::size_t count, std::size_t keyBytes);
+  ~LoweredFiller() { finish(); }
+  LoweredFiller(const LoweredFiller&) = delete;
+  LoweredFiller& operator=(const LoweredFiller&) = delete;
+  void add(std::string_view key, std::int64_t value);
+  void finish();
+
+ private:
+  static constexpr std::size_t kAhead = 16;
+  /// Keys up to this long are lowered into the ring itself.
+  static constexpr std::size_t kKeyRoom = 128;
+  struct Pending {
+    std::string_view key;  ///< lowered: a view of `bytes` or of `scratch`
+    std::int64_t value = 0;
+    std::uint32_t hash = 0;
+    std::string scratch;
+    char bytes[kKeyRoom];
+  };
+  void enterOldest();
+
+  LookupIndex& index_;
+  std::array<Pending, kAhead> ring_;
+  std::size_t added_ = 0;
+  std::size_t entered_ = 0;
+};
+
 /// Enters into `index`, case-blind, the key of every record of `table`
 /// from row `first` on: keyOf(record) answers the key's text.
 template <typename KeyOf>
@@ -142,12 +185,10 @@ void indexLowered(LookupIndex& index, const TableMulti& table, std::int64_t firs
   std::size_t keyBytes = 0;
   for (std::size_t row = static_cast<std::size_t>(first); row < records.size(); ++row)
     keyBytes += keyOf(*records[row]).size();
-  index.reserveKeyBytes(records.size() - static_cast<std::size_t>(first), keyBytes);
-  index.setRows(first, records.size() - static_cast<std::size_t>(first),
-                [&](std::int64_t row, std::string& scratch) {
-                  lowerKeyInto(scratch, keyOf(*records[static_cast<std::size_t>(row)]));
-                  return std::string_view(scratch);
-                });
+  LookupIndex::LoweredFiller filler(index, records.size() - static_cast<std::size_t>(first),
+                                    keyBytes);
+  for (std::size_t row = static_cast<std::size_t>(first); row < records.size(); ++row)
+    filler.add(keyOf(*records[row]), static_cast<std::int64_t>(row));
 }
 
 /// Enters into `index`, exactly, every record's value of `field` as

@@ -120,9 +120,10 @@ std::int64_t TableMulti::add(std::string_view line, std::string_view separator) 
   return static_cast<std::int64_t>(records_.size()) - 1;
 }
 
-std::int64_t TableMulti::addTabbedLines(std::shared_ptr<const std::string> text,
-                                        std::span<const std::string_view> lines,
-                                        std::vector<std::size_t>& refused) {
+std::int64_t TableMulti::addTabbedLines(
+    std::shared_ptr<const std::string> text, std::span<const std::string_view> lines,
+    std::vector<std::size_t>& refused,
+    const std::function<void(std::int64_t, const Record&)>& added) {
   const auto first = static_cast<std::int64_t>(records_.size());
   const std::size_t fieldCount = fields_.size();
   if (fieldCount == 0 || fieldCount > UINT32_MAX - 1) {
@@ -146,6 +147,8 @@ std::int64_t TableMulti::addTabbedLines(std::shared_ptr<const std::string> text,
       continue;
     }
     shared->records.push_back(Record::referring(layout, lines[i].data()));
+    if (added)
+      added(first + static_cast<std::int64_t>(shared->records.size()) - 1, shared->records.back());
   }
   const std::size_t kept = shared->records.size();
   records_.reserve(records_.size() + kept);
