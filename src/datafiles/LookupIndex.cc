@@ -124,13 +124,17 @@ inline bool sameBytes(const char* a, const char* b, std::size_t n) {
 // (the text may then be partly written).
 bool lowerSimpleKey(std::string_view text, char* out) {
   std::size_t i = 0;
-  for (std::uint64_t word; i + 8 <= text.size(); i += 8) {
-    std::memcpy(&word, text.data() + i, 8);
-    if (word & kHighs) break;
-    word = lowerAsciiWord(word);
-    std::memcpy(out + i, &word, 8);
-  }
   while (i < text.size()) {
+    // Words of ASCII whole, also between characters beyond it.
+    if (std::uint64_t word; i + 8 <= text.size()) {
+      std::memcpy(&word, text.data() + i, 8);
+      if ((word & kHighs) == 0) {
+        word = lowerAsciiWord(word);
+        std::memcpy(out + i, &word, 8);
+        i += 8;
+        continue;
+      }
+    }
     const auto byte = static_cast<unsigned char>(text[i]);
     if (byte < 0x80) {
       out[i++] = static_cast<char>(byte >= 'A' && byte <= 'Z' ? byte + ('a' - 'A') : byte);
@@ -163,31 +167,37 @@ void* allocateHugePageBlock(std::size_t bytes) {
   return block;
 }
 
-std::optional<std::uint32_t> LookupIndex::lowerSimpleHashed(std::string_view key, char* out) {
+bool LookupIndex::lowerSimpleHashed(std::string_view key, char* out, std::uint32_t& hashed) {
   if (key.size() >= 8) {
     // An ASCII key is lowered and hashed in one pass, as hashOf would hash
     // the lowered text, each word kept in a register: the hash never waits
     // on the bytes just written.
+    // A word beyond ASCII sends the key to the path below at once.
     std::uint64_t hash = kHashSeed ^ key.size();
     std::uint64_t word;
     std::size_t i = 0;
     bool ascii = true;
-    for (; i + 8 < key.size(); i += 8) {
+    for (; ascii && i + 8 < key.size(); i += 8) {
       std::memcpy(&word, key.data() + i, 8);
-      ascii &= (word & kHighs) == 0;
+      ascii = (word & kHighs) == 0;
       word = lowerAsciiWord(word);
       std::memcpy(out + i, &word, 8);
       hash = mix(hash ^ word, kHashMultiplier);
     }
-    std::memcpy(&word, key.data() + key.size() - 8, 8);
-    ascii &= (word & kHighs) == 0;
-    word = lowerAsciiWord(word);
-    std::memcpy(out + key.size() - 8, &word, 8);
-    if (ascii) return finishHash(hash ^ word);
+    if (ascii) {
+      std::memcpy(&word, key.data() + key.size() - 8, 8);
+      if ((word & kHighs) == 0) {
+        word = lowerAsciiWord(word);
+        std::memcpy(out + key.size() - 8, &word, 8);
+        hashed = finishHash(hash ^ word);
+        return true;
+      }
+    }
   }
   // Shorter keys, and those beyond ASCII: lowered first, then hashed.
-  if (!lowerSimpleKey(key, out)) return std::nullopt;
-  return hashOf(std::string_view(out, key.size()));
+  if (!lowerSimpleKey(key, out)) return false;
+  hashed = hashOf(std::string_view(out, key.size()));
+  return true;
 }
 
 std::int64_t LookupIndex::findLowered(std::string_view key) const {
@@ -196,8 +206,8 @@ std::int64_t LookupIndex::findLowered(std::string_view key) const {
   // On the stack unless the key needs Unicode's full rules or is long.
   char lowered[kStackKey];
   if (key.size() <= kStackKey) {
-    if (const std::optional<std::uint32_t> hash = lowerSimpleHashed(key, lowered))
-      return valueAt(slotOf(std::string_view(lowered, key.size()), *hash));
+    if (std::uint32_t hash = 0; lowerSimpleHashed(key, lowered, hash))
+      return valueAt(slotOf(std::string_view(lowered, key.size()), hash));
   }
   thread_local std::string scratch;
   lowerKeyInto(scratch, key);
@@ -310,11 +320,8 @@ LookupIndex::LoweredFiller::LoweredFiller(LookupIndex& index, std::size_t count,
 void LookupIndex::LoweredFiller::add(std::string_view key, std::int64_t value) {
   if (added_ - entered_ == kAhead) enterOldest();
   Pending& pending = ring_[added_ % kAhead];
-  std::optional<std::uint32_t> hash;
-  if (key.size() <= kKeyRoom) hash = lowerSimpleHashed(key, pending.bytes);
-  if (hash) {
+  if (key.size() <= kKeyRoom && lowerSimpleHashed(key, pending.bytes, pending.hash)) {
     pending.key = std::string_view(pending.bytes, key.size());
-    pending.hash = *hash;
   } else {
     lowerKeyInto(pending.scratch, key);
     pending.key = pending.scratch;

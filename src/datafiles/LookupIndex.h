@@ -16,7 +16,6 @@
 #include <array>
 #include <cstdint>
 #include <cstdlib>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -95,9 +94,10 @@ class LookupIndex {
   }
   static std::uint32_t hashOf(std::string_view key);
   /// Lowers a key of ASCII, Hangul and CJK characters into `out` (room for
-  /// key.size() bytes) and answers hashOf of the lowered key; nothing for
-  /// any other key (`out` may then be partly written).
-  static std::optional<std::uint32_t> lowerSimpleHashed(std::string_view key, char* out);
+  /// key.size() bytes) and sets `hash` to hashOf of the lowered key; false
+  /// for any other key (`out` may then be partly written). No optional
+  /// returned through memory: its two stores and one load stalled the load.
+  static bool lowerSimpleHashed(std::string_view key, char* out, std::uint32_t& hash);
   /// The slot holding `key`, or the free slot ending its probe.
   std::size_t slotOf(std::string_view key, std::uint32_t hash) const;
   /// The value of the key in slot `at`, or -1 for a free slot.
