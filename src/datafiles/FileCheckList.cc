@@ -76,11 +76,10 @@ bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPat
   // Both look-up indexes take each record's keys as soon as the record is
   // split, while its line is still in the caches: a pass of its own over
   // the records and their text cost each index about as much as the split.
-  // No record's keys hold more bytes than its line.
   const auto lineCount = static_cast<std::size_t>(
       std::max(0, m_pCheckList.getEndPosition() - m_pCheckList.getStartPosition() - 1));
-  LookupIndex::LoweredFiller properties(indexes_->m_pDicProperty, lineCount, read.text->size());
-  LookupIndex::LoweredFiller fileNames(indexes_->m_pDicFileName, lineCount, read.text->size());
+  LookupIndex::LoweredFiller properties(indexes_->m_pDicProperty, lineCount);
+  LookupIndex::LoweredFiller fileNames(indexes_->m_pDicFileName, lineCount);
   // The property key's four values are consecutive in a record, so the key
   // is a view of the record's own text.
   static_assert(datafile::kProductIndex == datafile::kCompanyIndex + 1 &&

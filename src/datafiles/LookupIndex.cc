@@ -317,7 +317,22 @@ LookupIndex::LoweredFiller::LoweredFiller(LookupIndex& index, std::size_t count,
   index_.reserveKeyBytes(count, keyBytes);
 }
 
+LookupIndex::LoweredFiller::LoweredFiller(LookupIndex& index, std::size_t count)
+    : index_(index), expected_(count) {
+  index_.reserve(index_.size_ + count);
+}
+
 void LookupIndex::LoweredFiller::add(std::string_view key, std::int64_t value) {
+  if (expected_ > kSample && added_ <= kSample) {
+    if (added_ == kSample) {
+      const double share = static_cast<double>(sampledBytes_) *
+                           static_cast<double>(expected_ - kSample) / kSample * 1.125;
+      if (share < static_cast<double>(UINT32_MAX) * 4)
+        index_.reserveKeyBytes(expected_ - entered_,
+                               static_cast<std::size_t>(share) + sampledBytes_);
+    }
+    sampledBytes_ += key.size();
+  }
   if (added_ - entered_ == kAhead) enterOldest();
   Pending& pending = ring_[added_ % kAhead];
   if (key.size() <= kKeyRoom && lowerSimpleHashed(key, pending.bytes, pending.hash)) {

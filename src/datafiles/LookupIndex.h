@@ -147,10 +147,14 @@ void LookupIndex::setRows(std::int64_t first, std::size_t count, KeyOf&& keyOf) 
 /// the index is not to be used before.
 class LookupIndex::LoweredFiller {
  public:
-  /// Makes room in `index` for `count` more keys of at most `keyBytes`
-  /// bytes in all (only a bound: the buffer is not touched beyond what the
-  /// keys fill, and grows should lowering lengthen them).
+  /// Makes room in `index` for `count` more keys of `keyBytes` bytes in
+  /// all (should lowering lengthen them, the entry buffer grows).
   LoweredFiller(LookupIndex& index, std::size_t count, std::size_t keyBytes);
+  /// The same for keys whose length is not known before: the entry buffer
+  /// is sized once from the first keys (kSample of them), an eighth more
+  /// than their share of `count`. A bound as loose as the file's size left
+  /// the unused room of both indexes resident in the benchmark's process.
+  LoweredFiller(LookupIndex& index, std::size_t count);
   ~LoweredFiller() { finish(); }
   LoweredFiller(const LoweredFiller&) = delete;
   LoweredFiller& operator=(const LoweredFiller&) = delete;
@@ -159,6 +163,7 @@ class LookupIndex::LoweredFiller {
 
  private:
   static constexpr std::size_t kAhead = 16;
+  static constexpr std::size_t kSample = 1024;
   /// Keys up to this long are lowered into the ring itself.
   static constexpr std::size_t kKeyRoom = 128;
   struct Pending {
@@ -174,6 +179,8 @@ class LookupIndex::LoweredFiller {
   std::array<Pending, kAhead> ring_;
   std::size_t added_ = 0;
   std::size_t entered_ = 0;
+  std::size_t expected_ = 0;  ///< keys to come when their lengths are sampled; else 0
+  std::size_t sampledBytes_ = 0;
 };
 
 /// Enters into `index`, case-blind, the key of every record of `table`

@@ -103,7 +103,8 @@ TEST(LookupKeys, MillionKeysThroughGrowthAndSharedHashes) {
 // index that set(lowerKey(key)) one by one makes: the same size and answers,
 // the last of a repeated key winning whether its repeat is still pending or
 // entered long before, for keys lowered in the ring and those too long or
-// beyond its fast path, and past the room the filler was promised.
+// beyond its fast path, past the room the filler was promised, and with the
+// room sized from the first keys.
 TEST(LookupKeys, FillerEntersWhatSetWouldInTheSameOrder) {
   std::mt19937 rng(11);
   const std::string pieces[] = {"Ab", "zZ", ".", "\t", "\xED\x95\x9C", "\xCE\xA3", "Q"};
@@ -119,18 +120,22 @@ TEST(LookupKeys, FillerEntersWhatSetWouldInTheSameOrder) {
       key += pieces[rng() % (i % 3 ? 4 : std::size(pieces))];
     keys.push_back(key);
   }
-  LookupIndex expected, filled;
+  LookupIndex expected, promised, sampled;
   {
-    LookupIndex::LoweredFiller filler(filled, keys.size() / 2, 100);
+    LookupIndex::LoweredFiller filler(promised, keys.size() / 2, 100);
+    LookupIndex::LoweredFiller sampler(sampled, keys.size() / 2);
     for (std::size_t i = 0; i < keys.size(); ++i) {
       expected.set(lowerKey(keys[i]), static_cast<std::int64_t>(i));
       filler.add(keys[i], static_cast<std::int64_t>(i));
+      sampler.add(keys[i], static_cast<std::int64_t>(i));
     }
   }
-  ASSERT_EQ(filled.size(), expected.size());
-  for (const std::string& key : keys) {
-    SCOPED_TRACE(::testing::PrintToString(key));
-    ASSERT_EQ(filled.findLowered(key), expected.findLowered(key));
+  for (const LookupIndex* filled : {&promised, &sampled}) {
+    ASSERT_EQ(filled->size(), expected.size());
+    for (const std::string& key : keys) {
+      SCOPED_TRACE(::testing::PrintToString(key));
+      ASSERT_EQ(filled->findLowered(key), expected.findLowered(key));
+    }
   }
 }
 
