@@ -143,8 +143,9 @@ void LookupIndex::setRows(std::int64_t first, std::size_t count, KeyOf&& keyOf) 
 /// Enters keys into an index case-blind, one at a time as a caller meets
 /// them: add(key, value) is set(lowerKey(key), value), done a few keys
 /// later, so that the key's slot is fetched while the next keys are lowered
-/// and hashed. finish() (or the destructor) enters what is still pending;
-/// the index is not to be used before.
+/// and hashed. finish() enters what is still pending; a filler left
+/// without it (an exception on the way) drops those keys rather than risk
+/// a throw from its destructor. The index is not to be used before then.
 class LookupIndex::LoweredFiller {
  public:
   /// Makes room in `index` for `count` more keys of `keyBytes` bytes in
@@ -155,7 +156,7 @@ class LookupIndex::LoweredFiller {
   /// than their share of `count`. A bound as loose as the file's size left
   /// the unused room of both indexes resident in the benchmark's process.
   LoweredFiller(LookupIndex& index, std::size_t count);
-  ~LoweredFiller() { finish(); }
+  ~LoweredFiller() = default;
   LoweredFiller(const LoweredFiller&) = delete;
   LoweredFiller& operator=(const LoweredFiller&) = delete;
   void add(std::string_view key, std::int64_t value);
@@ -196,6 +197,7 @@ void indexLowered(LookupIndex& index, const TableMulti& table, std::int64_t firs
                                     keyBytes);
   for (std::size_t row = static_cast<std::size_t>(first); row < records.size(); ++row)
     filler.add(keyOf(*records[row]), static_cast<std::int64_t>(row));
+  filler.finish();
 }
 
 /// Enters into `index`, exactly, every record's value of `field` as

@@ -129,6 +129,8 @@ TEST(LookupKeys, FillerEntersWhatSetWouldInTheSameOrder) {
       filler.add(keys[i], static_cast<std::int64_t>(i));
       sampler.add(keys[i], static_cast<std::int64_t>(i));
     }
+    filler.finish();
+    sampler.finish();
   }
   for (const LookupIndex* filled : {&promised, &sampled}) {
     ASSERT_EQ(filled->size(), expected.size());
