@@ -30,6 +30,7 @@
 /// Not thread-safe: use an object from one thread at a time.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -109,9 +110,12 @@ class FileFramework {
   /// differs from the table's is refused and passed to `refused(line)`, in
   /// line order. Records are appended in one step and refer to the read's
   /// text, which they keep. Answers the row of the first record appended
-  /// (the table's count before).
+  /// (the table's count before). `added(row, record)` sees each record as
+  /// it is built (TableMulti::addTabbedLines).
   template <typename Refused>
-  static std::int64_t loadRecords(TableMulti& table, const ReadResult& read, Refused&& refused) {
+  static std::int64_t loadRecords(
+      TableMulti& table, const ReadResult& read, Refused&& refused,
+      const std::function<void(std::int64_t row, const Record& record)>& added = nullptr) {
     const int first = table.getStartPosition() + 1;
     const int end = table.getEndPosition();
     std::span<const std::string_view> lines;
@@ -119,7 +123,7 @@ class FileFramework {
       lines = std::span(read.lines)
                   .subspan(static_cast<std::size_t>(first), static_cast<std::size_t>(end - first));
     std::vector<std::size_t> refusedLines;
-    const std::int64_t row = table.addTabbedLines(read.text, lines, refusedLines);
+    const std::int64_t row = table.addTabbedLines(read.text, lines, refusedLines, added);
     for (std::size_t i : refusedLines) refused(lines[i]);
     return row;
   }

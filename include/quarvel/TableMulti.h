@@ -13,6 +13,7 @@
 /// Records are shared pointers: a copy() and the records handed out share
 /// them with the table.
 
+#include <functional>
 #include <span>
 
 #include "quarvel/Table.h"
@@ -47,10 +48,14 @@ class TableMulti : public Table {
   /// `text`, which every line is a view of and which they keep alive (see
   /// Record::referring): one allocation for them all rather than one each.
   /// Answers the row of the first record appended (the count before).
-  /// Throws std::bad_alloc when memory runs out.
-  std::int64_t addTabbedLines(std::shared_ptr<const std::string> text,
-                              std::span<const std::string_view> lines,
-                              std::vector<std::size_t>& refused);
+  /// `added(row, record)`, when given, is called for each record as soon as
+  /// it is built, in row order, while its line is still in the caches; the
+  /// record is in the table once the call returns. Throws std::bad_alloc
+  /// when memory runs out.
+  std::int64_t addTabbedLines(
+      std::shared_ptr<const std::string> text, std::span<const std::string_view> lines,
+      std::vector<std::size_t>& refused,
+      const std::function<void(std::int64_t row, const Record& record)>& added = nullptr);
   /// Appends the records unchecked.
   void addArrayItems(const std::vector<RecordPtr>& records);
   void addArrayItems(std::vector<RecordPtr>&& records);

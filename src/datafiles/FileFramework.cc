@@ -113,9 +113,11 @@ FileFramework::ReadResult FileFramework::readSections(const std::string& path,
   const std::size_t count = lines.size() > static_cast<std::size_t>(INT_MAX)
                                 ? static_cast<std::size_t>(INT_MAX)
                                 : lines.size();
+  // Asked once: a call per line cost more than the tag search.
+  const bool trace = traceLines && debugLinesWanted();
   for (std::size_t i = 0; i < count; ++i) {
     const std::string_view line = lines[i];
-    if (traceLines) logDebugf("%.*s\n", static_cast<int>(line.size()), line.data());
+    if (trace) logDebugf("%.*s\n", static_cast<int>(line.size()), line.data());
     // Every tag line starts with '#'; most lines are records.
     if (line.empty() || line[0] != '#') continue;
     bool matched = false;

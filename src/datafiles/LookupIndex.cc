@@ -124,13 +124,17 @@ inline bool sameBytes(const char* a, const char* b, std::size_t n) {
 // (the text may then be partly written).
 bool lowerSimpleKey(std::string_view text, char* out) {
   std::size_t i = 0;
-  for (std::uint64_t word; i + 8 <= text.size(); i += 8) {
-    std::memcpy(&word, text.data() + i, 8);
-    if (word & kHighs) break;
-    word = lowerAsciiWord(word);
-    std::memcpy(out + i, &word, 8);
-  }
   while (i < text.size()) {
+    // Words of ASCII whole, also between characters beyond it.
+    if (std::uint64_t word; i + 8 <= text.size()) {
+      std::memcpy(&word, text.data() + i, 8);
+      if ((word & kHighs) == 0) {
+        word = lowerAsciiWord(word);
+        std::memcpy(out + i, &word, 8);
+        i += 8;
+        continue;
+      }
+    }
     const auto byte = static_cast<unsigned char>(text[i]);
     if (byte < 0x80) {
       out[i++] = static_cast<char>(byte >= 'A' && byte <= 'Z' ? byte + ('a' - 'A') : byte);
@@ -163,38 +167,48 @@ void* allocateHugePageBlock(std::size_t bytes) {
   return block;
 }
 
-std::int64_t LookupIndex::findLowered(std::string_view key) const {
-  constexpr std::size_t kStackKey = 256;
-  if (slots_.empty()) return -1;
-  char lowered[kStackKey];
-  if (key.size() >= 8 && key.size() <= kStackKey) {
+bool LookupIndex::lowerSimpleHashed(std::string_view key, char* out, std::uint32_t& hashed) {
+  if (key.size() >= 8) {
     // An ASCII key is lowered and hashed in one pass, as hashOf would hash
     // the lowered text, each word kept in a register: the hash never waits
     // on the bytes just written.
+    // A word beyond ASCII sends the key to the path below at once.
     std::uint64_t hash = kHashSeed ^ key.size();
     std::uint64_t word;
     std::size_t i = 0;
     bool ascii = true;
-    for (; i + 8 < key.size(); i += 8) {
+    for (; ascii && i + 8 < key.size(); i += 8) {
       std::memcpy(&word, key.data() + i, 8);
-      ascii &= (word & kHighs) == 0;
+      ascii = (word & kHighs) == 0;
       word = lowerAsciiWord(word);
-      std::memcpy(lowered + i, &word, 8);
+      std::memcpy(out + i, &word, 8);
       hash = mix(hash ^ word, kHashMultiplier);
     }
-    std::memcpy(&word, key.data() + key.size() - 8, 8);
-    ascii &= (word & kHighs) == 0;
-    word = lowerAsciiWord(word);
-    std::memcpy(lowered + key.size() - 8, &word, 8);
     if (ascii) {
-      const std::string_view text(lowered, key.size());
-      return valueAt(slotOf(text, finishHash(hash ^ word)));
+      std::memcpy(&word, key.data() + key.size() - 8, 8);
+      if ((word & kHighs) == 0) {
+        word = lowerAsciiWord(word);
+        std::memcpy(out + key.size() - 8, &word, 8);
+        hashed = finishHash(hash ^ word);
+        return true;
+      }
     }
   }
-  // Shorter keys, and those beyond ASCII: lowered first, then hashed; on
-  // the stack unless the key needs Unicode's full rules or is long.
-  if (key.size() <= kStackKey && lowerSimpleKey(key, lowered))
-    return find(std::string_view(lowered, key.size()));
+  // Shorter keys, and those beyond ASCII: lowered first, then hashed.
+  if (!lowerSimpleKey(key, out)) return false;
+  hashed = hashOf(std::string_view(out, key.size()));
+  return true;
+}
+
+std::int64_t LookupIndex::findLowered(std::string_view key) const {
+  constexpr std::size_t kStackKey = 256;
+  if (slots_.empty()) return -1;
+  // On the stack unless the key needs Unicode's full rules or is long.
+  char lowered[kStackKey];
+  if (key.size() <= kStackKey) {
+    if (std::uint32_t hash = 0; lowerSimpleHashed(key, lowered, hash))
+      return valueAt(slotOf(std::string_view(lowered, key.size()), hash));
+  }
   thread_local std::string scratch;
   lowerKeyInto(scratch, key);
   return find(scratch);
@@ -294,6 +308,54 @@ void LookupIndex::setHashed(std::string_view key, std::uint32_t hash, std::int64
     ++size_;
   }
   entries_[slot.entry - 1] = static_cast<std::uint32_t>(index);
+}
+
+LookupIndex::LoweredFiller::LoweredFiller(LookupIndex& index, std::size_t count,
+                                          std::size_t keyBytes)
+    : index_(index) {
+  index_.reserve(index_.size_ + count);
+  index_.reserveKeyBytes(count, keyBytes);
+}
+
+LookupIndex::LoweredFiller::LoweredFiller(LookupIndex& index, std::size_t count)
+    : index_(index), expected_(count) {
+  index_.reserve(index_.size_ + count);
+}
+
+void LookupIndex::LoweredFiller::add(std::string_view key, std::int64_t value) {
+  if (expected_ > kSample && added_ <= kSample) {
+    if (added_ == kSample) {
+      const double share = static_cast<double>(sampledBytes_) *
+                           static_cast<double>(expected_ - kSample) / kSample * 1.125;
+      if (share < static_cast<double>(UINT32_MAX) * 4)
+        index_.reserveKeyBytes(expected_ - entered_,
+                               static_cast<std::size_t>(share) + sampledBytes_);
+    }
+    sampledBytes_ += key.size();
+  }
+  if (added_ - entered_ == kAhead) enterOldest();
+  Pending& pending = ring_[added_ % kAhead];
+  if (key.size() <= kKeyRoom && lowerSimpleHashed(key, pending.bytes, pending.hash)) {
+    pending.key = std::string_view(pending.bytes, key.size());
+  } else {
+    lowerKeyInto(pending.scratch, key);
+    pending.key = pending.scratch;
+    pending.hash = hashOf(pending.key);
+  }
+  pending.value = value;
+  if (!index_.slots_.empty())
+    __builtin_prefetch(&index_.slots_[pending.hash & (index_.slots_.size() - 1)]);
+  ++added_;
+}
+
+void LookupIndex::LoweredFiller::enterOldest() {
+  const Pending& pending = ring_[entered_ % kAhead];
+  index_.setHashed(pending.key, pending.hash, pending.value);
+  ++entered_;
+}
+
+void LookupIndex::LoweredFiller::finish() {
+  while (entered_ < added_) enterOldest();
 }
 
 std::int64_t LookupIndex::find(std::string_view key) const {

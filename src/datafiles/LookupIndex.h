@@ -57,6 +57,8 @@ struct HugePageAllocator {
 
 class LookupIndex {
  public:
+  class LoweredFiller;
+
   /// Enters `key` -> `index` (0 <= index <= INT32_MAX), replacing an earlier
   /// entry of the same key.
   void set(std::string_view key, std::int64_t index);
@@ -91,6 +93,11 @@ class LookupIndex {
     return kEntryHead + (keyLength + 3) / 4;
   }
   static std::uint32_t hashOf(std::string_view key);
+  /// Lowers a key of ASCII, Hangul and CJK characters into `out` (room for
+  /// key.size() bytes) and sets `hash` to hashOf of the lowered key; false
+  /// for any other key (`out` may then be partly written). No optional
+  /// returned through memory: its two stores and one load stalled the load.
+  static bool lowerSimpleHashed(std::string_view key, char* out, std::uint32_t& hash);
   /// The slot holding `key`, or the free slot ending its probe.
   std::size_t slotOf(std::string_view key, std::uint32_t hash) const;
   /// The value of the key in slot `at`, or -1 for a free slot.
@@ -133,6 +140,50 @@ void LookupIndex::setRows(std::int64_t first, std::size_t count, KeyOf&& keyOf) 
   }
 }
 
+/// Enters keys into an index case-blind, one at a time as a caller meets
+/// them: add(key, value) is set(lowerKey(key), value), done a few keys
+/// later, so that the key's slot is fetched while the next keys are lowered
+/// and hashed. finish() enters what is still pending; a filler left
+/// without it (an exception on the way) drops those keys rather than risk
+/// a throw from its destructor. The index is not to be used before then.
+class LookupIndex::LoweredFiller {
+ public:
+  /// Makes room in `index` for `count` more keys of `keyBytes` bytes in
+  /// all (should lowering lengthen them, the entry buffer grows).
+  LoweredFiller(LookupIndex& index, std::size_t count, std::size_t keyBytes);
+  /// The same for keys whose length is not known before: the entry buffer
+  /// is sized once from the first keys (kSample of them), an eighth more
+  /// than their share of `count`. A bound as loose as the file's size left
+  /// the unused room of both indexes resident in the benchmark's process.
+  LoweredFiller(LookupIndex& index, std::size_t count);
+  ~LoweredFiller() = default;
+  LoweredFiller(const LoweredFiller&) = delete;
+  LoweredFiller& operator=(const LoweredFiller&) = delete;
+  void add(std::string_view key, std::int64_t value);
+  void finish();
+
+ private:
+  static constexpr std::size_t kAhead = 16;
+  static constexpr std::size_t kSample = 1024;
+  /// Keys up to this long are lowered into the ring itself.
+  static constexpr std::size_t kKeyRoom = 128;
+  struct Pending {
+    std::string_view key;  ///< lowered: a view of `bytes` or of `scratch`
+    std::int64_t value = 0;
+    std::uint32_t hash = 0;
+    std::string scratch;
+    char bytes[kKeyRoom];
+  };
+  void enterOldest();
+
+  LookupIndex& index_;
+  std::array<Pending, kAhead> ring_;
+  std::size_t added_ = 0;
+  std::size_t entered_ = 0;
+  std::size_t expected_ = 0;  ///< keys to come when their lengths are sampled; else 0
+  std::size_t sampledBytes_ = 0;
+};
+
 /// Enters into `index`, case-blind, the key of every record of `table`
 /// from row `first` on: keyOf(record) answers the key's text.
 template <typename KeyOf>
@@ -142,12 +193,11 @@ void indexLowered(LookupIndex& index, const TableMulti& table, std::int64_t firs
   std::size_t keyBytes = 0;
   for (std::size_t row = static_cast<std::size_t>(first); row < records.size(); ++row)
     keyBytes += keyOf(*records[row]).size();
-  index.reserveKeyBytes(records.size() - static_cast<std::size_t>(first), keyBytes);
-  index.setRows(first, records.size() - static_cast<std::size_t>(first),
-                [&](std::int64_t row, std::string& scratch) {
-                  lowerKeyInto(scratch, keyOf(*records[static_cast<std::size_t>(row)]));
-                  return std::string_view(scratch);
-                });
+  LookupIndex::LoweredFiller filler(index, records.size() - static_cast<std::size_t>(first),
+                                    keyBytes);
+  for (std::size_t row = static_cast<std::size_t>(first); row < records.size(); ++row)
+    filler.add(keyOf(*records[row]), static_cast<std::int64_t>(row));
+  filler.finish();
 }
 
 /// Enters into `index`, exactly, every record's value of `field` as

@@ -10,11 +10,16 @@
 #include <sys/types.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "common/Log.h"
 #include "common/StringUtil.h"
@@ -174,6 +179,25 @@ void splitLines(const unsigned char* text, std::size_t size, std::vector<std::st
 
 namespace {
 
+// The first LF, CR or zero byte of text[from, size), or size.
+std::size_t nextLineStop(const unsigned char* text, std::size_t from, std::size_t size) {
+  std::size_t i = from;
+#if defined(__SSE2__)
+  const __m128i lf = _mm_set1_epi8('\n'), cr = _mm_set1_epi8('\r'), zero = _mm_setzero_si128();
+  for (; i + 16 <= size; i += 16) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + i));
+    const __m128i stops =
+        _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(bytes, lf), _mm_cmpeq_epi8(bytes, cr)),
+                     _mm_cmpeq_epi8(bytes, zero));
+    if (const int mask = _mm_movemask_epi8(stops); mask != 0)
+      return i + static_cast<std::size_t>(std::countr_zero(static_cast<unsigned>(mask)));
+  }
+#endif
+  for (; i < size; ++i)
+    if (text[i] == '\n' || text[i] == '\r' || text[i] == 0) return i;
+  return size;
+}
+
 // The lines of a text the scan passes over without a word, decoded whole
 // and split in place; false, with `out` untouched, for any other text. Such
 // a text ends at its first zero byte, every CR in it comes just before an
@@ -184,18 +208,30 @@ namespace {
 // result at its line ends gives each line decoded, as the scan would.
 bool splitWhole(const unsigned char* text, std::size_t size, DecodedLines& out) {
   const char* const begin = reinterpret_cast<const char*>(text);
-  const std::size_t end = ::strnlen(begin, size);
-  // A CR just before the zero byte swallows it, and the text goes on.
-  if (end < size && end > 0 && begin[end - 1] == '\r') return false;
+  // One pass over the bytes, stopping only at an LF, a CR or a zero byte
+  // (three passes, for the zero byte, the LFs and the CRs, had cost a
+  // large list's open as much as deciphering it).
   std::size_t count = 0;
-  std::size_t start = 0;
-  while (const void* lf = std::memchr(begin + start, '\n', end - start)) {
-    const auto at = static_cast<std::size_t>(static_cast<const char*>(lf) - begin);
-    std::size_t bytes = at - start;
-    if (bytes > 0 && begin[at - 1] == '\r') --bytes;
-    if (bytes > kMaxLineBytes || std::memchr(begin + start, '\r', bytes) != nullptr) return false;
+  std::size_t start = 0;  // where the line being read starts
+  bool loneCr = false;    // that line holds a CR not before an LF
+  for (std::size_t i = nextLineStop(text, 0, size); i < size; i = nextLineStop(text, i, size)) {
+    if (begin[i] == 0) break;
+    if (begin[i] == '\r') {
+      if (i + 1 < size && begin[i + 1] == '\n') {
+        ++i;  // CR LF: the LF ends the line
+        continue;
+      }
+      // A CR just before the zero byte swallows it, and the text goes on.
+      if (i + 1 < size && begin[i + 1] == 0) return false;
+      loneCr = true;  // harmless only if no LF follows: then no line holds it
+      ++i;
+      continue;
+    }
+    std::size_t bytes = i - start;
+    if (bytes > 0 && begin[i - 1] == '\r') --bytes;
+    if (loneCr || bytes > kMaxLineBytes) return false;
     ++count;
-    start = at + 1;
+    start = ++i;
   }
   std::optional<std::string> decoded = MacKorean::decode(std::string_view(begin, start));
   if (!decoded) return false;

@@ -8,6 +8,10 @@
 #include <stdexcept>
 #include <utility>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace quarvel {
 
 Record Record::withText(std::size_t count, std::string_view text, std::uint32_t** ends) {
@@ -47,6 +51,19 @@ bool Record::splitTabbedLine(std::string_view line, std::size_t valueCount, std:
   const std::size_t last = valueCount - 1;
   std::size_t found = 0;
   std::size_t i = 0;
+#if defined(__SSE2__)
+  // Sixteen bytes at a time: one compare gives a bit per tab.
+  const __m128i tabs16 = _mm_set1_epi8('\t');
+  for (; i + 16 <= line.size(); i += 16) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(line.data() + i));
+    auto tabs = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, tabs16)));
+    for (; tabs != 0; tabs &= tabs - 1) {
+      if (found == last) return false;
+      ends[found++] =
+          static_cast<std::uint32_t>(i + static_cast<std::size_t>(std::countr_zero(tabs)));
+    }
+  }
+#endif
   if constexpr (std::endian::native == std::endian::little) {
     // Eight bytes at a time: a mask with the high bit of each tab byte set
     // (exact: no carry crosses a byte), then one step per tab found.

@@ -99,6 +99,48 @@ TEST(LookupKeys, MillionKeysThroughGrowthAndSharedHashes) {
   }
 }
 
+// Keys entered through a filler, a few keys after they are given, make the
+// index that set(lowerKey(key)) one by one makes: the same size and answers,
+// the last of a repeated key winning whether its repeat is still pending or
+// entered long before, for keys lowered in the ring and those too long or
+// beyond its fast path, past the room the filler was promised, and with the
+// room sized from the first keys.
+TEST(LookupKeys, FillerEntersWhatSetWouldInTheSameOrder) {
+  std::mt19937 rng(11);
+  const std::string pieces[] = {"Ab", "zZ", ".", "\t", "\xED\x95\x9C", "\xCE\xA3", "Q"};
+  std::vector<std::string> keys;
+  for (int i = 0; i < 3000; ++i) {
+    if (i % 7 == 3 && !keys.empty()) {  // a repeat, near or far, in other case
+      const std::size_t back = i % 2 ? 1 + rng() % 10 : rng() % keys.size() + 1;
+      keys.push_back(lowercase(keys[keys.size() - std::min(back, keys.size())]));
+      continue;
+    }
+    std::string key;
+    for (std::size_t n = rng() % (i % 50 == 0 ? 90 : 12); n > 0; --n)
+      key += pieces[rng() % (i % 3 ? 4 : std::size(pieces))];
+    keys.push_back(key);
+  }
+  LookupIndex expected, promised, sampled;
+  {
+    LookupIndex::LoweredFiller filler(promised, keys.size() / 2, 100);
+    LookupIndex::LoweredFiller sampler(sampled, keys.size() / 2);
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      expected.set(lowerKey(keys[i]), static_cast<std::int64_t>(i));
+      filler.add(keys[i], static_cast<std::int64_t>(i));
+      sampler.add(keys[i], static_cast<std::int64_t>(i));
+    }
+    filler.finish();
+    sampler.finish();
+  }
+  for (const LookupIndex* filled : {&promised, &sampled}) {
+    ASSERT_EQ(filled->size(), expected.size());
+    for (const std::string& key : keys) {
+      SCOPED_TRACE(::testing::PrintToString(key));
+      ASSERT_EQ(filled->findLowered(key), expected.findLowered(key));
+    }
+  }
+}
+
 TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {
   TempDir dir;
   FileCheckList list;

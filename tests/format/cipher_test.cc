@@ -77,6 +77,14 @@ TEST(LineReader, SplitsAtLineEndsAndDropsTheUnfinishedTail) {
       {"ok\r\n\xFF\xFF\r\nok\r\n",                  // 0xFF is a code of two characters
        {"ok", "\xE2\x80\xA6\xEF\xA1\xBF\xE2\x80\xA6\xEF\xA1\xBF", "ok"}},
       {"ok\r\n" + tooLong + "\r\nok\r\n", {"ok", "ok"}},
+      // The same beyond the first sixteen bytes, which are searched whole.
+      {"0123456789abcdefghij\r\nklmnopqrstuvwxyz\r\n",
+       {"0123456789abcdefghij", "klmnopqrstuvwxyz"}},
+      {"0123456789abcdefghij\rXklmn\r\n", {"0123456789abcdefghijklmn"}},
+      {std::string("0123456789abcdefghij\r\nhalf\r\0rest\r\n", 34),
+       {"0123456789abcdefghij", "halfrest"}},
+      {std::string("0123456789abcdefghij\r\ntail\rX\0more\r\n", 35),
+       {"0123456789abcdefghij"}},  // a lone CR in the tail a zero byte cuts off
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c.plain.substr(0, 40)));

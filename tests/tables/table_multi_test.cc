@@ -125,8 +125,15 @@ TEST(TableMulti, LinesAddedTogetherShareTheirTextUntilEdited) {
   table->setFieldWithRecord("A\tB", "\t");
   EXPECT_EQ(table->insertRecord("0\t0", "\t"), 0);
   std::vector<std::size_t> refused;
-  EXPECT_EQ(table->addTabbedLines(text, lines, refused), 1);
+  std::vector<std::pair<std::int64_t, std::string>> added;
+  EXPECT_EQ(table->addTabbedLines(text, lines, refused,
+                                  [&](std::int64_t row, const Record& record) {
+                                    added.emplace_back(row, record.tabbedText());
+                                  }),
+            1);
   EXPECT_EQ(refused, (std::vector<std::size_t>{1, 3}));
+  EXPECT_EQ(added, (std::vector<std::pair<std::int64_t, std::string>>{
+                       {1, "a\tb"}, {2, "c\t"}, {3, "\td"}}));
   EXPECT_EQ(column(*table, "A"), (std::vector<std::string>{"0", "a", "c", ""}));
   EXPECT_EQ(column(*table, "B"), (std::vector<std::string>{"0", "b", "", "d"}));
 
