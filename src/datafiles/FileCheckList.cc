@@ -5,7 +5,6 @@
 #include "common/Log.h"
 #include "datafiles/LookupIndex.h"
 #include "format/DataFileFormat.h"
-#include "format/HugePages.h"
 
 namespace quarvel {
 
@@ -98,7 +97,6 @@ bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPat
   properties.finish();
   fileNames.finish();
   read = ReadResult();  // the records keep the text; the lines go
-  datafile::releaseFreedMemory();
   setM_strFileName(path);
   return true;
 }

@@ -2,7 +2,6 @@
 
 #include "datafiles/LookupIndex.h"
 #include "format/DataFileFormat.h"
-#include "format/HugePages.h"
 
 namespace quarvel {
 
@@ -44,7 +43,6 @@ bool FileFilter::openWithFileName(const std::string& fileName, bool isFullPath) 
   // A loaded record holds exactly the four key values, in key order.
   indexLowered(indexes_->m_pDicFilter, m_pSWList, first,
                [](const Record& record) { return record.tabbedText(); });
-  datafile::releaseFreedMemory();
   setM_strFileName(path);
   return true;
 }

@@ -2,7 +2,6 @@
 
 #include "datafiles/LookupIndex.h"
 #include "format/DataFileFormat.h"
-#include "format/HugePages.h"
 
 namespace quarvel {
 
@@ -39,7 +38,6 @@ bool FileFontList::openWithFileName(const std::string& fileName, bool isFullPath
   read = ReadResult();  // the records keep the text; the lines go
   indexLowered(indexes_->m_pDicFileName, m_pFontList, first,
                [](const Record& record) { return record[datafile::kExeFileIndex]; });
-  datafile::releaseFreedMemory();
   setM_strFileName(path);
   return true;
 }

@@ -12,10 +12,10 @@
 
 #include "common/FileReplacement.h"
 #include "common/Folding.h"
+#include "common/HugePages.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
 #include "format/DataFileFormat.h"
-#include "format/HugePages.h"
 #include "format/LineReader.h"
 #include "format/MacKorean.h"
 #include "quarvel/CVUserDefaults.h"
@@ -186,7 +186,7 @@ std::unique_ptr<unsigned char[]> FileFramework::buildContents(std::span<Table* c
             datafile::kEndSuffix.size() + 2 * datafile::kLineEnd.size();
   }
   auto buffer = std::make_unique_for_overwrite<unsigned char[]>(room);
-  datafile::adviseHugePages(buffer.get(), room);
+  adviseHugePages(buffer.get(), room);
   char* const begin = reinterpret_cast<char*>(buffer.get());
   char* put = begin;
 

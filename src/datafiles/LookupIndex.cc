@@ -5,8 +5,8 @@
 #include <cstring>
 #include <new>
 
+#include "common/HugePages.h"
 #include "common/StringUtil.h"
-#include "format/HugePages.h"
 
 namespace quarvel {
 
@@ -152,20 +152,6 @@ bool lowerSimpleKey(std::string_view text, char* out) {
 }
 
 }  // namespace
-
-void* allocateHugePageBlock(std::size_t bytes) {
-  constexpr std::size_t kHuge = std::size_t{2} << 20;
-  void* block = nullptr;
-  if (bytes >= kHuge) {
-    const std::size_t rounded = (bytes + kHuge - 1) / kHuge * kHuge;
-    block = std::aligned_alloc(kHuge, rounded);
-    datafile::adviseHugePages(block, rounded);
-  } else {
-    block = std::malloc(bytes == 0 ? 1 : bytes);
-  }
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
 
 bool LookupIndex::lowerSimpleHashed(std::string_view key, char* out, std::uint32_t& hashed) {
   if (key.size() >= 8) {

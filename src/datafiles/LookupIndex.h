@@ -20,6 +20,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/HugePages.h"
 #include "quarvel/TableMulti.h"
 
 namespace quarvel {
@@ -33,27 +34,6 @@ void lowerKeyInto(std::string& out, std::string_view text);
 /// the check list's property key and the filter list's filter key.
 std::string lowerRecordKey(std::string_view company, std::string_view product,
                            std::string_view version, std::string_view originalFile);
-
-/// malloc's block, or for 2 MiB and more one 2 MiB-aligned and offered to
-/// the kernel for huge pages; either is released with std::free. Throws
-/// std::bad_alloc as operator new does.
-void* allocateHugePageBlock(std::size_t bytes);
-
-/// Memory for the large arrays of an index. A look-up touches two random
-/// places of arrays far larger than what the TLB maps in small pages; in
-/// huge pages a few dozen entries map them.
-template <typename T>
-struct HugePageAllocator {
-  using value_type = T;
-  HugePageAllocator() = default;
-  template <typename U>
-  HugePageAllocator(const HugePageAllocator<U>&) {}  // NOLINT(google-explicit-constructor)
-  T* allocate(std::size_t count) {
-    return static_cast<T*>(allocateHugePageBlock(count * sizeof(T)));
-  }
-  void deallocate(T* p, std::size_t) { std::free(p); }
-  friend bool operator==(const HugePageAllocator&, const HugePageAllocator&) { return true; }
-};
 
 class LookupIndex {
  public:

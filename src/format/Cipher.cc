@@ -21,9 +21,9 @@
 #include <emmintrin.h>
 #endif
 
+#include "common/HugePages.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
-#include "format/HugePages.h"
 #include "format/LineReader.h"
 #include "format/MacKorean.h"
 #include "quarvel/CommonLib.h"
@@ -336,7 +336,7 @@ bool datafile::readLines(std::FILE* targetFile, DecodedLines& out) {
     logf("ERROR : no memory for a file of %u bytes", size);
     return false;
   }
-  datafile::adviseHugePages(buffer.get(), std::size_t{size} + 1);
+  adviseHugePages(buffer.get(), std::size_t{size} + 1);
   const std::size_t got = std::fread(buffer.get(), 1, size, targetFile);
   logf("%zd ?= %d", static_cast<ssize_t>(got), static_cast<int>(size));
   const auto* text = reinterpret_cast<const char*>(buffer.get());

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "format/HugePages.h"
+#include "common/HugePages.h"
 
 namespace quarvel {
 namespace {
@@ -237,7 +237,7 @@ std::optional<std::string> MacKorean::decode(std::string_view bytes) {
   // has room, however much a slice's codes write.
   std::string text;
   text.reserve(bytes.size() + bytes.size() / 2);
-  datafile::adviseHugePages(text.data(), text.capacity());
+  adviseHugePages(text.data(), text.capacity());
   char chunk[kChunkBytes];
   while (in < inEnd) {
     const auto* const sliceEnd =

@@ -1,14 +1,11 @@
 #include "quarvel/TableMulti.h"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
-#include <new>
 #include <stdexcept>
 
+#include "common/HugePages.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
 #include "common/TextCompare.h"
@@ -29,42 +26,13 @@ std::string_view valueAt(const RecordPtr& record, std::uint64_t field) {
   return (*record)[field];
 }
 
-// Memory for an array written once from end to end while a file opens:
-// from 2 MiB on, aligned to 2 MiB and offered for huge pages, since one
-// fault per 4 KiB page was a third of the time it took to build a large
-// list's records. Released with std::free; throws std::bad_alloc.
-void* allocateFilled(std::size_t bytes) {
-  constexpr std::size_t kHuge = std::size_t{2} << 20;
-  void* block = nullptr;
-  if (bytes >= kHuge) {
-    const std::size_t rounded = (bytes + kHuge - 1) / kHuge * kHuge;
-    block = std::aligned_alloc(kHuge, rounded);
-    if (block != nullptr) ::madvise(block, rounded, MADV_HUGEPAGE);
-  } else {
-    block = std::malloc(bytes == 0 ? 1 : bytes);
-  }
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-
-template <typename T>
-struct FilledAllocator {
-  using value_type = T;
-  FilledAllocator() = default;
-  template <typename U>
-  FilledAllocator(const FilledAllocator<U>&) {}  // NOLINT(google-explicit-constructor)
-  T* allocate(std::size_t count) { return static_cast<T*>(allocateFilled(count * sizeof(T))); }
-  void deallocate(T* p, std::size_t) { std::free(p); }
-  friend bool operator==(const FilledAllocator&, const FilledAllocator&) { return true; }
-};
-
 // The records of one addTabbedLines call: their layouts in one array, the
 // records in another, and the text they refer to. Each RecordPtr the table
 // holds shares ownership of the whole.
 struct SharedRecords {
   std::shared_ptr<const std::string> text;
-  std::vector<std::uint32_t, FilledAllocator<std::uint32_t>> layouts;
-  std::vector<Record, FilledAllocator<Record>> records;
+  std::unique_ptr<std::uint32_t[], HugePageBlockFree> layouts;
+  std::vector<Record, HugePageAllocator<Record>> records;
 };
 
 }  // namespace
@@ -136,9 +104,10 @@ std::int64_t TableMulti::addTabbedLines(
   shared->text = std::move(text);
   // Both arrays are sized for every line and written in order; the pages a
   // refused line leaves unused at the end are never touched.
-  shared->layouts.reserve(lines.size() * stride);
+  shared->layouts.reset(static_cast<std::uint32_t*>(
+      allocateHugePageBlock(lines.size() * stride * sizeof(std::uint32_t))));
   shared->records.reserve(lines.size());
-  std::uint32_t* const layouts = shared->layouts.data();
+  std::uint32_t* const layouts = shared->layouts.get();
   for (std::size_t i = 0; i < lines.size(); ++i) {
     std::uint32_t* layout = layouts + shared->records.size() * stride;
     layout[0] = static_cast<std::uint32_t>(fieldCount);

@@ -1,0 +1,42 @@
+#pragma once
+// Large buffers filled once from end to end while a data file opens (its
+// text, its records, their indexes) take a page fault for every 4 KiB
+// touched; huge pages take one per 2 MiB. Random look-ups into arrays far
+// larger than what the TLB maps in small pages need a few dozen entries in
+// huge ones.
+
+#include <cstddef>
+#include <cstdlib>
+
+namespace quarvel {
+
+// Offers the whole 2 MiB pages inside [block, block + bytes) to the kernel
+// for huge pages, before they are first touched. Changes no byte and fails
+// silently (the pages stay small). Safe from any thread.
+void adviseHugePages(void* block, std::size_t bytes);
+
+// malloc's block, or for 2 MiB and more one 2 MiB-aligned and offered for
+// huge pages; either is released with std::free. Throws std::bad_alloc as
+// operator new does.
+void* allocateHugePageBlock(std::size_t bytes);
+
+// Frees a block from allocateHugePageBlock (a unique_ptr's deleter).
+struct HugePageBlockFree {
+  void operator()(void* block) const { std::free(block); }
+};
+
+// The allocator of containers whose storage is such a block.
+template <typename T>
+struct HugePageAllocator {
+  using value_type = T;
+  HugePageAllocator() = default;
+  template <typename U>
+  HugePageAllocator(const HugePageAllocator<U>&) {}  // NOLINT(google-explicit-constructor)
+  T* allocate(std::size_t count) {
+    return static_cast<T*>(allocateHugePageBlock(count * sizeof(T)));
+  }
+  void deallocate(T* p, std::size_t) { std::free(p); }
+  friend bool operator==(const HugePageAllocator&, const HugePageAllocator&) { return true; }
+};
+
+}  // namespace quarvel
