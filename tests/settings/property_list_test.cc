@@ -295,12 +295,14 @@ TEST(PropertyListTest, AnUnreadableValueCostsOnlyItsEntry) {
       {"XML comments, CDATA, char refs, CRLF",
        xml("<!-- note --><key>s</key><string>a&#13;b\r\nc<![CDATA[<&>]]>&#x1F600;</string>"
            "<key>d</key><date>2080Z</date><key>h</key><integer>0x10</integer>"
-           "<key>r</key><real> -infinity </real><key>b</key><data>QU\n JD</data>"),
+           "<key>r</key><real> -infinity </real><key>b</key><data>QU\n JD</data>"
+           "<key>p</key><data>QUI=</data>"),
        {{"s", PlistValue::string("a\rb\nc<&>\xF0\x9F\x98\x80")},
         {"d", PlistValue::date({2492985600.0})},
         {"h", PlistValue::integer(16)},
         {"r", PlistValue::real(-INFINITY)},
-        {"b", PlistValue::data({'A', 'B', 'C'})}},
+        {"b", PlistValue::data({'A', 'B', 'C'})},
+        {"p", PlistValue::data({'A', 'B'})}},
        nullptr},
       {"XML after a byte order mark",
        "\xEF\xBB\xBF" + xml("<key>t</key><true/>"),
