@@ -77,8 +77,8 @@ bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPat
   // the records and their text cost each index about as much as the split.
   const auto lineCount = static_cast<std::size_t>(
       std::max(0, m_pCheckList.getEndPosition() - m_pCheckList.getStartPosition() - 1));
-  LookupIndex::LoweredFiller properties(indexes_->m_pDicProperty, lineCount);
-  LookupIndex::LoweredFiller fileNames(indexes_->m_pDicFileName, lineCount);
+  LookupIndex::Filler properties(indexes_->m_pDicProperty, lineCount);
+  LookupIndex::Filler fileNames(indexes_->m_pDicFileName, lineCount);
   // The property key's four values are consecutive in a record, so the key
   // is a view of the record's own text.
   static_assert(datafile::kProductIndex == datafile::kCompanyIndex + 1 &&

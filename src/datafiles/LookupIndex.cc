@@ -296,19 +296,18 @@ void LookupIndex::setHashed(std::string_view key, std::uint32_t hash, std::int64
   entries_[slot.entry - 1] = static_cast<std::uint32_t>(index);
 }
 
-LookupIndex::LoweredFiller::LoweredFiller(LookupIndex& index, std::size_t count,
-                                          std::size_t keyBytes)
-    : index_(index) {
+LookupIndex::Filler::Filler(LookupIndex& index, std::size_t count, std::size_t keyBytes, Case keys)
+    : index_(index), keys_(keys) {
   index_.reserve(index_.size_ + count);
   index_.reserveKeyBytes(count, keyBytes);
 }
 
-LookupIndex::LoweredFiller::LoweredFiller(LookupIndex& index, std::size_t count)
+LookupIndex::Filler::Filler(LookupIndex& index, std::size_t count)
     : index_(index), expected_(count) {
   index_.reserve(index_.size_ + count);
 }
 
-void LookupIndex::LoweredFiller::add(std::string_view key, std::int64_t value) {
+void LookupIndex::Filler::add(std::string_view key, std::int64_t value) {
   if (expected_ > kSample && added_ <= kSample) {
     if (added_ == kSample) {
       const double share = static_cast<double>(sampledBytes_) *
@@ -321,7 +320,10 @@ void LookupIndex::LoweredFiller::add(std::string_view key, std::int64_t value) {
   }
   if (added_ - entered_ == kAhead) enterOldest();
   Pending& pending = ring_[added_ % kAhead];
-  if (key.size() <= kKeyRoom && lowerSimpleHashed(key, pending.bytes, pending.hash)) {
+  if (keys_ == Case::kExact) {
+    pending.key = key;
+    pending.hash = hashOf(key);
+  } else if (key.size() <= kKeyRoom && lowerSimpleHashed(key, pending.bytes, pending.hash)) {
     pending.key = std::string_view(pending.bytes, key.size());
   } else {
     lowerKeyInto(pending.scratch, key);
@@ -334,13 +336,13 @@ void LookupIndex::LoweredFiller::add(std::string_view key, std::int64_t value) {
   ++added_;
 }
 
-void LookupIndex::LoweredFiller::enterOldest() {
+void LookupIndex::Filler::enterOldest() {
   const Pending& pending = ring_[entered_ % kAhead];
   index_.setHashed(pending.key, pending.hash, pending.value);
   ++entered_;
 }
 
-void LookupIndex::LoweredFiller::finish() {
+void LookupIndex::Filler::finish() {
   while (entered_ < added_) enterOldest();
 }
 
@@ -360,10 +362,10 @@ void indexField(LookupIndex& index, TableMulti& table, std::string_view field) {
   };
   std::size_t keyBytes = 0;
   for (std::size_t row = 0; row < records.size(); ++row) keyBytes += keyOf(row).size();
-  index.reserveKeyBytes(records.size(), keyBytes);
-  index.setRows(0, records.size(), [&](std::int64_t row, std::string&) {
-    return keyOf(static_cast<std::size_t>(row));
-  });
+  LookupIndex::Filler filler(index, records.size(), keyBytes, LookupIndex::Filler::Case::kExact);
+  for (std::size_t row = 0; row < records.size(); ++row)
+    filler.add(keyOf(row), static_cast<std::int64_t>(row));
+  filler.finish();
 }
 
 }  // namespace quarvel

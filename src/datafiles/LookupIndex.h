@@ -37,19 +37,13 @@ std::string lowerRecordKey(std::string_view company, std::string_view product,
 
 class LookupIndex {
  public:
-  class LoweredFiller;
+  class Filler;
 
   /// Enters `key` -> `index` (0 <= index <= INT32_MAX), replacing an earlier
   /// entry of the same key.
   void set(std::string_view key, std::int64_t index);
   /// The index entered under `key`, or -1.
   std::int64_t find(std::string_view key) const;
-  /// Enters the key of every row from `first` to `first + count - 1`, in row
-  /// order, exactly as set() would. keyOf(row, scratch) answers the row's key:
-  /// a view of `scratch` or of text that outlives the call. Slots are fetched
-  /// a few keys ahead, which is what an index larger than the caches needs.
-  template <typename KeyOf>
-  void setRows(std::int64_t first, std::size_t count, KeyOf&& keyOf);
   /// find(lowerKey(key)) without allocating.
   std::int64_t findLowered(std::string_view key) const;
   bool empty() const { return size_ == 0; }
@@ -94,51 +88,28 @@ class LookupIndex {
   std::size_t size_ = 0;
 };
 
-template <typename KeyOf>
-void LookupIndex::setRows(std::int64_t first, std::size_t count, KeyOf&& keyOf) {
-  if (count == 0) return;
-  reserve(size_ + count);
-  constexpr std::size_t kAhead = 16;
-  struct Pending {
-    std::string scratch;
-    std::string_view key;
-    std::uint32_t hash = 0;
-  };
-  std::array<Pending, kAhead> ring;
-  const std::size_t mask = slots_.size() - 1;
-  auto prepare = [&](std::size_t i) {
-    Pending& pending = ring[i % kAhead];
-    pending.key = keyOf(first + static_cast<std::int64_t>(i), pending.scratch);
-    pending.hash = hashOf(pending.key);
-    __builtin_prefetch(&slots_[pending.hash & mask]);
-  };
-  for (std::size_t i = 0; i < count && i < kAhead; ++i) prepare(i);
-  for (std::size_t i = 0; i < count; ++i) {
-    const Pending& pending = ring[i % kAhead];
-    setHashed(pending.key, pending.hash, first + static_cast<std::int64_t>(i));
-    if (i + kAhead < count) prepare(i + kAhead);
-  }
-}
-
-/// Enters keys into an index case-blind, one at a time as a caller meets
-/// them: add(key, value) is set(lowerKey(key), value), done a few keys
-/// later, so that the key's slot is fetched while the next keys are lowered
-/// and hashed. finish() enters what is still pending; a filler left
-/// without it (an exception on the way) drops those keys rather than risk
-/// a throw from its destructor. The index is not to be used before then.
-class LookupIndex::LoweredFiller {
+/// Enters keys into an index one at a time as a caller meets them:
+/// add(key, value) is set(lowerKey(key), value) when case-blind, or
+/// set(key, value) when exact, done a few keys later, so that the key's
+/// slot is fetched while the next keys are lowered and hashed. An exact key
+/// is not copied: its text must outlive finish(). finish() enters what is
+/// still pending; a filler left without it (an exception on the way) drops
+/// those keys rather than risk a throw from its destructor. The index is not
+/// to be used before then.
+class LookupIndex::Filler {
  public:
+  enum class Case { kBlind, kExact };
   /// Makes room in `index` for `count` more keys of `keyBytes` bytes in
   /// all (should lowering lengthen them, the entry buffer grows).
-  LoweredFiller(LookupIndex& index, std::size_t count, std::size_t keyBytes);
-  /// The same for keys whose length is not known before: the entry buffer
+  Filler(LookupIndex& index, std::size_t count, std::size_t keyBytes, Case keys);
+  /// Case-blind keys whose length is not known before: the entry buffer
   /// is sized once from the first keys (kSample of them), an eighth more
   /// than their share of `count`. A bound as loose as the file's size left
   /// the unused room of both indexes resident in the benchmark's process.
-  LoweredFiller(LookupIndex& index, std::size_t count);
-  ~LoweredFiller() = default;
-  LoweredFiller(const LoweredFiller&) = delete;
-  LoweredFiller& operator=(const LoweredFiller&) = delete;
+  Filler(LookupIndex& index, std::size_t count);
+  ~Filler() = default;
+  Filler(const Filler&) = delete;
+  Filler& operator=(const Filler&) = delete;
   void add(std::string_view key, std::int64_t value);
   void finish();
 
@@ -148,7 +119,7 @@ class LookupIndex::LoweredFiller {
   /// Keys up to this long are lowered into the ring itself.
   static constexpr std::size_t kKeyRoom = 128;
   struct Pending {
-    std::string_view key;  ///< lowered: a view of `bytes` or of `scratch`
+    std::string_view key;  ///< lowered into `bytes` or `scratch`, or the caller's
     std::int64_t value = 0;
     std::uint32_t hash = 0;
     std::string scratch;
@@ -157,6 +128,7 @@ class LookupIndex::LoweredFiller {
   void enterOldest();
 
   LookupIndex& index_;
+  const Case keys_ = Case::kBlind;
   std::array<Pending, kAhead> ring_;
   std::size_t added_ = 0;
   std::size_t entered_ = 0;
@@ -173,8 +145,8 @@ void indexLowered(LookupIndex& index, const TableMulti& table, std::int64_t firs
   std::size_t keyBytes = 0;
   for (std::size_t row = static_cast<std::size_t>(first); row < records.size(); ++row)
     keyBytes += keyOf(*records[row]).size();
-  LookupIndex::LoweredFiller filler(index, records.size() - static_cast<std::size_t>(first),
-                                    keyBytes);
+  LookupIndex::Filler filler(index, records.size() - static_cast<std::size_t>(first), keyBytes,
+                             LookupIndex::Filler::Case::kBlind);
   for (std::size_t row = static_cast<std::size_t>(first); row < records.size(); ++row)
     filler.add(keyOf(*records[row]), static_cast<std::int64_t>(row));
   filler.finish();

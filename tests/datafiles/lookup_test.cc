@@ -122,8 +122,8 @@ TEST(LookupKeys, FillerEntersWhatSetWouldInTheSameOrder) {
   }
   LookupIndex expected, promised, sampled;
   {
-    LookupIndex::LoweredFiller filler(promised, keys.size() / 2, 100);
-    LookupIndex::LoweredFiller sampler(sampled, keys.size() / 2);
+    LookupIndex::Filler filler(promised, keys.size() / 2, 100, LookupIndex::Filler::Case::kBlind);
+    LookupIndex::Filler sampler(sampled, keys.size() / 2);
     for (std::size_t i = 0; i < keys.size(); ++i) {
       expected.set(lowerKey(keys[i]), static_cast<std::int64_t>(i));
       filler.add(keys[i], static_cast<std::int64_t>(i));
