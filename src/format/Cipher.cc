@@ -8,6 +8,7 @@
 
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <bit>
@@ -16,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -198,44 +200,9 @@ std::size_t nextLineStop(const unsigned char* text, std::size_t from, std::size_
   return size;
 }
 
-// The lines of a text the scan passes over without a word, decoded whole
-// and split in place; false, with `out` untouched, for any other text. Such
-// a text ends at its first zero byte, every CR in it comes just before an
-// LF and no line holds more than kMaxLineBytes bytes. Then its lines are
-// the same before and after decoding: ASCII, CR and LF included, decodes to
-// itself, no code's second byte is a CR or LF, and no code decodes to one.
-// So, when the lines before the last LF decode as one text, splitting the
-// result at its line ends gives each line decoded, as the scan would.
-bool splitWhole(const unsigned char* text, std::size_t size, DecodedLines& out) {
-  const char* const begin = reinterpret_cast<const char*>(text);
-  // One pass over the bytes, stopping only at an LF, a CR or a zero byte
-  // (three passes, for the zero byte, the LFs and the CRs, had cost a
-  // large list's open as much as deciphering it).
-  std::size_t count = 0;
-  std::size_t start = 0;  // where the line being read starts
-  bool loneCr = false;    // that line holds a CR not before an LF
-  for (std::size_t i = nextLineStop(text, 0, size); i < size; i = nextLineStop(text, i, size)) {
-    if (begin[i] == 0) break;
-    if (begin[i] == '\r') {
-      if (i + 1 < size && begin[i + 1] == '\n') {
-        ++i;  // CR LF: the LF ends the line
-        continue;
-      }
-      // A CR just before the zero byte swallows it, and the text goes on.
-      if (i + 1 < size && begin[i + 1] == 0) return false;
-      loneCr = true;  // harmless only if no LF follows: then no line holds it
-      ++i;
-      continue;
-    }
-    std::size_t bytes = i - start;
-    if (bytes > 0 && begin[i - 1] == '\r') --bytes;
-    if (loneCr || bytes > kMaxLineBytes) return false;
-    ++count;
-    start = ++i;
-  }
-  std::optional<std::string> decoded = MacKorean::decode(std::string_view(begin, start));
-  if (!decoded) return false;
-  out.text = std::make_unique<std::string>(std::move(*decoded));
+// The text's lines from decoded UTF-8: a view per LF-ended line, its CR
+// before the LF left out.
+void viewLines(DecodedLines& out, std::size_t count) {
   out.lines.clear();
   out.lines.reserve(count);
   const char* const decodedBegin = out.text->data();
@@ -249,6 +216,120 @@ bool splitWhole(const unsigned char* text, std::size_t size, DecodedLines& out) 
     out.lines.emplace_back(decodedBegin + from, bytes);
     from = at + 1;
   }
+}
+
+// The walk splitWhole takes over text[0, size): one pass, stopping only at
+// an LF, a CR or a zero byte (three passes, for the zero byte, the LFs and
+// the CRs, had cost a large list's open as much as deciphering it).
+struct LineWalk {
+  std::size_t end = 0;    // where the last whole line ends, its LF included
+  std::size_t lines = 0;  // whole lines before `end`
+  bool zero = false;      // a zero byte ended the text
+};
+// Nothing when the text needs the careful path: a lone CR in a whole line,
+// a CR just before a zero byte, or a line longer than kMaxLineBytes.
+std::optional<LineWalk> walkLines(const unsigned char* text, std::size_t size) {
+  const char* const begin = reinterpret_cast<const char*>(text);
+  LineWalk walk;
+  bool loneCr = false;  // the line being read holds a CR not before an LF
+  for (std::size_t i = nextLineStop(text, 0, size); i < size; i = nextLineStop(text, i, size)) {
+    if (begin[i] == 0) {
+      walk.zero = true;
+      break;
+    }
+    if (begin[i] == '\r') {
+      if (i + 1 < size && begin[i + 1] == '\n') {
+        ++i;  // CR LF: the LF ends the line
+        continue;
+      }
+      // A CR just before the zero byte swallows it, and the text goes on.
+      if (i + 1 < size && begin[i + 1] == 0) return std::nullopt;
+      loneCr = true;  // harmless only if no LF follows: then no line holds it
+      ++i;
+      continue;
+    }
+    std::size_t bytes = i - walk.end;
+    if (bytes > 0 && begin[i - 1] == '\r') --bytes;
+    if (loneCr || bytes > kMaxLineBytes) return std::nullopt;
+    ++walk.lines;
+    walk.end = ++i;
+  }
+  return walk;
+}
+
+// The lines of a text the scan passes over without a word, decoded whole
+// and split in place; false, with `out` untouched, for any other text. Such
+// a text ends at its first zero byte, every CR in it comes just before an
+// LF and no line holds more than kMaxLineBytes bytes. Then its lines are
+// the same before and after decoding: ASCII, CR and LF included, decodes to
+// itself, no code's second byte is a CR or LF, and no code decodes to one.
+// So, when the lines before the last LF decode as one text, splitting the
+// result at its line ends gives each line decoded, as the scan would.
+bool splitWhole(const unsigned char* text, std::size_t size, DecodedLines& out) {
+  const std::optional<LineWalk> walk = walkLines(text, size);
+  if (!walk) return false;
+  std::optional<std::string> decoded =
+      MacKorean::decode(std::string_view(reinterpret_cast<const char*>(text), walk->end));
+  if (!decoded) return false;
+  out.text = std::make_unique<std::string>(std::move(*decoded));
+  viewLines(out, walk->lines);
+  return true;
+}
+
+// Deciphers the file's bytes [size - at - count, size - at), already in
+// `in`, into plain text [at, at + count) in `out`: the cipher reversed the
+// whole file, so the plain text's front comes from the file's end.
+void decipherBlock(const unsigned char* in, std::size_t count, std::size_t at, unsigned char* out) {
+  std::size_t j = 0;
+  for (; j + 8 <= count; j += 8) store(out + j, reversed(load(in + count - 8 - j)) ^ keyAt(at + j));
+  for (; j < count; ++j) out[j] = static_cast<unsigned char>(in[count - 1 - j] ^ keyByte(at + j));
+}
+
+// What readLines followed by splitWhole makes of a file, read a block at a
+// time from its end, each block deciphered, checked and decoded while it
+// is in the caches: the enciphered file never lies in memory whole, and
+// its bytes pass through memory once instead of five times. False, with
+// `out` untouched, wherever splitWhole would answer false or a read comes
+// up short; the caller then takes the whole-file way, which says why.
+bool streamWhole(int fd, std::size_t size, DecodedLines& out) {
+  constexpr std::size_t kBlock = std::size_t{256} << 10;
+  // A block follows the unfinished line the one before left, which
+  // splitWhole's limits keep short: kMaxLineBytes and its CR.
+  constexpr std::size_t kCarry = kMaxLineBytes + 1;
+  std::unique_ptr<unsigned char[]> cipher(new (std::nothrow) unsigned char[kBlock]);
+  std::unique_ptr<unsigned char[]> plain(new (std::nothrow) unsigned char[kCarry + kBlock]);
+  if (!cipher || !plain) return false;
+  auto text = std::make_unique<std::string>();
+  text->reserve(size + size / 2);
+  adviseHugePages(text->data(), text->capacity());
+  std::size_t count = 0;  // lines ended so far
+  std::size_t carry = 0;  // bytes of the unfinished line at the front of `plain`
+  for (std::size_t at = 0; at < size;) {
+    const std::size_t block = std::min(kBlock, size - at);
+    for (std::size_t got = 0; got < block;) {
+      const ssize_t n =
+          ::pread(fd, cipher.get() + got, block - got, static_cast<off_t>(size - at - block + got));
+      if (n <= 0) return false;
+      got += static_cast<std::size_t>(n);
+    }
+    decipherBlock(cipher.get(), block, at, plain.get() + carry);
+    at += block;
+    const std::size_t length = carry + block;
+    // The unfinished line is walked again with the next block, which says
+    // what follows a CR at its end.
+    const std::optional<LineWalk> walk = walkLines(plain.get(), length);
+    if (!walk) return false;
+    const std::string_view whole(reinterpret_cast<const char*>(plain.get()), walk->end);
+    if (!MacKorean::decodeAppend(whole, *text)) return false;
+    count += walk->lines;
+    if (walk->zero || at == size) break;
+    carry = length - walk->end;
+    if (carry > kCarry) return false;  // a line too long: dropped and logged the other way
+    std::memmove(plain.get(), plain.get() + walk->end, carry);
+  }
+  logf("%zd ?= %d", static_cast<ssize_t>(size), static_cast<int>(size));
+  out.text = std::move(text);
+  viewLines(out, count);
   return true;
 }
 
@@ -328,6 +409,8 @@ bool datafile::readLines(std::FILE* targetFile, DecodedLines& out) {
   }
   const auto size = static_cast<std::uint32_t>(end);
   if (size == 0) return false;
+  // The whole text logged at debug priority needs the whole file at hand.
+  if (!debugLinesWanted() && streamWhole(::fileno(targetFile), size, out)) return true;
 
   // One zero byte more than the file, so the text always ends in a zero.
   std::unique_ptr<unsigned char, FreeDeleter> buffer(

@@ -229,15 +229,20 @@ inline std::size_t plainAsciiRun(const unsigned char* p, std::size_t size) {
 }  // namespace
 
 std::optional<std::string> MacKorean::decode(std::string_view bytes) {
+  std::string text;
+  text.reserve(bytes.size() + bytes.size() / 2);
+  adviseHugePages(text.data(), text.capacity());
+  if (!decodeAppend(bytes, text)) return std::nullopt;
+  return text;
+}
+
+bool MacKorean::decodeAppend(std::string_view bytes, std::string& text) {
   const std::uint32_t* const steps = decodeSteps().step.data();
   const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
   const auto* const inEnd = in + bytes.size();
   // The text is decoded a slice at a time into a chunk on the stack, then
   // appended: the result is never zero-filled first, and the chunk always
   // has room, however much a slice's codes write.
-  std::string text;
-  text.reserve(bytes.size() + bytes.size() / 2);
-  adviseHugePages(text.data(), text.capacity());
   char chunk[kChunkBytes];
   while (in < inEnd) {
     const auto* const sliceEnd =
@@ -293,7 +298,7 @@ std::optional<std::string> MacKorean::decode(std::string_view bytes) {
       const unsigned b = *in;
       unsigned c;
       if (b < 0x80) {
-        if (!kMacKoreanAscii[b]) return std::nullopt;
+        if (!kMacKoreanAscii[b]) return false;
         c = b;
         in += 1;
       } else {
@@ -304,7 +309,7 @@ std::optional<std::string> MacKorean::decode(std::string_view bytes) {
           c = kMacKoreanSingle[b - 0x80];
           in += 1;
         }
-        if (c == 0) return std::nullopt;
+        if (c == 0) return false;
       }
       if (c >= kMultiBase && c < kMultiEnd) {
         const MacKoreanMulti& m = kMacKoreanMulti[c - kMultiBase];
@@ -316,7 +321,7 @@ std::optional<std::string> MacKorean::decode(std::string_view bytes) {
     }
     text.append(chunk, static_cast<std::size_t>(out - chunk));
   }
-  return text;
+  return true;
 }
 
 std::optional<std::size_t> MacKorean::encodeInto(std::string_view utf8, char* const out,

@@ -22,6 +22,9 @@ class MacKorean {
 
   // Mac Korean bytes to UTF-8; nothing when any byte sequence has no mapping.
   static std::optional<std::string> decode(std::string_view bytes);
+  // The same, appended to `text`; false when a byte sequence has no
+  // mapping, and `text` may then hold part of the decoded bytes.
+  static bool decodeAppend(std::string_view bytes, std::string& text);
 
   // UTF-8 to Mac Korean bytes; nothing when a character has no mapping (or
   // the input is not UTF-8), with the first offending character in `error`.
