@@ -76,6 +76,8 @@ class Record {
   /// `ends` (room for valueCount); false, with `ends` partly written, when
   /// the line does not hold exactly that many values or is 4 GiB or more.
   static bool splitTabbedLine(std::string_view line, std::size_t valueCount, std::uint32_t* ends);
+  /// The same in 16 bits, for a line shorter than 64 KiB (false otherwise).
+  static bool splitTabbedLine(std::string_view line, std::size_t valueCount, std::uint16_t* ends);
   /// A record of the values `layout` describes ([0] the value count n > 0,
   /// [1..n] each value's end offset from `text`, values separated by one
   /// byte), referring to both instead of copying them. The caller keeps both
@@ -83,7 +85,15 @@ class Record {
   /// to them; set(), resize(), erase() and clear() end the reference.
   static Record referring(const std::uint32_t* layout, const char* text) {
     Record record;
-    record.layout_ = layout;
+    record.layout_ = reinterpret_cast<std::uintptr_t>(layout);
+    record.text_ = text;
+    return record;
+  }
+  /// The same over a layout in 16 bits: the offsets of a file's lines take
+  /// half the room.
+  static Record referring(const std::uint16_t* layout, const char* text) {
+    Record record;
+    record.layout_ = reinterpret_cast<std::uintptr_t>(layout) | kNarrow;
     record.text_ = text;
     return record;
   }
@@ -94,13 +104,12 @@ class Record {
   Record& operator=(Record&& other) noexcept;
   ~Record() = default;
 
-  std::size_t size() const { return layout_ ? layout_[0] : 0; }
+  std::size_t size() const { return layout_ == 0 ? 0 : layoutAt(0); }
   bool empty() const { return size() == 0; }
   /// Value `index`; the index must be below size().
   std::string_view operator[](std::size_t index) const {
-    const std::uint32_t* ends = layout_ + 1;
-    const std::uint32_t begin = index == 0 ? 0 : ends[index - 1] + 1;
-    return std::string_view(text_ + begin, ends[index] - begin);
+    const std::uint32_t begin = index == 0 ? 0 : layoutAt(index) + 1;
+    return std::string_view(text_ + begin, layoutAt(index + 1) - begin);
   }
   /// Value `index`; throws std::out_of_range beyond the values.
   std::string_view at(std::size_t index) const;
@@ -120,9 +129,8 @@ class Record {
   /// Values `first` to `last` (inclusive, last below size()) joined by tabs,
   /// as a view of the stored text.
   std::string_view joined(std::size_t first, std::size_t last) const {
-    const std::uint32_t* ends = layout_ + 1;
-    const std::uint32_t begin = first == 0 ? 0 : ends[first - 1] + 1;
-    return std::string_view(text_ + begin, ends[last] - begin);
+    const std::uint32_t begin = first == 0 ? 0 : layoutAt(first) + 1;
+    return std::string_view(text_ + begin, layoutAt(last + 1) - begin);
   }
   std::vector<std::string> values() const;
 
@@ -133,14 +141,21 @@ class Record {
   /// `ends` receives each value's end offset.
   static Record withText(std::size_t count, std::string_view text, std::uint32_t** ends);
   static Record fromValues(std::size_t count, const std::string_view* values);
-  std::size_t textSize() const { return layout_ ? layout_[layout_[0]] : 0; }
+  std::size_t textSize() const { return layout_ == 0 ? 0 : layoutAt(size()); }
+  /// Entry `i` of the layout: [0] the count, [1..n] the end offsets.
+  std::uint32_t layoutAt(std::size_t i) const {
+    if (layout_ & kNarrow) return reinterpret_cast<const std::uint16_t*>(layout_ - kNarrow)[i];
+    return reinterpret_cast<const std::uint32_t*>(layout_)[i];
+  }
+  /// Set in layout_ when its entries are 16-bit (both kinds are aligned).
+  static constexpr std::uintptr_t kNarrow = 1;
 
   /// [0] value count n, [1..n] end offsets, then the text (n > 0); null for
   /// no values or a record referring to its table's text.
   std::unique_ptr<std::uint32_t[]> block_;
-  /// The count and offsets, and the text: in block_ or referred to; the
-  /// layout is null for no values.
-  const std::uint32_t* layout_ = nullptr;
+  /// Where the count and offsets are (32-bit, or 16-bit with kNarrow set),
+  /// and the text: in block_ or referred to; 0 for no values.
+  std::uintptr_t layout_ = 0;
   const char* text_ = nullptr;
 };
 

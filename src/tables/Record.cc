@@ -24,7 +24,7 @@ Record Record::withText(std::size_t count, std::string_view text, std::uint32_t*
   record.block_.reset(new std::uint32_t[words]);
   record.block_[0] = static_cast<std::uint32_t>(count);
   if (!text.empty()) std::memcpy(record.block_.get() + 1 + count, text.data(), text.size());
-  record.layout_ = record.block_.get();
+  record.layout_ = reinterpret_cast<std::uintptr_t>(record.block_.get());
   record.text_ = reinterpret_cast<const char*>(record.block_.get() + 1 + count);
   *ends = record.block_.get() + 1;
   return record;
@@ -46,8 +46,11 @@ std::optional<Record> Record::fromTabbedLine(std::string_view line, std::size_t 
   return record;
 }
 
-bool Record::splitTabbedLine(std::string_view line, std::size_t valueCount, std::uint32_t* ends) {
-  if (valueCount == 0 || line.size() > std::numeric_limits<std::uint32_t>::max()) return false;
+namespace {
+
+template <typename End>
+bool splitTabs(std::string_view line, std::size_t valueCount, End* ends) {
+  if (valueCount == 0 || line.size() > std::numeric_limits<End>::max()) return false;
   const std::size_t last = valueCount - 1;
   std::size_t found = 0;
   std::size_t i = 0;
@@ -59,8 +62,7 @@ bool Record::splitTabbedLine(std::string_view line, std::size_t valueCount, std:
     auto tabs = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, tabs16)));
     for (; tabs != 0; tabs &= tabs - 1) {
       if (found == last) return false;
-      ends[found++] =
-          static_cast<std::uint32_t>(i + static_cast<std::size_t>(std::countr_zero(tabs)));
+      ends[found++] = static_cast<End>(i + static_cast<std::size_t>(std::countr_zero(tabs)));
     }
   }
 #endif
@@ -74,18 +76,28 @@ bool Record::splitTabbedLine(std::string_view line, std::size_t valueCount, std:
       const std::uint64_t x = word ^ kTabs;  // a zero byte where a tab was
       for (std::uint64_t tabs = ~(((x & kLow7) + kLow7) | x | kLow7); tabs != 0; tabs &= tabs - 1) {
         if (found == last) return false;
-        ends[found++] = static_cast<std::uint32_t>(i + (std::countr_zero(tabs) >> 3));
+        ends[found++] = static_cast<End>(i + (std::countr_zero(tabs) >> 3));
       }
     }
   }
   for (; i < line.size(); ++i) {
     if (line[i] != '\t') continue;
     if (found == last) return false;
-    ends[found++] = static_cast<std::uint32_t>(i);
+    ends[found++] = static_cast<End>(i);
   }
   if (found != last) return false;
-  ends[last] = static_cast<std::uint32_t>(line.size());
+  ends[last] = static_cast<End>(line.size());
   return true;
+}
+
+}  // namespace
+
+bool Record::splitTabbedLine(std::string_view line, std::size_t valueCount, std::uint32_t* ends) {
+  return splitTabs(line, valueCount, ends);
+}
+
+bool Record::splitTabbedLine(std::string_view line, std::size_t valueCount, std::uint16_t* ends) {
+  return splitTabs(line, valueCount, ends);
 }
 
 Record Record::fromValues(std::size_t count, const std::string_view* values) {
@@ -118,10 +130,10 @@ Record::Record(const std::vector<std::string>& values) {
 }
 
 Record::Record(const Record& other) {
-  if (other.layout_ == nullptr) return;
+  if (other.layout_ == 0) return;
   std::uint32_t* ends = nullptr;
   *this = withText(other.size(), other.tabbedText(), &ends);
-  std::memcpy(ends, other.layout_ + 1, other.size() * sizeof(std::uint32_t));
+  for (std::size_t i = 0; i < other.size(); ++i) ends[i] = other.layoutAt(i + 1);
 }
 
 Record& Record::operator=(const Record& other) {
@@ -131,20 +143,20 @@ Record& Record::operator=(const Record& other) {
 
 Record::Record(Record&& other) noexcept
     : block_(std::move(other.block_)),
-      layout_(std::exchange(other.layout_, nullptr)),
+      layout_(std::exchange(other.layout_, 0)),
       text_(std::exchange(other.text_, nullptr)) {}
 
 Record& Record::operator=(Record&& other) noexcept {
   if (this != &other) {
     block_ = std::move(other.block_);
-    layout_ = std::exchange(other.layout_, nullptr);
+    layout_ = std::exchange(other.layout_, 0);
     text_ = std::exchange(other.text_, nullptr);
   }
   return *this;
 }
 
 std::string_view Record::tabbedText() const {
-  return layout_ ? std::string_view(text_, textSize()) : std::string_view();
+  return layout_ != 0 ? std::string_view(text_, textSize()) : std::string_view();
 }
 
 std::string_view Record::at(std::size_t index) const {

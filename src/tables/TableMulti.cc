@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 #include "common/HugePages.h"
@@ -28,10 +29,12 @@ std::string_view valueAt(const RecordPtr& record, std::uint64_t field) {
 
 // The records of one addTabbedLines call: their layouts in one array, the
 // records in another, and the text they refer to. Each RecordPtr the table
-// holds shares ownership of the whole.
+// holds shares ownership of the whole. A data file's lines are far shorter
+// than 64 KiB, so the layouts are 16-bit; a longer line's record, possible
+// only from another caller, owns its block.
 struct SharedRecords {
   std::shared_ptr<const std::string> text;
-  std::unique_ptr<std::uint32_t[], HugePageBlockFree> layouts;
+  std::unique_ptr<std::uint16_t[], HugePageBlockFree> layouts;
   std::vector<Record, HugePageAllocator<Record>> records;
 };
 
@@ -104,18 +107,29 @@ std::int64_t TableMulti::addTabbedLines(
   shared->text = std::move(text);
   // Both arrays are sized for every line and written in order; the pages a
   // refused line leaves unused at the end are never touched.
-  shared->layouts.reset(static_cast<std::uint32_t*>(
-      allocateHugePageBlock(lines.size() * stride * sizeof(std::uint32_t))));
+  const bool narrow = fieldCount <= UINT16_MAX;
+  if (narrow)
+    shared->layouts.reset(static_cast<std::uint16_t*>(
+        allocateHugePageBlock(lines.size() * stride * sizeof(std::uint16_t))));
   shared->records.reserve(lines.size());
-  std::uint32_t* const layouts = shared->layouts.get();
+  std::uint16_t* const layouts = shared->layouts.get();
   for (std::size_t i = 0; i < lines.size(); ++i) {
-    std::uint32_t* layout = layouts + shared->records.size() * stride;
-    layout[0] = static_cast<std::uint32_t>(fieldCount);
-    if (!Record::splitTabbedLine(lines[i], fieldCount, layout + 1)) {
-      refused.push_back(i);
-      continue;
+    if (!narrow || lines[i].size() > UINT16_MAX) {
+      std::optional<Record> owned = Record::fromTabbedLine(lines[i], fieldCount);
+      if (!owned) {
+        refused.push_back(i);
+        continue;
+      }
+      shared->records.push_back(std::move(*owned));
+    } else {
+      std::uint16_t* layout = layouts + shared->records.size() * stride;
+      layout[0] = static_cast<std::uint16_t>(fieldCount);
+      if (!Record::splitTabbedLine(lines[i], fieldCount, layout + 1)) {
+        refused.push_back(i);
+        continue;
+      }
+      shared->records.push_back(Record::referring(layout, lines[i].data()));
     }
-    shared->records.push_back(Record::referring(layout, lines[i].data()));
     if (added)
       added(first + static_cast<std::int64_t>(shared->records.size()) - 1, shared->records.back());
   }
