@@ -15,10 +15,20 @@ namespace quarvel {
 // silently (the pages stay small). Safe from any thread.
 void adviseHugePages(void* block, std::size_t bytes);
 
-// malloc's block, or for 2 MiB and more one 2 MiB-aligned and offered for
-// huge pages; either is released with std::free. Throws std::bad_alloc as
-// operator new does.
+// malloc's block, or for 2 MiB and more one 2 MiB-aligned whose whole
+// 2 MiB pages are offered for huge pages; either is released with std::free. Throws std::bad_alloc
+// as operator new does.
 void* allocateHugePageBlock(std::size_t bytes);
+
+// The bytes allocateHugePageBlock(bytes) reserves: for 2 MiB and more,
+// rounded up to whole huge pages.
+std::size_t hugePageBlockRoom(std::size_t bytes);
+
+// Hands back to the kernel the whole pages of [block + used, block + bytes),
+// room reserved and never to be written: a huge page only partly used is
+// otherwise resident whole (up to 2 MiB at the end of each array). The
+// bytes there read as zero afterwards. Fails silently.
+void releaseUnusedPages(const void* block, std::size_t used, std::size_t bytes);
 
 // Frees a block from allocateHugePageBlock (a unique_ptr's deleter).
 struct HugePageBlockFree {

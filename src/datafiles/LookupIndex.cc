@@ -344,6 +344,10 @@ void LookupIndex::Filler::enterOldest() {
 
 void LookupIndex::Filler::finish() {
   while (entered_ < added_) enterOldest();
+  // The entry room was sized from a sample of the keys.
+  std::vector<std::uint32_t, HugePageAllocator<std::uint32_t>>& entries = index_.entries_;
+  releaseUnusedPages(entries.data(), entries.size() * sizeof(std::uint32_t),
+                     hugePageBlockRoom(entries.capacity() * sizeof(std::uint32_t)));
 }
 
 std::int64_t LookupIndex::find(std::string_view key) const {

@@ -301,7 +301,9 @@ bool streamWhole(int fd, std::size_t size, DecodedLines& out) {
   if (!cipher || !plain) return false;
   auto text = std::make_unique<std::string>();
   text->reserve(size + size / 2);
-  adviseHugePages(text->data(), text->capacity());
+  // Huge pages for the room a list of ASCII fills; the rest, there for
+  // Hangul's longer UTF-8, is touched only if needed.
+  adviseHugePages(text->data(), size);
   std::size_t count = 0;  // lines ended so far
   std::size_t carry = 0;  // bytes of the unfinished line at the front of `plain`
   for (std::size_t at = 0; at < size;) {
@@ -328,6 +330,8 @@ bool streamWhole(int fd, std::size_t size, DecodedLines& out) {
     std::memmove(plain.get(), plain.get() + walk->end, carry);
   }
   logf("%zd ?= %d", static_cast<ssize_t>(size), static_cast<int>(size));
+  // Whatever of that room a huge page brought in (the terminator kept).
+  releaseUnusedPages(text->data(), text->size() + 1, text->capacity() + 1);
   out.text = std::move(text);
   viewLines(out, count);
   return true;
