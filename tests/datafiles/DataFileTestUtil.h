@@ -18,12 +18,9 @@
 
 namespace quarvel::testing {
 
-inline constexpr char kCipherKey[] = "Lumbergan3_Vxok!";
-
 // Byte i XORed with key[i % 16]: its own inverse.
 inline std::string xorKey(std::string bytes) {
-  for (std::size_t i = 0; i < bytes.size(); ++i)
-    bytes[i] = static_cast<char>(bytes[i] ^ kCipherKey[i & 15]);
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] ^= "Lumbergan3_Vxok!"[i & 15];
   return bytes;
 }
 

@@ -22,10 +22,6 @@ using testing::checkLine;
 using testing::sections;
 using testing::TempDir;
 
-std::string checkListText(const std::vector<std::string>& records) {
-  return sections({{"#HEADER", {"2024.05"}}, {"#CHECKLIST", records}});
-}
-
 // Case-blind look-ups lower and hash the key in words, the last one
 // overlapping the one before: every length must find its key in any case,
 // and miss a key that differs in any one byte.
@@ -121,29 +117,22 @@ TEST(LookupKeys, FillerEntersWhatSetWouldInTheSameOrder) {
 }
 
 TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {
+  const std::string greek = "\xCE\xA3\xCE\x9F\xCE\xA6\xCE\x99\xCE\x91";             // ΣΟΦΙΑ
+  const std::string wideEdit = "\xEF\xBC\xA5\xEF\xBC\xA4\xEF\xBC\xA9\xEF\xBC\xB4";  // ＥＤＩＴ
+  const std::vector<std::string> records = {
+      checkLine("A-1", "Acme", "editor", "2.0", "Editor.app", "Editor"),
+      checkLine("a-1", "Acme", "Viewer", "1.0", "Viewer", "VIEWER"),
+      checkLine("B-2", "Acme", "Viewer", "1.0", "viewer", "viewer2"),
+      checkLine("C-3", greek + " Soft", "\xCE\x91\xCE\x92\xCE\x93", "1", "x", wideEdit),
+      checkLine("D-4", "\xED\x95\x9C\xEA\xB8\x80\xEC\x86\x8C\xED\x94\x84\xED\x8A\xB8", "Hangul",
+                "9", "x", ""),
+      checkLine("E-5", "Blank", "Exe", "1", "x", "")};
   TempDir dir;
   FileCheckList list;
   ASSERT_TRUE(list.openWithFileName(
-      dir.writeDataFile(
-          "c.dat",
-          checkListText({
-              checkLine("A-1", "Acme", "editor", "2.0", "Editor.app", "Editor"),
-              checkLine("a-1", "Acme", "Viewer", "1.0", "Viewer", "VIEWER"),
-              checkLine("B-2", "Acme", "Viewer", "1.0", "viewer", "viewer2"),
-              checkLine("C-3", "\xCE\xA3\xCE\x9F\xCE\xA6\xCE\x99\xCE\x91 Soft",
-                        "\xCE\x91\xCE\x92\xCE\x93", "1", "x",
-                        "\xEF\xBC\xA5\xEF\xBC\xA4\xEF\xBC\xA9\xEF\xBC\xB4"),
-              checkLine("D-4", "\xED\x95\x9C\xEA\xB8\x80\xEC\x86\x8C\xED\x94\x84\xED\x8A\xB8",
-                        "Hangul", "9", "x", ""),
-              checkLine("E-5", "Blank", "Exe", "1", "x", ""),
-          })),
+      dir.writeDataFile("c.dat", sections({{"#HEADER", {"2024.05"}}, {"#CHECKLIST", records}})),
       true));
-  struct Case {
-    const char* what;
-    int got;
-    int expected;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, int, int> cases[] = {
       {"property ignores case", list.getIdByProperty("ACME\tEditor\t2.0\tEditor.app"), 0},
       {"property, last of a repeated key", list.getIdByProperty("acme\tviewer\t1.0\tVIEWER"), 2},
       {"property with a part missing", list.getIdByProperty("Acme\teditor\t2.0"), -1},
@@ -158,25 +147,23 @@ TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {
       {"file name unknown", list.getIdByFileName("editor.app"), -1},
       {"identifier is exact", list.getIndex("a-1"), 1},
       {"identifier in other case", list.getIndex("c-3"), -1},
-      {"identifier", list.getIndex("B-2"), 2},
-  };
-  for (const Case& c : cases) EXPECT_EQ(c.got, c.expected) << c.what;
+      {"identifier", list.getIndex("B-2"), 2}};
+  for (const auto& [what, got, expected] : cases) EXPECT_EQ(got, expected) << what;
 }
 
-TEST(FileCheckList, DisplayListsFollowTheRecords) {
+// A list never opened: records inserted are indexed by no look-up but make
+// the display lists, and a save is refused (logged by the check list alone).
+TEST(FileCheckList, RecordsInsertedWithoutAnOpenAndTheRefusedSave) {
   FileCheckList list;
   Table* table = list.getTableByTag("#CHECKLIST");
   table->insertRecord(checkLine("1", "A", "P", "1", "O", "a"), "\t");
   table->insertRecord(checkLine("2", "A", "P", "1", "O", "a"), "\t");
+  EXPECT_EQ(list.getIdByFileName("a"), -1);
   list.initCompanyAndProduct();
   list.initCompanyAndProduct();
   EXPECT_EQ(list.m_pArrCompany(), (std::vector<std::string>{"A Inc.", "A Inc."}));
   EXPECT_EQ(list.m_pArrProduct(), (std::vector<std::string>{"P Pro", "P Pro"}));
-}
 
-TEST(FileCheckList, SaveWithoutAnOpenFileIsRefusedAndLogged) {
-  FileCheckList list;
-  EXPECT_EQ(list.getIdByFileName("a"), -1);
   LogCapture log;
   EXPECT_FALSE(list.save());
   EXPECT_EQ(log.lines(), std::vector<std::string>{
@@ -187,21 +174,6 @@ TEST(FileCheckList, SaveWithoutAnOpenFileIsRefusedAndLogged) {
   for (FileFramework* file : std::initializer_list<FileFramework*>{&package, &filter, &fonts})
     EXPECT_FALSE(file->save());
   EXPECT_EQ(log.lines().size(), 1u);
-}
-
-TEST(FileFontList, FileNamesAreCaseBlindAndIdentifiersExact) {
-  TempDir dir;
-  FileFontList fonts;
-  ASSERT_TRUE(fonts.openWithFileName(
-      dir.writeDataFile(
-          "f.dat", checkListText({checkLine("F-1", "Type", "Serif", "1", "S", "Serif.TTF", true),
-                                  checkLine("F-2", "Type", "Sans", "1", "S", "serif.ttf", true),
-                                  checkLine("F-3", "Type", "Mono", "1", "S", "", true)})),
-      true));
-  EXPECT_EQ(fonts.getIdByFileName("SERIF.ttf"), 1);
-  EXPECT_EQ(fonts.getIdByFileName(""), 2);
-  EXPECT_EQ(fonts.getIndex("F-1"), 0);
-  EXPECT_EQ(fonts.getIndex("f-1"), -1);
 }
 
 // The display name shows only the placeholder sub-item; the package index

@@ -46,7 +46,7 @@ TEST(TableMulti, TheTwoAddersAnswerAndRefuseDifferently) {
 
 // Unknown fields and rows answer the error text; on an empty table the
 // bound tests wrap, so the accessors that trust them throw.
-TEST(TableMulti, UnknownFieldsAndRowsAndTheEmptyTable) {
+TEST(TableMulti, UnknownFieldsRowsAndEditsBeyondTheRecords) {
   TableMulti empty;
   EXPECT_EQ(empty.select(0, "A"), Table::kOutOfBounds);
   empty.setFieldWithRecord("A", "\t");
@@ -65,11 +65,9 @@ TEST(TableMulti, UnknownFieldsAndRowsAndTheEmptyTable) {
   EXPECT_EQ(table.select(-1, "A"), Table::kOutOfBounds);
   EXPECT_EQ(table.select(0, "B"), "2");
   EXPECT_EQ(table.selectToStr(1), "");
-}
 
-TEST(TableMulti, EditingWithinAndBeyondTheRecords) {
-  TableMulti table;
-  fill(table, "A\tB", {"1\t2", "3\t4", "5\t6"});
+  // Edits within and beyond the records.
+  fill(table, "A\tB", {"3\t4", "5\t6"});
   EXPECT_FALSE(table.setValue(3, "A", "x"));
   EXPECT_FALSE(table.setValue(0, "C", "x"));
   EXPECT_TRUE(table.setValue(0, "B", "x"));
