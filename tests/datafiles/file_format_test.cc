@@ -132,9 +132,8 @@ TEST(DataFileFormat, BrokenFilesAreRefusedBeforeAnyRecordIsLoaded) {
       {"empty", CheckList, "", open + "(93) // CHECKLIST DECRYPT FAIL.", dir.file("empty.dat")},
       {"folder", CheckList, "", cannotOpen, dir.path()},
       {"pipe", CheckList, "", cannotOpen, dir.file("pipe")},
-      // The file holds the text backwards: losing its head loses the
-      // text's end (and the end line with it); losing its tail shifts every
-      // key byte.
+      // The file holds the text backwards: a cut head loses the text's end
+      // line, a cut tail shifts every key byte.
       {"head cut 1", CheckList, file.substr(1), damaged},
       {"head cut 7", CheckList, file.substr(7), damaged},
       {"tail cut 1", CheckList, file.substr(0, file.size() - 1), damaged},

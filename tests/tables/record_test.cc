@@ -34,8 +34,7 @@ TEST(Record, SplitsLongLinesAtEveryTabAndNothingElse) {
   EXPECT_NE(Record(), Record{""});  // no value is not one empty value
 }
 
-// A value may hold a tab and stays one value; edits change only their own
-// copy.
+// A value may hold a tab; edits change only their own copy.
 TEST(Record, EditsChangeOnlyTheirOwnCopy) {
   Record record = Record::fromTabbedLine("id\tAcme\tTool\t1.0\ttool.exe");
   record.set(2, "Big\tTool");
