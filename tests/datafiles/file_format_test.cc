@@ -43,7 +43,7 @@ std::vector<std::string> failureLines(const LogCapture& log) {
 // written back in the fixed order. A second open appends records and keys
 // and replaces the header, which takes the last line of its section even
 // when blank.
-TEST(DataFileFormat, OpensAppendAndTheTextIsWrittenBackUnchanged) {
+TEST(DataFileFormat, SectionsInAnyOrderAndASecondOpenAppends) {
   TempDir dir;
   const std::string text =
       crlf({"junk before", "#SWLIST_START", "Ignored\tbecause\tstart\trepeats", "#SWLIST_START",
