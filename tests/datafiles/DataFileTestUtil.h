@@ -18,12 +18,9 @@
 
 namespace quarvel::testing {
 
-inline constexpr char kCipherKey[] = "Lumbergan3_Vxok!";
-
 // Byte i XORed with key[i % 16]: its own inverse.
 inline std::string xorKey(std::string bytes) {
-  for (std::size_t i = 0; i < bytes.size(); ++i)
-    bytes[i] = static_cast<char>(bytes[i] ^ kCipherKey[i & 15]);
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] ^= "Lumbergan3_Vxok!"[i & 15];
   return bytes;
 }
 
@@ -91,34 +88,15 @@ class TempDir : public ScratchDir {
   }
 };
 
-// Values joined by tabs: one record line.
-inline std::string rec(const std::vector<std::string>& values) {
-  std::string line;
-  for (std::size_t i = 0; i < values.size(); ++i) line += (i ? "\t" : "") + values[i];
-  return line;
-}
-
 // A 17-field check list line (14 with `font`), the interpreted fields given.
 inline std::string checkLine(const std::string& id, const std::string& company,
                              const std::string& product, const std::string& version,
                              const std::string& original, const std::string& exe,
                              bool font = false) {
-  std::vector<std::string> v = {id,
-                                company,
-                                product,
-                                version,
-                                original,
-                                exe,
-                                company + " Inc.",
-                                product + " Pro",
-                                "120000",
-                                "1",
-                                "G1",
-                                "Graphics",
-                                "1",
-                                "/Applications/" + product + ".app"};
-  if (!font) v.insert(v.end(), {"Y", "https://example.com", "Commercial"});
-  return rec(v);
+  const std::string line = id + "\t" + company + "\t" + product + "\t" + version + "\t" + original +
+                           "\t" + exe + "\t" + company + " Inc.\t" + product +
+                           " Pro\t120000\t1\tG1\tGraphics\t1\t/Applications/" + product + ".app";
+  return font ? line : line + "\tY\thttps://example.com\tCommercial";
 }
 
 }  // namespace quarvel::testing

@@ -22,29 +22,6 @@ using testing::checkLine;
 using testing::sections;
 using testing::TempDir;
 
-std::string checkListText(const std::vector<std::string>& records) {
-  return sections({{"#HEADER", {"2024.05"}}, {"#CHECKLIST", records}});
-}
-
-// Keys lower-case as the full Unicode rule does, whatever their length and
-// wherever the upper-case letters, the bytes beside 'A' and 'Z' and the
-// characters beyond ASCII fall.
-TEST(LookupKeys, LowerCaseAsUnicodeDoesAtEveryLength) {
-  std::mt19937 rng(5);
-  const std::string pieces[] = {"A",        "Z",       "@", "[",  "`", "{",
-                                "a",        "z",       "0", "\t", " ", "\xED\x95\x9C",
-                                "\xC3\x89", "\xCE\xA3"};  // 한 É Σ
-  for (int round = 0; round < 3000; ++round) {
-    std::string key;
-    for (std::size_t n = rng() % 40; n > 0; --n) {
-      const std::size_t pick = rng() % std::size(pieces);
-      key += round % 2 ? pieces[pick % 11] : pieces[pick];  // every other key all ASCII
-    }
-    SCOPED_TRACE(::testing::PrintToString(key));
-    ASSERT_EQ(lowerKey(key), lowercase(key));
-  }
-}
-
 // Case-blind look-ups lower and hash the key in words, the last one
 // overlapping the one before: every length must find its key in any case,
 // and miss a key that differs in any one byte.
@@ -61,14 +38,13 @@ TEST(LookupKeys, FindLoweredFindsEveryLengthAndMissesAnyOtherByte) {
   LookupIndex index;
   for (std::size_t i = 0; i < keys.size(); ++i) index.set(lowerKey(keys[i]), static_cast<int>(i));
   for (std::size_t i = 0; i < keys.size(); ++i) {
-    SCOPED_TRACE(keys[i]);
-    EXPECT_EQ(index.findLowered(keys[i]), static_cast<std::int64_t>(i));
+    EXPECT_EQ(index.findLowered(keys[i]), static_cast<std::int64_t>(i)) << keys[i];
     EXPECT_EQ(index.findLowered(lowercase(keys[i])), static_cast<std::int64_t>(i));
     EXPECT_EQ(index.find(lowerKey(keys[i])), static_cast<std::int64_t>(i));
     for (std::size_t at = 0; at < keys[i].size(); ++at) {
       std::string other = keys[i];
       other[at] = other[at] == '#' ? '%' : '#';
-      ASSERT_EQ(index.findLowered(other), -1) << "byte " << at;
+      ASSERT_EQ(index.findLowered(other), -1) << keys[i] << " byte " << at;
     }
   }
 }
@@ -100,11 +76,12 @@ TEST(LookupKeys, MillionKeysThroughGrowthAndSharedHashes) {
 }
 
 // Keys entered through a filler, a few keys after they are given, make the
-// index that set(lowerKey(key)) one by one makes: the same size and answers,
-// the last of a repeated key winning whether its repeat is still pending or
-// entered long before, for keys lowered in the ring and those too long or
-// beyond its fast path, past the room the filler was promised, and with the
-// room sized from the first keys.
+// index that set(lowercase(key)) one by one makes, lowercase being the full
+// Unicode rule: the same size and answers, the last of a repeated key
+// winning whether its repeat is still pending or entered long before, for
+// keys lowered in the ring and those too long or beyond its fast path, past
+// the room the filler was promised, and with the room sized from the first
+// keys.
 TEST(LookupKeys, FillerEntersWhatSetWouldInTheSameOrder) {
   std::mt19937 rng(11);
   const std::string pieces[] = {"Ab", "zZ", ".", "\t", "\xED\x95\x9C", "\xCE\xA3", "Q"};
@@ -125,7 +102,7 @@ TEST(LookupKeys, FillerEntersWhatSetWouldInTheSameOrder) {
     LookupIndex::Filler filler(promised, keys.size() / 2, 100, LookupIndex::Filler::Case::kBlind);
     LookupIndex::Filler sampler(sampled, keys.size() / 2);
     for (std::size_t i = 0; i < keys.size(); ++i) {
-      expected.set(lowerKey(keys[i]), static_cast<std::int64_t>(i));
+      expected.set(lowercase(keys[i]), static_cast<std::int64_t>(i));
       filler.add(keys[i], static_cast<std::int64_t>(i));
       sampler.add(keys[i], static_cast<std::int64_t>(i));
     }
@@ -134,37 +111,28 @@ TEST(LookupKeys, FillerEntersWhatSetWouldInTheSameOrder) {
   }
   for (const LookupIndex* filled : {&promised, &sampled}) {
     ASSERT_EQ(filled->size(), expected.size());
-    for (const std::string& key : keys) {
-      SCOPED_TRACE(::testing::PrintToString(key));
-      ASSERT_EQ(filled->findLowered(key), expected.findLowered(key));
-    }
+    for (const std::string& key : keys)
+      ASSERT_EQ(filled->findLowered(key), expected.find(lowercase(key))) << key;
   }
 }
 
 TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {
+  const std::string greek = "\xCE\xA3\xCE\x9F\xCE\xA6\xCE\x99\xCE\x91";             // ΣΟΦΙΑ
+  const std::string wideEdit = "\xEF\xBC\xA5\xEF\xBC\xA4\xEF\xBC\xA9\xEF\xBC\xB4";  // ＥＤＩＴ
+  const std::vector<std::string> records = {
+      checkLine("A-1", "Acme", "editor", "2.0", "Editor.app", "Editor"),
+      checkLine("a-1", "Acme", "Viewer", "1.0", "Viewer", "VIEWER"),
+      checkLine("B-2", "Acme", "Viewer", "1.0", "viewer", "viewer2"),
+      checkLine("C-3", greek + " Soft", "\xCE\x91\xCE\x92\xCE\x93", "1", "x", wideEdit),
+      checkLine("D-4", "\xED\x95\x9C\xEA\xB8\x80\xEC\x86\x8C\xED\x94\x84\xED\x8A\xB8", "Hangul",
+                "9", "x", ""),
+      checkLine("E-5", "Blank", "Exe", "1", "x", "")};
   TempDir dir;
   FileCheckList list;
   ASSERT_TRUE(list.openWithFileName(
-      dir.writeDataFile(
-          "c.dat",
-          checkListText({
-              checkLine("A-1", "Acme", "editor", "2.0", "Editor.app", "Editor"),
-              checkLine("a-1", "Acme", "Viewer", "1.0", "Viewer", "VIEWER"),
-              checkLine("B-2", "Acme", "Viewer", "1.0", "viewer", "viewer2"),
-              checkLine("C-3", "\xCE\xA3\xCE\x9F\xCE\xA6\xCE\x99\xCE\x91 Soft",
-                        "\xCE\x91\xCE\x92\xCE\x93", "1", "x",
-                        "\xEF\xBC\xA5\xEF\xBC\xA4\xEF\xBC\xA9\xEF\xBC\xB4"),
-              checkLine("D-4", "\xED\x95\x9C\xEA\xB8\x80\xEC\x86\x8C\xED\x94\x84\xED\x8A\xB8",
-                        "Hangul", "9", "x", ""),
-              checkLine("E-5", "Blank", "Exe", "1", "x", ""),
-          })),
+      dir.writeDataFile("c.dat", sections({{"#HEADER", {"2024.05"}}, {"#CHECKLIST", records}})),
       true));
-  struct Case {
-    const char* what;
-    int got;
-    int expected;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, int, int> cases[] = {
       {"property ignores case", list.getIdByProperty("ACME\tEditor\t2.0\tEditor.app"), 0},
       {"property, last of a repeated key", list.getIdByProperty("acme\tviewer\t1.0\tVIEWER"), 2},
       {"property with a part missing", list.getIdByProperty("Acme\teditor\t2.0"), -1},
@@ -179,53 +147,23 @@ TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {
       {"file name unknown", list.getIdByFileName("editor.app"), -1},
       {"identifier is exact", list.getIndex("a-1"), 1},
       {"identifier in other case", list.getIndex("c-3"), -1},
-      {"identifier", list.getIndex("B-2"), 2},
-  };
-  for (const Case& c : cases) EXPECT_EQ(c.got, c.expected) << c.what;
+      {"identifier", list.getIndex("B-2"), 2}};
+  for (const auto& [what, got, expected] : cases) EXPECT_EQ(got, expected) << what;
 }
 
-TEST(FileCheckList, IdentifierIndexIsFrozenAtItsFirstUseWithRecords) {
-  TempDir dir;
-  FileCheckList list;
-  EXPECT_EQ(list.getIndex("A"), -1);  // nothing to index yet: tried again later
-  ASSERT_TRUE(list.openWithFileName(
-      dir.writeDataFile("c.dat", checkListText({checkLine("A", "M", "P", "1", "O", "a")})), true));
-  EXPECT_EQ(list.getIndex("A"), 0);
-  Table* table = list.getTableByTag("#CHECKLIST");
-  ASSERT_EQ(table->insertRecord(checkLine("B", "M", "Q", "1", "O", "b"), "\t"), 1);
-  EXPECT_EQ(list.getIndex("B"), -1);
-  EXPECT_EQ(list.getIdByFileName("b"), -1);  // filled while reading only
-}
-
-TEST(FileCheckList, TracesTheNameAndEveryLineItReads) {
-  TempDir dir;
-  const std::string record = checkLine("A", "M", "P", "1", "O", "a");
-  const std::string path = dir.writeDataFile("c.dat", checkListText({record}));
-  FileCheckList list;
-  LogCapture log;
-  ASSERT_TRUE(list.openWithFileName(path, true));
-  const std::vector<std::string> expected = {path + "\n",       "#HEADER_START\n",    "2024.05\n",
-                                             "#HEADER_END\n",   "#CHECKLIST_START\n", record + "\n",
-                                             "#CHECKLIST_END\n"};
-  std::vector<std::string> traced;
-  for (const std::string& line : log.lines())
-    if (std::find(expected.begin(), expected.end(), line) != expected.end()) traced.push_back(line);
-  EXPECT_EQ(traced, expected);
-}
-
-TEST(FileCheckList, DisplayListsFollowTheRecords) {
+// A list never opened: records inserted are indexed by no look-up but make
+// the display lists, and a save is refused (logged by the check list alone).
+TEST(FileCheckList, RecordsInsertedWithoutAnOpenAndTheRefusedSave) {
   FileCheckList list;
   Table* table = list.getTableByTag("#CHECKLIST");
   table->insertRecord(checkLine("1", "A", "P", "1", "O", "a"), "\t");
   table->insertRecord(checkLine("2", "A", "P", "1", "O", "a"), "\t");
+  EXPECT_EQ(list.getIdByFileName("a"), -1);
   list.initCompanyAndProduct();
   list.initCompanyAndProduct();
   EXPECT_EQ(list.m_pArrCompany(), (std::vector<std::string>{"A Inc.", "A Inc."}));
   EXPECT_EQ(list.m_pArrProduct(), (std::vector<std::string>{"P Pro", "P Pro"}));
-}
 
-TEST(FileCheckList, SaveWithoutAnOpenFileIsRefusedAndLogged) {
-  FileCheckList list;
   LogCapture log;
   EXPECT_FALSE(list.save());
   EXPECT_EQ(log.lines(), std::vector<std::string>{
@@ -233,83 +171,34 @@ TEST(FileCheckList, SaveWithoutAnOpenFileIsRefusedAndLogged) {
   FilePackage package;
   FileFilter filter;
   FileFontList fonts;
-  EXPECT_FALSE(package.save());
-  EXPECT_FALSE(filter.save());
-  EXPECT_FALSE(fonts.save());
+  for (FileFramework* file : std::initializer_list<FileFramework*>{&package, &filter, &fonts})
+    EXPECT_FALSE(file->save());
   EXPECT_EQ(log.lines().size(), 1u);
 }
 
-TEST(FileFilter, MatchesTheJoinedValuesRegardlessOfCase) {
-  TempDir dir;
-  FileFilter filter;
-  ASSERT_TRUE(filter.openWithFileName(
-      dir.writeDataFile("f.dat",
-                        sections({{"#HEADER", {"1"}},
-                                  {"#SWLIST",
-                                   {"Acme\tEditor\t2.0\tEditor", "ACME\tEDITOR\t2.0\teditor",
-                                    "Tab\tin\tvalue\there"}}})),
-      true));
-  EXPECT_EQ(filter.getIdByFilter("acme\teditor\t2.0\teditor"), 1);
-  EXPECT_EQ(filter.getIdByFilter("Tab\tIN\tvalue\tHere"), 2);
-  EXPECT_EQ(filter.getIdByFilter("Acme\tEditor\t2.0"), -1);
-  EXPECT_EQ(filter.getIdByFilter("Acme\tEditor\t2.0\tEditor\t"), -1);
-
-  FileFilter empty;
-  ASSERT_TRUE(empty.openWithFileName(
-      dir.writeDataFile("e.dat", sections({{"#HEADER", {"1"}}, {"#SWLIST", {}}})), true));
-  EXPECT_EQ(empty.getIdByFilter(""), -1);
-  EXPECT_EQ(empty.getIdByFilter("\t\t\t"), -1);
-}
-
-TEST(FileFontList, FileNamesAreCaseBlindAndIdentifiersExact) {
-  TempDir dir;
-  FileFontList fonts;
-  ASSERT_TRUE(fonts.openWithFileName(
-      dir.writeDataFile(
-          "f.dat", checkListText({checkLine("F-1", "Type", "Serif", "1", "S", "Serif.TTF", true),
-                                  checkLine("F-2", "Type", "Sans", "1", "S", "serif.ttf", true),
-                                  checkLine("F-3", "Type", "Mono", "1", "S", "", true)})),
-      true));
-  EXPECT_EQ(fonts.getIdByFileName("SERIF.ttf"), 1);
-  EXPECT_EQ(fonts.getIdByFileName(""), 2);
-  EXPECT_EQ(fonts.getIndex("F-1"), 0);
-  EXPECT_EQ(fonts.getIndex("f-1"), -1);
-}
-
-TEST(FilePackage, DisplayNameShowsOnlyThePlaceholderSubItem) {
+// The display name shows only the placeholder sub-item; the package index
+// is exact, the last of a repeated id wins, and it is built once.
+TEST(FilePackage, DisplayNameAndTheExactPackageIndexBuiltOnce) {
   FilePackage package;
-  package.getTableByTag("#PACKAGE")->insertRecord("P1\tAcme\tOffice\t1\tG\tSuite\t1\tY", "\t");
-  Table* sub = package.getTableByTag("#SUB");
-  sub->insertRecord("P1\t-\t100\tY", "\t");
-  sub->insertRecord("P1\tStandard\t200\tY", "\t");
-  sub->insertRecord("P1\t\t300\tY", "\t");
-  struct Case {
-    int package, sub;
-    std::string expected;
-  };
-  const Case cases[] = {
-      {0, 0, "Office(-)"}, {0, 1, "Office"},  {0, 2, "Office"},
-      {0, 3, "Office"},    {0, -1, "Office"}, {1, 1, Table::kOutOfBounds},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(package.getProductNameByPackageIndex(c.package, c.sub), c.expected)
-        << c.package << "," << c.sub;
-  }
-  FilePackage empty;
-  EXPECT_EQ(empty.getProductNameByPackageIndex(0, 0), Table::kOutOfBounds);
-}
-
-TEST(FilePackage, PackageIndexIsExactLastWinsAndBuiltOnce) {
-  FilePackage package;
+  EXPECT_EQ(package.getProductNameByPackageIndex(0, 0), Table::kOutOfBounds);
   EXPECT_EQ(package.getPackageIndex("P1"), -1);
   Table* table = package.getTableByTag("#PACKAGE");
-  table->insertRecord("P1\tAcme\tOffice\t1\tG\tSuite\t1\tY", "\t");
-  table->insertRecord("P2\tAcme\tDraw\t1\tG\tSuite\t1\tY", "\t");
-  table->insertRecord("P1\tAcme\tOffice 2\t1\tG\tSuite\t1\tY", "\t");
+  for (const char* line :
+       {"P1\tAcme\tOffice\t1\tG\tSuite\t1\tY", "P2\tAcme\tDraw\t1\tG\tSuite\t1\tY",
+        "P1\tAcme\tOffice 2\t1\tG\tSuite\t1\tY"})
+    table->insertRecord(line, "\t");
   EXPECT_EQ(package.getPackageIndex("P1"), 2);
   EXPECT_EQ(package.getPackageIndex("p1"), -1);
   table->insertRecord("P3\tAcme\tNew\t1\tG\tSuite\t1\tY", "\t");
   EXPECT_EQ(package.getPackageIndex("P3"), -1);
+
+  for (const char* line : {"P1\t-\t100\tY", "P1\tStandard\t200\tY", "P1\t\t300\tY"})
+    package.getTableByTag("#SUB")->insertRecord(line, "\t");
+  const std::tuple<int, int, std::string> cases[] = {
+      {0, 0, "Office(-)"}, {0, 1, "Office"},  {0, 2, "Office"},
+      {0, 3, "Office"},    {0, -1, "Office"}, {4, 1, Table::kOutOfBounds}};
+  for (const auto& [index, sub, expected] : cases)
+    EXPECT_EQ(package.getProductNameByPackageIndex(index, sub), expected) << index << "," << sub;
 
   // The package ids are one dictionary, made on first use.
   package.getPackageIds()["P1"] = PlistValue::integer(1);

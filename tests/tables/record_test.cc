@@ -22,40 +22,27 @@ TEST(Record, SplitsLongLinesAtEveryTabAndNothingElse) {
     for (std::size_t n = round == 0 ? 0 : rng() % 70; n > 0; --n)
       line += alphabet[rng() % sizeof alphabet];
     std::vector<std::string> expected(1);
-    for (char c : line) {
-      if (c == '\t')
-        expected.emplace_back();
-      else
-        expected.back() += c;
-    }
-    SCOPED_TRACE(::testing::PrintToString(line));
-    ASSERT_EQ(Record::fromTabbedLine(line), Record(expected));
-    ASSERT_EQ(Record::fromTabbedLine(line, expected.size()), Record(expected));
-    ASSERT_FALSE(Record::fromTabbedLine(line, expected.size() + 1));
-    if (expected.size() > 1) {
-      ASSERT_FALSE(Record::fromTabbedLine(line, expected.size() - 1));
-    }
+    for (char c : line) c == '\t' ? expected.emplace_back() : expected.back() += c;
+    const std::size_t n = expected.size();
+    ASSERT_EQ(Record::fromTabbedLine(line), Record(expected)) << ::testing::PrintToString(line);
+    ASSERT_EQ(Record::fromTabbedLine(line, n), Record(expected));
+    ASSERT_FALSE(Record::fromTabbedLine(line, n + 1));
+    ASSERT_TRUE(n == 1 || !Record::fromTabbedLine(line, n - 1));
   }
   EXPECT_FALSE(Record::fromTabbedLine("", 0));
-  EXPECT_TRUE(Record().empty());
   EXPECT_EQ(Record().tabbedText(), "");
   EXPECT_NE(Record(), Record{""});  // no value is not one empty value
 }
 
-TEST(Record, AValueHoldingATabStaysOneValueAndJoinsBack) {
+// A value may hold a tab; edits change only their own copy.
+TEST(Record, EditsChangeOnlyTheirOwnCopy) {
   Record record = Record::fromTabbedLine("id\tAcme\tTool\t1.0\ttool.exe");
   record.set(2, "Big\tTool");
-  EXPECT_EQ(record.size(), 5u);
-  EXPECT_EQ(record[2], "Big\tTool");
-  EXPECT_EQ(record[3], "1.0");
   EXPECT_EQ(record.tabbedText(), "id\tAcme\tBig\tTool\t1.0\ttool.exe");
   EXPECT_EQ(record.joined(1, 3), "Acme\tBig\tTool\t1.0");
-  EXPECT_EQ(record.joined(4, 4), "tool.exe");
   EXPECT_EQ(record.values(),
             (std::vector<std::string>{"id", "Acme", "Big\tTool", "1.0", "tool.exe"}));
-}
 
-TEST(Record, EditsChangeOnlyTheirOwnCopy) {
   const Record original{"1", "2", "3"};
   Record copy = original;
   copy.set(0, copy[1]);  // a value of the record itself
@@ -64,15 +51,11 @@ TEST(Record, EditsChangeOnlyTheirOwnCopy) {
   EXPECT_EQ(original, (Record{"1", "2", "3"}));
   copy.resize(4, "-");
   EXPECT_EQ(copy, (Record{"2", "2", "-", "-"}));
-  copy.resize(1, "-");
-  EXPECT_EQ(copy, Record{"2"});
   copy = original;
   EXPECT_EQ(copy, original);
   EXPECT_THROW(copy.set(3, "x"), std::out_of_range);
   EXPECT_THROW(copy.at(3), std::out_of_range);
   EXPECT_THROW(copy.erase(3), std::out_of_range);
-  copy.clear();
-  EXPECT_EQ(copy.size(), 0u);
 }
 
 }  // namespace
