@@ -9,26 +9,17 @@
 namespace quarvel {
 namespace {
 
-struct Pair {
-  const char* a;
-  const char* b;
-  int order;
-};
-
 int sign(int v) { return (v > 0) - (v < 0); }
 
-// Each pair is checked both ways and through the sort keys as well.
-void expectOrder(const std::vector<Pair>& pairs) {
-  for (const Pair& p : pairs) {
-    SCOPED_TRACE(std::string("\"") + p.a + "\" vs \"" + p.b + "\"");
-    EXPECT_EQ(compareCaselessNumeric(p.a, p.b), p.order);
-    EXPECT_EQ(compareCaselessNumeric(p.b, p.a), -p.order);
-    EXPECT_EQ(sign(caselessNumericSortKey(p.a).compare(caselessNumericSortKey(p.b))), p.order);
-  }
-}
-
-TEST(TextCompare, DigitRunsCompareByValue) {
-  expectOrder({
+// Digit runs compare by value; case folding is full but literal; stray
+// bytes keep their place. Each pair is checked both ways and through the
+// sort keys as well.
+TEST(TextCompare, OrdersPairsBothWaysAndThroughTheSortKeys) {
+  const struct {
+    const char* a;
+    const char* b;
+    int order;
+  } pairs[] = {
       {"a2", "a10", -1},
       {"x9y", "x10y", -1},
       {"v1.2.10", "v1.2.9", 1},
@@ -42,11 +33,6 @@ TEST(TextCompare, DigitRunsCompareByValue) {
       {"12", "1a", 1},
       {"1", "1a", -1},
       {"\xEF\xBC\x91", "2", 1},  // a fullwidth digit is an ordinary character
-  });
-}
-
-TEST(TextCompare, CaseFoldingIsFullButLiteralAndStrayBytesKeepTheirPlace) {
-  expectOrder({
       {"abc", "ABC", 0},
       {"xyz", "XYZ", 0},
       {"@", "`", -1},
@@ -76,7 +62,13 @@ TEST(TextCompare, CaseFoldingIsFullButLiteralAndStrayBytesKeepTheirPlace) {
       {"\xFF", "\xEF\xBF\xBD", -1},  // U+DCFF before U+FFFD
       {"a\xC3", "a", 1},
       {"a\xC3", "a\xC3", 0},
-  });
+  };
+  for (const auto& p : pairs) {
+    EXPECT_EQ(compareCaselessNumeric(p.a, p.b), p.order) << p.a << " vs " << p.b;
+    EXPECT_EQ(compareCaselessNumeric(p.b, p.a), -p.order) << p.a << " vs " << p.b;
+    EXPECT_EQ(sign(caselessNumericSortKey(p.a).compare(caselessNumericSortKey(p.b))), p.order)
+        << p.a << " vs " << p.b;
+  }
 }
 
 // The sort keys must order exactly as the comparison on any mix of the
@@ -94,10 +86,10 @@ TEST(TextCompare, SortKeysAgreeWithComparisonOnRandomText) {
   };
   for (int i = 0; i < 20000; ++i) {
     const std::string a = make(), b = make();
-    SCOPED_TRACE("\"" + a + "\" vs \"" + b + "\"");
     const int expected = compareCaselessNumeric(a, b);
-    ASSERT_EQ(sign(caselessNumericSortKey(a).compare(caselessNumericSortKey(b))), expected);
-    ASSERT_EQ(compareCaselessNumeric(b, a), -expected);
+    ASSERT_EQ(sign(caselessNumericSortKey(a).compare(caselessNumericSortKey(b))), expected)
+        << a << " vs " << b;
+    ASSERT_EQ(compareCaselessNumeric(b, a), -expected) << a << " vs " << b;
   }
 }
 
