@@ -121,11 +121,9 @@ TEST(CommonLibFilesTest, MkdirsMakesTheChainAndTheLastFolderOnlyWhenAsked) {
   while (deep.size() < 1100) deep += "/" + std::string(200, 'p');
   const std::string cut = deep.substr(0, 1024);
   ASSERT_NE(cut.back(), '/');
-  struct Case {
-    std::string path;
-    bool last;
-    std::string made, absent;
-  } cases[] = {
+  // The path, whether to make its last component, a folder then there and a
+  // path then absent.
+  const std::tuple<std::string, bool, std::string, std::string> cases[] = {
       {dir / "a/b/c", true, dir / "a/b/c", ""},
       {dir / "d/e/file.dat", false, dir / "d/e", dir / "d/e/file.dat"},
       {dir / "f/g/", false, dir / "f/g", ""},        // a trailing '/' makes the last
@@ -133,14 +131,14 @@ TEST(CommonLibFilesTest, MkdirsMakesTheChainAndTheLastFolderOnlyWhenAsked) {
       {deep, false, cut.substr(0, cut.rfind('/')), cut},
       {deep, true, cut, cut + "p"},
   };
-  for (const Case& c : cases) {
+  for (const auto& [path, last, made, absent] : cases) {
     // In a heap block of exactly its size, so that the address sanitizer
     // catches a read past the end.
-    auto copy = std::make_unique<char[]>(c.path.size() + 1);
-    std::memcpy(copy.get(), c.path.c_str(), c.path.size() + 1);
-    CommonLib::mkdirs(copy.get(), c.last);
-    EXPECT_TRUE(c.made.empty() || CommonLib::isDirectory(c.made.c_str())) << c.made;
-    EXPECT_TRUE(c.absent.empty() || !CommonLib::isExists(c.absent.c_str())) << c.absent;
+    auto copy = std::make_unique<char[]>(path.size() + 1);
+    std::memcpy(copy.get(), path.c_str(), path.size() + 1);
+    CommonLib::mkdirs(copy.get(), last);
+    EXPECT_TRUE(made.empty() || CommonLib::isDirectory(made.c_str())) << made;
+    EXPECT_TRUE(absent.empty() || !CommonLib::isExists(absent.c_str())) << absent;
   }
   EXPECT_EQ(fs::status(dir / "a/b").permissions() & fs::perms::owner_all, fs::perms::owner_all);
   CommonLib::mkdirs(nullptr);

@@ -223,12 +223,9 @@ TEST(FileReplacement, AWriteThatStoresNothingFailsAndAnInterruptedOneIsRetried) 
 // answers false for and leaves alone.
 TEST(FileReplacement, PermissionsBindAnUnprivilegedWriter) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
-  struct Case {
-    const char* name;
-    mode_t fileMode, folderMode;
-    uid_t owner;
-    bool answer;
-  } cases[] = {
+  // What is in the way, the file's mode (0: none), the folder's, the file's
+  // owner, and whether the writer may replace it.
+  const std::tuple<const char*, mode_t, mode_t, uid_t, bool> cases[] = {
       {"read-only file", 0444, 0777, 65534, false},
       {"writable file, read-only folder", 0666, 0555, 0, true},
       {"new file, read-only folder", 0, 0555, 0, false},
@@ -237,28 +234,28 @@ TEST(FileReplacement, PermissionsBindAnUnprivilegedWriter) {
       {"own set-group-id file", 02755, 0777, 65534, true},
       {"writable file, sticky folder", 0666, 01777, 0, true},
   };
-  for (const Case& c : cases) {
+  for (const auto& [name, fileMode, folderMode, owner, answer] : cases) {
     ScratchDir dir;
     const std::string folder = dir / "d", path = dir / "d/f";
     fs::create_directory(folder);
-    if (c.fileMode) {
+    if (fileMode) {
       put(path, "old");
-      ASSERT_EQ(::chown(path.c_str(), c.owner, c.owner), 0);
-      ASSERT_EQ(::chmod(path.c_str(), c.fileMode), 0);
+      ASSERT_EQ(::chown(path.c_str(), owner, owner), 0);
+      ASSERT_EQ(::chmod(path.c_str(), fileMode), 0);
     }
-    ASSERT_EQ(::chmod(folder.c_str(), c.folderMode), 0);
+    ASSERT_EQ(::chmod(folder.c_str(), folderMode), 0);
     const ino_t inode = statOf(path).st_ino;
     const int status = inChild([&] {
       if (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0) return 2;
       return FileReplacement::replace(path, "new") ? 0 : 1;
     });
-    EXPECT_EQ(status, c.answer ? 0 : 1) << c.name;
-    EXPECT_EQ(readFile(path), c.answer ? "new" : c.fileMode ? "old" : "<missing>") << c.name;
-    EXPECT_TRUE(!c.fileMode || (statOf(path).st_mode & 07777) == c.fileMode) << c.name;
-    EXPECT_TRUE((c.answer && c.folderMode == 0777) || statOf(path).st_ino == inode)
+    EXPECT_EQ(status, answer ? 0 : 1) << name;
+    EXPECT_EQ(readFile(path), answer ? "new" : fileMode ? "old" : "<missing>") << name;
+    EXPECT_TRUE(!fileMode || (statOf(path).st_mode & 07777) == fileMode) << name;
+    EXPECT_TRUE((answer && folderMode == 0777) || statOf(path).st_ino == inode)
         << "written in place or not at all";
     EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()),
-              c.fileMode ? 1 : 0)
+              fileMode ? 1 : 0)
         << "no temporary left";
   }
 }

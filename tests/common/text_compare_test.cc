@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "common/TextCompare.h"
 
 namespace quarvel {
@@ -11,11 +13,7 @@ int sign(int v) { return (v > 0) - (v < 0); }
 // bytes keep their place. Each pair is checked both ways and through the
 // sort keys as well.
 TEST(TextCompare, OrdersPairsBothWaysAndThroughTheSortKeys) {
-  const struct {
-    const char* a;
-    const char* b;
-    int order;
-  } pairs[] = {
+  const std::tuple<const char*, const char*, int> pairs[] = {
       {"a2", "a10", -1},
       {"v1.2.10", "v1.2.9", 1},
       {"A1B2", "a01b02", 0},
@@ -61,11 +59,11 @@ TEST(TextCompare, OrdersPairsBothWaysAndThroughTheSortKeys) {
        "B",
        -1},
   };
-  for (const auto& p : pairs) {
-    EXPECT_EQ(compareCaselessNumeric(p.a, p.b), p.order) << p.a << " vs " << p.b;
-    EXPECT_EQ(compareCaselessNumeric(p.b, p.a), -p.order) << p.a << " vs " << p.b;
-    EXPECT_EQ(sign(caselessNumericSortKey(p.a).compare(caselessNumericSortKey(p.b))), p.order)
-        << p.a << " vs " << p.b;
+  for (const auto& [a, b, order] : pairs) {
+    EXPECT_EQ(compareCaselessNumeric(a, b), order) << a << " vs " << b;
+    EXPECT_EQ(compareCaselessNumeric(b, a), -order) << a << " vs " << b;
+    EXPECT_EQ(sign(caselessNumericSortKey(a).compare(caselessNumericSortKey(b))), order)
+        << a << " vs " << b;
   }
 }
 
