@@ -4,12 +4,10 @@
 #include <unicode/normalizer2.h>
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
-#include <unicode/ustring.h>
-#include <unicode/utf16.h>
 
 #include <algorithm>
 #include <memory>
-#include <stdexcept>
+#include <optional>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -19,245 +17,161 @@
 namespace quarvel::foldref {
 namespace {
 
-constexpr UChar32 kZwj = 0x200D;
-constexpr UChar32 kCgj = 0x034F;
+// Text as code points: the search steps by code point, and the text is
+// well-formed (the UTF-8 decoder replaced what was not).
+using Text = std::u32string;
 
-bool isExtending(UChar32 c) {
+Text toText(const icu::UnicodeString& s) {
+  Text out;
+  for (int32_t i = 0; i < s.length(); i = s.moveIndex32(i, 1)) out += char32_t(s.char32At(i));
+  return out;
+}
+Text toText(std::u16string_view s) {
+  return toText(icu::UnicodeString(false, s.data(), static_cast<int32_t>(s.size())));
+}
+icu::UnicodeString toIcu(const Text& s) {
+  return icu::UnicodeString::fromUTF32(reinterpret_cast<const UChar32*>(s.data()),
+                                       static_cast<int32_t>(s.size()));
+}
+
+bool isExtending(char32_t c) {
   return u_hasBinaryProperty(c, UCHAR_GRAPHEME_EXTEND) || (c >= 0x1F3FB && c <= 0x1F3FF);
 }
 
-bool isConjoiningJamo(UChar32 c) {
-  return (c >= 0x1100 && c <= 0x11FF) || (c >= 0xA960 && c <= 0xA97F) ||
-         (c >= 0xD7B0 && c <= 0xD7FF);
-}
-
-bool isSymbolOrNumber(UChar32 c) {
-  const auto mask = U_GET_GC_MASK(c);
-  return (mask & (U_GC_S_MASK | U_GC_N_MASK)) != 0;
-}
-
-// What the search needs to know of one code point. Pure functions of the
-// code point, so they are computed once and remembered.
-struct CodePointInfo {
-  bool extending = false;
-  std::u32string decomposition;  // NFD
-  std::u32string leadForm;       // NFD, first code point case-folded
+// What the search needs to know of one code point, remembered once computed.
+struct Info {
+  bool extending;
+  Text decomposition;  // NFD
+  Text leadForm;       // NFD, its first code point case-folded when in the BMP
 };
 
-std::u32string toCodePoints(const icu::UnicodeString& s) {
-  std::u32string out;
-  for (int32_t i = 0; i < s.length();) {
-    UChar32 c = s.char32At(i);
-    out.push_back(static_cast<char32_t>(c));
-    i += U16_LENGTH(c);
-  }
-  return out;
-}
-
-const CodePointInfo& infoOf(UChar32 c) {
-  thread_local std::unordered_map<UChar32, CodePointInfo> cache;
-  auto found = cache.find(c);
-  if (found != cache.end()) return found->second;
-
+const Info& infoOf(char32_t c) {
+  thread_local std::unordered_map<char32_t, Info> cache;
+  if (auto found = cache.find(c); found != cache.end()) return found->second;
   UErrorCode status = U_ZERO_ERROR;
-  const icu::Normalizer2* nfd = icu::Normalizer2::getNFDInstance(status);
-  if (U_FAILURE(status)) throw std::runtime_error("no NFD data");
-  CodePointInfo info;
-  info.extending = isExtending(c);
-  icu::UnicodeString decomposed;
-  if (!nfd->getDecomposition(c, decomposed)) decomposed = icu::UnicodeString(c);
-  info.decomposition = toCodePoints(decomposed);
-  info.leadForm = info.decomposition;
-  UChar32 first = static_cast<UChar32>(info.decomposition.front());
-  if (first <= 0xFFFF) {  // the search folds BMP characters only
-    UChar in[2] = {static_cast<UChar>(first), 0};
-    UChar folded[8];
-    int32_t n = u_strFoldCase(folded, 8, in, 1, U_FOLD_CASE_DEFAULT, &status);
-    if (U_FAILURE(status)) throw std::runtime_error("case folding failed");
-    std::u32string lead = toCodePoints(icu::UnicodeString(folded, n));
-    info.leadForm = lead + info.decomposition.substr(1);
+  icu::UnicodeString nfd;
+  if (!icu::Normalizer2::getNFDInstance(status)->getDecomposition(UChar32(c), nfd)) {
+    nfd = icu::UnicodeString(UChar32(c));
+  }
+  Info info{isExtending(c), toText(nfd), toText(nfd)};
+  if (info.decomposition[0] <= 0xFFFF) {
+    info.leadForm = toText(icu::UnicodeString(UChar32(info.decomposition[0])).foldCase()) +
+                    info.decomposition.substr(1);
   }
   return cache.emplace(c, std::move(info)).first->second;
 }
 
-UChar32 codePointAt(std::u16string_view s, std::size_t i) {
-  UChar32 c;
-  std::size_t j = i;
-  U16_NEXT(s.data(), j, s.size(), c);
-  return c;
-}
-
-std::size_t nextIndex(std::u16string_view s, std::size_t i) {
-  U16_FWD_1(s.data(), i, s.size());
-  return i;
-}
-
-// Expands the folded unit whose lead is at `i`; answers the index after it.
-std::size_t expandUnit(std::u16string_view s, std::size_t i, std::vector<char32_t>& out,
-                       UChar32& lastCodePoint) {
-  out.clear();
-  UChar32 lead = codePointAt(s, i);
-  const auto& leadInfo = infoOf(lead);
-  out.assign(leadInfo.leadForm.begin(), leadInfo.leadForm.end());
-  lastCodePoint = lead;
-  i = nextIndex(s, i);
-  while (i < s.size()) {
-    UChar32 c = codePointAt(s, i);
-    const auto& info = infoOf(c);
-    if (!info.extending) break;
-    out.insert(out.end(), info.decomposition.begin(), info.decomposition.end());
-    lastCodePoint = c;
-    i = nextIndex(s, i);
+// Expands the folded unit whose lead is at `i` into `out`; answers the index
+// after it.
+std::size_t expandUnit(const Text& s, std::size_t i, Text& out, char32_t& lastCodePoint) {
+  out = infoOf(s[i]).leadForm;
+  for (lastCodePoint = s[i++]; i < s.size() && infoOf(s[i]).extending; lastCodePoint = s[i++]) {
+    out += infoOf(s[i]).decomposition;
   }
   // Canonical order for the marks after the last non-extending element.
   auto firstMark = out.begin();
   for (auto it = out.begin(); it != out.end(); ++it) {
-    if (!infoOf(static_cast<UChar32>(*it)).extending) firstMark = it + 1;
+    if (!infoOf(*it).extending) firstMark = it + 1;
   }
   std::stable_sort(firstMark, out.end(), [](char32_t a, char32_t b) {
-    return u_getCombiningClass(static_cast<UChar32>(a)) <
-           u_getCombiningClass(static_cast<UChar32>(b));
+    return u_getCombiningClass(a) < u_getCombiningClass(b);
   });
   return i;
 }
 
-class Matcher {
- public:
-  Matcher(std::u16string_view text, std::u16string_view target) : text_(text), target_(target) {}
+// One pass over one text.
+struct Pass {
+  const Text& text;
+  const Text& target;
+  icu::UnicodeString utf16;  // the text again, for the break iterator
+  std::unique_ptr<icu::BreakIterator> breaks;
+
+  bool isClusterBoundary(std::size_t index) {
+    if (!breaks) {
+      UErrorCode status = U_ZERO_ERROR;
+      breaks.reset(icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
+      utf16 = toIcu(text);
+      breaks->setText(utf16);
+    }
+    return breaks->isBoundary(utf16.moveIndex32(0, static_cast<int32_t>(index)));
+  }
 
   // The end of a match starting at `start`, if there is one.
   std::optional<std::size_t> matchAt(std::size_t start) {
-    std::size_t ti = start;
-    std::size_t pi = 0;
-    std::size_t tPos = 0;  // consumed part of textUnit_
-    std::size_t pPos = 0;  // consumed part of targetUnit_
-    textUnit_.clear();
-    targetUnit_.clear();
-    std::size_t lastUnitStart = start;
-    UChar32 lastCodePoint = 0;
-    UChar32 ignored = 0;
+    std::size_t ti = start, pi = 0, lastUnitStart = start;
+    Text textUnit, targetUnit;
+    std::size_t tPos = 0, pPos = 0;  // consumed parts of the units
+    char32_t lastCodePoint = 0, ignored = 0;
     for (;;) {
-      const bool textPending = tPos < textUnit_.size();
-      const bool targetPending = pPos < targetUnit_.size();
-      if (!targetPending && pi == target_.size()) break;
+      const bool textPending = tPos < textUnit.size(), targetPending = pPos < targetUnit.size();
+      if (!targetPending && pi == target.size()) break;
+      if (!textPending && ti == text.size()) return std::nullopt;
       if (!textPending && !targetPending) {
-        if (ti == text_.size()) return std::nullopt;
-        UChar32 tc = codePointAt(text_, ti);
-        UChar32 pc = codePointAt(target_, pi);
-        if (tc == pc) {
+        if (text[ti] == target[pi]) {
           lastUnitStart = ti;
-          lastCodePoint = tc;
-          ti = nextIndex(text_, ti);
-          pi = nextIndex(target_, pi);
+          lastCodePoint = text[ti++];
+          ++pi;
           continue;
         }
         // Units led by a non-extending code point begin with its lead form,
         // so a differing first element settles it without the expansion.
-        const auto& tInfo = infoOf(tc);
-        const auto& pInfo = infoOf(pc);
-        if (!tInfo.extending && !pInfo.extending && tInfo.leadForm[0] != pInfo.leadForm[0]) {
-          return std::nullopt;
-        }
+        const Info &t = infoOf(text[ti]), &p = infoOf(target[pi]);
+        if (!t.extending && !p.extending && t.leadForm[0] != p.leadForm[0]) return std::nullopt;
+      }
+      if (!textPending) {
         lastUnitStart = ti;
-        ti = expandUnit(text_, ti, textUnit_, lastCodePoint);
-        pi = expandUnit(target_, pi, targetUnit_, ignored);
-        tPos = pPos = 0;
-      } else if (!textPending) {
-        if (ti == text_.size()) return std::nullopt;
-        lastUnitStart = ti;
-        ti = expandUnit(text_, ti, textUnit_, lastCodePoint);
+        ti = expandUnit(text, ti, textUnit, lastCodePoint);
         tPos = 0;
-      } else if (!targetPending) {
-        pi = expandUnit(target_, pi, targetUnit_, ignored);
+      }
+      if (!targetPending) {
+        pi = expandUnit(target, pi, targetUnit, ignored);
         pPos = 0;
       }
-      if (textUnit_[tPos] != targetUnit_[pPos]) return std::nullopt;
-      ++tPos;
-      ++pPos;
+      if (textUnit[tPos++] != targetUnit[pPos++]) return std::nullopt;
     }
-    if (tPos < textUnit_.size()) return std::nullopt;  // ends inside an expansion
-    const UChar32 next = ti < text_.size() ? codePointAt(text_, ti) : U_SENTINEL;
-    if (next != U_SENTINEL && isExtending(next) && !isSymbolOrNumber(lastCodePoint)) {
-      return std::nullopt;
-    }
-    const UChar32 lastLead = codePointAt(text_, lastUnitStart);
-    if (lastLead == kZwj || lastLead == kCgj || isConjoiningJamo(lastLead) ||
-        u_getCombiningClass(lastLead) == 9 || next == kCgj) {
-      if (!isClusterBoundary(ti)) return std::nullopt;
-    }
+    if (tPos < textUnit.size()) return std::nullopt;  // ends inside an expansion
+    const char32_t next = ti < text.size() ? text[ti] : 0;
+    const bool symbolOrNumber = (U_GET_GC_MASK(lastCodePoint) & (U_GC_S_MASK | U_GC_N_MASK)) != 0;
+    if (isExtending(next) && !symbolOrNumber) return std::nullopt;
+    const char32_t lead = text[lastUnitStart];
+    const bool jamo = (lead >= 0x1100 && lead <= 0x11FF) || (lead >= 0xA960 && lead <= 0xA97F) ||
+                      (lead >= 0xD7B0 && lead <= 0xD7FF);
+    const bool joiner = lead == 0x200D || lead == 0x034F || u_getCombiningClass(lead) == 9;
+    if ((joiner || jamo || next == 0x034F) && !isClusterBoundary(ti)) return std::nullopt;
     return ti;
   }
-
- private:
-  bool isClusterBoundary(std::size_t index) {
-    if (!breaks_) {
-      UErrorCode status = U_ZERO_ERROR;
-      breaks_.reset(icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
-      if (U_FAILURE(status)) throw std::runtime_error("no grapheme break data");
-      textCopy_.setTo(false, text_.data(), static_cast<int32_t>(text_.size()));
-      breaks_->setText(textCopy_);
-    }
-    return breaks_->isBoundary(static_cast<int32_t>(index));
-  }
-
-  std::u16string_view text_;
-  std::u16string_view target_;
-  std::vector<char32_t> textUnit_;
-  std::vector<char32_t> targetUnit_;
-  icu::UnicodeString textCopy_;
-  std::unique_ptr<icu::BreakIterator> breaks_;
 };
+
+// Every match, found left to right on the original text, replaced at once.
+Text replaceAll(const Text& text, const Text& target, const Text& replacement) {
+  Pass pass{text, target, {}, {}};
+  Text out;
+  std::size_t copied = 0;
+  for (std::size_t start = 0; start < text.size();) {
+    if (auto end = pass.matchAt(start)) {
+      out += text.substr(copied, start - copied) + replacement;
+      copied = start = *end;
+    } else {
+      ++start;
+    }
+  }
+  return out + text.substr(copied);
+}
 
 }  // namespace
 
-std::optional<FoldMatch> findFolded(std::u16string_view text, std::u16string_view target,
-                                    std::size_t from) {
-  if (target.empty()) return std::nullopt;
-  Matcher matcher(text, target);
-  for (std::size_t start = from; start < text.size(); start = nextIndex(text, start)) {
-    if (auto end = matcher.matchAt(start)) return FoldMatch{start, *end - start};
-  }
-  return std::nullopt;
-}
-
-std::u16string replaceAllFolded(std::u16string_view text, std::u16string_view target,
-                                std::u16string_view replacement) {
-  if (target.empty()) return std::u16string(text);
-  Matcher matcher(text, target);
-  std::u16string out;
-  std::size_t copied = 0;
-  std::size_t start = 0;
-  while (start < text.size()) {
-    if (auto end = matcher.matchAt(start)) {
-      out.append(text.substr(copied, start - copied));
-      out.append(replacement);
-      copied = start = *end;
-    } else {
-      start = nextIndex(text, start);
-    }
-  }
-  out.append(text.substr(copied));
-  return out;
-}
-
 std::string referenceFold(std::string_view utf8) {
-  std::u16string text = toUtf16(utf8);
-  for (const auto& row : folding::kFoldingRows) {
-    text = replaceAllFolded(text, row.target, row.replacement);
-  }
-  return toUtf8(text);
-}
-
-std::u16string toUtf16(std::string_view utf8) {
-  icu::UnicodeString s = icu::UnicodeString::fromUTF8(
-      icu::StringPiece(utf8.data(), static_cast<int32_t>(utf8.size())));
-  return std::u16string(s.getBuffer(), static_cast<std::size_t>(s.length()));
-}
-
-std::string toUtf8(std::u16string_view utf16) {
+  static const auto rows = [] {
+    std::vector<std::pair<Text, Text>> out;
+    for (const auto& row : folding::kFoldingRows)
+      out.emplace_back(toText(row.target), toText(row.replacement));
+    return out;
+  }();
+  Text text = toText(icu::UnicodeString::fromUTF8(
+      icu::StringPiece(utf8.data(), static_cast<int32_t>(utf8.size()))));
+  for (const auto& [target, replacement] : rows) text = replaceAll(text, target, replacement);
   std::string out;
-  icu::UnicodeString(false, utf16.data(), static_cast<int32_t>(utf16.size())).toUTF8String(out);
-  return out;
+  return toIcu(text).toUTF8String(out);
 }
 
 }  // namespace quarvel::foldref

@@ -77,7 +77,6 @@ TEST(FileReplacement, ReplacesWhatAWriteThroughThePathWouldReach) {
       {{{longName, ""}}, longName, true, longName},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.path + " " + ::testing::PrintToString(c.entries).substr(0, 80));
     ScratchDir dir;
     std::set<std::string> names;
     for (const auto& [name, what] : c.entries) {
@@ -89,11 +88,9 @@ TEST(FileReplacement, ReplacesWhatAWriteThroughThePathWouldReach) {
     }
     if (!c.reaches.empty()) names.insert(c.reaches);
     LogCapture log;
-    EXPECT_EQ(FileReplacement::replace(dir / c.path, "new"), c.answer);
-    EXPECT_EQ(log.lines().size(), c.answer ? 0u : 1u);
-    if (!c.reaches.empty()) {
-      EXPECT_EQ(readFile(dir / c.reaches), "new");
-    }
+    EXPECT_EQ(FileReplacement::replace(dir / c.path, "new"), c.answer) << c.path;
+    EXPECT_EQ(log.lines().size(), c.answer ? 0u : 1u) << c.path;
+    EXPECT_TRUE(c.reaches.empty() || readFile(dir / c.reaches) == "new") << c.path;
     EXPECT_EQ(dir.names(), names) << "no temporary left";
     for (const auto& [name, what] : c.entries)
       EXPECT_EQ(fs::is_symlink(dir / name), what.size() > 1 && what[1] == '>') << name;
@@ -104,7 +101,6 @@ TEST(FileReplacement, KeepsModeAndOwnerAndCreatesWithTheUmask) {
   ScratchDir dir;
   const bool root = ::geteuid() == 0;
   for (mode_t mode : {0640, 0755, 0444, 0600, 02755, 04711}) {
-    SCOPED_TRACE(mode);
     if (!root && !(mode & 0200)) continue;  // only root may write it
     const std::string path = dir / "f";
     put(path, "old", mode);
@@ -115,19 +111,18 @@ TEST(FileReplacement, KeepsModeAndOwnerAndCreatesWithTheUmask) {
     const struct stat before = statOf(path);
     ASSERT_TRUE(FileReplacement::replace(path, "new"));
     const struct stat after = statOf(path);
-    EXPECT_EQ(after.st_mode & 07777, before.st_mode & 07777);
-    EXPECT_EQ(after.st_uid, before.st_uid);
-    EXPECT_EQ(after.st_gid, before.st_gid);
+    EXPECT_EQ(std::tuple(after.st_mode & 07777, after.st_uid, after.st_gid),
+              std::tuple(before.st_mode & 07777, before.st_uid, before.st_gid))
+        << mode;
     EXPECT_NE(after.st_ino, before.st_ino) << "replaced by rename";
   }
   // A new file: `newFileMode` less the umask.
   for (auto [mask, newFileMode, mode] : {std::tuple{022, 0666, 0644}, {077, 0666, 0600}}) {
-    SCOPED_TRACE(mask);
     const std::string path = dir / ("n" + std::to_string(mask));
     const mode_t saved = ::umask(mask);
     EXPECT_TRUE(FileReplacement::replace(path, "new", newFileMode));
     ::umask(saved);
-    EXPECT_EQ(statOf(path).st_mode & 07777, static_cast<mode_t>(mode));
+    EXPECT_EQ(statOf(path).st_mode & 07777, static_cast<mode_t>(mode)) << mask;
   }
 }
 
@@ -141,11 +136,8 @@ TEST(FileReplacement, RefusesSpecialFilesWithoutBlocking) {
   ASSERT_EQ(::bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   ::close(sock);
   fs::create_symlink("/dev/null", dir / "null");
-  for (const char* name : {"pipe", "sock", "null"}) {
-    SCOPED_TRACE(name);
-    const std::string path = dir / name;
-    EXPECT_EQ(inChild([&] { return FileReplacement::replace(path, "new") ? 0 : 1; }), 1);
-  }
+  for (const char* name : {"pipe", "sock", "null"})
+    EXPECT_EQ(inChild([&] { return FileReplacement::replace(dir / name, "new") ? 0 : 1; }), 1);
   EXPECT_EQ(dir.names(), (std::set<std::string>{"pipe", "sock", "null"}));
 }
 
@@ -179,7 +171,6 @@ TEST(FileReplacement, AFailedReplacementLeavesTheOldFileAndHardLinksStayLinked) 
   put(dir / "h", "old");
   ASSERT_EQ(::link((dir / "h").c_str(), (dir / "h2").c_str()), 0);
   for (const std::string& path : {dir / "f", dir / "h"}) {
-    SCOPED_TRACE(path);
     EXPECT_EQ(inChild([&] {
                 ::signal(SIGXFSZ, SIG_IGN);
                 rlimit limit{};
@@ -189,7 +180,7 @@ TEST(FileReplacement, AFailedReplacementLeavesTheOldFileAndHardLinksStayLinked) 
                 return FileReplacement::replace(path, std::string(4096, 'x')) ? 0 : 1;
               }),
               1);
-    EXPECT_EQ(readFile(path), "old");
+    EXPECT_EQ(readFile(path), "old") << path;
     FileReplacement replacement(path);
     ASSERT_TRUE(replacement.write("n") && replacement.write("e"));
     EXPECT_EQ(readFile(path), "old") << "untouched until commit";
@@ -203,36 +194,28 @@ TEST(FileReplacement, AFailedReplacementLeavesTheOldFileAndHardLinksStayLinked) 
 
 // A write that stores nothing is a full disk, not a reason to try again for
 // ever; one interrupted by a signal is tried again.
-class StallingWrites : public PlatformWrapper {
- public:
-  explicit StallingWrites(bool interruptOnce) : interruptOnce_(interruptOnce) {}
+struct StallingWrites : PlatformWrapper {
+  explicit StallingWrites(bool interruptOnce) : interruptOnce(interruptOnce) {}
   ssize_t write(int fd, const void* data, std::size_t size) override {
-    if (!interruptOnce_) return 0;
-    if (!interrupted_.exchange(true)) return errno = EINTR, -1;
+    if (!interruptOnce) return 0;
+    if (!interrupted.exchange(true)) return errno = EINTR, -1;
     return PlatformWrapper::write(fd, data, size);
   }
-
- private:
-  bool interruptOnce_;
-  std::atomic<bool> interrupted_{false};
+  bool interruptOnce;
+  std::atomic<bool> interrupted{false};
 };
 
 TEST(FileReplacement, AWriteThatStoresNothingFailsAndAnInterruptedOneIsRetried) {
-  struct Case {
-    bool interruptOnce;
-    int status;  // of the child: 0 replaced, 1 refused
-    const char* after;
-  };
-  for (const Case& c : {Case{false, 1, "old"}, Case{true, 0, "new"}}) {
-    SCOPED_TRACE(c.interruptOnce ? "interrupted once" : "stores nothing");
+  // The child's status: 0 replaced, 1 refused.
+  for (auto [interruptOnce, status, after] : {std::tuple{false, 1, "old"}, {true, 0, "new"}}) {
     ScratchDir dir;
     put(dir / "f", "old");
-    EXPECT_EQ(inChild([&] {
-                testing::ScopedPlatform scope(std::make_shared<StallingWrites>(c.interruptOnce));
+    EXPECT_EQ(inChild([&, interruptOnce = interruptOnce] {
+                testing::ScopedPlatform scope(std::make_shared<StallingWrites>(interruptOnce));
                 return FileReplacement::replace(dir / "f", "new") ? 0 : 1;
               }),
-              c.status);
-    EXPECT_EQ(readFile(dir / "f"), c.after);
+              status);
+    EXPECT_EQ(readFile(dir / "f"), after) << interruptOnce;
   }
 }
 
@@ -240,12 +223,9 @@ TEST(FileReplacement, AWriteThatStoresNothingFailsAndAnInterruptedOneIsRetried) 
 // answers false for and leaves alone.
 TEST(FileReplacement, PermissionsBindAnUnprivilegedWriter) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
-  struct Case {
-    const char* name;
-    mode_t fileMode, folderMode;
-    uid_t owner;
-    bool answer;
-  } cases[] = {
+  // What is in the way, the file's mode (0: none), the folder's, the file's
+  // owner, and whether the writer may replace it.
+  const std::tuple<const char*, mode_t, mode_t, uid_t, bool> cases[] = {
       {"read-only file", 0444, 0777, 65534, false},
       {"writable file, read-only folder", 0666, 0555, 0, true},
       {"new file, read-only folder", 0, 0555, 0, false},
@@ -254,32 +234,28 @@ TEST(FileReplacement, PermissionsBindAnUnprivilegedWriter) {
       {"own set-group-id file", 02755, 0777, 65534, true},
       {"writable file, sticky folder", 0666, 01777, 0, true},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, fileMode, folderMode, owner, answer] : cases) {
     ScratchDir dir;
     const std::string folder = dir / "d", path = dir / "d/f";
     fs::create_directory(folder);
-    if (c.fileMode) {
+    if (fileMode) {
       put(path, "old");
-      ASSERT_EQ(::chown(path.c_str(), c.owner, c.owner), 0);
-      ASSERT_EQ(::chmod(path.c_str(), c.fileMode), 0);
+      ASSERT_EQ(::chown(path.c_str(), owner, owner), 0);
+      ASSERT_EQ(::chmod(path.c_str(), fileMode), 0);
     }
-    ASSERT_EQ(::chmod(folder.c_str(), c.folderMode), 0);
+    ASSERT_EQ(::chmod(folder.c_str(), folderMode), 0);
     const ino_t inode = statOf(path).st_ino;
     const int status = inChild([&] {
       if (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0) return 2;
       return FileReplacement::replace(path, "new") ? 0 : 1;
     });
-    EXPECT_EQ(status, c.answer ? 0 : 1);
-    EXPECT_EQ(readFile(path), c.answer ? "new" : c.fileMode ? "old" : "<missing>");
-    if (c.fileMode) {
-      EXPECT_EQ(statOf(path).st_mode & 07777, c.fileMode);
-    }
-    if (!c.answer || c.folderMode != 0777) {
-      EXPECT_EQ(statOf(path).st_ino, inode) << "written in place or not at all";
-    }
+    EXPECT_EQ(status, answer ? 0 : 1) << name;
+    EXPECT_EQ(readFile(path), answer ? "new" : fileMode ? "old" : "<missing>") << name;
+    EXPECT_TRUE(!fileMode || (statOf(path).st_mode & 07777) == fileMode) << name;
+    EXPECT_TRUE((answer && folderMode == 0777) || statOf(path).st_ino == inode)
+        << "written in place or not at all";
     EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()),
-              c.fileMode ? 1 : 0)
+              fileMode ? 1 : 0)
         << "no temporary left";
   }
 }

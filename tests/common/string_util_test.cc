@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "common/StringUtil.h"
 
 namespace quarvel {
@@ -30,17 +32,13 @@ TEST(StringUtil, TrimsTheListedWhiteSpaceOnly) {
 }
 
 TEST(StringUtil, PathComponents) {
-  struct Case {
-    const char* path;
-    const char* last;
-    const char* parent;
-  } cases[] = {{"a/", "a", ""},      {"/a/b/", "b", "/a"}, {"ver.dat", "ver.dat", ""},
-               {"/tmp", "tmp", "/"}, {"/", "/", "/"},      {"", "", ""},
-               {"//a//b", "b", "/a"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.path);
-    EXPECT_EQ(lastPathComponent(c.path), c.last);
-    EXPECT_EQ(deletingLastPathComponent(c.path), c.parent);
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      // path, last, parent
+      {"a/", "a", ""}, {"/a/b/", "b", "/a"}, {"ver.dat", "ver.dat", ""}, {"/tmp", "tmp", "/"},
+      {"/", "/", "/"}, {"", "", ""},         {"//a//b", "b", "/a"}};
+  for (const auto& [path, last, parent] : cases) {
+    EXPECT_EQ(lastPathComponent(path), last) << path;
+    EXPECT_EQ(deletingLastPathComponent(path), parent) << path;
   }
 }
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <string_view>
 
 namespace quarvel::testing {
 namespace {
@@ -15,13 +16,9 @@ namespace {
 // Waits at most this long for a client's next bytes.
 constexpr int kReadTimeoutMs = 5000;
 
-bool sendAll(int fd, const char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<std::size_t>(n);
-  }
+bool sendAll(int fd, std::string_view data) {
+  for (ssize_t n = 0; !data.empty(); data.remove_prefix(static_cast<std::size_t>(n)))
+    if ((n = ::send(fd, data.data(), data.size(), MSG_NOSIGNAL)) <= 0) return false;
   return true;
 }
 
@@ -150,21 +147,25 @@ void LoopbackHttpServer::handle(int fd) {
 }
 
 // Sends the head and the body as far as the reply lets it go, then ends the
-// connection as the reply says.
+// connection as the reply says. An endless body announces no length and
+// goes out again and again until the client hangs up or the server stops.
 void LoopbackHttpServer::answer(int fd, const HttpReply& reply) {
-  if (reply.endless) return flood(fd, reply);
-  const std::string head = "HTTP/1.1 " + std::to_string(reply.status) + " Answer\r\n" +
-                           "Content-Type: text/plain; charset=utf-8\r\n" +
-                           "Content-Length: " + std::to_string(reply.body.size()) +
-                           "\r\nConnection: close\r\n\r\n";
-  const std::size_t end = reply.cut == HttpReply::Cut::None
+  const std::string head = "HTTP/1.1 " + std::to_string(reply.status) +
+                           " Answer\r\nContent-Type: " +
+                           (reply.endless ? "application/octet-stream\r\n"
+                                          : "text/plain; charset=utf-8\r\nContent-Length: " +
+                                                std::to_string(reply.body.size()) + "\r\n") +
+                           "Connection: close\r\n\r\n";
+  bool ok = sendAll(fd, head);
+  while (reply.endless && ok && !stop_ && !reply.body.empty()) ok = sendAll(fd, reply.body);
+  const std::size_t end = reply.endless ? 0
+                          : reply.cut == HttpReply::Cut::None
                               ? reply.body.size()
                               : std::min(reply.cutAt, reply.body.size());
   const std::size_t piece = reply.piece ? reply.piece : std::max<std::size_t>(end, 1);
-  bool ok = sendAll(fd, head.data(), head.size());
   for (std::size_t at = 0; ok && at < end && !stop_; at += piece) {
     std::this_thread::sleep_for(reply.pause);
-    ok = sendAll(fd, reply.body.data() + at, std::min(piece, end - at));
+    ok = sendAll(fd, std::string_view(reply.body).substr(at, std::min(piece, end - at)));
   }
   if (reply.cut == HttpReply::Cut::Stall) {
     held_.push_back(fd);
@@ -174,18 +175,6 @@ void LoopbackHttpServer::answer(int fd, const HttpReply& reply) {
     linger abort{1, 0};  // close with a reset instead of an orderly end
     ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
   }
-  ::close(fd);
-}
-
-// Sends the body again and again until the client hangs up or the server
-// stops; the end of the body is the end of the connection, which never
-// comes.
-void LoopbackHttpServer::flood(int fd, const HttpReply& reply) {
-  const std::string head = "HTTP/1.1 " + std::to_string(reply.status) +
-                           " Answer\r\nContent-Type: application/octet-stream\r\n"
-                           "Connection: close\r\n\r\n";
-  bool ok = sendAll(fd, head.data(), head.size()) && !reply.body.empty();
-  while (ok && !stop_) ok = sendAll(fd, reply.body.data(), reply.body.size());
   ::close(fd);
 }
 

@@ -1,22 +1,12 @@
 #pragma once
 // A minimal HTTP/1.1 server on a loopback address (a free port) for tests of
-// HTTP clients. Unlike a general-purpose server it keeps the body of any
-// method, GET included, and can misbehave on purpose: close without
-// answering, hold the connection open in silence, break an answer off
-// part-way (an orderly close, a reset or a silent stall), let the body
-// trickle out piece by piece, or flood the client with a body that never
-// ends.
-//
-//   quarvel::testing::LoopbackHttpServer server([](const auto& request) {
-//     return quarvel::testing::HttpReply::text("203.0.113.5\n");
-//   });
-//   client.get(server.url("/ip"));
-//   server.requests();  // what arrived, in order
-//
-// Connections are served one after another on one thread; a trickling
-// answer or a handler that waits keeps the next client waiting. Silent
-// connections are closed once their client has gone. Not copyable; the
-// accessors may be called from any thread.
+// HTTP clients. It keeps the body of any method, GET included, and can
+// misbehave on purpose: close without answering, stay silent, break an
+// answer off part-way (an orderly close, a reset or a stall), trickle the
+// body or flood the client with one that never ends. Connections are served
+// one after another on one thread, so a trickle or a handler that waits
+// keeps the next client waiting; silent connections are closed once their
+// client has gone. The accessors may be called from any thread.
 
 #include <atomic>
 #include <chrono>
@@ -100,7 +90,6 @@ class LoopbackHttpServer {
   void closeAbandoned();
   void handle(int fd);
   void answer(int fd, const HttpReply& reply);
-  void flood(int fd, const HttpReply& reply);
 
   Handler handler_;
   std::string host_;

@@ -13,6 +13,8 @@
 // announces 100 bytes and closes the connection without sending them. The
 // script may be changed from any thread.
 
+#include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -27,8 +29,13 @@ namespace quarvel::testing {
 class ScriptedHttpServer {
  public:
   // Listens on `host`; port() is negative when that address cannot be bound.
-  explicit ScriptedHttpServer(const std::string& host = "127.0.0.1");
-  ~ScriptedHttpServer();
+  explicit ScriptedHttpServer(const std::string& host = "127.0.0.1")
+      : server_(std::make_unique<LoopbackHttpServer>(
+            [this](const HttpReceived& request) { return answer(request); }, host)) {}
+  ~ScriptedHttpServer() {
+    release();
+    server_.reset();
+  }
   ScriptedHttpServer(const ScriptedHttpServer&) = delete;
   ScriptedHttpServer& operator=(const ScriptedHttpServer&) = delete;
 
@@ -37,15 +44,35 @@ class ScriptedHttpServer {
   std::string hostAndPort() const { return server_->hostAndPort(); }
   std::string origin() const { return "http://" + hostAndPort(); }
 
-  void serve(const std::string& target, std::string body);
-  void failTimes(const std::string& target, int count);
+  void serve(const std::string& target, std::string body) {
+    std::lock_guard lock(mutex_);
+    rules_[target].body = std::move(body);
+    rules_[target].known = true;
+  }
+  void failTimes(const std::string& target, int count) {
+    std::lock_guard lock(mutex_);
+    rules_[target].failuresLeft = count;
+  }
   // Requests of `target` wait (at most 20 s) until release(); so does every
   // connection after them.
-  void hold(const std::string& target);
-  void release();
+  void hold(const std::string& target) {
+    std::lock_guard lock(mutex_);
+    rules_[target].hold = true;
+  }
+  void release() {
+    std::lock_guard lock(mutex_);
+    released_ = true;
+    changed_.notify_all();
+  }
 
-  std::vector<std::string> targets() const;
-  int count(const std::string& target) const;
+  std::vector<std::string> targets() const {
+    std::lock_guard lock(mutex_);
+    return targets_;
+  }
+  int count(const std::string& target) const {
+    std::lock_guard lock(mutex_);
+    return static_cast<int>(std::count(targets_.begin(), targets_.end(), target));
+  }
 
  private:
   struct Rule {
@@ -54,7 +81,19 @@ class ScriptedHttpServer {
     int failuresLeft = 0;
     bool hold = false;
   };
-  HttpReply answer(const HttpReceived& request);
+
+  HttpReply answer(const HttpReceived& request) {
+    std::unique_lock lock(mutex_);
+    targets_.push_back(request.target);
+    Rule& rule = rules_[request.target];
+    if (rule.hold) changed_.wait_for(lock, std::chrono::seconds(20), [this] { return released_; });
+    if (rule.failuresLeft > 0) {
+      --rule.failuresLeft;
+      return HttpReply::cutAfter(std::string(100, '\0'), 0, HttpReply::Cut::Close);
+    }
+    if (!rule.known) return HttpReply::text("Not Found", 404);
+    return HttpReply::text(rule.body);
+  }
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;

@@ -3,16 +3,10 @@
 // (home/), its documents folder (home/Documents), XDG_CONFIG_HOME (config/,
 // where the settings domain file goes) and XDG_DATA_HOME (data/, the user
 // Library folder). The shared settings instance is forgotten so that the next
-// CVUserDefaults::standardUserDefaults() runs its start-up there; the test
-// binary lies on no removable or shared volume, so the run is not portable:
-// its work folder is home/Documents/.Quarvel, its library data/Quarvel. The
-// external-address lookup is pointed at a closed loopback port so that it
-// fails at once.
-//
-// A test installs its own platform pieces with TestPlatform (TestPlatform.h),
-// inside or around a sandbox. The destructor forgets the shared instance
-// again, restores the environment and removes the folder. One sandbox at a
-// time per process.
+// CVUserDefaults::standardUserDefaults() starts up there, not portable: its
+// work folder is home/Documents/.Quarvel, its library data/Quarvel. The
+// external-address lookup goes to a closed loopback port, failing at once.
+// The destructor undoes it all. One sandbox at a time per process.
 
 #include <stdlib.h>
 
@@ -33,14 +27,16 @@ namespace quarvel::testing {
 class SettingsSandbox {
  public:
   SettingsSandbox() {
-    std::filesystem::create_directories(root_ + "/home/Documents");
-    std::filesystem::create_directories(root_ + "/config");
-    std::filesystem::create_directories(root_ + "/data");
-    point("HOME", root_ + "/home");
-    point("XDG_CONFIG_HOME", root_ + "/config");
-    point("XDG_DATA_HOME", root_ + "/data");
-    point("XDG_DOCUMENTS_DIR", root_ + "/home/Documents");
-    unset("APPIMAGE");
+    remember("APPIMAGE");
+    ::unsetenv("APPIMAGE");
+    for (const auto& [name, folder] : {std::pair{"HOME", "/home"},
+                                       {"XDG_CONFIG_HOME", "/config"},
+                                       {"XDG_DATA_HOME", "/data"},
+                                       {"XDG_DOCUMENTS_DIR", "/home/Documents"}}) {
+      remember(name);
+      std::filesystem::create_directories(root_ + folder);
+      ::setenv(name, (root_ + folder).c_str(), 1);
+    }
     previousEchoHost_ = CVUserDefaults::echoServiceHost();
     CVUserDefaults::setEchoServiceHost("127.0.0.1:1");
     discardSharedSettingsForTesting();
@@ -66,14 +62,6 @@ class SettingsSandbox {
   void remember(const char* name) {
     const char* value = std::getenv(name);
     saved_.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
-  }
-  void point(const char* name, const std::string& value) {
-    remember(name);
-    ::setenv(name, value.c_str(), 1);
-  }
-  void unset(const char* name) {
-    remember(name);
-    ::unsetenv(name);
   }
 
   ScratchDir dir_;  // removed after the environment is restored

@@ -3,7 +3,7 @@
 // the life of the object, then the system's put back.
 //
 //   quarvel::testing::TestPlatform platform;
-//   platform->hostEnvironment = std::make_shared<FakeHostEnvironment>(...);
+//   platform->host = std::make_shared<FakeHostEnvironment>(...);
 //
 // A test that injects faults derives from PlatformWrapper itself and hands
 // its object to ScopedPlatform.
