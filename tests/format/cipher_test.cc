@@ -50,10 +50,7 @@ Lines readLines(std::string_view plain) {
 // whether the text decodes whole or has something the scan steps around.
 TEST(LineReader, SplitsAtLineEndsAndDropsTheUnfinishedTail) {
   const std::string tooLong(2048, 'x');
-  struct Case {
-    std::string plain;
-    Lines lines;
-  } cases[] = {
+  const std::pair<std::string, Lines> cases[] = {
       {"", {}},
       {"a\nb", {"a"}},
       {"\r\n\n\r\n", {"", "", ""}},
@@ -66,15 +63,15 @@ TEST(LineReader, SplitsAtLineEndsAndDropsTheUnfinishedTail) {
       {"0123456789abcdefghij\rXklmn\r\n", {"0123456789abcdefghijklmn"}},
       {std::string("0123456789abcdefghij\r\ntail\rX\0more\r\n", 35), {"0123456789abcdefghij"}},
   };
-  for (const Case& c : cases) {
+  for (const auto& [plain, lines] : cases) {
     LogCapture log;
-    EXPECT_EQ(readLines(c.plain), c.lines) << ::testing::PrintToString(c.plain.substr(0, 40));
+    EXPECT_EQ(readLines(plain), lines) << ::testing::PrintToString(plain.substr(0, 40));
     const Lines logged = log.lines();
-    EXPECT_EQ(logged.empty(), c.plain.find(tooLong) == std::string::npos);
+    EXPECT_EQ(logged.empty(), plain.find(tooLong) == std::string::npos);
     log.clear();
     datafile::DecodedLines decoded;
-    datafile::splitLines(bytesOf(c.plain), c.plain.size(), decoded);
-    EXPECT_EQ(Lines(decoded.lines.begin(), decoded.lines.end()), c.lines);
+    datafile::splitLines(bytesOf(plain), plain.size(), decoded);
+    EXPECT_EQ(Lines(decoded.lines.begin(), decoded.lines.end()), lines);
     EXPECT_EQ(log.lines(), logged);
   }
 }

@@ -3,16 +3,12 @@
 // both; each text we decode must also encode back to its bytes.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "common/StringUtil.h"
 #include "format/MacKorean.h"
+#include "support/ToolProcess.h"
 
 namespace quarvel {
 namespace {
@@ -43,19 +39,14 @@ std::string hexOf(const std::optional<std::string>& bytes) {
 }
 
 TEST(MacKoreanPerl, AgreesWithEncodeOnEveryByteSequenceAndCharacter) {
-  if (std::system("perl -MEncode -e 'Encode::find_encoding(q(MacKorean)) or exit 1' 2>/dev/null"))
+  const auto perl = [](std::vector<std::string> arguments) {
+    return testing::runProgram("/usr/bin/perl", std::move(arguments), {});
+  };
+  if (perl({"-MEncode", "-e", "Encode::find_encoding(q(MacKorean)) or exit 1"}).exitStatus != 0)
     GTEST_SKIP() << "perl with Encode's MacKorean is not installed";
-  const auto script = std::filesystem::temp_directory_path() /
-                      ("quarvel-mackorean-" + std::to_string(::getpid()) + ".pl");
-  std::ofstream(script) << kScript;
-  std::FILE* perl = ::popen(("perl " + script.string()).c_str(), "r");
-  ASSERT_NE(perl, nullptr);
-  std::stringstream theirs;
-  char buffer[1 << 16];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, perl)) > 0;)
-    theirs.write(buffer, n);
-  EXPECT_EQ(::pclose(perl), 0);
-  std::filesystem::remove(script);
+  const testing::ToolRun run = perl({"-e", kScript});
+  ASSERT_EQ(run.exitStatus, 0) << run.err;
+  std::istringstream theirs(run.out);
 
   std::stringstream ours;
   for (int a = -1; a < 256; ++a)

@@ -19,7 +19,6 @@
 
 #include "common/Log.h"
 #include "quarvel/CommonLib.h"
-#include "quarvel/FileFramework.h"
 
 namespace quarvel::fuzz {
 

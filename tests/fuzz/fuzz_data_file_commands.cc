@@ -1,11 +1,8 @@
-// `quarvel check`, `quarvel show` and `quarvel encrypt --kind KIND FOLDER` on
-// one input, whose first byte picks the kind and the output format. The rest
-// is the plain text of a data file: the check splits and decodes it on its
-// own, so it is held to the library, and a file it passes must open with the
-// kind's class, show, save, and read back with as many records in every
-// section. Split at the byte 0x1E, the rest is also each section's data rows,
-// written as SECTION.tsv under its field names: a file the import builds must
-// read back with as many records in every section as it was given rows.
+// `quarvel check`, `show` and `encrypt --kind KIND FOLDER` on one input, its
+// first byte picking kind and output format. The rest as a data file's text:
+// a file the check passes opens with the kind's class, shows, saves and reads
+// back with as many records. Split at 0x1E, as each section's TSV rows: a
+// file the import builds reads back with as many records as rows given.
 
 #include <sstream>
 

@@ -1,11 +1,9 @@
-// The files the host readers take from sysfs, /proc, /etc and the user's
-// config, from arbitrary bytes: the input's parts, split at zero bytes, are in
-// turn a network interface's ifindex, iflink, type, flags and uevent, the bus
-// of its device, the USB product name, a disk's removable flag, the bus of its
-// controller, the mount table, user-dirs.dirs and os-release. All but the
-// last are laid out under a scratch root; a missing part leaves its file out,
-// a bus that is no plain name leaves its link out. The readers run over the
-// tree as over the machine's and must agree with one another.
+// The host readers over a scratch root laid out from arbitrary bytes: the
+// input's parts, split at zero bytes, are an interface's ifindex, iflink,
+// type, flags and uevent, its device's bus, the USB product, a disk's
+// removable flag, its controller's bus, the mount table, user-dirs.dirs and
+// os-release (a missing part leaves its file out, a bus that is no plain name
+// its link). The readers must agree with one another.
 
 #include <array>
 
@@ -31,8 +29,8 @@ constexpr std::size_t kOsRelease = 11;
 struct Tree {
   fs::path root = fuzz::scratchFolder(), sys = root / "sys", interface = sys / "class/net/eth0";
   fs::path usbDevice = sys / "devices/usb1/1-1", usbInterface = usbDevice / "1-1:1.0";
-  fs::path controller = sys / "devices/pci0", disk = controller / "host0/block/sdb";
-  fs::path config = root / "config";
+  fs::path controller = sys / "devices/pci0", disk = controller / "host0/block/sdb",
+           config = root / "config";
   std::array<fs::path, kOsRelease> files;  // where the parts that are files go
 
   Tree() {
@@ -122,8 +120,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   // The documents folder named by user-dirs.dirs.
   const std::string documents = xdgDocumentsDirectory("/home/fuzz", tree.config.string());
-  if (documents.empty() || documents[0] != '/') fail("documents folder not absolute");
-  if (documents.size() > 1 && documents.back() == '/') fail("documents folder ends in '/'");
+  if (!documents.starts_with('/') || (documents.size() > 1 && documents.ends_with('/')))
+    fail("documents folder not absolute or ending in '/'");
 
   // The system's name and version, one line ending in the kernel's release.
   const std::string version = detail::systemVersionText(part(kOsRelease).value_or(""), "6.1.0");

@@ -1,9 +1,8 @@
-// Arbitrary bytes as a raw request target, through the list server's
-// decoding and routing to the file it opens, over a folder that holds plain
-// files, a link to a file outside it, a FIFO and a subfolder: a file is
-// opened exactly when the routing names a regular file lying directly in the
-// folder, and it is that file; the target's log form holds no control
-// character, quote or malformed UTF-8.
+// Arbitrary bytes as a raw request target through the list server's routing
+// to the file it opens, over a folder with plain files, a link out, a FIFO
+// and a subfolder: a file opens exactly when the routing names a regular file
+// directly in the folder, and it is that one; the target's log form holds no
+// control character, quote or malformed UTF-8.
 
 #include <fcntl.h>
 #include <sys/stat.h>

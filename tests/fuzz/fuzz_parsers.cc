@@ -1,10 +1,8 @@
 // The text and message parsers on arbitrary bytes, each held to what it
-// promises of its results: the service list, uevent, route-table and
-// mountinfo parsers and the mount look-up; the netlink batch parser, which
-// must stay inside the bytes; the settings domain reader (XML or binary
-// property lists), whose accepted values the writer must turn into documents
-// that read back equal, or the next start would lose settings; and the
-// audit's desktop-entry reader.
+// promises of its results: service list, uevent, route table, mountinfo and
+// the mount look-up, netlink batches, the settings domain reader (what it
+// accepts must be written and read back equal, or the next start would lose
+// settings) and the audit's desktop-entry reader.
 
 #include <span>
 

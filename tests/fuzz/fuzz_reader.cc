@@ -1,10 +1,8 @@
-// The data-file reader on arbitrary bytes: as a file, through the whole of
-// CommonLib::Decrypt, and as deciphered text straight into the line splitter,
-// into separate lines and into one buffer (the same lines, logged alike).
-// The same bytes as the text of `quarvel encrypt TEXTFILE`: what it writes,
-// the reader gives back line for line (a leading byte-order mark skipped, CR
-// LF read as LF, a last line without a line end kept); what it refuses, it
-// refuses at a line and column inside the text.
+// The data-file reader on arbitrary bytes: through CommonLib::Decrypt, and
+// as deciphered text into the line splitter, into lines and into one buffer
+// alike. As the text of `quarvel encrypt TEXTFILE`: what it writes reads back
+// line for line (byte-order mark skipped, CR LF as LF, a last line without a
+// line end kept), and a refusal names a line and column inside the text.
 
 #include "CipherCommand.h"
 #include "FuzzSupport.h"

@@ -1,16 +1,11 @@
-// One object of each data-file class opens two files in turn: the input, cut
-// at its first byte 0x1E, gives the plain text of the first and the second
-// (without 0x1E, the same text twice). A table keeps its section positions
-// from one open to the next, so the second open works with what the first
-// left wherever its own tag lines are missing, and must never read beyond its
-// own lines. A refused open leaves every table's records as they were; an
-// accepted one only adds records, those its lines give one by one, and leaves
-// each section's start before its end. Then the look-ups, asked for a key
-// made of the input's first bytes, answer -1 or a record, and every record is
-// found under its keys, at itself or at a later record of the same key. The
-// writer's buffer always ends in its zero.
-
-#include <memory>
+// One object of each data-file class opens two files in turn, the input's
+// text before and after its first 0x1E (or the same twice). Tables keep their
+// section positions across opens, so the second open must never read beyond
+// its own lines. A refused open changes no records; an accepted one only adds
+// those its lines give one by one, each section's start before its end. The
+// look-ups answer -1 or a record, every record is found under its keys (at
+// itself or a later record of the same key), and the writer's buffer ends in
+// its zero.
 
 #include "FuzzSupport.h"
 #include "common/StringUtil.h"
@@ -31,8 +26,8 @@ void noneOrRecord(std::int64_t found, Table* table) {
     fail("a look-up answered past the records");
 }
 
-// Opens the scratch file with `file`, whose sections are `tags`; answers
-// whether it was accepted.
+// Opens the scratch file with `file`, whose sections are `tags`, and writes
+// it; answers whether the open was accepted.
 template <typename File>
 bool openOnce(File& file, std::initializer_list<const char*> tags) {
   const auto counts = [&] {
@@ -44,10 +39,9 @@ bool openOnce(File& file, std::initializer_list<const char*> tags) {
   const bool opened = file.openWithFileName(fuzz::scratchPath(), true);
   const std::vector<std::uint64_t> after = counts();
   if (!opened && after != before) fail("a refused open changed the records");
-  if (!opened) return false;
   std::vector<std::string> lines;
-  CommonLib::Decrypt(lines, fuzz::scratchPath());
-  for (std::size_t i = 0; i < after.size(); ++i) {
+  if (opened) CommonLib::Decrypt(lines, fuzz::scratchPath());
+  for (std::size_t i = 0; opened && i < after.size(); ++i) {
     if (after[i] < before[i]) fail("an open lost records");
     Table* table = file.getTableByTag(tags.begin()[i]);
     if (table->getStartPosition() < 0 || table->getStartPosition() >= table->getEndPosition())
@@ -64,7 +58,10 @@ bool openOnce(File& file, std::initializer_list<const char*> tags) {
           *multi->getAt(static_cast<std::int64_t>(before[i] + row)))
         fail("a record differs from its line");
   }
-  return true;
+  std::uint64_t length = 0;
+  const auto contents = file.getContents(length);
+  if (contents && contents[length] != 0) fail("the writer's buffer does not end in a zero");
+  return opened;
 }
 
 // Each record of `table` is found by find(record): at itself, or at a later
@@ -94,19 +91,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   FileFilter filter;
   FileFontList fonts;
   bool opened[4] = {};
-  const auto openAndWrite = [](auto& file, std::initializer_list<const char*> tags) {
-    const bool accepted = openOnce(file, tags);
-    std::uint64_t length = 0;
-    const auto contents = file.getContents(length);
-    if (contents && contents[length] != 0) fail("the writer's buffer does not end in a zero");
-    return accepted;
-  };
   for (std::string_view text : {first, second}) {
     if (!fuzz::writeEnciphered(text)) return 0;
-    opened[0] |= openAndWrite(checkList, {"#HEADER", "#CHECKLIST"});
-    opened[1] |= openAndWrite(package, {"#HEADER", "#PACKAGE", "#SUB"});
-    opened[2] |= openAndWrite(filter, {"#HEADER", "#SWLIST"});
-    opened[3] |= openAndWrite(fonts, {"#HEADER", "#CHECKLIST"});
+    opened[0] |= openOnce(checkList, {"#HEADER", "#CHECKLIST"});
+    opened[1] |= openOnce(package, {"#HEADER", "#PACKAGE", "#SUB"});
+    opened[2] |= openOnce(filter, {"#HEADER", "#SWLIST"});
+    opened[3] |= openOnce(fonts, {"#HEADER", "#CHECKLIST"});
   }
   // The look-ups only after both opens: an index that a look-up builds on
   // first use is not rebuilt by a later open.

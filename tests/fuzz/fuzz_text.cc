@@ -1,14 +1,9 @@
-// The Mac Korean codec and the folding on arbitrary bytes, taken both as Mac
-// Korean and as UTF-8. Decoded text is well-formed UTF-8, reads exactly as
-// its codes decoded one at a time (the eight-byte windows change nothing) and
-// encodes to bytes that decode to it again; text that encodes decodes back
-// unchanged; a refusal comes at a character boundary, after text that
-// encodes; the encoder's fast lane, where it answers, writes what encodeInto
-// writes. The single-scan folding never makes a text longer (no replacement
-// is longer than what it replaces), folds a text line by line as it folds the
-// whole (the save folds each line alone), leaves a text of characters it
-// leaves alone as it is, and on short well-formed text agrees with the 209
-// passes replayed literally.
+// The Mac Korean codec and the folding on arbitrary bytes, as Mac Korean and
+// as UTF-8: what decodes is UTF-8, reads as its codes one at a time and
+// encodes back; what encodes decodes back; a refusal comes at a character,
+// after text that encodes; the fast lane writes what encodeInto writes. The
+// folding never lengthens, folds line by line as whole, leaves alone what it
+// should, and on short UTF-8 agrees with the 209 passes replayed literally.
 
 #include "../common/FoldingReference.h"
 #include "FuzzSupport.h"
