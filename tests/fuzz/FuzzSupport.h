@@ -53,10 +53,7 @@ inline const fs::path& scratchFolder() {
   return *folder;
 }
 
-inline const std::string& scratchPath() {
-  static const std::string path = (scratchFolder() / "input.dat").string();
-  return path;
-}
+inline std::string scratchPath() { return (scratchFolder() / "input.dat").string(); }
 
 inline std::string_view asText(const std::uint8_t* data, std::size_t size) {
   return {reinterpret_cast<const char*>(data), size};
