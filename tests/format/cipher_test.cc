@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <numeric>
 #include <optional>
 #include <random>
 
@@ -13,90 +14,64 @@ namespace quarvel {
 namespace {
 
 using testing::encipher;
-using testing::TempDir;
 using Lines = std::vector<std::string>;
 
-std::string encrypted(std::string bytes) {
-  EXPECT_TRUE(CommonLib::Encrypt(reinterpret_cast<unsigned char*>(bytes.data()),
-                                 static_cast<std::uint32_t>(bytes.size())));
-  return bytes;
+unsigned char* bytesOf(std::string& s) { return reinterpret_cast<unsigned char*>(s.data()); }
+const unsigned char* bytesOf(std::string_view s) {
+  return reinterpret_cast<const unsigned char*>(s.data());
 }
 
 // The block code paths against a plain rendering, at every length around
 // the block sizes and at a few large odd ones.
 TEST(Cipher, EncryptAndDecipherMatchThePlainRendering) {
   std::mt19937 rng(11);
-  std::vector<std::size_t> sizes;
-  for (std::size_t n = 0; n <= 100; ++n) sizes.push_back(n);
-  for (std::size_t n : {255u, 256u, 257u, 4095u, 65537u}) sizes.push_back(n);
-  for (std::size_t n : sizes) {
-    SCOPED_TRACE(n);
+  std::vector<std::uint32_t> sizes(101);
+  std::iota(sizes.begin(), sizes.end(), 0);
+  sizes.insert(sizes.end(), {255, 256, 257, 4095, 65537});
+  for (std::uint32_t n : sizes) {
     std::string plain(n, '\0');
     for (char& c : plain) c = static_cast<char>(rng());
-    const std::string file = encrypted(plain);
-    ASSERT_EQ(file, encipher(plain));
-    std::string back = file;
-    datafile::decipher(reinterpret_cast<unsigned char*>(back.data()),
-                       static_cast<std::uint32_t>(n));
-    ASSERT_EQ(back, plain);
+    std::string file = plain;
+    ASSERT_TRUE(CommonLib::Encrypt(bytesOf(file), n));
+    ASSERT_EQ(file, encipher(plain)) << n;
+    datafile::decipher(bytesOf(file), n);
+    ASSERT_EQ(file, plain) << n;
   }
 }
 
 Lines readLines(std::string_view plain) {
   Lines lines;
-  datafile::splitLines(reinterpret_cast<const unsigned char*>(plain.data()), plain.size(), lines);
+  datafile::splitLines(bytesOf(plain), plain.size(), lines);
   return lines;
 }
 
 // Splitting drops the unfinished tail and lines that do not decode, and
-// logs only lines too long (below); one buffer holds the same lines as
-// splitting one by one, logged alike, whether the text decodes whole or has
-// something the scan must step around.
+// logs only lines too long; one buffer holds the same lines, logged alike,
+// whether the text decodes whole or has something the scan steps around.
 TEST(LineReader, SplitsAtLineEndsAndDropsTheUnfinishedTail) {
   const std::string tooLong(2048, 'x');
-  struct Case {
-    std::string plain;
-    Lines lines;
-  } cases[] = {
+  const std::pair<std::string, Lines> cases[] = {
       {"", {}},
-      {"a\r\nb\r\n", {"a", "b"}},
       {"a\nb", {"a"}},
-      {"a\r\n\r\nb\r\n", {"a", "", "b"}},
       {"\r\n\n\r\n", {"", "", ""}},
-      {"ab\rcd\r\n", {"abd"}},  // a lone CR swallows the next byte
-      {"one\r\r\ntwo\r\n", {"one", "two"}},
-      {std::string("a\r\nb\0c\r\n", 8), {"a"}},  // a zero byte ends the text
-      {std::string("ok\r\nhalf\r\0rest\r\n", 16),
-       {"ok", "halfrest"}},  // ...unless a CR swallowed it
-      {"a\r\nb\r", {"a"}},   // CR as the last byte
-      {"\r", {}},
-      {"a\tb\r\nc\n\xC7\xD1\xB1\xDB\r\ntail",
-       {"a\tb", "c", "\xED\x95\x9C\xEA\xB8\x80"}},  // Mac Korean to UTF-8
-      {"\xC7\r\nok\r\n", {"ok"}},                   // a lead byte cut off by the line end
-      {"\x85\r\nok\r\n\xB0\r\n", {"ok"}},           // undecodable lines vanish silently
-      {"ok\r\n\xFF\xFF\r\nok\r\n",                  // 0xFF is a code of two characters
-       {"ok", "\xE2\x80\xA6\xEF\xA1\xBF\xE2\x80\xA6\xEF\xA1\xBF", "ok"}},
+      {std::string("ok\r\nhalf\r\0rest\r\n", 16), {"ok", "halfrest"}},  // the CR swallows the 0
+      {"a\r\nb\r", {"a"}},                                              // CR as the last byte
+      {"a\tb\r\nc\n\xC7\xD1\xB1\xDB\r\ntail", {"a\tb", "c", "\xED\x95\x9C\xEA\xB8\x80"}},
+      {"\x85\r\nok\r\n\xB0\r\n", {"ok"}},  // undecodable lines vanish silently
       {"ok\r\n" + tooLong + "\r\nok\r\n", {"ok", "ok"}},
       // The same beyond the first sixteen bytes, which are searched whole.
-      {"0123456789abcdefghij\r\nklmnopqrstuvwxyz\r\n",
-       {"0123456789abcdefghij", "klmnopqrstuvwxyz"}},
       {"0123456789abcdefghij\rXklmn\r\n", {"0123456789abcdefghijklmn"}},
-      {std::string("0123456789abcdefghij\r\nhalf\r\0rest\r\n", 34),
-       {"0123456789abcdefghij", "halfrest"}},
-      {std::string("0123456789abcdefghij\r\ntail\rX\0more\r\n", 35),
-       {"0123456789abcdefghij"}},  // a lone CR in the tail a zero byte cuts off
+      {std::string("0123456789abcdefghij\r\ntail\rX\0more\r\n", 35), {"0123456789abcdefghij"}},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::PrintToString(c.plain.substr(0, 40)));
-    const auto* bytes = reinterpret_cast<const unsigned char*>(c.plain.data());
+  for (const auto& [plain, lines] : cases) {
     LogCapture log;
-    EXPECT_EQ(readLines(c.plain), c.lines);
+    EXPECT_EQ(readLines(plain), lines) << ::testing::PrintToString(plain.substr(0, 40));
     const Lines logged = log.lines();
-    EXPECT_EQ(logged.empty(), c.plain.find(tooLong) == std::string::npos);
+    EXPECT_EQ(logged.empty(), plain.find(tooLong) == std::string::npos);
     log.clear();
     datafile::DecodedLines decoded;
-    datafile::splitLines(bytes, c.plain.size(), decoded);
-    EXPECT_EQ(Lines(decoded.lines.begin(), decoded.lines.end()), c.lines);
+    datafile::splitLines(bytesOf(plain), plain.size(), decoded);
+    EXPECT_EQ(Lines(decoded.lines.begin(), decoded.lines.end()), lines);
     EXPECT_EQ(log.lines(), logged);
   }
 }
@@ -104,36 +79,26 @@ TEST(LineReader, SplitsAtLineEndsAndDropsTheUnfinishedTail) {
 TEST(LineReader, TheScanNumbersLinesAndNamesWhatItPassesOver) {
   struct Events : datafile::LineScan {
     Lines seen;
-    void line(std::size_t n, std::string_view bytes) override {
-      seen.push_back(std::to_string(n) + ":" + std::string(bytes));
+    void add(std::size_t n, std::string_view what) {
+      seen.push_back(std::to_string(n) + ":" += what);
     }
-    void loneCarriageReturn(std::size_t n) override { seen.push_back(std::to_string(n) + ":CR"); }
-    void zeroByte(std::size_t n, std::size_t at) override {
-      seen.push_back(std::to_string(n) + ":NUL@" + std::to_string(at));
-    }
-    void unterminatedLine(std::size_t n) override { seen.push_back(std::to_string(n) + ":TAIL"); }
+    void line(std::size_t n, std::string_view bytes) override { add(n, bytes); }
+    void loneCarriageReturn(std::size_t n) override { add(n, "CR"); }
+    void zeroByte(std::size_t n, std::size_t at) override { add(n, "NUL@" + std::to_string(at)); }
+    void unterminatedLine(std::size_t n) override { add(n, "TAIL"); }
   };
-  struct Case {
-    std::string plain;
-    Lines events;
-  } cases[] = {
-      {"a\r\nb\n", {"1:a", "2:b"}},
-      {"ab\rcd\r\n", {"1:CR", "1:abd"}},
-      {std::string("a\r\0b\r\n", 6), {"1:CR", "1:ab"}},
+  const std::pair<std::string, Lines> cases[] = {
+      {"ab\rcd\r\n", {"1:CR", "1:abd"}},       // a lone CR swallows the next byte
       {"x\r\r\ny\n", {"1:CR", "1:x", "2:y"}},  // the swallowed CR cannot start a CR LF
       {std::string("a\nb\0c\n", 7), {"1:a", "2:NUL@3", "2:TAIL"}},
       {std::string("a\n\0", 3), {"1:a", "2:NUL@2"}},
       {"a\nb\r", {"1:a", "2:CR", "2:TAIL"}},
-      {"\r", {"1:CR"}},
-      {"a\nbc", {"1:a", "2:TAIL"}},
       {std::string(3000, 'x') + "\n", {"1:" + std::string(3000, 'x')}},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::PrintToString(c.plain));
-    Events events;
-    datafile::scanLines(reinterpret_cast<const unsigned char*>(c.plain.data()), c.plain.size(),
-                        events);
-    EXPECT_EQ(events.seen, c.events);
+  for (const auto& [plain, events] : cases) {
+    Events scan;
+    datafile::scanLines(bytesOf(plain), plain.size(), scan);
+    EXPECT_EQ(scan.seen, events) << ::testing::PrintToString(plain.substr(0, 40));
   }
 }
 
@@ -148,7 +113,7 @@ TEST(LineReader, LinesBeyondTheBufferAreDroppedAndLogged) {
 // gives the size read against the size found, then the whole text when it is
 // UTF-8; an empty or missing file is refused silently.
 TEST(Decrypt, ReadsAnEncipheredFileByPath) {
-  TempDir dir;
+  testing::TempDir dir;
   testing::writeBytes(dir.path() / "empty.dat", "");
   struct Case {
     const char* name;
@@ -166,31 +131,28 @@ TEST(Decrypt, ReadsAnEncipheredFileByPath) {
       {"missing.dat", std::nullopt, false, {"kept"}, {}},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
     if (c.plain) testing::writeBytes(dir.path() / c.name, encipher(*c.plain));
     LogCapture log;
     Lines lines = {"kept"};
-    EXPECT_EQ(CommonLib::Decrypt(lines, dir.file(c.name)), c.read);
-    EXPECT_EQ(lines, c.lines);
-    EXPECT_EQ(log.lines(), c.log);
+    EXPECT_EQ(CommonLib::Decrypt(lines, dir.file(c.name)), c.read) << c.name;
+    EXPECT_EQ(lines, c.lines) << c.name;
+    EXPECT_EQ(log.lines(), c.log) << c.name;
   }
 }
 
 // A stream whose reported size and contents are the test's to choose.
 struct FakeStream {
   std::string data;
-  long long reportedSize;
-  long long pos = 0;
+  long long reportedSize, pos = 0;
   bool readCalled = false;
 };
 
-std::FILE* openFake(FakeStream& s, bool seekable = true) {
+std::FILE* openFake(FakeStream& s, bool seekable) {
   cookie_io_functions_t io{};
   io.read = [](void* c, char* buf, size_t size) -> ssize_t {
     auto* s = static_cast<FakeStream*>(c);
     s->readCalled = true;
-    const auto left = static_cast<long long>(s->data.size()) - s->pos;
-    const auto n = std::min<long long>(left < 0 ? 0 : left, static_cast<long long>(size));
+    const auto n = std::min<long long>(static_cast<long long>(s->data.size()) - s->pos, size);
     std::memcpy(buf, s->data.data() + s->pos, static_cast<size_t>(n));
     s->pos += n;
     return n;
@@ -216,22 +178,18 @@ TEST(Decrypt, ReadsAStreamWithinItsReportedSize) {
   } cases[] = {
       {{"hi\r\nthere", 12}, true, true, {"hi"}, {"9 ?= 12", "ERROR : hi\r\nthere"}},
       {{"abc", 0x100000000LL}, true, false, {}, {"too large"}},
-      {{"abc", 0x100000005LL}, true, false, {}, {"too large"}},
       {{"abc", 3}, false, false, {}, {"ERROR! code="}},
   };
   for (Case& c : cases) {
-    SCOPED_TRACE(c.stream.reportedSize);
     std::FILE* f = openFake(c.stream, c.seekable);
     LogCapture log;
     Lines lines;
-    EXPECT_EQ(CommonLib::Decrypt(lines, f), c.read);
+    EXPECT_EQ(CommonLib::Decrypt(lines, f), c.read) << c.stream.reportedSize;
     std::fclose(f);
     EXPECT_EQ(lines, c.lines);
     for (const std::string& line : c.logged)
       EXPECT_TRUE(log.contains(line)) << ::testing::PrintToString(log.lines());
-    if (c.stream.reportedSize > 0xFFFFFFFFLL) {
-      EXPECT_FALSE(c.stream.readCalled);  // refused before any read
-    }
+    EXPECT_EQ(c.stream.readCalled, c.read);  // a refusal comes before any read
   }
 }
 

@@ -13,8 +13,8 @@ namespace quarvel::signing {
 namespace {
 
 TEST(SignatureTest, KeyFilesRoundTripAndSignaturesBindDataAndKey) {
-  const auto pair = generateKeyPair();
-  ASSERT_TRUE(pair);
+  const auto pair = generateKeyPair(), other = generateKeyPair();
+  ASSERT_TRUE(pair && other);
   const auto secret = parseSecretKey(formatSecretKey(pair->secretKey));
   ASSERT_TRUE(secret);
   EXPECT_EQ(secret->publicKey(), pair->publicKey);
@@ -29,72 +29,51 @@ TEST(SignatureTest, KeyFilesRoundTripAndSignaturesBindDataAndKey) {
   pieces.update(data.substr(5));
   EXPECT_TRUE(verify(pair->publicKey, data, pieces.sign(*secret)));
 
-  std::string flipped = data;
+  std::string flipped = data, badSignature = signature;
   flipped[7] ^= 0x01;
-  const auto other = generateKeyPair();
-  std::string badSignature = signature;
-  badSignature[kSignaturePrefix.size() + 3] =
-      badSignature[kSignaturePrefix.size() + 3] == 'A' ? 'B' : 'A';
+  char& changed = badSignature[kSignaturePrefix.size() + 3];
+  changed = changed == 'A' ? 'B' : 'A';
   const struct {
     const char* name;
-    PublicKey key;
-    std::string data;
-    std::string signature;
+    const PublicKey& key;
+    std::string data, signature;
   } refused[] = {
       {"a flipped bit", pair->publicKey, flipped, signature},
       {"cut short", pair->publicKey, data.substr(0, data.size() - 1), signature},
       {"another key", other->publicKey, data, signature},
       {"a changed signature", pair->publicKey, data, badSignature},
       {"no signature", pair->publicKey, data, ""},
-      {"an error page", pair->publicKey, data, "<html><body>404 Not Found</body></html>\n"},
       {"a signature twice", pair->publicKey, data, signature + signature},
       {"a key line as signature", pair->publicKey, data, formatPublicKey(pair->publicKey)},
   };
-  for (const auto& c : refused) {
-    SCOPED_TRACE(c.name);
-    EXPECT_FALSE(verify(c.key, c.data, c.signature));
-  }
-}
+  for (const auto& c : refused) EXPECT_FALSE(verify(c.key, c.data, c.signature)) << c.name;
 
-TEST(SignatureTest, KeyFileText) {
-  const auto pair = generateKeyPair();
-  ASSERT_TRUE(pair);
+  // Key file text: one line, its line end optional, nothing around it.
   const std::string line = formatPublicKey(pair->publicKey);
   ASSERT_TRUE(line.ends_with('\n'));
   const std::string bare = line.substr(0, line.size() - 1);
   const std::string base64 = bare.substr(kPublicKeyPrefix.size());
-  const struct {
-    std::string text;
-    bool accepted;
-  } cases[] = {
+  const std::pair<std::string, bool> cases[] = {
       {line, true},
       {bare, true},
       {bare + "\r\n", true},
       {bare + "\n\n", false},
       {" " + line, false},
-      {base64, false},
       {std::string(kSecretKeyPrefix) + base64, false},
       {bare.substr(0, bare.size() - 4) + "\n", false},  // 29 bytes
       {bare + "AAAA\n", false},                         // 35 bytes
       {bare + "!\n", false},
       {"", false},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(parsePublicKey(c.text).has_value(), c.accepted);
-  }
+  for (const auto& [text, accepted] : cases)
+    EXPECT_EQ(parsePublicKey(text).has_value(), accepted) << ::testing::PrintToString(text);
   // A secret key file is never read as a public one, nor the other way.
   EXPECT_FALSE(parsePublicKey(formatSecretKey(pair->secretKey)));
   EXPECT_FALSE(parseSecretKey(line));
 }
 
 TEST(SignatureTest, SignatureAddressOfEveryEndpoint) {
-  const struct {
-    const char* url;
-    const char* signature;
-  } cases[] = {
-      {"http://h/quarvel/download/list/check/mac/",
-       "http://h/quarvel/download/list/check/mac/.sig"},
+  const std::pair<std::string_view, std::string_view> cases[] = {
       {"http://h/file/keyfile60/package.dat", "http://h/file/keyfile60/package.dat.sig"},
       {"http://h:8/cmmn/download.nis?type=keyfile&filename=macchecklist.dat",
        "http://h:8/cmmn/download.nis?type=keyfile&filename=macchecklist.dat.sig"},
@@ -103,10 +82,7 @@ TEST(SignatureTest, SignatureAddressOfEveryEndpoint) {
       {"http://h/d?xfilename=a&filename=b", "http://h/d?xfilename=a&filename=b.sig"},
       {"http://h/d?type=file", "http://h/d.sig?type=file"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.url);
-    EXPECT_EQ(datafile::signatureUrl(c.url), c.signature);
-  }
+  for (const auto& [url, signature] : cases) EXPECT_EQ(datafile::signatureUrl(url), signature);
 }
 
 }  // namespace

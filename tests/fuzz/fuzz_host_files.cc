@@ -1,20 +1,11 @@
-// The files the host readers take from sysfs, /proc, /etc and the user's
-// config, from arbitrary bytes: the parts of the input, split at zero bytes,
-// are in turn a network interface's ifindex, iflink, type, flags and uevent,
-// the bus of its device, the USB product name, a disk's removable flag, the
-// bus of its controller, the mount table, user-dirs.dirs and os-release. All
-// but the last are laid out under a scratch root; a missing part leaves its
-// file out, a bus that is no plain name leaves its link out. The readers run
-// over the tree as they would over the machine's and must agree with one
-// another.
-
-#include <unistd.h>
+// The host readers over a scratch root laid out from arbitrary bytes: the
+// input's parts, split at zero bytes, are an interface's ifindex, iflink,
+// type, flags and uevent, its device's bus, the USB product, a disk's
+// removable flag, its controller's bus, the mount table, user-dirs.dirs and
+// os-release (a missing part leaves its file out, a bus that is no plain name
+// its link). The readers must agree with one another.
 
 #include <array>
-#include <fstream>
-#include <optional>
-#include <string>
-#include <string_view>
 
 #include "FuzzSupport.h"
 #include "common/StringUtil.h"
@@ -28,35 +19,18 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace quarvel;
+using fuzz::fail;
 
-enum Part {
-  kIfindex,
-  kIflink,
-  kType,
-  kFlags,
-  kUevent,
-  kDeviceBus,
-  kProduct,
-  kRemovable,
-  kDiskBus,
-  kMountInfo,
-  kUserDirs,
-  kOsRelease,
-  kPartCount
-};
-
-using quarvel::fuzz::fail;
+// The parts that the checks read again, by their place in the input.
+constexpr std::size_t kUevent = 4, kDeviceBus = 5, kRemovable = 7, kDiskBus = 8, kMountInfo = 9;
+constexpr std::size_t kOsRelease = 11;
 
 // The scratch root and the places the parts go, made once.
 struct Tree {
-  fs::path root = quarvel::fuzz::scratchFolder();
-  fs::path sys = root / "sys";
-  fs::path interface = sys / "class/net/eth0";
-  fs::path usbDevice = sys / "devices/usb1/1-1";
-  fs::path usbInterface = usbDevice / "1-1:1.0";
-  fs::path controller = sys / "devices/pci0";
-  fs::path disk = controller / "host0/block/sdb";
-  fs::path config = root / "config";
+  fs::path root = fuzz::scratchFolder(), sys = root / "sys", interface = sys / "class/net/eth0";
+  fs::path usbDevice = sys / "devices/usb1/1-1", usbInterface = usbDevice / "1-1:1.0";
+  fs::path controller = sys / "devices/pci0", disk = controller / "host0/block/sdb",
+           config = root / "config";
   std::array<fs::path, kOsRelease> files;  // where the parts that are files go
 
   Tree() {
@@ -72,58 +46,43 @@ struct Tree {
     root = fs::canonical(root);
     ::unsetenv("XDG_DOCUMENTS_DIR");
   }
-
-  static const Tree& tree() {
-    static const Tree* made = new Tree();
-    return *made;
-  }
 };
 
-bool isPlainName(const std::string& name) {
+bool isPlainName(std::string_view name) {
   return !name.empty() && name.size() < 200 && name != "." && name != ".." &&
          name.find('/') == std::string::npos;
-}
-
-// Puts each part in place; answers the parts (absent ones unset).
-std::array<std::optional<std::string>, kPartCount> layOut(std::string_view input) {
-  const Tree& tree = Tree::tree();
-  std::array<std::optional<std::string>, kPartCount> parts;
-  for (std::size_t i = 0; i < kPartCount && input.data() != nullptr; ++i) {
-    const std::size_t end = input.find('\0');
-    parts[i] = std::string(input.substr(0, end));
-    input = end == std::string_view::npos ? std::string_view() : input.substr(end + 1);
-  }
-  for (std::size_t i = 0; i < tree.files.size(); ++i) {
-    std::error_code ec;
-    fs::remove(tree.files[i], ec);
-    if (!parts[i]) continue;
-    if (i == kDeviceBus || i == kDiskBus) {
-      const int up = i == kDeviceBus ? 4 : 2;
-      std::string target;
-      for (int j = 0; j < up; ++j) target += "../";
-      if (isPlainName(*parts[i]))
-        fs::create_directory_symlink(target + "bus/" + *parts[i], tree.files[i], ec);
-      continue;
-    }
-    std::ofstream(tree.files[i], std::ios::binary) << *parts[i];
-  }
-  return parts;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const Tree& tree = Tree::tree();
-  const auto parts = layOut(std::string_view(reinterpret_cast<const char*>(data), size));
-  const auto bus = [&](Part part) {
-    return parts[part] && isPlainName(*parts[part]) ? *parts[part] : std::string();
+  static const Tree& tree = *new Tree();
+  const std::vector<std::string_view> given =
+      fuzz::parts(fuzz::asText(data, size), '\0', kOsRelease + 1);
+  const auto part = [&](std::size_t p) {
+    return p < given.size() ? std::optional(given[p]) : std::nullopt;
   };
+  const auto bus = [&](std::size_t p) {
+    return part(p) && isPlainName(*part(p)) ? std::string(*part(p)) : "";
+  };
+  for (std::size_t i = 0; i < tree.files.size(); ++i) {
+    std::error_code ec;
+    fs::remove(tree.files[i], ec);
+    if (i == kDeviceBus || i == kDiskBus) {
+      if (!bus(i).empty())
+        fs::create_directory_symlink(
+            std::string(i == kDeviceBus ? "../../../../" : "../../") + "bus/" + bus(i),
+            tree.files[i], ec);
+    } else if (part(i)) {
+      fuzz::writeFile(tree.files[i], *part(i));
+    }
+  }
 
   // The interface.
   const DeviceFacts facts = readDeviceFacts(tree.interface);
   if (!facts.hasDevice || facts.name != "eth0" || facts.bus != bus(kDeviceBus))
     fail("device link misread");
-  const auto values = parts[kUevent] ? parseUevent(*parts[kUevent]) : decltype(parseUevent("")){};
+  const auto values = part(kUevent) ? parseUevent(*part(kUevent)) : decltype(parseUevent("")){};
   const auto devtype = values.find("DEVTYPE");
   if (facts.devtype != (devtype == values.end() ? "" : devtype->second))
     fail("DEVTYPE differs from the uevent parser");
@@ -134,12 +93,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                                           static_cast<std::uint16_t>(facts.type));
   if (facts.devtype == "wwan" && !cellular) fail("a wwan device is not cellular");
 
-  // The disk: removable when its flag says 1 or its controller sits on a
-  // USB or MMC bus, and not when neither can be read so.
+  // The disk: removable when its flag says 1 or its controller sits on a USB
+  // or MMC bus, and not when neither can be read so.
   const bool removable = isRemovableBlockDevice(tree.root.string(), 8, 17);
-  const std::string flag = parts[kRemovable] ? trimWhitespaceAndNewlines(*parts[kRemovable]) : "";
-  const bool removableBus = bus(kDiskBus) == "usb" || bus(kDiskBus) == "mmc";
-  if ((flag == "1" && parts[kRemovable]->size() <= 64) || removableBus) {
+  const std::string flag = trimWhitespaceAndNewlines(part(kRemovable).value_or(""));
+  if ((flag == "1" && part(kRemovable)->size() <= 64) || bus(kDiskBus) == "usb" ||
+      bus(kDiskBus) == "mmc") {
     if (!removable) fail("removable disk not seen");
   } else if (!flag.starts_with('1') && removable) {
     fail("fixed disk taken for removable");
@@ -147,7 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   // The mount table and the volume under the scratch root.
   const std::vector<MountEntry> table = readMountInfo(tree.root.string());
-  if (table.size() != (parts[kMountInfo] ? parseMountInfo(*parts[kMountInfo]).size() : 0))
+  if (table.size() != (part(kMountInfo) ? parseMountInfo(*part(kMountInfo)).size() : 0))
     fail("mount table read differs from the parser");
   for (const MountEntry& entry : table)
     if (!(entry.major == 8 && entry.minor == 17) &&
@@ -161,11 +120,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   // The documents folder named by user-dirs.dirs.
   const std::string documents = xdgDocumentsDirectory("/home/fuzz", tree.config.string());
-  if (documents.empty() || documents[0] != '/') fail("documents folder not absolute");
-  if (documents.size() > 1 && documents.back() == '/') fail("documents folder ends in '/'");
+  if (!documents.starts_with('/') || (documents.size() > 1 && documents.ends_with('/')))
+    fail("documents folder not absolute or ending in '/'");
 
   // The system's name and version, one line ending in the kernel's release.
-  const std::string version = detail::systemVersionText(parts[kOsRelease].value_or(""), "6.1.0");
+  const std::string version = detail::systemVersionText(part(kOsRelease).value_or(""), "6.1.0");
   if (!version.ends_with(" (Kernel 6.1.0)") || version.size() == 15 ||
       version.find('\n') != std::string::npos)
     fail("system version text malformed");

@@ -1,18 +1,14 @@
-// Feeds arbitrary bytes, as a raw request target, through the list server's
-// decoding and routing to the file it opens, over a folder that holds plain
-// files, a link to a file outside it, a FIFO and a subfolder. Checks that a
-// file is opened exactly when the routing names a regular file lying
-// directly in the folder, that it is that file, and that the target's log
-// form holds no control character, quote or malformed UTF-8.
+// Arbitrary bytes as a raw request target through the list server's routing
+// to the file it opens, over a folder with plain files, a link out, a FIFO
+// and a subfolder: a file opens exactly when the routing names a regular file
+// directly in the folder, and it is that one; the target's log form holds no
+// control character, quote or malformed UTF-8.
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cctype>
-#include <fstream>
 #include <map>
-#include <string>
 
 #include "FuzzSupport.h"
 #include "common/StringUtil.h"
@@ -20,19 +16,12 @@
 
 namespace {
 
-namespace fs = std::filesystem;
+using namespace quarvel;
+using fuzz::fail;
 
-using quarvel::fuzz::fail;
-
-void writeFile(const fs::path& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
-
-// The served folder, made once: the regular files directly in it and what
-// they hold.
+// The served folder, made once, and the regular files directly in it.
 struct Folder {
-  fs::path root = quarvel::fuzz::scratchFolder();
-  fs::path served = root / "served";
+  fuzz::fs::path root = fuzz::scratchFolder(), served = root / "served";
   std::map<std::string, std::string> files{{"macchecklist.dat", "check list"},
                                            {"macpcklist.dat", "package list"},
                                            {"package.dat", "windows package"},
@@ -40,18 +29,13 @@ struct Folder {
   int fd = -1;
 
   Folder() {
-    fs::create_directories(served / "sub");
-    for (const auto& [name, text] : files) writeFile(served / name, text);
-    writeFile(root / "outside.dat", "outside the folder");
-    writeFile(served / "sub" / "inner.dat", "inside a subfolder");
-    fs::create_symlink("../outside.dat", served / "link.dat");
+    fuzz::fs::create_directories(served / "sub");
+    for (const auto& [name, text] : files) fuzz::writeFile(served / name, text);
+    fuzz::writeFile(root / "outside.dat", "outside the folder");
+    fuzz::writeFile(served / "sub" / "inner.dat", "inside a subfolder");
+    fuzz::fs::create_symlink("../outside.dat", served / "link.dat");
     ::mkfifo((served / "fifo").c_str(), 0600);
     fd = ::open(served.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  }
-
-  static const Folder& folder() {
-    static const Folder* made = new Folder();
-    return *made;
   }
 };
 
@@ -68,18 +52,18 @@ bool quotable(const std::string& text) {
     if (text.compare(i + 1, 1, "x") != 0 || !hex(i + 2) || !hex(i + 3)) return false;
     i += 3;
   }
-  return quarvel::isValidUtf8(text);
+  return isValidUtf8(text);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const Folder& folder = Folder::folder();
-  const std::string target(reinterpret_cast<const char*>(data), size);
-  const auto parsed = quarvel::server::parseRequestTarget(target);
-  const auto name = quarvel::server::listFileForRequest(parsed.path, parsed.params);
+  static const Folder& folder = *new Folder();
+  const std::string_view target = fuzz::asText(data, size);
+  const auto parsed = server::parseRequestTarget(target);
+  const auto name = server::listFileForRequest(parsed.path, parsed.params);
   const auto expected = name ? folder.files.find(*name) : folder.files.end();
-  const auto file = quarvel::server::openListFile(folder.fd, target);
+  const auto file = server::openListFile(folder.fd, target);
   if (file.has_value() != (expected != folder.files.end()))
     fail("opened other than a plain file", parsed.path);
   if (file) {
@@ -89,6 +73,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         bytes != expected->second)
       fail("opened the wrong file", parsed.path);
   }
-  if (!quotable(quarvel::server::escapeForLog(target))) fail("left unquotable bytes", parsed.path);
+  if (!quotable(server::escapeForLog(target))) fail("left unquotable bytes", parsed.path);
   return 0;
 }

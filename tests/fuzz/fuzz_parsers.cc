@@ -1,16 +1,10 @@
-// The text and message parsers on arbitrary bytes, each checked for what it
-// promises about its results: the service list, uevent, route-table and
-// mountinfo parsers and the mount look-up; the netlink batch parser, which
-// must stay inside the bytes and report what the flag derivation can use;
-// the settings domain reader (XML or binary property lists), whose accepted
-// values the writer must turn into documents that read back equal, or the
-// next start would lose or set aside settings; and the audit's desktop-entry
-// reader.
+// The text and message parsers on arbitrary bytes, each held to what it
+// promises of its results: service list, uevent, route table, mountinfo and
+// the mount look-up, netlink batches, the settings domain reader (what it
+// accepts must be written and read back equal, or the next start would lose
+// settings) and the audit's desktop-entry reader.
 
-#include <algorithm>
 #include <span>
-#include <string>
-#include <string_view>
 
 #include "FuzzSupport.h"
 #include "audit/DesktopEntry.h"
@@ -26,17 +20,17 @@ using namespace quarvel;
 using fuzz::fail;
 
 void services(const std::string& text) {
+  // Parentheses are deleted and the parts are split at commas and lines.
   for (const auto& [device, port] : parseServiceList(text))
-    // Parentheses are deleted and the parts are split at commas and lines.
-    for (const std::string* part : {&device, &port})
-      if (part->find_first_of("(),\n") != std::string::npos) fail("a service list part unsplit");
+    if ((device + port).find_first_of("(),\n") != std::string::npos)
+      fail("a service list part unsplit");
   for (const auto& [key, value] : parseUevent(text))
     if (key.empty() || key.find_first_of("=\n") != std::string::npos ||
         value.find('\n') != std::string::npos)
       fail("a uevent key or value malformed");
-  const auto metrics = parseDefaultRouteMetrics(text);
   // Every device with facts taken from the text gets a port name or none,
   // and the ordering keeps exactly the named ones.
+  const auto metrics = parseDefaultRouteMetrics(text);
   std::vector<DeviceFacts> devices;
   std::size_t named = 0;
   for (const auto& [name, metric] : metrics) {
@@ -61,12 +55,11 @@ void mounts(const std::string& text) {
   for (const std::string& p :
        {text.substr(0, text.find('\n')), std::string("/"), std::string("/media/usb/app")}) {
     const MountEntry* found = findMountForPath(table, p);
-    if (found && found->mountPoint != "/" &&
-        p.compare(0, found->mountPoint.size(), found->mountPoint) != 0)
+    if (found && found->mountPoint != "/" && !p.starts_with(found->mountPoint))
       fail("a mount found for a path outside it");
   }
   for (const MountEntry& entry : table) {
-    if (entry.mountPoint.empty() || entry.mountPoint[0] != '/') fail("a relative mount point");
+    if (!entry.mountPoint.starts_with('/')) fail("a relative mount point");
     (void)entry.readOnly();
     (void)volumeTypeName(entry.fsType);
   }
@@ -93,20 +86,18 @@ void propertyList(std::string_view bytes) {
   if (!binary || !(*binary == *value)) fail("the binary form does not read back equal");
 }
 
-// Every program named is a non-empty name, named once, and a lone Exec line
-// names what its value alone starts.
+// Every program named is a non-empty name, named once, and the whole input
+// as a lone Exec line, when it fits on one, names what its value alone starts.
 void desktopEntry(std::string_view text) {
   const std::vector<std::string> programs = audit::execPrograms(text);
-  for (auto it = programs.begin(); it != programs.end(); ++it) {
-    if (it->empty()) fail("an empty program");
-    if (std::find(programs.begin(), it, *it) != it) fail("a program named twice");
-  }
-  // The whole input as one Exec value, when it fits on one line.
+  for (auto it = programs.begin(); it != programs.end(); ++it)
+    if (it->empty() || std::find(programs.begin(), it, *it) != it)
+      fail("an empty program or one named twice");
   if (text.find('\n') != std::string_view::npos || text.ends_with('\r')) return;
   const std::optional<std::string> program = audit::programOfExec(text);
   if (program && program->empty()) fail("an empty program for a value");
-  const std::vector<std::string> line = audit::execPrograms("Exec=" + std::string(text));
-  if (line != (program ? std::vector<std::string>{*program} : std::vector<std::string>{}))
+  if (audit::execPrograms("Exec=" + std::string(text)) !=
+      (program ? std::vector<std::string>{*program} : std::vector<std::string>{}))
     fail("an Exec line names other than its value");
 }
 
@@ -114,7 +105,7 @@ void desktopEntry(std::string_view text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz::quietLog();  // dropped property-list values log a line each
-  const std::string text(reinterpret_cast<const char*>(data), size);
+  const std::string text(fuzz::asText(data, size));
   services(text);
   mounts(text);
   routes(std::span(data, size));

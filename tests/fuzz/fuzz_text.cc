@@ -1,31 +1,15 @@
-// The text codecs on arbitrary bytes: the Mac Korean codec and the folding.
-//
-// The bytes are taken both as Mac Korean and as UTF-8. Checks that:
-// - whatever decodes is well-formed UTF-8, and reads exactly as its codes
-//   decoded one at a time (the eight-byte windows must not change the text);
-// - decoded text encodes again, to bytes that decode to the same text;
-// - text that encodes decodes back unchanged;
-// - a refused text is refused at a character boundary, and everything before
-//   the reported character encodes;
-// - the encoder's fast lane, where it answers, writes what encodeInto writes.
-//
-// The single-scan folding must not crash, its output is never longer than
-// its input (no replacement is longer than what it replaces), it folds a
-// text line by line as it folds the whole (the save folds each line alone),
-// text of characters it leaves alone stays as it is, and on short
-// well-formed text it agrees with the 209 passes replayed literally.
-
-#include <algorithm>
-#include <optional>
-#include <string>
-#include <string_view>
+// The Mac Korean codec and the folding on arbitrary bytes, as Mac Korean and
+// as UTF-8: what decodes is UTF-8, reads as its codes one at a time and
+// encodes back; what encodes decodes back; a refusal comes at a character,
+// after text that encodes; the fast lane writes what encodeInto writes. The
+// folding never lengthens, folds line by line as whole, leaves alone what it
+// should, and on short UTF-8 agrees with the 209 passes replayed literally.
 
 #include "../common/FoldingReference.h"
 #include "FuzzSupport.h"
 #include "common/Folding.h"
 #include "common/StringUtil.h"
 #include "format/MacKorean.h"
-#include "quarvel/CommonLib.h"
 
 namespace {
 
@@ -61,43 +45,36 @@ char32_t nextCodePoint(std::string_view text, std::size_t& at) {
 void macKorean(std::string_view bytes) {
   const std::optional<std::string> text = MacKorean::decode(bytes);
   if (text != decodeCodeByCode(bytes)) fail("decoding differs from decoding code by code");
+  if (text && !quarvel::isValidUtf8(*text)) fail("decoded text is not UTF-8");
   if (text) {
-    if (!quarvel::isValidUtf8(*text)) fail("decoded text is not UTF-8");
     const std::optional<std::string> again = MacKorean::encode(*text);
-    if (!again) fail("decoded text does not encode");
-    if (MacKorean::decode(*again) != text) fail("decoded text does not survive encoding");
+    if (!again || MacKorean::decode(*again) != text) fail("decoded text does not survive encoding");
   }
-
   MacKorean::EncodeError error;
   if (const std::optional<std::string> encoded = MacKorean::encode(bytes, &error)) {
     if (MacKorean::decode(*encoded) != bytes) fail("encoded text does not decode back");
-  } else {
-    if (error.offset >= bytes.size()) fail("refusal reported past the end");
-    if (error.character != U'\uFFFD' &&
-        (static_cast<unsigned char>(bytes[error.offset]) & 0xC0) == 0x80)
-      fail("refusal reported inside a character");
-    if (!MacKorean::encode(bytes.substr(0, error.offset)))
-      fail("text before the reported character does not encode");
+  } else if (error.offset >= bytes.size()) {
+    fail("refusal reported past the end");
+  } else if (error.character != U'\uFFFD' &&
+             (static_cast<unsigned char>(bytes[error.offset]) & 0xC0) == 0x80) {
+    fail("refusal reported inside a character");
+  } else if (!MacKorean::encode(bytes.substr(0, error.offset))) {
+    fail("text before the reported character does not encode");
   }
-
-  std::string fast(bytes.size(), '\0');
-  std::string careful(bytes.size(), '\0');
+  std::string fast(bytes.size(), '\0'), careful(bytes.size(), '\0');
   // Half the characters are refused, to take the lane's way out too.
   const auto keepEvenCodes = [](char32_t c) { return c % 2 == 0; };
-  if (const std::optional<std::size_t> written =
-          MacKorean::encodePlainInto(bytes, fast.data(), keepEvenCodes)) {
-    const std::optional<std::size_t> expected = MacKorean::encodeInto(bytes, careful.data());
-    if (written != expected || fast.compare(0, *written, careful, 0, *written) != 0)
+  if (const auto written = MacKorean::encodePlainInto(bytes, fast.data(), keepEvenCodes))
+    if (written != MacKorean::encodeInto(bytes, careful.data()) ||
+        fast.compare(0, *written, careful, 0, *written) != 0)
       fail("the fast lane differs from encodeInto");
-  }
 }
 
 void folding(std::string_view text) {
   const std::string folded = quarvel::CommonLib::encodingForSpecialCharacter(text);
   if (folded.size() > text.size()) fail("folding made a text longer");
-
   std::string byLines;
-  for (std::size_t from = 0; from <= text.size();) {
+  for (std::size_t from = 0;;) {
     const std::size_t end = std::min(text.find("\r\n", from), text.size());
     byLines += quarvel::CommonLib::encodingForSpecialCharacter(text.substr(from, end - from));
     if (end == text.size()) break;
@@ -105,23 +82,21 @@ void folding(std::string_view text) {
     from = end + 2;
   }
   if (byLines != folded) fail("folding line by line differs from folding the whole");
-
-  bool untouched = quarvel::isValidUtf8(text);
+  const bool utf8 = quarvel::isValidUtf8(text);
+  bool untouched = utf8;
   for (std::size_t at = 0; untouched && at < text.size();) {
     const char32_t c = nextCodePoint(text, at);
     untouched = c < 0x80 || quarvel::folding::leavesAlone(c);
   }
   if (untouched && folded != text) fail("a character folding leaves alone was folded");
-  if (text.size() <= 256 && quarvel::isValidUtf8(text) &&
-      folded != quarvel::foldref::referenceFold(text))
+  if (text.size() <= 256 && utf8 && folded != quarvel::foldref::referenceFold(text))
     fail("fast folding differs from the passes");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
-  macKorean(bytes);
-  folding(bytes);
+  macKorean(quarvel::fuzz::asText(data, size));
+  folding(quarvel::fuzz::asText(data, size));
   return 0;
 }
