@@ -285,13 +285,13 @@ void decipherBlock(const unsigned char* in, std::size_t count, std::size_t at, u
   for (; j < count; ++j) out[j] = static_cast<unsigned char>(in[count - 1 - j] ^ keyByte(at + j));
 }
 
-// What readLines followed by splitWhole makes of a file, read a block at a
-// time from its end, each block deciphered, checked and decoded while it
-// is in the caches: the enciphered file never lies in memory whole, and
-// its bytes pass through memory once instead of five times. False, with
-// `out` untouched, wherever splitWhole would answer false or a read comes
-// up short; the caller then takes the whole-file way, which says why.
-bool streamWhole(int fd, std::size_t size, DecodedLines& out) {
+}  // namespace
+
+// Read a block at a time from the file's end, each block deciphered,
+// checked and decoded while it is in the caches: the enciphered file never
+// lies in memory whole, and its bytes pass through memory once instead of
+// five times.
+bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out) {
   constexpr std::size_t kBlock = std::size_t{256} << 10;
   // A block follows the unfinished line the one before left, which
   // splitWhole's limits keep short: kMaxLineBytes and its CR.
@@ -336,8 +336,6 @@ bool streamWhole(int fd, std::size_t size, DecodedLines& out) {
   viewLines(out, count);
   return true;
 }
-
-}  // namespace
 
 void splitLines(const unsigned char* text, std::size_t size, DecodedLines& out) {
   if (splitWhole(text, size, out)) return;
@@ -414,7 +412,7 @@ bool datafile::readLines(std::FILE* targetFile, DecodedLines& out) {
   const auto size = static_cast<std::uint32_t>(end);
   if (size == 0) return false;
   // The whole text logged at debug priority needs the whole file at hand.
-  if (!debugLinesWanted() && streamWhole(::fileno(targetFile), size, out)) return true;
+  if (!debugLinesWanted() && readLinesByBlocks(::fileno(targetFile), size, out)) return true;
 
   // One zero byte more than the file, so the text always ends in a zero.
   std::unique_ptr<unsigned char, FreeDeleter> buffer(

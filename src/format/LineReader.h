@@ -75,4 +75,11 @@ void splitLines(const unsigned char* text, std::size_t size, DecodedLines& out);
 // bits, or there is no memory for it.
 bool readLines(std::FILE* stream, DecodedLines& out);
 
+// What readLines makes of the `size` bytes of the regular file open as
+// `fd`, without its log lines but the size line, for a text it reads
+// without a word; false, with `out` untouched, for any other text or a read
+// that comes up short (readLines then reads the file whole and says why).
+// readLines takes this way unless its debug lines are wanted.
+bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out);
+
 }  // namespace quarvel::datafile

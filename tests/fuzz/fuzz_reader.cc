@@ -1,8 +1,8 @@
 // The data-file reader on arbitrary bytes: through CommonLib::Decrypt, and
 // as deciphered text into the line splitter, into lines and into one buffer
-// alike. As the text of `quarvel encrypt TEXTFILE`: what it writes reads back
-// line for line (byte-order mark skipped, CR LF as LF, a last line without a
-// line end kept), and a refusal names a line and column inside the text.
+// alike, and from a file a block at a time as the whole file reads it. As the text of `quarvel
+// encrypt TEXTFILE`: what it writes reads back line for line (byte-order mark skipped, CR LF as LF,
+// a last line without a line end kept), and a refusal names a line and column inside the text.
 
 #include "CipherCommand.h"
 #include "FuzzSupport.h"
@@ -39,6 +39,17 @@ void splitAndDecrypt(std::string_view text) {
   if (!std::ranges::equal(decoded.lines, lines) || quiet.lines() != logged)
     fail("one buffer reads other lines");
   readStream(std::string(text));
+  // The block reader, where it reads at all, reads what the whole file does
+  // (the log capture sends readLines the whole way).
+  if (!fuzz::writeEnciphered(text) || text.empty()) return;
+  std::FILE* file = std::fopen(fuzz::scratchPath().c_str(), "rb");
+  if (file == nullptr) return;
+  datafile::DecodedLines byBlocks, whole;
+  const bool read = datafile::readLinesByBlocks(::fileno(file), text.size(), byBlocks);
+  if (!datafile::readLines(file, whole)) fail("an enciphered file that does not read");
+  std::fclose(file);
+  if (read && !std::ranges::equal(byBlocks.lines, whole.lines))
+    fail("blocks read other lines than the whole file");
 }
 
 void encipherAndRead(std::string_view text) {

@@ -88,15 +88,16 @@ TEST(TableMulti, UnknownFieldsRowsAndEditsBeyondTheRecords) {
 // Lines added together refer to one text: each record reads as its own line
 // did, an edit through a copy of the table (which shares the records)
 // changes that record alone and never the text, and records outlive the
-// table and the caller's text.
+// table and the caller's text. A line of 64 KiB or more, past what the
+// shared offsets hold, reads as well.
 TEST(TableMulti, LinesAddedTogetherShareTheirTextUntilEdited) {
-  auto text = std::make_shared<const std::string>("a\tb\nbad\nc\t\nx\ty\tz\n\td");
+  const std::string wide(70000, 'L');
+  auto text =
+      std::make_shared<const std::string>("a\tb\nbad\nc\t\nx\ty\tz\n\td\n" + wide + "\tend");
   const std::string original = *text;
-  const std::vector<std::string_view> lines = {{text->data(), 3},
-                                               {text->data() + 4, 3},
-                                               {text->data() + 8, 2},
-                                               {text->data() + 11, 5},
-                                               {text->data() + 17, 2}};
+  const std::vector<std::string_view> lines = {{text->data(), 3},      {text->data() + 4, 3},
+                                               {text->data() + 8, 2},  {text->data() + 11, 5},
+                                               {text->data() + 17, 2}, {text->data() + 20, 70004}};
   auto table = std::make_unique<TableMulti>();
   table->setFieldWithRecord("A\tB", "\t");
   EXPECT_EQ(table->insertRecord("0\t0", "\t"), 0);
@@ -109,8 +110,8 @@ TEST(TableMulti, LinesAddedTogetherShareTheirTextUntilEdited) {
             1);
   EXPECT_EQ(refused, (std::vector<std::size_t>{1, 3}));
   EXPECT_EQ(added, (std::vector<std::pair<std::int64_t, std::string>>{
-                       {1, "a\tb"}, {2, "c\t"}, {3, "\td"}}));
-  EXPECT_EQ(column(*table, "A"), (std::vector<std::string>{"0", "a", "c", ""}));
+                       {1, "a\tb"}, {2, "c\t"}, {3, "\td"}, {4, wide + "\tend"}}));
+  EXPECT_EQ(column(*table, "A"), (std::vector<std::string>{"0", "a", "c", "", wide}));
 
   std::unique_ptr<Table> copy = table->copy();
   EXPECT_TRUE(copy->setValue(1, "B", "longer than the line"));
@@ -118,11 +119,14 @@ TEST(TableMulti, LinesAddedTogetherShareTheirTextUntilEdited) {
   EXPECT_EQ(table->selectToStr(2), "c\t");
   EXPECT_EQ(*text, original);
 
-  RecordPtr kept = table->select(3);
+  RecordPtr kept = table->select(3), kept16 = table->select(4);
+  const Record copied = *table->select(2);
   table.reset();
   copy.reset();
   text.reset();
   EXPECT_EQ(*kept, (Record{"", "d"}));
+  EXPECT_EQ(*kept16, (Record{wide, "end"}));
+  EXPECT_EQ(copied, (Record{"c", ""}));
 }
 
 // Sorting compares case-blind and numerically; two fields share one
