@@ -1,7 +1,7 @@
 // The download run: every row of the fault table in-process, the rows only
 // a real transfer can show against a loopback server, and what lies outside
-// the table (the memory an endless body may take, what an earlier run left,
-// a read-only folder, the variants and single-file operations).
+// the table (what an earlier run left, a read-only folder, the variants and
+// single-file operations).
 
 #include <gtest/gtest.h>
 #include <linux/capability.h>
@@ -9,7 +9,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <thread>
 
 #include "common/Log.h"
@@ -38,40 +37,6 @@ INSTANTIATE_TEST_SUITE_P(Rows, UpdateFaults, ::testing::ValuesIn(everyCase()),
                            const bool wire = info.param.second == Transport::kLoopback;
                            return std::string(info.param.first.name) + (wire ? "OnLoopback" : "");
                          });
-
-std::int64_t residentBytes() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line))
-    if (line.rfind("VmRSS:", 0) == 0) return std::stoll(line.substr(6)) * 1024;
-  return -1;
-}
-
-// A body that never ends is never held: the ceiling is above the bound on
-// the resident set, so holding one would show.
-TEST(UpdateFaults, AnEndlessBodyEndsAtTheCeilingWithMemoryFlat) {
-  constexpr std::uint64_t kCeiling = 48u << 20;
-  constexpr std::int64_t kAllowedGrowth = 32 << 20;
-  const FaultRow row{"Endless",
-                     [](FaultScene& s) {
-                       s.options.dataFileTimeout = 5s;
-                       capped(s, 2, HttpReply::flood(std::string(64 * 1024, 'z')), kCeiling);
-                     },
-                     kFailed, "nnooo"};
-  LogCapture log;
-  const std::int64_t before = residentBytes();
-  std::atomic<std::int64_t> peak{before};
-  std::atomic<bool> done{false};
-  std::thread sampler([&] {
-    for (; !done; std::this_thread::sleep_for(2ms)) peak = std::max(peak.load(), residentBytes());
-  });
-  EXPECT_EQ(runFaultRow(row, Transport::kInProcess).problems, "");
-  done = true;
-  sampler.join();
-  EXPECT_LT(peak - before, kAllowedGrowth) << "peak " << peak << ", before " << before;
-  EXPECT_LT(residentBytes() - before, kAllowedGrowth);
-  EXPECT_TRUE(log.contains("the body passed " + std::to_string(kCeiling) + " bytes"));
-}
 
 // A scene answering in-process, for the tests that drive the run themselves.
 class UpdateScene : public ::testing::Test {
