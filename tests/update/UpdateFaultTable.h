@@ -329,8 +329,15 @@ inline const FaultRow kFaultRows[] = {
     {"EndlessBodyEndsAtTheCeiling",
      [](FaultScene& s) { capped(s, 2, R::flood(std::string(64 * 1024, 'z')), 1 << 20); }, kFailed,
      "nnooo", kBoth},
-    // A trickle still coming at the transfer limit fails; one slower than
-    // the time-out that never pauses for one completes.
+    // A stall ends at the idle time-out, well inside the transfer limit; a
+    // trickle still coming at the limit fails; one slower than the time-out
+    // that never pauses for one completes.
+    {"StallEndsAtTheIdleTimeout",
+     [](FaultScene& s) {
+       s.options.transferLimit = 20s;
+       s.script(2, R::stallAfter(s.body[2], 4096), 1);
+     },
+     kDone, "nnnnn", kLoopback},
     {"TrickleThatNeverEnds",
      [](FaultScene& s) { s.script(2, R::trickle(std::string(1 << 20, 'x'), 64, 20ms)); }, kFailed,
      "nnooo", kLoopback},

@@ -70,14 +70,13 @@ TEST_F(UpdateScene, TheNextRunRemovesWhatAKilledEarlierRunLeft) {
     bool removed;
   } cases[] = {
       {check + "A1b2C3", 0644, true, true},
-      {".fontchecklist.dat.Zq9xW0", 0644, true, true},
-      {check + "backup", 0644, true, false},   // a word, not mkstemp's
-      {check + "A1b2C", 0644, true, false},    // five characters
-      {check + "A1-2C3", 0644, true, false},   // not a letter or digit
-      {check + "A1b2C4", 0600, true, false},   // a mode the run never set
-      {check + "A1b2C5", 0644, false, false},  // an old run may still be on it
+      {".fontchecklist.dat.Zq9xW0", 0644, true, true},  // the user list's prefix is as long
+      {check + "backup", 0644, true, false},            // a word, not mkstemp's
+      {check + "A1b2C", 0644, true, false},             // five characters
+      {check + "A1-2C3", 0644, true, false},            // not a letter or digit
+      {check + "A1b2C4", 0600, true, false},            // a mode the run never set
+      {check + "A1b2C5", 0644, false, false},           // an old run may still be on it
       {check + "A1b2C7", 0, true, false},
-      {".ver.dat.A1b2C3", 0644, true, false},  // a name this run does not write
   };
   for (const auto& c : cases) {
     const std::string where = scene.library + "/" + c.name;
