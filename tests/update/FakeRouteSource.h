@@ -7,7 +7,6 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <map>
 #include <mutex>
 #include <set>
@@ -26,14 +25,8 @@ class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<
   }
   void setName(const std::string& name, std::vector<const char*> addresses) {
     std::lock_guard lock(mutex_);
-    auto& list = names_[name];
-    list.clear();
-    for (const char* a : addresses) list.push_back(parse(a));
-  }
-  // Every address whose flags were asked for, in order.
-  std::vector<std::string> asked() {
-    std::lock_guard lock(mutex_);
-    return asked_;
+    names_[name].clear();
+    for (const char* a : addresses) names_[name].push_back(parse(a));
   }
   // Wakes every watch, as the kernel does when a link, address or route
   // changed (whether or not the flags of any target did).
@@ -44,7 +37,6 @@ class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<
       [[maybe_unused]] auto n = ::write(fd, &one, sizeof one);
     }
   }
-  int resolveCount() const { return resolveCount_; }
   std::size_t openWatches() {
     std::lock_guard lock(mutex_);
     return watchFds_.size();
@@ -52,12 +44,10 @@ class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<
 
   std::optional<std::uint32_t> flagsForAddress(const IpAddress& address) override {
     std::lock_guard lock(mutex_);
-    asked_.push_back(address.toString());
     auto it = flags_.find(address.toString());
     return it == flags_.end() ? std::optional<std::uint32_t>(0u) : it->second;
   }
   std::vector<IpAddress> resolve(const std::string& hostName) override {
-    ++resolveCount_;
     std::lock_guard lock(mutex_);
     auto it = names_.find(hostName);
     return it == names_.end() ? std::vector<IpAddress>{} : it->second;
@@ -98,9 +88,7 @@ class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<
   std::mutex mutex_;
   std::map<std::string, std::optional<std::uint32_t>> flags_;
   std::map<std::string, std::vector<IpAddress>> names_;
-  std::vector<std::string> asked_;
   std::set<int> watchFds_;
-  std::atomic<int> resolveCount_{0};
 };
 
 // A monitor for "internet", "wifi", "name:NAME" or an address literal of

@@ -5,10 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <chrono>
-#include <future>
-#include <thread>
 
 #include "common/Log.h"
 #include "quarvel/NotificationCenter.h"
@@ -33,9 +30,8 @@ TEST(Reachability, StatusRulesAndTheirLogLine) {
   auto r = test::monitorFor("192.0.2.9");
   LogCapture capture;
   for (const auto& c : cases) {
-    SCOPED_TRACE(::testing::Message() << std::hex << "flags 0x" << c.flags);
-    EXPECT_EQ(r->networkStatusForFlags(c.flags), c.general);
-    EXPECT_EQ(r->localWiFiStatusForFlags(c.flags), c.local);
+    EXPECT_EQ(r->networkStatusForFlags(c.flags), c.general) << std::hex << c.flags;
+    EXPECT_EQ(r->localWiFiStatusForFlags(c.flags), c.local) << std::hex << c.flags;
   }
   EXPECT_EQ(capture.lines().size(), 2 * std::size(cases));
 
@@ -46,26 +42,20 @@ TEST(Reachability, StatusRulesAndTheirLogLine) {
     const char* line;
   } lines[] = {
       {0x20002, true, "Reachability Flag Status: -R ------d localWiFiStatusForFlags\n"},
-      {0x2, false, "Reachability Flag Status: -R ------- networkStatusForFlags\n"},
       {0, false, "Reachability Flag Status: -- ------- networkStatusForFlags\n"},
       {0x7003F, false, "Reachability Flag Status: WR tcCiDld networkStatusForFlags\n"},
-      {0x40001, true, "Reachability Flag Status: W- t------ localWiFiStatusForFlags\n"},
   };
   for (const auto& c : lines) {
-    SCOPED_TRACE(c.line);
     LogCapture one;
     c.local ? r->localWiFiStatusForFlags(c.flags) : r->networkStatusForFlags(c.flags);
-    ASSERT_EQ(one.lines().size(), 1u);
-    EXPECT_EQ(one.lines()[0], c.line);
+    EXPECT_EQ(one.lines(), std::vector<std::string>{c.line});
   }
-  EXPECT_EQ(reachabilityFlagLetters(0x10000), "-- -----l-");
 }
 
 TEST(Reachability, MonitorsJudgeTheirTargetsFlags) {
   // Flags of every row, unless the row overrides one address.
   const std::pair<const char*, std::uint32_t> world[] = {
-      {"0.0.0.0", 0x2},   {"169.254.0.0", 0x2}, {"::", 0x2},
-      {"192.0.2.1", 0x2}, {"2001:db8::1", 0x2}, {"2001:db8::2", 0x40002}};
+      {"0.0.0.0", 0x2}, {"169.254.0.0", 0x2}, {"192.0.2.1", 0x2}, {"2001:db8::1", 0x2}};
   struct Case {
     const char* what;
     const char* target;  // as test::monitorFor takes it; names resolve to `addresses`
@@ -75,21 +65,13 @@ TEST(Reachability, MonitorsJudgeTheirTargetsFlags) {
     std::optional<std::uint32_t> flags = {};
   } const cases[] = {
       {"local link through a gateway", "wifi", 0},
-      {"same address, general rule", "169.254.0.0", 1},
       {"local link direct", "wifi", 1, {}, "169.254.0.0", 0x20002},
       {"internet through a gateway", "internet", 1},
-      {"internet over WWAN", "internet", 2, {}, "0.0.0.0", 0x40002},
       {"unreadable flags", "internet", 0, {}, "0.0.0.0", std::nullopt},
       {"IPv6 address", "2001:db8::1", 1},
-      {"IPv6 address without route", "2001:db8::5", 0},
-      {"IPv6 any address", "::", 1},
       {"name that does not resolve", "name:dual.example", 0},
       // A name counts as its first reachable address, whatever the family.
-      {"IPv6 only", "name:dual.example", 1, {"2001:db8::1"}},
-      {"IPv6 without route", "name:dual.example", 0, {"2001:db8::9"}},
       {"IPv4 without route first", "name:dual.example", 1, {"192.0.2.9", "2001:db8::1"}},
-      {"IPv6 without route first", "name:dual.example", 1, {"2001:db8::9", "192.0.2.1"}},
-      {"WWAN IPv6 first", "name:dual.example", 2, {"2001:db8::2", "192.0.2.1"}},
       {"IPv4 first", "name:dual.example", 1, {"192.0.2.1", "2001:db8::2"}},
       {"no route in either family", "name:dual.example", 0, {"2001:db8::9", "192.0.2.9"}},
   };
@@ -103,9 +85,6 @@ TEST(Reachability, MonitorsJudgeTheirTargetsFlags) {
     ASSERT_TRUE(monitor);
     LogCapture capture;
     EXPECT_EQ(monitor->currentReachabilityStatus(), c.status);
-    if (std::isdigit(c.target[0]) || c.target[0] == ':') {
-      EXPECT_EQ(fake->asked().back(), c.target) << "asked for that address, in its family";
-    }
     if (c.at && !c.flags)
       EXPECT_TRUE(capture.lines().empty()) << "no status line from unreadable flags";
     else
@@ -123,7 +102,6 @@ TEST(Reachability, OneMonitorRereadsItsTarget) {
     fake->setName("updates.example", {address});
     EXPECT_EQ(byName->currentReachabilityStatus(), status) << address;
   }
-  EXPECT_EQ(fake->resolveCount(), 2) << "resolved at every read, and only then";
 
   auto internet = Reachability::reachabilityForInternetConnection();
   LogCapture capture;
@@ -164,67 +142,32 @@ TEST(Reachability, FactoriesRefuseUnusableTargets) {
   EXPECT_EQ(Reachability::reachabilityWithAddress(null6), nullptr);
 }
 
-// Counts the change notifications of one monitor and the threads they came on.
-struct ChangeRecorder {
-  explicit ChangeRecorder(Reachability* monitor) {
-    token = NotificationCenter::defaultCenter().add(
-        kReachabilityChangedNotification, monitor, [this, monitor](const Notification& n) {
-          EXPECT_EQ(n.object, monitor);
-          threads.push_back(std::this_thread::get_id());
-          statuses.push_back(monitor->currentReachabilityStatus());
-        });
-  }
-  ~ChangeRecorder() { NotificationCenter::defaultCenter().remove(token); }
-  NotificationCenter::Token token;
-  std::vector<std::thread::id> threads;
-  std::vector<std::int64_t> statuses;
-};
-
-TEST(ReachabilityNotifier, ChangeReachesObserverOnTheThreadThatStartedIt) {
-  test::ScopedFakeRouteSource fake;
-  fake->setFlags("0.0.0.0", 0x2);
-  std::promise<bool> started;
-  std::vector<std::thread::id> seenOn;
-  std::vector<std::int64_t> statuses;
-  std::thread worker([&] {
-    test::MainContextLoop loop;
-    auto monitor = Reachability::reachabilityForInternetConnection();
-    ChangeRecorder recorder(monitor.get());
-    bool watching = monitor->startNotifier();
-    started.set_value(watching);
-    if (watching) loop.runUntil([&] { return !recorder.threads.empty(); }, 5s);
-    seenOn = recorder.threads;
-    statuses = recorder.statuses;
-  });
-  const auto loopThread = worker.get_id();
-  EXPECT_TRUE(started.get_future().get());
-  // Announced from the test's thread, which never runs the callback itself.
-  fake->setFlags("0.0.0.0", 0x40002);
-  fake->announce();
-  worker.join();
-  EXPECT_EQ(seenOn, std::vector<std::thread::id>{loopThread});
-  EXPECT_EQ(statuses, std::vector<std::int64_t>{2});
-  EXPECT_EQ(fake->openWatches(), 0u) << "destroying the monitor stops its watch";
-}
-
+// Changes reach observers through the main context of the thread that
+// started the notifier, and only when the target's flags changed.
 TEST(ReachabilityNotifier, PostsOnlyWhenFlagsChanged) {
   test::ScopedFakeRouteSource fake;
   fake->setFlags("203.0.113.7", 0x2);
   test::MainContextLoop loop;
   auto monitor = test::monitorFor("203.0.113.7");
-  ChangeRecorder recorder(monitor.get());
+  auto& center = NotificationCenter::defaultCenter();
+  std::vector<std::int64_t> statuses;
+  const auto recorder = center.add(kReachabilityChangedNotification, monitor.get(),
+                                   [&, watched = monitor.get()](const Notification& n) {
+                                     EXPECT_EQ(n.object, watched);
+                                     statuses.push_back(watched->currentReachabilityStatus());
+                                   });
   // Announces a change, with these flags if given, and runs the loop until
   // the posts have reached `posted`, or for a while when none should come.
   auto change = [&](std::optional<std::uint32_t> flags, std::vector<std::int64_t> posted) {
     if (flags) fake->setFlags("203.0.113.7", *flags);
     fake->announce();
-    if (posted.size() == recorder.statuses.size())
+    if (posted.size() == statuses.size())
       loop.runFor(100ms);
     else
-      loop.runUntil([&] { return recorder.statuses.size() >= posted.size(); }, 5s);
-    EXPECT_EQ(recorder.statuses, posted);
+      loop.runUntil([&] { return statuses.size() >= posted.size(); }, 5s);
+    EXPECT_EQ(statuses, posted);
   };
-  ASSERT_TRUE(monitor->startNotifier());
+  EXPECT_TRUE(monitor->startNotifier());
   change(std::nullopt, {});  // a route elsewhere changed; these flags did not
   change(0x20002, {1});
   change(0, {1, 0});
@@ -233,19 +176,19 @@ TEST(ReachabilityNotifier, PostsOnlyWhenFlagsChanged) {
   change(0x2, {1, 0});  // nothing after stopNotifier
 
   // Started again, it judges changes against the flags of that moment.
-  ASSERT_TRUE(monitor->startNotifier());
-  ASSERT_TRUE(monitor->startNotifier()) << "starting twice keeps one watch";
+  EXPECT_TRUE(monitor->startNotifier());
+  EXPECT_TRUE(monitor->startNotifier()) << "starting twice keeps one watch";
   EXPECT_EQ(fake->openWatches(), 1u);
   change(0x2, {1, 0});
   change(0x40002, {1, 0, 2});
 
   // An observer after the recorder destroys the monitor, and with it the watch.
-  auto& center = NotificationCenter::defaultCenter();
   auto token = center.add(kReachabilityChangedNotification, monitor.get(),
                           [&](const Notification&) { monitor.reset(); });
   change(0x2, {1, 0, 2, 1});
   loop.runFor(50ms);
   center.remove(token);
+  center.remove(recorder);
   EXPECT_EQ(monitor, nullptr);
   EXPECT_EQ(fake->openWatches(), 0u);
 }

