@@ -194,15 +194,17 @@ TEST_F(ServedFolderTest, ServesPlainFilesOnlyAndLogsEachRequest) {
                                  "Connection: close\r\n\r\n")
                 .status,
             404);
+  EXPECT_EQ(testing::rawExchange(port, "GET /bad HTTP/1.1\r\nNo colon\r\n\r\n").status, 400);
   // A line is written once its answer has gone out, so lines may trail
   // their clients; the stop waits for the threads that write them.
   server->stop();
-  std::size_t served = 0;  // each case, the HEAD and the raw request
-  for (const std::string& line : log.lines()) served += line.starts_with("serve: ");
-  EXPECT_EQ(served, std::size(cases) + 2);
+  std::size_t served = 0;  // each case, the HEAD and the raw requests
+  for (const std::string& line : log.lines()) served += line.starts_with("serve: 127.0.0.1 ");
+  EXPECT_EQ(served, std::size(cases) + 3);
   EXPECT_TRUE(log.contains("\"GET /quarvel/download/list/check/mac/\" 200 3"));
   EXPECT_TRUE(log.contains("\"GET /cmmn/download.nis?type=file&filename=link.dat\" 404"));
   EXPECT_TRUE(log.contains("\"GET /file/keyfile60/a\\x22b\\xFF\" 404"));
+  EXPECT_TRUE(log.contains("\"/bad\" no answer (cut: error)"));
 }
 
 // The stop cuts a request still coming in once its grace has passed, and
@@ -211,21 +213,24 @@ TEST_F(ServedFolderTest, HoldsItsPortAloneAndFreesItOnStop) {
   ListServer rival(folder);
   EXPECT_EQ(rival.start("127.0.0.1", port), -1);
   // A header still trickling in when the server stops is cut once the grace
-  // of a second has passed.
-  const int fd = testing::connectTo(port);
+  // of a second has passed; one whose client left is logged as such.
+  LogCapture log;
+  const int fd = testing::connectTo(port), gone = testing::connectTo(port);
+  ASSERT_TRUE(testing::sendText(gone, "GET /gone HTTP/1.1\r\n"));
   auto closed = std::async(std::launch::async, [&] {
     return testing::trickleUntilClosed(fd, "GET / HTTP/1.1\r\n", "X-Line: 1\r\n", 40, 200ms);
   });
   std::this_thread::sleep_for(500ms);
-  LogCapture log;
+  ::close(gone);
   server.reset();  // the server closes first: its side lingers in TIME_WAIT
   EXPECT_TRUE(closed.get());
   ::close(fd);
   EXPECT_TRUE(log.contains("serve: stopping, cut 1 connection still open"));
+  EXPECT_TRUE(log.contains("\"/gone\" no answer (cut: client gone)"));
   httplib::Client client("127.0.0.1", port);
   client.set_connection_timeout(1, 0);
   EXPECT_FALSE(client.Get("/"));
-  ListServer again(folder);
+  ListServer again(folder, {.threads = 1});  // a pool of one is no pool
   EXPECT_EQ(again.start("127.0.0.1", port), port);
 }
 

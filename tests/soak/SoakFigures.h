@@ -1,13 +1,11 @@
 #pragma once
 // What the soaks watch: the process's resident memory and open file
-// descriptors, sampled once a warm-up is over, and whether they stayed flat.
-//
-// Flat means: the open descriptors are the same at every sample, and the
-// highest resident memory of the last quarter of the samples is at most
-// kRssMarginKiB above the highest of the first quarter. Under the sanitizers
-// (QUARVEL_SOAK_CHECK_RSS=0) resident memory follows their allocators, which
-// keep freed memory, so it is shown but not judged; LeakSanitizer watches
-// leaks there.
+// descriptors, sampled once a warm-up is over. They stayed flat when the
+// descriptors are the same at every sample and the last quarter's peak of
+// resident memory is at most kRssMarginKiB above the first quarter's. Under
+// the sanitizers (QUARVEL_SOAK_CHECK_RSS=0) resident memory follows their
+// allocators, which keep freed memory: it is shown, not judged, and
+// LeakSanitizer watches leaks there.
 
 #include <algorithm>
 #include <chrono>
