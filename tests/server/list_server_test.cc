@@ -92,12 +92,7 @@ TEST(ListFileForRequest, AnswersTheSignatureAddressOfEveryFile) {
 }
 
 TEST(ParseRequestTarget, DecodesPathAndQueryAsTheyWereSent) {
-  struct Case {
-    const char* target;
-    std::string path;
-    QueryParams params;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, std::string, QueryParams> cases[] = {
       {"/a%2Eb/%2e%2E", "/a.b/..", {}},
       {"/a+b%20c", "/a+b c", {}},  // '+' is a space in the query only
       {"/x?type=file&filename=a+b%2Bc", "/x", {{"type", "file"}, {"filename", "a b+c"}}},
@@ -107,9 +102,9 @@ TEST(ParseRequestTarget, DecodesPathAndQueryAsTheyWereSent) {
       {"/%zz%4/%", "/%zz%4/%", {}},  // broken escapes stand for themselves
       {"/x?f=%e2%82%ac", "/x", {{"f", "\xe2\x82\xac"}}},
   };
-  for (const Case& c : cases) {
-    const RequestTarget parsed = parseRequestTarget(c.target);
-    EXPECT_EQ(std::tie(parsed.path, parsed.params), std::tie(c.path, c.params)) << c.target;
+  for (const auto& [target, path, params] : cases) {
+    const RequestTarget parsed = parseRequestTarget(target);
+    EXPECT_EQ(std::tie(parsed.path, parsed.params), std::tie(path, params)) << target;
   }
 }
 
