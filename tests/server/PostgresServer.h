@@ -31,47 +31,38 @@ class PostgresServer {
       if (!user || ::chown(folder_.c_str(), user->pw_uid, user->pw_gid) != 0) return;
       as_ = "runuser -u postgres -- ";
     }
-    port_ = quarvel::testing::freeLoopbackPort();
-    const std::string data = folder_ + "/data";
-    if (!run(std::string(kPostgresBin) + "/initdb -D " + data +
-             " -A trust -U quarvel -E UTF8 --locale=C --no-sync"))
-      return;
-    started_ = run(std::string(kPostgresBin) + "/pg_ctl -D " + data + " -l " + folder_ +
-                   "/server.log -w -t 60 -o \"-p " + std::to_string(port_) + " -k " + folder_ +
+    const std::string data = folder_ + "/data", port = std::to_string(port_);
+    started_ = run("initdb -D " + data + " -A trust -U quarvel -E UTF8 --locale=C --no-sync") &&
+               run("pg_ctl -D " + data + " -l " + folder_ + "/server.log -w -t 60 -o \"-p " + port +
+                   " -k " + folder_ +
                    " -c listen_addresses=127.0.0.1 -c fsync=off -c full_page_writes=off\" start");
   }
   ~PostgresServer() {
-    if (started_)
-      run(std::string(kPostgresBin) + "/pg_ctl -D " + folder_ + "/data -m immediate -w stop");
-    if (!folder_.empty()) {
-      std::error_code ignored;
-      std::filesystem::remove_all(folder_, ignored);
-    }
+    if (started_) run("pg_ctl -D " + folder_ + "/data -m immediate -w stop");
+    std::error_code ignored;
+    if (!folder_.empty()) std::filesystem::remove_all(folder_, ignored);
   }
   PostgresServer(const PostgresServer&) = delete;
   PostgresServer& operator=(const PostgresServer&) = delete;
 
   bool running() const { return started_; }
-  std::string url(const std::string& database = "postgres") const {
-    return "postgresql://quarvel@127.0.0.1:" + std::to_string(port_) + "/" + database;
-  }
-  // A database of its own for one test.
+  // A database of its own for one test, as a URL to open it by.
   std::string freshDatabase(const std::string& name) const {
-    run(std::string(kPostgresBin) + "/createdb -h 127.0.0.1 -p " + std::to_string(port_) +
-        " -U quarvel " + name);
-    return url(name);
+    run("createdb -h 127.0.0.1 -p " + std::to_string(port_) + " -U quarvel " + name);
+    return "postgresql://quarvel@127.0.0.1:" + std::to_string(port_) + "/" + name;
   }
 
  private:
+  // Runs one of the server's programs, its output kept in the folder.
   bool run(const std::string& command) const {
-    const std::string line =
-        "timeout 120 " + as_ + command + " >>" + folder_ + "/commands.log 2>&1";
+    const std::string line = "timeout 120 " + as_ + kPostgresBin + "/" + command + " >>" + folder_ +
+                             "/commands.log 2>&1";
     return std::system(line.c_str()) == 0;
   }
 
   std::string folder_;
   std::string as_;
-  int port_ = -1;
+  int port_ = quarvel::testing::freeLoopbackPort();
   bool started_ = false;
 };
 

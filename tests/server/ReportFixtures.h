@@ -42,11 +42,8 @@ inline Json report(unsigned n, const std::string& host, const std::string& scann
       {"machine",
        {{"hostName", host}, {"networkIdentity", "10.0.0.7<br>aa:bb"}, {"osVersion", "Debian 12"}}},
       {"scannedAt", scannedAt},
-      {"lists",
-       {{"checklist", "2026.11.01"},
-        {"userchecklist", nullptr},
-        {"filter", nullptr},
-        {"font", "7"}}},
+      {"lists", Json::parse(R"({"checklist":"2026.11.01","userchecklist":null,"filter":null,)"
+                            R"("font":"7"})")},
       {"findings", std::move(findings)},
       {"totals", Json::object()},
       {"scan", {{"files", 10}}}};
@@ -98,10 +95,9 @@ inline void checkStoreBehaviour(ReportStore& store) {
   ASSERT_EQ(send(store, kNow, 5, sqlLike, "2026-11-18T09:00:00Z",
                  Json::array({finding(sqlLike, controls, 0.01, places)})),
             Insert::kStored);
-  auto hostile = store.machineFindings(sqlLike);
-  ASSERT_TRUE(hostile);
-  ASSERT_EQ(hostile->size(), 1u);
-  const ReportFinding& h = (*hostile)[0];
+  const auto hostile = store.machineFindings(sqlLike);
+  ASSERT_TRUE(hostile && hostile->size() == 1u);
+  const ReportFinding& h = hostile->at(0);
   EXPECT_EQ(std::tie(h.maker, h.product, h.where, h.priceHundredths, h.type),
             std::make_tuple(sqlLike, controls, places, std::optional<std::int64_t>(1), "상용"));
 
@@ -139,58 +135,41 @@ inline void checkStoreBehaviour(ReportStore& store) {
   EXPECT_EQ(store.schemaVersion(), currentSchemaVersion());
 }
 
-// The overview added up again from scratch: every finding of every
-// machine's current report, as the export pages through them.
-inline std::optional<Overview> recount(ReportStore& store) {
-  std::map<std::pair<std::string, std::string>, ProductSummary> products;
-  std::map<std::pair<std::string, std::string>, std::set<std::string>> hosts;
-  std::map<std::string, std::pair<std::int64_t, std::int64_t>> machines;  // findings, price
-  std::string after;
-  for (;;) {
-    auto last = store.exportRows(after, 3, [&](const ExportRow& row) {
-      const ReportFinding& f = row.finding;
-      ProductSummary& p = products[{f.maker, f.product}];
-      p.maker = f.maker;
-      p.product = f.product;
-      p.findings += 1;
-      p.priceHundredths += f.priceHundredths.value_or(0);
-      hosts[{f.maker, f.product}].insert(row.hostName);
-      machines[row.hostName].first += 1;
-      machines[row.hostName].second += f.priceHundredths.value_or(0);
-    });
-    if (!last) return std::nullopt;
-    if (last->empty()) break;
-    after = *last;
-  }
-  Overview out;
-  for (auto& [key, p] : products) {
-    p.machines = static_cast<std::int64_t>(hosts[key].size());
-    out.products.push_back(p);
-  }
-  for (const auto& [host, sums] : machines)
-    out.machines.push_back({host, "", "", 0, "", sums.first, sums.second});
-  return out;
-}
-
-// The store's running totals against a recount of its current findings.
+// The store's running totals against the same sums counted again from
+// every finding of every machine's current report, as the export pages
+// through them. Machines whose current report found nothing have no rows.
 inline void expectTotalsMatchRecount(ReportStore& store) {
+  using Product = std::tuple<std::string, std::string, std::int64_t, std::int64_t, std::int64_t>;
+  std::map<std::pair<std::string, std::string>, Product> products;
+  std::map<std::pair<std::string, std::string>, std::set<std::string>> hosts;
+  std::map<std::string, std::pair<std::int64_t, std::int64_t>> machines,
+      recounted;  // findings, price
+  std::string after;
+  for (std::optional<std::string> last; !last || !last->empty(); after = *last) {
+    last = store.exportRows(after, 3, [&](const ExportRow& row) {
+      const ReportFinding& f = row.finding;
+      const std::int64_t price = f.priceHundredths.value_or(0);
+      auto& [maker, product, machineCount, findings, sum] = products[{f.maker, f.product}];
+      std::tie(maker, product) = std::tie(f.maker, f.product);
+      hosts[{f.maker, f.product}].insert(row.hostName);
+      machineCount = static_cast<std::int64_t>(hosts[{f.maker, f.product}].size());
+      findings += 1;
+      sum += price;
+      recounted[row.hostName].first += 1;
+      recounted[row.hostName].second += price;
+    });
+    ASSERT_TRUE(last);
+  }
   const auto overview = store.overview();
-  const auto expected = recount(store);
-  ASSERT_TRUE(overview && expected);
-  ASSERT_FALSE(expected->products.empty());
-  const auto product = [](const ProductSummary& p) {
-    return std::make_tuple(p.maker, p.product, p.machines, p.findings, p.priceHundredths);
-  };
-  ASSERT_EQ(overview->products.size(), expected->products.size());
-  for (size_t i = 0; i < expected->products.size(); ++i)
-    EXPECT_EQ(product(overview->products[i]), product(expected->products[i]));
-  // Machines whose current report found nothing have no export rows.
-  std::map<std::string, std::pair<std::int64_t, std::int64_t>> machines;
+  ASSERT_TRUE(overview);
+  ASSERT_FALSE(products.empty());
+  std::vector<Product> expected, stored;
+  for (const auto& [key, product] : products) expected.push_back(product);
+  for (const ProductSummary& p : overview->products)
+    stored.emplace_back(p.maker, p.product, p.machines, p.findings, p.priceHundredths);
+  EXPECT_EQ(stored, expected);
   for (const MachineSummary& m : overview->machines)
     if (m.findings) machines[m.hostName] = {m.findings, m.priceHundredths};
-  std::map<std::string, std::pair<std::int64_t, std::int64_t>> recounted;
-  for (const MachineSummary& m : expected->machines)
-    recounted[m.hostName] = {m.findings, m.priceHundredths};
   EXPECT_EQ(machines, recounted);
 }
 
@@ -248,6 +227,20 @@ inline void checkTotalsFollowHistory(ReportStore& store, const FleetHistory& his
     ASSERT_EQ(store.insert(sent.back(), now), ReportStore::Insert::kStored);
   }
   expectTotalsMatchRecount(store);
+}
+
+// Both checks above, each on a store of its own that `open` makes fresh
+// under the given name.
+inline void checkStore(const std::function<std::unique_ptr<ReportStore>(std::string)>& open) {
+  auto store = open("exact");
+  ASSERT_TRUE(store);
+  checkStoreBehaviour(*store);
+  for (const FleetHistory& history : kFleetHistories) {
+    SCOPED_TRACE(history.name);
+    store = open("totals" + std::to_string(history.seed));
+    ASSERT_TRUE(store);
+    checkTotalsFollowHistory(*store, history);
+  }
 }
 
 }  // namespace quarvel::server::testing

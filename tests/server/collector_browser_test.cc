@@ -54,9 +54,8 @@ TEST(CollectorPageInBrowser, ChartBarsAreDrawnInProportion) {
   // Bars are filled with #3b7dd8 by the page's style sheet.
   const std::vector<int> widths = quarvel::testing::barWidths(*image, 0x3b7dd8);
   ASSERT_EQ(widths.size(), 3u);
-  EXPECT_NEAR(widths[0], 460, 2);
-  EXPECT_NEAR(widths[1], 230, 2);
-  EXPECT_NEAR(widths[2], 92, 2);
+  const int expected[] = {460, 230, 92};
+  for (size_t i = 0; i < 3; ++i) EXPECT_NEAR(widths[i], expected[i], 2) << i;
 }
 
 }  // namespace

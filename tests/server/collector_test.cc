@@ -40,8 +40,6 @@ std::string with(const char* where, Json value) {
 }
 
 TEST(ReadReport, RefusesWhatIsNotAReportAndReadsTheRest) {
-  Json extra = kGood;
-  extra["machine"]["serial"] = "x";
   Json missing = kGood;
   missing.erase("findings");
   struct Case {
@@ -57,7 +55,7 @@ TEST(ReadReport, RefusesWhatIsNotAReportAndReadsTheRest) {
       {"deep nesting", std::string(100000, '[') + std::string(100000, ']'), "nested too deeply"},
       {"deep inside totals",
        with("/totals", Json::parse(std::string(40, '[') + std::string(40, ']'))), "nested"},
-      {"unknown member", extra.dump(), "additionalProperties"},
+      {"unknown member", with("/machine/serial", "x"), "additionalProperties"},
       {"missing member", missing.dump(), "required"},
       {"upper-case id", with("/reportId", "0000000A-0000-4000-8000-000000000001"), "pattern"},
       {"format 2", with("/format", 2), "enum"},
@@ -77,35 +75,22 @@ TEST(ReadReport, RefusesWhatIsNotAReportAndReadsTheRest) {
       {"price 1e10", with("/findings/0/price", 1e10), "", 1000000000000},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
     ReportReading reading = readReport(c.body);
     if (*c.error == '\0') {
-      ASSERT_TRUE(reading.report) << reading.error;
-      EXPECT_EQ(reading.report->findings.at(0).priceHundredths, c.hundredths);
+      ASSERT_TRUE(reading.report) << c.name << ": " << reading.error;
+      EXPECT_EQ(reading.report->findings.at(0).priceHundredths, c.hundredths) << c.name;
       EXPECT_EQ(reading.report->listsJson,
                 R"({"checklist":"2026.11.01","userchecklist":null,"filter":null,"font":"7"})");
     } else {
-      EXPECT_FALSE(reading.report);
-      EXPECT_NE(reading.error.find(c.error), std::string::npos) << reading.error;
+      EXPECT_FALSE(reading.report) << c.name;
+      EXPECT_NE(reading.error.find(c.error), std::string::npos) << c.name << ": " << reading.error;
     }
   }
 }
 
-TEST(SqliteStore, KeepsReportsExactly) {
+TEST(SqliteStore, KeepsReportsExactlyAndRunningTotalsMatchARecount) {
   quarvel::testing::TempTree tree;
-  auto store = openSqliteStore(tree.path("collect.sqlite"));
-  ASSERT_TRUE(store);
-  testing::checkStoreBehaviour(*store);
-}
-
-TEST(SqliteStore, RunningTotalsMatchARecount) {
-  for (const testing::FleetHistory& history : testing::kFleetHistories) {
-    SCOPED_TRACE(history.name);
-    quarvel::testing::TempTree tree;
-    auto store = openSqliteStore(tree.path("collect.sqlite"));
-    ASSERT_TRUE(store);
-    testing::checkTotalsFollowHistory(*store, history);
-  }
+  testing::checkStore([&](const std::string& name) { return openSqliteStore(tree.path(name)); });
 }
 
 // Runs `sql` on the database at `path` behind the store's back: the first
@@ -123,41 +108,26 @@ std::optional<std::string> rawSql(const std::string& path, const std::string& sq
   return ok ? std::optional(last) : std::nullopt;
 }
 
-// A store written before the running totals existed gets them, filled from
-// the reports it holds, when it is opened.
-TEST(SqliteStore, UpgradeFillsTheRunningTotals) {
+// Opened again, a store migrates nothing and loses nothing; one written
+// before the running totals existed gets them, filled from the reports it
+// holds; one from a newer collector is refused.
+TEST(SqliteStore, MigratesOnceFillsTheRunningTotalsAndRefusesANewerSchema) {
   quarvel::testing::TempTree tree;
   const std::string path = tree.path("collect.sqlite");
-  {
+  const auto reopened = [&] {
     auto store = openSqliteStore(path);
-    ASSERT_TRUE(store);
-    testing::checkTotalsFollowHistory(*store, testing::kFleetHistories[5]);
-  }
+    if (!store) throw std::runtime_error("cannot open the store");
+    EXPECT_EQ(store->schemaVersion(), currentSchemaVersion());
+    return store;
+  };
+  testing::checkTotalsFollowHistory(*reopened(), testing::kFleetHistories[5]);
+  EXPECT_EQ(reopened()->health()->reports, 100);
+  EXPECT_EQ(rawSql(path, "PRAGMA journal_mode"), "wal");
   ASSERT_TRUE(rawSql(path,
                      "DROP TABLE product_totals; ALTER TABLE reports DROP COLUMN finding_count; "
                      "ALTER TABLE reports DROP COLUMN price_total; "
                      "DELETE FROM schema_version WHERE version > 1"));
-  auto store = openSqliteStore(path);
-  ASSERT_TRUE(store);
-  EXPECT_EQ(store->schemaVersion(), currentSchemaVersion());
-  testing::expectTotalsMatchRecount(*store);
-}
-
-TEST(SqliteStore, MigratesOnceAndRefusesANewerSchema) {
-  quarvel::testing::TempTree tree;
-  const std::string path = tree.path("collect.sqlite");
-  {
-    auto store = openSqliteStore(path);
-    ASSERT_TRUE(store);
-    ASSERT_EQ(store->insert(testing::parsed(kGood), 1), ReportStore::Insert::kStored);
-  }
-  {
-    auto store = openSqliteStore(path);  // opened again: nothing to migrate, nothing lost
-    ASSERT_TRUE(store);
-    EXPECT_EQ(store->schemaVersion(), currentSchemaVersion());
-    EXPECT_EQ(store->health()->reports, 1);
-  }
-  EXPECT_EQ(rawSql(path, "PRAGMA journal_mode"), "wal");
+  testing::expectTotalsMatchRecount(*reopened());
   ASSERT_TRUE(rawSql(path, "INSERT INTO schema_version VALUES (99)"));
   LogCapture log;
   EXPECT_FALSE(openSqliteStore(path));
@@ -183,9 +153,9 @@ TEST(OverviewFormats, ListStaleMachinesAndQuoteWhatMachinesSent) {
 
   const std::string page = overviewHtml(overview, now, 30);
   EXPECT_EQ(page.find("<script"), std::string::npos);
-  EXPECT_NE(page.find("&lt;script&gt;"), std::string::npos);
-  EXPECT_NE(page.find("<svg class=\"chart\""), std::string::npos);
-  EXPECT_NE(page.find("<tr class=\"stale\"><td>gone"), std::string::npos);
+  for (const char* part :
+       {"&lt;script&gt;", "<svg class=\"chart\"", "<tr class=\"stale\"><td>gone"})
+    EXPECT_NE(page.find(part), std::string::npos) << part;
 }
 
 // --- the server --------------------------------------------------------------
@@ -201,16 +171,17 @@ std::string post(const std::string& body, const std::string& headers) {
 
 class CollectorTest : public ::testing::Test {
  protected:
-  void start(CollectorOptions options = {}, const std::string& db = "collect.sqlite") {
-    if (options.secret.empty()) options.secret = kSecret;
+  void start(CollectLimits limits = {}, const std::string& adminToken = "",
+             const std::string& db = "collect.sqlite") {
+    CollectorOptions options;
+    options.secret = kSecret;
+    options.adminToken = adminToken;
+    options.limits = limits;
     store_ = openSqliteStore(tree_.path(db));
     ASSERT_TRUE(store_);
     collector_ = std::make_unique<Collector>(*store_, options);
     port_ = collector_->start("127.0.0.1", 0);
     ASSERT_GT(port_, 0);
-  }
-  void TearDown() override {
-    if (collector_) collector_->stop();
   }
   httplib::Result get(const std::string& target, const httplib::Headers& headers = {}) {
     httplib::Client client("127.0.0.1", port_);
@@ -225,22 +196,12 @@ class CollectorTest : public ::testing::Test {
   int port_ = -1;
 };
 
-TEST_F(CollectorTest, RefusesHostileReportsAndStoresTheRestExactly) {
+TEST_F(CollectorTest, RefusesWhatIsNotAnEnrolledReportAndStoresTheRest) {
   start();
   const std::string good = kGood.dump();
-  const std::string sqlLike = "'); DELETE FROM reports; --";
-  const std::string controls = "tab\there\x01\x1b[31m\r\nbell\x07";
-  const Json hostile =
-      report(2, sqlLike, "2026-11-18T08:00:00Z", Json::array({finding(controls, sqlLike, 1)}));
   const Json future =
       report(3, "pc-ahead", "2126-01-01T00:00:00Z", Json::array({finding("Acme", "Paint", 5)}));
-  struct Case {
-    const char* name;
-    std::string request;
-    int status;
-    const char* answer;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, std::string, int, const char*> cases[] = {
       {"no secret", post(good, ""), 401, "secret"},
       {"wrong secret", post(good, "Authorization: Bearer s3cret enrolmenT\r\n"), 401, "secret"},
       {"secret as Basic", post(good, "Authorization: Basic " + kSecret + "\r\n"), 401, ""},
@@ -251,80 +212,57 @@ TEST_F(CollectorTest, RefusesHostileReportsAndStoresTheRestExactly) {
        413, "larger"},
       {"deep nesting", post(std::string(200000, '[') + std::string(200000, ']'), kAuth), 400,
        "nested"},
-      {"not JSON", post("{\"format\":", kAuth), 400, "not JSON"},
       {"idempotency key of another report",
        post(good, kAuth + "Idempotency-Key: " + testing::reportId(9) + "\r\n"), 400, "Idempotency"},
       {"GET on the report endpoint", "GET /api/reports HTTP/1.1\r\nHost: x\r\n\r\n", 405, ""},
       {"good", post(good, kAuth + "Idempotency-Key: " + testing::reportId(1) + "\r\n"), 201,
        "\"stored\":true"},
       {"the same again", post(good, kAuth), 200, "\"duplicate\":true"},
-      {"SQL-like and control characters", post(hostile.dump(), kAuth), 201, "\"stored\":true"},
       {"a clock a century ahead", post(future.dump(), kAuth), 201, "\"stored\":true"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const RawAnswer answer = rawExchange(port_, c.request);
-    EXPECT_EQ(answer.status, c.status) << answer.text.substr(0, 300);
-    EXPECT_NE(answer.text.find(c.answer), std::string::npos) << answer.text.substr(0, 300);
+  for (const auto& [name, request, status, contains] : cases) {
+    const RawAnswer answer = rawExchange(port_, request);
+    EXPECT_EQ(answer.status, status) << name << ": " << answer.text.substr(0, 300);
+    EXPECT_NE(answer.text.find(contains), std::string::npos) << name;
   }
-
-  auto findings = store_->machineFindings(sqlLike);
-  ASSERT_TRUE(findings);
-  ASSERT_EQ(findings->size(), 1u);
-  EXPECT_EQ(std::tie((*findings)[0].maker, (*findings)[0].product), std::tie(controls, sqlLike));
-  auto overview = store_->overview();
-  ASSERT_TRUE(overview);
+  // Last seen is the receipt, not the scan a clock a century ahead claims.
   const auto now = std::chrono::duration_cast<std::chrono::seconds>(
                        std::chrono::system_clock::now().time_since_epoch())
                        .count();
-  for (const MachineSummary& m : overview->machines) {
-    SCOPED_TRACE(m.hostName);
-    EXPECT_LE(m.lastSeen, now);  // the receipt, not the claimed scan
-    EXPECT_GT(m.lastSeen, now - 60);
-  }
+  const auto overview = store_->overview();
+  for (const MachineSummary& m : overview->machines)
+    EXPECT_TRUE(m.lastSeen <= now && m.lastSeen > now - 60) << m.hostName << " " << m.lastSeen;
   auto health = store_->health();
   ASSERT_TRUE(health);
   EXPECT_TRUE(health->intact);
   EXPECT_EQ(std::tie(health->machines, health->reports, health->findings),
-            std::make_tuple(3, 3, 3));
+            std::make_tuple(2, 2, 2));
 }
 
 TEST_F(CollectorTest, CutsAnUndeclaredBodyOverACapAndGivesItsBytesBack) {
-  struct Case {
-    const char* name;
-    std::size_t maxBody;
-    std::uint64_t maxBodiesInFlight;
-    const char* logged;
+  const std::pair<CollectLimits, const char*> cases[] = {
+      {{.maxBody = 64 * 1024, .maxBodiesInFlight = std::uint64_t{1} << 30},
+       "body over 65536 bytes"},
+      {{.maxBodiesInFlight = 64 * 1024}, "bodies in flight over 65536 bytes"},
   };
-  const Case cases[] = {
-      {"one body", 64 * 1024, std::uint64_t{1} << 30, "body over 65536 bytes"},
-      {"all bodies", kMaxReportBytes, 64 * 1024, "bodies in flight over 65536 bytes"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    CollectorOptions options;
-    options.limits.maxBody = c.maxBody;
-    options.limits.maxBodiesInFlight = c.maxBodiesInFlight;
-    start(options, std::string(c.name) + ".sqlite");
+  std::string request =
+      "POST /api/reports HTTP/1.1\r\nHost: x\r\n" + kAuth + "Transfer-Encoding: chunked\r\n\r\n";
+  for (int i = 0; i < 8; ++i) request += "4000\r\n" + std::string(16 * 1024, ' ') + "\r\n";
+  request += "0\r\n\r\n";
+  for (const auto& [limits, logged] : cases) {
+    start(limits, "", std::string(logged) + ".sqlite");
     LogCapture log;
-    std::string request =
-        "POST /api/reports HTTP/1.1\r\nHost: x\r\n" + kAuth + "Transfer-Encoding: chunked\r\n\r\n";
-    const std::string chunk(16 * 1024, ' ');
-    for (int i = 0; i < 8; ++i) request += "4000\r\n" + chunk + "\r\n";
-    request += "0\r\n\r\n";
-    EXPECT_EQ(rawExchange(port_, request).status, 0);
-    EXPECT_TRUE(log.contains(c.logged));
-    EXPECT_EQ(store_->health()->reports, 0);
+    EXPECT_EQ(rawExchange(port_, request).status, 0) << logged;
+    EXPECT_TRUE(log.contains(logged));
+    EXPECT_EQ(store_->health()->reports, 0) << logged;
     // The cut body's bytes no longer count: a report that fits gets in.
-    EXPECT_EQ(rawExchange(port_, post(kGood.dump(), kAuth)).status, 201);
+    EXPECT_EQ(rawExchange(port_, post(kGood.dump(), kAuth)).status, 201) << logged;
     collector_->stop();
   }
 }
 
 TEST_F(CollectorTest, ClosesARequestStillTricklingAtItsDeadline) {
-  CollectorOptions options;
-  options.limits.deadline = 300ms;
-  start(options);
+  start({.deadline = 300ms});
   LogCapture log;
   const int fd = quarvel::testing::connectTo(port_);
   ASSERT_GE(fd, 0);
@@ -346,10 +284,7 @@ TEST_F(CollectorTest, LimitsTheRateOfEachAddress) {
     std::chrono::steady_clock::time_point steadyNow() override { return at; }
   };
   quarvel::testing::ScopedPlatform still(std::make_shared<StillClock>());
-  CollectorOptions options;
-  options.limits.burst = 3;
-  options.limits.perMinute = 1;
-  start(options);
+  start({.perMinute = 1, .burst = 3});
   for (int i = 0; i < 3; ++i) EXPECT_EQ(get("/api/overview")->status, 200) << i;
   auto refused = get("/api/overview");
   ASSERT_TRUE(refused);
@@ -358,33 +293,29 @@ TEST_F(CollectorTest, LimitsTheRateOfEachAddress) {
 }
 
 TEST_F(CollectorTest, AdminPagesNeedTheTokenWhenOneIsSet) {
-  CollectorOptions options;
-  options.adminToken = "admin-token";
-  start(options);
+  start({}, "admin-token");
   ASSERT_EQ(store_->insert(testing::parsed(kGood), 1), ReportStore::Insert::kStored);
-  struct Case {
-    const char* target;
-    const char* type;
-    const char* contains;
+  const auto as = [&](const std::string& target, const std::string& token = "admin-token") {
+    return get(target, {{"Authorization", "Bearer " + token}});
   };
-  for (const Case& c :
-       {Case{"/api/overview?staleDays=5", "application/json", "\"staleDays\":5"},
-        Case{"/api/overview?machine=pc-01", "application/json", "\"maker\":\"Acme\""},
-        Case{"/api/export.csv", "text/csv", "pc-01,2026-11-18T08:00:00Z"},
-        Case{"/", "text/html", "<svg"}}) {
-    SCOPED_TRACE(c.target);
-    EXPECT_EQ(get(c.target)->status, 401);
-    EXPECT_EQ(get(c.target, {{"Authorization", "Bearer admin-tokeN"}})->status, 401);
-    EXPECT_EQ(get(c.target, {{"Authorization", "Bearer " + kSecret}})->status, 401);
-    auto answer = get(c.target, {{"Authorization", "Bearer admin-token"}});
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->status, 200);
-    EXPECT_TRUE(answer->get_header_value("Content-Type").starts_with(c.type));
-    EXPECT_NE(answer->body.find(c.contains), std::string::npos) << answer->body.substr(0, 300);
+  EXPECT_EQ(get("/")->status, 401);
+  EXPECT_EQ(as("/", "admin-tokeN")->status, 401);
+  EXPECT_EQ(as("/", kSecret)->status, 401);
+  const std::tuple<const char*, const char*, const char*> pages[] = {
+      {"/api/overview?staleDays=5", "application/json", "\"staleDays\":5"},
+      {"/api/overview?machine=pc-01", "application/json", "\"maker\":\"Acme\""},
+      {"/api/export.csv", "text/csv", "pc-01,2026-11-18T08:00:00Z"},
+      {"/", "text/html", "<svg"},
+  };
+  for (const auto& [target, type, contains] : pages) {
+    auto answer = as(target);
+    ASSERT_TRUE(answer) << target;
+    EXPECT_EQ(answer->status, 200) << target;
+    EXPECT_TRUE(answer->get_header_value("Content-Type").starts_with(type)) << target;
+    EXPECT_NE(answer->body.find(contains), std::string::npos) << answer->body.substr(0, 300);
   }
-  EXPECT_EQ(get("/api/overview?staleDays=-1", {{"Authorization", "Bearer admin-token"}})->status,
-            400);
-  EXPECT_EQ(get("/nothing", {{"Authorization", "Bearer admin-token"}})->status, 404);
+  EXPECT_EQ(as("/api/overview?staleDays=-1")->status, 400);
+  EXPECT_EQ(as("/nothing")->status, 404);
 }
 
 // The export goes out in batches: a fleet larger than one comes out whole,
@@ -392,12 +323,13 @@ TEST_F(CollectorTest, AdminPagesNeedTheTokenWhenOneIsSet) {
 // exported with a leading quote.
 TEST_F(CollectorTest, ExportsAFleetLargerThanOneBatchQuotingFormulas) {
   start();
+  std::vector<std::string> hosts{"Host"};  // the first cell of each line expected
   for (unsigned n = 1; n <= 120; ++n) {
     const Json findings =
         n == 1 ? Json::array({finding("=Acme", "+Paint", 1), finding("@Ink", "-Pen", 2)})
                : Json::array({finding("Acme", "Paint", 1), finding("Acme", "Ink", 2)});
-    ASSERT_EQ(testing::send(*store_, 1, n, "pc-" + std::to_string(1000 + n), "2026-11-18T08:00:00Z",
-                            findings),
+    hosts.insert(hosts.end(), 2, "pc-" + std::to_string(1000 + n));
+    ASSERT_EQ(testing::send(*store_, 1, n, hosts.back(), "2026-11-18T08:00:00Z", findings),
               ReportStore::Insert::kStored);
   }
   auto answer = get("/api/export.csv");
@@ -406,12 +338,7 @@ TEST_F(CollectorTest, ExportsAFleetLargerThanOneBatchQuotingFormulas) {
   std::vector<std::string> lines;
   for (size_t at = 0, end; (end = answer->body.find("\r\n", at)) != std::string::npos; at = end + 2)
     lines.push_back(answer->body.substr(at, answer->body.find(',', at) - at));
-  ASSERT_EQ(lines.size(), 1u + 240u);
-  EXPECT_EQ(lines[0], "Host");
-  for (unsigned n = 1; n <= 120; ++n) {
-    EXPECT_EQ(lines[2 * n - 1], "pc-" + std::to_string(1000 + n));
-    EXPECT_EQ(lines[2 * n], "pc-" + std::to_string(1000 + n));
-  }
+  EXPECT_EQ(lines, hosts);
   for (const char* cell : {",'=Acme,'+Paint,", ",'@Ink,'-Pen,"})
     EXPECT_NE(answer->body.find(cell), std::string::npos) << cell;
 }

@@ -1,13 +1,11 @@
 #pragma once
 // What the soaks watch: the process's resident memory and open file
-// descriptors, sampled once a warm-up is over, and whether they stayed flat.
-//
-// Flat means: the open descriptors are the same at every sample, and the
-// highest resident memory of the last quarter of the samples is at most
-// kRssMarginKiB above the highest of the first quarter. Under the sanitizers
-// (QUARVEL_SOAK_CHECK_RSS=0) resident memory follows their allocators, which
-// keep freed memory, so it is shown but not judged; LeakSanitizer watches
-// leaks there.
+// descriptors, sampled once a warm-up is over. They stayed flat when the
+// descriptors are the same at every sample and the last quarter's peak of
+// resident memory is at most kRssMarginKiB above the first quarter's. Under
+// the sanitizers (QUARVEL_SOAK_CHECK_RSS=0) resident memory follows their
+// allocators, which keep freed memory: it is shown, not judged, and
+// LeakSanitizer watches leaks there.
 
 #include <algorithm>
 #include <chrono>
@@ -29,6 +27,19 @@ namespace quarvel::soak {
 // exceeds it within the full run, most within a few dozen runs.
 constexpr long kRssMarginKiB = 512;
 
+inline long residentKiB() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with("VmRSS:")) return std::strtol(line.c_str() + 6, nullptr, 10);
+  return -1;
+}
+
+inline long openDescriptors() {
+  std::error_code ec;
+  const std::filesystem::directory_iterator fds("/proc/self/fd", ec);
+  return ec ? -1 : std::distance(fds, std::filesystem::directory_iterator());
+}
+
 class Figures {
  public:
   void sample() { samples_.push_back({residentKiB(), openDescriptors()}); }
@@ -39,18 +50,19 @@ class Figures {
 
   // Prints the figures and whether they stayed flat; needs four samples.
   bool flat() const {
+    const auto begin = samples_.begin(), end = samples_.end();
     const std::size_t quarter = samples_.size() / 4;
-    const auto peak = [&](std::size_t from, std::size_t to) {
-      return std::max_element(samples_.begin() + from, samples_.begin() + to)->rssKiB;
+    const auto peak = [](auto from, auto to) {
+      return std::max_element(from, to, [](auto& a, auto& b) { return a.rssKiB < b.rssKiB; })
+          ->rssKiB;
     };
-    const long early = peak(0, quarter);
-    const long late = peak(samples_.size() - quarter, samples_.size());
-    const auto [fewest, most] = std::minmax_element(samples_.begin(), samples_.end(),
-                                                    [](auto& a, auto& b) { return a.fds < b.fds; });
+    const long early = peak(begin, begin + quarter), late = peak(end - quarter, end);
+    const auto [fewest, most] =
+        std::minmax_element(begin, end, [](auto& a, auto& b) { return a.fds < b.fds; });
     std::printf(
         "  RSS KiB: before %ld, max %ld; first quarter max %ld, last quarter max %ld\n"
         "  fds: before %ld, range %ld..%ld over %zu samples\n",
-        start_.rssKiB, peak(0, samples_.size()), early, late, start_.fds, fewest->fds, most->fds,
+        start_.rssKiB, peak(begin, end), early, late, start_.fds, fewest->fds, most->fds,
         samples_.size());
     if (!QUARVEL_SOAK_CHECK_RSS)
       std::printf("  (sanitizer build: resident memory is shown, not judged)\n");
@@ -64,21 +76,7 @@ class Figures {
   struct Sample {
     long rssKiB;
     long fds;
-    bool operator<(const Sample& other) const { return rssKiB < other.rssKiB; }
   };
-
-  static long residentKiB() {
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);)
-      if (line.rfind("VmRSS:", 0) == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
-    return -1;
-  }
-  static long openDescriptors() {
-    std::error_code ec;
-    const std::filesystem::directory_iterator fds("/proc/self/fd", ec);
-    return ec ? -1 : std::distance(fds, std::filesystem::directory_iterator());
-  }
-
   Sample start_{residentKiB(), openDescriptors()};
   std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
   std::vector<Sample> samples_;

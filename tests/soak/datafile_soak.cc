@@ -1,20 +1,15 @@
 // Opens and saves data files back to back through the public data-file API,
-// as a host that reloads its lists all day would, and watches the process's
-// resident memory and open file descriptors (SoakFigures.h): after a warm-up
-// of a tenth of the cycles they must stay flat.
+// as a host that reloads its lists all day would; after a warm-up of a tenth
+// of the cycles the figures (SoakFigures.h) must stay flat.
 //
 //   datafile_soak [CYCLES]   CYCLES defaults to $QUARVEL_SOAK_CYCLES, else 300
 //
-// One cycle opens a generated check list of kRecords records, reads one
-// record back by its identifier, and saves it over itself; then it opens and
-// saves the sample package, filter and font check list files the same way.
-// Each object is new, so every cycle builds and frees whole tables. Every
-// file keeps its record count and, once saved, its size.
-//
-// Exit status 0 when every cycle succeeded and the figures stayed flat.
+// A cycle opens, into new objects, a generated check list of kRecords
+// records (reading one back by its identifier) and the sample package,
+// filter and font lists, and saves each over itself: every file must keep
+// its record count and, once saved, its size.
 
 #include <stdlib.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -37,7 +32,6 @@ using quarvel::FileFramework;
 
 constexpr std::size_t kRecords = 2000;  // about 400 KB once stored
 
-// One data file of the cycle, opened into a new object of its class.
 struct Round {
   std::string path;
   std::unique_ptr<FileFramework> (*make)();
@@ -52,7 +46,6 @@ struct Round {
     for (const char* tag : tags) count += file->getTableByTag(tag)->getCount();
     if (records == 0) records = count;
     if (count != records || count == 0) return report(cycle, "record count changed");
-    // A round trip that garbled records would show in the check list.
     if (auto* list = dynamic_cast<quarvel::FileCheckList*>(file.get())) {
       const auto row = static_cast<std::int64_t>(static_cast<std::size_t>(cycle) % kRecords);
       const std::string id = "SW" + std::to_string(100000 + row);
@@ -61,8 +54,8 @@ struct Round {
         return report(cycle, "record read back wrong");
     }
     if (!file->saveAsFileName(path, true)) return report(cycle, "save failed");
-    struct stat info {};
-    const long saved = ::stat(path.c_str(), &info) == 0 ? static_cast<long>(info.st_size) : -1;
+    std::error_code error;  // a size of -1 when it cannot be told
+    const auto saved = static_cast<long>(fs::file_size(path, error));
     if (size < 0) size = saved;
     return saved == size || report(cycle, "file size changed");
   }
@@ -99,9 +92,8 @@ int main(int argc, char** argv) {
   };
   if (!quarvel::bench::writeCheckListFile(rounds[0].path, kRecords)) return 2;
   std::error_code ec;
-  for (const Round& round : rounds)
-    if (round.path != rounds[0].path)
-      fs::copy_file(QUARVEL_SAMPLES + round.path.substr(folder.size()), round.path, ec);
+  for (int i = 1; i < 4; ++i)
+    fs::copy_file(QUARVEL_SAMPLES + rounds[i].path.substr(folder.size()), rounds[i].path, ec);
   if (ec) return 2;
 
   const int warmUp = std::max(cycles / 10, 20);

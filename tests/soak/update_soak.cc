@@ -1,17 +1,11 @@
 // Update runs back to back, the rows of the update run's fault table
-// (tests/update/UpdateFaultTable.h) picked at random, each checked as the
-// fault suite checks it, while the process's resident memory and open file
-// descriptors are watched (SoakFigures.h): after a warm-up they must stay
-// flat.
+// (tests/update/UpdateFaultTable.h) picked at random and each checked as the
+// fault suite checks it: in-process through the platform, or against a
+// loopback server made for the run and gone before the figures are taken.
+// The figures (SoakFigures.h) are sampled every RUNS/50 runs after a warm-up
+// of RUNS/8 runs, and at least one run per row, and must stay flat.
 //
 //   update_soak [RUNS [SEED]]   RUNS defaults to $QUARVEL_SOAK_RUNS, else 40
-//
-// Rows run in-process through the platform, those that only a real transfer
-// can show against a loopback server made for the run and gone before the
-// figures are taken. Samples are taken every RUNS/50 runs (at least every
-// run) once a warm-up of RUNS/8 runs, and at least one run per row, is over.
-// Exit status 0 when every run ended as its row says and the figures stayed
-// flat.
 
 #include <algorithm>
 #include <cstdio>
