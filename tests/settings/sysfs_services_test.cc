@@ -37,15 +37,15 @@ class SysfsFixture {
   };
 
   void add(const Interface& i) {
-    fs::path dir = classNet() / i.name;
+    const fs::path dir = classNet() / i.name;
     fs::create_directories(dir);
-    write(dir / "ifindex", std::to_string(i.ifindex) + "\n");
-    write(dir / "iflink", std::to_string(i.iflink ? i.iflink : i.ifindex) + "\n");
-    write(dir / "type", std::to_string(i.type) + "\n");
-    write(dir / "flags", i.flags + "\n");
-    std::string uevent = "INTERFACE=" + i.name + "\nIFINDEX=" + std::to_string(i.ifindex) + "\n";
-    if (!i.devtype.empty()) uevent = "DEVTYPE=" + i.devtype + "\n" + uevent;
-    write(dir / "uevent", uevent);
+    const std::string index = std::to_string(i.ifindex);
+    std::ofstream(dir / "ifindex") << index << "\n";
+    std::ofstream(dir / "iflink") << (i.iflink ? std::to_string(i.iflink) : index) << "\n";
+    std::ofstream(dir / "type") << i.type << "\n";
+    std::ofstream(dir / "flags") << i.flags << "\n";
+    std::ofstream(dir / "uevent") << (i.devtype.empty() ? "" : "DEVTYPE=" + i.devtype + "\n")
+                                  << "INTERFACE=" << i.name << "\nIFINDEX=" << index << "\n";
     for (const char* marker : i.markers) fs::create_directories(dir / marker);
     if (!i.device.empty()) {
       fs::path device = root_ / "devices" / i.device;
@@ -54,13 +54,8 @@ class SysfsFixture {
       fs::create_symlink(root_ / "bus" / i.bus, device / "subsystem");
     }
   }
-
-  void write(const fs::path& path, const std::string& text) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path) << text;
-  }
   void writeRoot(const std::string& relative, const std::string& text) {
-    write(root_ / relative, text);
+    std::ofstream(root_ / relative) << text;
   }
 
  private:
@@ -165,10 +160,8 @@ TEST(SysfsServices, DefaultRouteMetrics) {
        {{"d", 4294967295u}},
        "malformed rows skipped"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.why);
-    EXPECT_EQ(parseDefaultRouteMetrics(kRouteHeader + c.rows), c.expected);
-  }
+  for (const Case& c : cases)
+    EXPECT_EQ(parseDefaultRouteMetrics(kRouteHeader + c.rows), c.expected) << c.why;
 }
 
 }  // namespace
