@@ -7,6 +7,7 @@
 #include "settings/HostEnvironment.h"
 #include "settings/MountTable.h"
 #include "support/ScratchDir.h"
+#include "support/SettingsSandbox.h"
 
 namespace quarvel {
 namespace {
@@ -145,9 +146,8 @@ TEST(SysfsTree, RemovableDisksBusesAndVolumes) {
 }
 
 TEST(HostEnvironmentTest, DocumentsFolderFromUserDirs) {
-  testing::ScratchDir config;
-  const char* saved = std::getenv("XDG_DOCUMENTS_DIR");
-  const std::string savedValue = saved ? saved : "";
+  testing::SettingsSandbox sandbox;  // puts the environment back at the end
+  const std::string config = sandbox.root() + "/config";
   ::unsetenv("XDG_DOCUMENTS_DIR");
   const std::pair<const char*, const char*> cases[] = {
       {nullptr, "/home/u/Documents"},  // no file
@@ -158,15 +158,11 @@ TEST(HostEnvironmentTest, DocumentsFolderFromUserDirs) {
       {"XDG_DOCUMENTS_DIR=\"relative\"\n", "/home/u/Documents"},
   };
   for (const auto& [userDirs, expected] : cases) {
-    if (userDirs) std::ofstream(config / "user-dirs.dirs") << userDirs;
-    EXPECT_EQ(xdgDocumentsDirectory("/home/u", config.path()), expected);
+    if (userDirs) std::ofstream(config + "/user-dirs.dirs") << userDirs;
+    EXPECT_EQ(xdgDocumentsDirectory("/home/u", config), expected);
   }
   ::setenv("XDG_DOCUMENTS_DIR", "/explicit", 1);
-  EXPECT_EQ(xdgDocumentsDirectory("/home/u", config.path()), "/explicit");
-  if (saved)
-    ::setenv("XDG_DOCUMENTS_DIR", savedValue.c_str(), 1);
-  else
-    ::unsetenv("XDG_DOCUMENTS_DIR");
+  EXPECT_EQ(xdgDocumentsDirectory("/home/u", config), "/explicit");
 }
 
 }  // namespace

