@@ -118,9 +118,7 @@ TEST(SysfsTree, RemovableDisksBusesAndVolumes) {
   // their real (canonical) paths.
   const fs::path usb = root / "volumes/usb", share = root / "volumes/share",
                  cd = root / "volumes/cd";
-  fs::create_directories(share / "tools");
-  fs::create_directories(usb);
-  fs::create_directories(cd);
+  for (const fs::path& p : {usb, share / "tools", cd}) fs::create_directories(p);
   auto real = [](const fs::path& p) { return fs::canonical(p).string(); };
   fs::create_directories(root / "proc/self");
   std::ofstream(root / "proc/self/mountinfo")

@@ -233,8 +233,10 @@ TEST(CVUserDefaultsTest, AFailedWriteLeavesTheOldDomain) {
 }
 
 // Values other programs stored are kept exactly through writes of other
-// settings and a new start, which reads what this one wrote and removed.
-TEST(CVUserDefaultsTest, ValuesTheStoreDidNotChangeAreKeptExactly) {
+// settings and a new start, which reads what this one wrote and removed. A
+// value nested too deep for the reader is refused, store and file as they
+// were; the deepest the reader takes is stored.
+TEST(CVUserDefaultsTest, ValuesAreKeptExactlyAndTooDeepOnesRefused) {
   testing::SettingsSandbox sandbox;
   const PlistDictionary theirs{
       {"distant future", V::date({63113904000.0})},
@@ -251,21 +253,10 @@ TEST(CVUserDefaultsTest, ValuesTheStoreDidNotChangeAreKeptExactly) {
   d->removeObjectForKey("gone");
   d->setInteger(2, "count");
   EXPECT_FALSE(CVUserDefaults::lastWriteFailed());
-  discardSharedSettingsForTesting();
-  d = CVUserDefaults::standardUserDefaults();
-  for (const auto& [key, value] : theirs) EXPECT_TRUE(d->objectForKey(key) == value) << key;
-  EXPECT_EQ(d->integerForKey("count"), 2);
-  EXPECT_FALSE(d->objectForKey("gone").has_value());
-}
 
-TEST(CVUserDefaultsTest, AValueTooDeepToReadBackIsRefused) {
-  testing::SettingsSandbox sandbox;
-  CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
-  d->setArea(V::string("before"));
   const std::string before = readFile(domainFile(sandbox));
   V deep = V::boolean(true);
   for (int i = 0; i < 255; ++i) deep = V::array({deep});
-
   LogCapture log;
   d->setObject(V::array({deep}), "deep");  // 257 levels under the domain
   EXPECT_TRUE(CVUserDefaults::lastWriteFailed());
@@ -273,11 +264,15 @@ TEST(CVUserDefaultsTest, AValueTooDeepToReadBackIsRefused) {
   EXPECT_TRUE(log.contains("nested deeper than 256"));
   EXPECT_EQ(readFile(domainFile(sandbox)), before);
   EXPECT_FALSE(d->objectForKey("deep").has_value());
-
   d->setObject(deep, "deep");  // 256 levels: the deepest the reader takes
   EXPECT_FALSE(CVUserDefaults::lastWriteFailed());
+
   discardSharedSettingsForTesting();
-  EXPECT_TRUE(CVUserDefaults::standardUserDefaults()->objectForKey("deep") == deep);
+  d = CVUserDefaults::standardUserDefaults();
+  for (const auto& [key, value] : theirs) EXPECT_TRUE(d->objectForKey(key) == value) << key;
+  EXPECT_EQ(d->integerForKey("count"), 2);
+  EXPECT_FALSE(d->objectForKey("gone").has_value());
+  EXPECT_TRUE(d->objectForKey("deep") == deep);
 }
 
 // Two writer processes (settings_child) write the domain in turn while this
