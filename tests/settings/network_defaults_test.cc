@@ -35,9 +35,7 @@ const std::string kWithoutExternal =
 
 class NetworkDefaultsTest : public ::testing::Test {
  protected:
-  NetworkDefaultsTest()
-      : services_(
-            std::make_shared<FakeServices>(ServiceList{{"eth0", "Ethernet"}, {"wlan0", "Wi-Fi"}})) {
+  NetworkDefaultsTest() {
     useSources({std::make_shared<FakeInterfaces>(kMachine), services_, sleeps_.function()});
   }
   ~NetworkDefaultsTest() override { discardSharedSettingsForTesting(); }
@@ -58,7 +56,8 @@ class NetworkDefaultsTest : public ::testing::Test {
   quarvel::testing::SettingsSandbox sandbox_;
   quarvel::testing::TestPlatform platform_;
   RecordedSleeps sleeps_;
-  std::shared_ptr<FakeServices> services_;
+  std::shared_ptr<FakeServices> services_ =
+      std::make_shared<FakeServices>(ServiceList{{"eth0", "Ethernet"}, {"wlan0", "Wi-Fi"}});
 };
 
 TEST_F(NetworkDefaultsTest, WaitsTwoSecondsOnlyWhileTheExternalAddressIsMissing) {
