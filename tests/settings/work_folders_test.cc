@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "quarvel/CVUserDefaults.h"
 #include "settings/WorkFolders.h"
