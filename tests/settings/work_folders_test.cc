@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "quarvel/CVUserDefaults.h"
 #include "settings/WorkFolders.h"
@@ -57,52 +56,46 @@ TEST(WorkFoldersTest, PortableRule) {
       {"no type", facts(false, true, true, std::nullopt), false},
       {"query failed", std::nullopt, false},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.why);
-    EXPECT_EQ(isPortableVolume(c.facts), c.portable);
-  }
+  for (const Case& c : cases) EXPECT_EQ(isPortableVolume(c.facts), c.portable) << c.why;
 }
 
 // The whole start-up against each kind of volume: where the work folder,
-// the library folder and a data file end up.
+// the library folder and a data file end up. A portable run keeps its
+// library in its work folder, any other in the user's Library folder.
 TEST(WorkFoldersTest, StartUpPlacesFoldersByVolume) {
   struct Case {
     const char* why;
     std::optional<VolumeFacts> facts;
     bool isLite;
-    const char* base;     // relative to the sandbox root
-    const char* library;  // relative to the sandbox root
+    std::string base;  // relative to the sandbox root
   } cases[] = {
-      {"share, hidden name", facts(false, true, true, "smbfs"), false, "/volume/.Quarvel",
-       "/volume/.Quarvel"},
-      {"removable disk, visible name", facts(true, true, true, "exfat"), true, "/volume/Quarvel",
-       "/volume/Quarvel"},
+      {"share, hidden name", facts(false, true, true, "smbfs"), false, "/volume/.Quarvel"},
+      {"removable disk, visible name", facts(true, true, true, "exfat"), true, "/volume/Quarvel"},
       // The program's folder is the share itself: its parent is another disk.
       {"program at the root of a share", facts(false, true, true, "smbfs", true), false,
-       "/volume/QuarvelApp/.Quarvel", "/volume/QuarvelApp/.Quarvel"},
+       "/volume/QuarvelApp/.Quarvel"},
       {"program at the root of a removable disk", facts(true, true, true, "vfat", true), true,
-       "/volume/QuarvelApp/Quarvel", "/volume/QuarvelApp/Quarvel"},
+       "/volume/QuarvelApp/Quarvel"},
       {"start-up disk mounted at the program's folder", facts(false, true, false, "ext4", true),
-       false, "/home/Documents/.Quarvel", "/data/Quarvel"},
-      {"removable read-only disk", facts(true, false, true, "vfat"), false,
-       "/home/Documents/.Quarvel", "/data/Quarvel"},
+       false, "/home/Documents/.Quarvel"},
       {"start-up disk, hidden name", facts(false, true, false, "ext4"), false,
-       "/home/Documents/.Quarvel", "/data/Quarvel"},
+       "/home/Documents/.Quarvel"},
       {"start-up disk, visible name", facts(false, true, false, "ext4"), true,
-       "/home/Documents/Quarvel", "/data/Quarvel"},
+       "/home/Documents/Quarvel"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.why);
     testing::SettingsSandbox sandbox;
     const std::string& root = sandbox.root();
+    const std::string library = c.base.starts_with("/volume") ? c.base : "/data/Quarvel";
     testing::TestPlatform platform;
     platform->host = std::make_shared<FakeHostEnvironment>(root, c.facts);
     CVUserDefaults* defaults = CVUserDefaults::standardUserDefaultsWithisLiteVer(c.isLite);
 
     EXPECT_EQ(defaults->defaultPath(), root + c.base);
-    EXPECT_EQ(defaults->libraryPath(), root + c.library);
-    EXPECT_EQ(defaults->checkListFilePath(), root + c.library + "/macchecklist.dat");
-    EXPECT_EQ(defaults->userCheckListFilePath(), root + c.library + "/userchecklist.dat");
+    EXPECT_EQ(defaults->libraryPath(), root + library);
+    EXPECT_EQ(defaults->checkListFilePath(), root + library + "/macchecklist.dat");
+    EXPECT_EQ(defaults->userCheckListFilePath(), root + library + "/userchecklist.dat");
     EXPECT_EQ(defaults->LOGSFolderPath(), root + c.base + "/CheckOut/Logs");
     for (const char* folder : {"IPT", "TLS", "RST", "TMP_IPT", "TMP_TLS", "TMP_RST", "Logs"})
       EXPECT_TRUE(fs::is_directory(root + c.base + "/CheckOut/" + folder)) << folder;
@@ -124,21 +117,6 @@ TEST(WorkFoldersTest, LibraryPathFollowsTheVolumeDuringARun) {
   EXPECT_EQ(defaults->libraryPath(), root + "/data/Quarvel");
   EXPECT_EQ(defaults->verFilePath(), root + "/data/Quarvel/ver.dat");
   EXPECT_EQ(defaults->defaultPath(), root + "/volume/.Quarvel");
-}
-
-TEST(WorkFoldersTest, PlainFilesInTheWayAreLeftAlone) {
-  testing::SettingsSandbox sandbox;
-  const std::string base = sandbox.root() + "/home/Documents/.Quarvel";
-  fs::create_directories(base + "/CheckOut");
-  std::ofstream(base + "/CheckOut/Logs") << "not a folder";
-  std::ofstream(sandbox.root() + "/data/Quarvel") << "not a folder either";
-
-  CVUserDefaults* defaults = CVUserDefaults::standardUserDefaults();
-  EXPECT_TRUE(fs::is_regular_file(base + "/CheckOut/Logs"));
-  EXPECT_TRUE(fs::is_regular_file(sandbox.root() + "/data/Quarvel"));
-  // The folders after it in the order are still made.
-  EXPECT_TRUE(fs::is_directory(base + "/CheckOut/TMP_RST"));
-  EXPECT_EQ(defaults->LOGSFolderPath(), base + "/CheckOut/Logs");
 }
 
 }  // namespace
