@@ -1,6 +1,7 @@
 // What the audit reads and finds: the folder walk, the programs a desktop
 // entry starts, and the matching of names against the lists.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -294,20 +295,6 @@ TEST_F(AuditorMachine, FindsExactlyTheListedProductsWhereTheyAre) {
   EXPECT_EQ(result.totals.price.toString(), "4360012.50");
 }
 
-TEST_F(AuditorMachine, TreesGivenByTheUserTakeEveryKindOfFile) {
-  ScanPlan trees;
-  trees.trees = {tree.root()};
-  trees.excluded = {tree.path("apps")};
-  AuditResult result = Auditor(sources).run(trees);
-  Names products;
-  for (const Finding& f : result.findings) products.push_back(f.product);
-  // Everything below the root counts, the deep tool and the hidden AppImage
-  // included; the desktop entries are in an excluded folder.
-  EXPECT_EQ(products, (Names{"Editor", "Viewer", "Painter", "Tool", "Away", "Den", "CAD", "명조"}));
-  EXPECT_EQ(result.filteredHits, 0u);
-  EXPECT_EQ(result.stats.excludedFolders, 1u);
-}
-
 TEST(Auditor, NamesMatchTheListsThatHoldThemInAnyLetterCase) {
   MemoryList software({product("Acme-Edit", "Acme", "Editor", "1", "10", "Office"),
                        product("ÉDITEUR", "Éd", "Iteur", "1", "10", "Office")});
@@ -345,20 +332,17 @@ TEST(Auditor, WithoutListsOfAKindThatKindIsNotScanned) {
 }
 
 TEST(ScanPlanTest, SystemPlanFromTheEnvironment) {
-  ScanPlan plan = systemScanPlan({.path = "/usr/bin:relative:/usr/bin/::",
-                                  .home = "/home/kim",
-                                  .xdgDataHome = "",
-                                  .xdgDataDirs = ""});
+  // PATH and HOME; XDG_DATA_HOME and XDG_DATA_DIRS unset.
+  ScanPlan plan = systemScanPlan({"/usr/bin:relative:/usr/bin/::", "/home/kim", "", ""});
   // Relative and empty entries are left out, and a folder counts once.
   EXPECT_EQ(plan.pathFolders, Names{"/usr/bin"});
   // Unset XDG folders take their documented defaults.
-  for (const auto& [folders, folder] : std::vector<std::pair<Names*, std::string>>{
-           {&plan.desktopFolders, "/home/kim/.local/share/applications"},
-           {&plan.desktopFolders, "/usr/share/applications"},
-           {&plan.desktopFolders, "/home/kim/.local/share/flatpak/exports/share/applications"},
-           {&plan.fontFolders, "/home/kim/.local/share/fonts"},
-           {&plan.fontFolders, "/usr/local/share/fonts"}})
-    EXPECT_NE(std::find(folders->begin(), folders->end(), folder), folders->end()) << folder;
+  EXPECT_THAT(
+      plan.desktopFolders,
+      ::testing::IsSupersetOf({"/home/kim/.local/share/applications", "/usr/share/applications",
+                               "/home/kim/.local/share/flatpak/exports/share/applications"}));
+  EXPECT_THAT(plan.fontFolders,
+              ::testing::IsSupersetOf({"/home/kim/.local/share/fonts", "/usr/local/share/fonts"}));
 }
 
 }  // namespace

@@ -22,7 +22,7 @@
 namespace quarvel::cli {
 namespace {
 
-using quarvel::testing::TempDir;
+using testing::TempDir;
 
 std::string sample(const char* name) { return std::string(QUARVEL_SAMPLES) + "/" + name; }
 
@@ -67,15 +67,14 @@ TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
       if (block.empty()) continue;
       const std::size_t firstLine = block.find('\n');
       const std::string file = dir.file(block.substr(1, firstLine - 1) + ".tsv");
-      quarvel::testing::writeBytes(file, block.substr(firstLine + 1) + "\n");
+      testing::writeBytes(file, block.substr(firstLine + 1) + "\n");
       inputs.push_back(file);
     }
     const std::string rebuilt = dir.file("rebuilt.dat");
     const Outcome built =
         run([&](auto&, auto& err) { return buildDataFileFromTsv(kind, inputs, rebuilt, err); });
     ASSERT_EQ(built.status, 0) << built.err;
-    EXPECT_EQ(quarvel::testing::readBytes(rebuilt), quarvel::testing::readBytes(sample(name)))
-        << name;
+    EXPECT_EQ(testing::readBytes(rebuilt), testing::readBytes(sample(name))) << name;
   }
 }
 
@@ -120,15 +119,14 @@ TEST(DataFileTool, LookupAnswersEachKindsKeys) {
 
 TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
   TempDir dir;
-  const std::string good = quarvel::testing::checkLine("1", "Acme", "Draw", "1", "Draw", "draw");
-  const std::string twin = quarvel::testing::checkLine("2", "Acme", "Paint", "1", "Paint", "DRAW");
-  const std::string font =
-      quarvel::testing::checkLine("3", "Acme", "Font", "1", "F", "f.ttf", true);
+  const std::string good = testing::checkLine("1", "Acme", "Draw", "1", "Draw", "draw");
+  const std::string twin = testing::checkLine("2", "Acme", "Paint", "1", "Paint", "DRAW");
+  const std::string font = testing::checkLine("3", "Acme", "Font", "1", "F", "f.ttf", true);
   const std::string folded =
-      quarvel::testing::checkLine("4", "\xC3\x98resund Soft", "Menu", "1", "M", "menu");
+      testing::checkLine("4", "\xC3\x98resund Soft", "Menu", "1", "M", "menu");
   std::string plain =
-      *MacKorean::encode(quarvel::testing::crlf({"stray", "#HEADER_START", "1", "#HEADER_END",
-                                                 "#CHECKLIST_START", good, twin, font, folded}));
+      *MacKorean::encode(testing::crlf({"stray", "#HEADER_START", "1", "#HEADER_END",
+                                        "#CHECKLIST_START", good, twin, font, folded}));
   plain += "\xA1\x20\r\n";                   // no Mac Korean text
   plain += std::string(2100, 'x') + "\r\n";  // too long a line
   plain += "#CHECKLIST_END\r\n";
@@ -150,7 +148,7 @@ TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
     EXPECT_NE(checked.out.find(std::string(expected) + "\n"), std::string::npos) << checked.out;
 
   const std::string damaged = dir.writeDataFile(
-      "d.dat", quarvel::testing::crlf({"#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START"}));
+      "d.dat", testing::crlf({"#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START"}));
   const Outcome refused =
       run([&](auto& out, auto& err) { return checkDataFile(damaged, std::nullopt, out, err); });
   EXPECT_EQ(refused.status, 1);
@@ -180,7 +178,7 @@ TEST(DataFileTool, BuildingFromTsvNamesTheFaultyRow) {
             ":2: the row takes 2048 bytes, more than the 2047"}}) {
     const std::string folder = dir.file(std::to_string(folders++));
     std::filesystem::create_directory(folder);
-    quarvel::testing::writeBytes(folder + "/" + file, text);
+    testing::writeBytes(folder + "/" + file, text);
     const Outcome built = run([&](auto&, auto& err) {
       return buildDataFileFromTsv(DataFileKind::Filter, {folder}, dir.file("out.dat"), err);
     });
@@ -198,13 +196,12 @@ TEST(EncipherText, LineEndsBecomeCrLfAndTheTextBecomesMacKorean) {
            {"\xEF\xBB\xBF\xEA\xB0\x80\n\n", "\xB0\xA1\r\n\r\n"}}) {  // BOM skipped, 가
     const std::optional<std::string> file = encipherText(text, nullptr);
     ASSERT_TRUE(file) << text;
-    EXPECT_EQ(quarvel::testing::decipher(*file), plain);
+    EXPECT_EQ(testing::decipher(*file), plain);
   }
   // The bundled sample is the enciphered form of its text.
-  const std::string source = quarvel::testing::readBytes(QUARVEL_SAMPLES "/welcome.txt");
+  const std::string source = testing::readBytes(QUARVEL_SAMPLES "/welcome.txt");
   ASSERT_FALSE(source.empty());
-  EXPECT_EQ(encipherText(source, nullptr),
-            quarvel::testing::readBytes(QUARVEL_SAMPLES "/welcome.dat"));
+  EXPECT_EQ(encipherText(source, nullptr), testing::readBytes(QUARVEL_SAMPLES "/welcome.dat"));
 }
 
 TEST(EncipherText, RefusesWhatTheReaderCouldNotGiveBack) {
@@ -232,29 +229,29 @@ TEST(CipherCommands, EncryptReplacesOutWholeOrNotAtAll) {
       "#HEADER_START\n20240101\n#HEADER_END\n\xED\x95\x9C\xEA\xB8\x80\tHangul\n";
   std::string longer;
   for (int line = 0; line < 100; ++line) longer += std::string(40, 'x') + "\n";
-  quarvel::testing::writeBytes(dir.path() / "in.txt", text);
-  quarvel::testing::writeBytes(dir.path() / "bad.txt", "fine\ncaf\xC3\xA9\n");
-  quarvel::testing::writeBytes(dir.path() / "new.txt", longer);
+  testing::writeBytes(dir.path() / "in.txt", text);
+  testing::writeBytes(dir.path() / "bad.txt", "fine\ncaf\xC3\xA9\n");
+  testing::writeBytes(dir.path() / "new.txt", longer);
   std::ostringstream err;
   ASSERT_EQ(runEncrypt({dir.file("in.txt"), dir.file("out.dat")}, err), 0) << err.str();
   LogCapture log;
   std::ostringstream out;
   EXPECT_EQ(runDecrypt(dir.file("out.dat"), out, err), 0);
   EXPECT_EQ(out.str(), text);
-  const std::string before = quarvel::testing::readBytes(dir.path() / "out.dat");
+  const std::string before = testing::readBytes(dir.path() / "out.dat");
 
   std::ostringstream refused;
   EXPECT_EQ(runEncrypt({dir.file("bad.txt"), dir.file("out.dat")}, refused), 1);
   EXPECT_EQ(refused.str(),
             dir.file("bad.txt") + ":2:4: U+00E9 has no Mac Korean form; nothing written\n");
   {
-    quarvel::testing::ScopedPlatform full(std::make_shared<quarvel::testing::FaultyDisk>(
-        quarvel::testing::FaultyDisk::Fault::kFull, 1024));
+    testing::ScopedPlatform full(
+        std::make_shared<testing::FaultyDisk>(testing::FaultyDisk::Fault::kFull, 1024));
     std::ostringstream failed;
     EXPECT_EQ(runEncrypt({dir.file("new.txt"), dir.file("out.dat")}, failed), 1);
     EXPECT_NE(failed.str().find("cannot be written"), std::string::npos) << failed.str();
   }
-  EXPECT_EQ(quarvel::testing::readBytes(dir.path() / "out.dat"), before);
+  EXPECT_EQ(testing::readBytes(dir.path() / "out.dat"), before);
   std::vector<std::string> names = dir.entries();
   std::sort(names.begin(), names.end());
   EXPECT_EQ(names, (std::vector<std::string>{"bad.txt", "in.txt", "new.txt", "out.dat"}));
@@ -264,7 +261,7 @@ TEST(CipherCommands, EncryptReplacesOutWholeOrNotAtAll) {
 // say why; a FIFO would block a reader for ever.
 TEST(CipherCommands, DataFileCommandsRefuseTheSameFilesBeforeReading) {
   TempDir dir;
-  quarvel::testing::writeBytes(dir.path() / "empty.dat", "");
+  testing::writeBytes(dir.path() / "empty.dat", "");
   std::filesystem::create_directory(dir.path() / "folder.dat");
   ASSERT_EQ(::mkfifo(dir.file("fifo.dat").c_str(), 0600), 0);
   const std::pair<const char*, const char*> cases[] = {{"missing.dat", "no such file"},
