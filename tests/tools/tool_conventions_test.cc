@@ -52,6 +52,7 @@ TEST(ToolConventions, UsageErrorsExitTwoAndNameTheWord) {
       {{"show"}, "FILE is required"},
       {{"--nonsense"}, "--nonsense"},
       {{"-q", "--verbose", "netid"}, "--verbose"}};
+  // The first runs as a whole process, the others in this one.
   for (const auto& [arguments, names] : cases) {
     const ToolRun run = &arguments == &cases[0].first ? tool(arguments) : topLevel(arguments);
     EXPECT_EQ(run.exitStatus, 2) << run.err;
