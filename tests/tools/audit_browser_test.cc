@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdlib>
 
 #include "audit/AuditReport.h"
@@ -26,17 +27,20 @@ TEST(AuditReportInBrowser, ChartBarsAreDrawnInProportion) {
          "QUARVEL_SKIP_BROWSER_TESTS=1 to skip this test";
   quarvel::testing::TempTree tree;
   AuditResult result;
-  for (auto [maker, price] : {std::pair{"다온테크", "1250000"}, std::pair{"Acme", "625000"},
-                              std::pair{"Zeta", "250000"}}) {
-    Finding f;
-    f.maker = maker;
-    f.product = "Product";
-    f.priceText = price;
-    f.price = Money::parse(price);
-    f.group = "Office";
-    f.places = {"/opt/x"};
-    result.findings.push_back(f);
-  }
+  for (auto [maker, price] :
+       {std::pair{"다온테크", "1250000"}, std::pair{"Acme", "625000"}, std::pair{"Zeta", "250000"}})
+    result.findings.push_back({FindingKind::Software,
+                               "",
+                               -1,
+                               "",
+                               maker,
+                               "Product",
+                               "",
+                               price,
+                               Money::parse(price),
+                               "",
+                               "Office",
+                               {"/opt/x"}});
   finishResult(result);
   const std::string page = tree.file("report.html", formatHtml(result));
   const std::string shot = tree.path("shot.png");
@@ -47,9 +51,7 @@ TEST(AuditReportInBrowser, ChartBarsAreDrawnInProportion) {
   // Bars are filled with #3b7dd8 by the page's style sheet.
   const std::vector<int> widths = quarvel::testing::barWidths(*image, 0x3b7dd8);
   ASSERT_EQ(widths.size(), 3u);
-  EXPECT_NEAR(widths[0], 460, 2);
-  EXPECT_NEAR(widths[1], 230, 2);
-  EXPECT_NEAR(widths[2], 92, 2);
+  for (std::size_t i = 0; i < 3; ++i) EXPECT_NEAR(widths[i], (std::array{460, 230, 92}[i]), 2);
 }
 
 }  // namespace

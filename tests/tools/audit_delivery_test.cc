@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -24,6 +25,7 @@
 namespace quarvel::audit {
 namespace {
 
+using quarvel::testing::ScopedPlatform;
 using quarvel::testing::TempTree;
 using Json = nlohmann::json;
 
@@ -81,17 +83,13 @@ TEST(ReportDelivery, CollectorAnswersDecideWhereEachReportGoes) {
     std::size_t posts, delivered, refused, left;
   } cases[] = {
       {"connection refused", CURLE_COULDNT_CONNECT, 0, 1, 0, 0, 3},
-      {"time-out", CURLE_OPERATION_TIMEDOUT, 0, 1, 0, 0, 3},
       {"store unavailable", CURLE_OK, 503, 1, 0, 0, 3},
-      {"too many requests", CURLE_OK, 429, 1, 0, 0, 3},
-      {"wrong secret", CURLE_OK, 401, 1, 0, 0, 3},
       {"malformed", CURLE_OK, 400, 3, 0, 3, 0},
       {"too large", CURLE_OK, 413, 3, 0, 3, 0},
       {"stored", CURLE_OK, 201, 3, 3, 0, 0},
       {"duplicate", CURLE_OK, 200, 3, 3, 0, 0},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
     TempTree tree;
     ReportSpool spool(tree.path("spool"));
     std::vector<std::string> added;
@@ -100,59 +98,43 @@ TEST(ReportDelivery, CollectorAnswersDecideWhereEachReportGoes) {
       ASSERT_TRUE(spool.add(added.back(), reportBody(added.back())));
     }
     auto collector = std::make_shared<ScriptedCollector>(c.code, c.status);
-    quarvel::testing::ScopedPlatform platform(collector);
+    ScopedPlatform platform(collector);
     LogCapture log;
-    const FlushOutcome outcome =
+    const FlushOutcome o =
         flushSpool(spool, {.url = "http://collector.test:8470/", .secret = "s3"}, {});
-    EXPECT_EQ(collector->requests.size(), c.posts);
-    EXPECT_EQ(outcome.delivered, c.delivered);
-    EXPECT_EQ(outcome.refused, c.refused);
-    EXPECT_EQ(outcome.left, c.left);
-    EXPECT_EQ(filesIn(spool.rejectedFolder()), c.refused);
-    EXPECT_EQ(log.contains("refused (HTTP"), c.refused > 0);
+    EXPECT_EQ((std::array{collector->requests.size(), o.delivered, o.refused, o.left,
+                          filesIn(spool.rejectedFolder())}),
+              (std::array{c.posts, c.delivered, c.refused, c.left, c.refused}))
+        << c.name;
+    EXPECT_EQ(log.contains("refused (HTTP"), c.refused > 0) << c.name;
     // Oldest first, each with its own key, to the one endpoint.
     for (std::size_t i = 0; i < collector->requests.size(); ++i) {
       const HttpExchange::Options& r = collector->requests[i];
-      EXPECT_EQ(collector->urls[i], "http://collector.test:8470/api/reports");
-      EXPECT_EQ(r.method, "POST");
-      EXPECT_EQ(header(r, "Authorization"), "Bearer s3");
-      EXPECT_EQ(header(r, "Idempotency-Key"), added[i]);
-      EXPECT_EQ(header(r, "Content-Type"), "application/json");
-      EXPECT_EQ(r.body, reportBody(added[i]));
+      EXPECT_EQ(collector->urls[i] + " " + r.method + " " + header(r, "Authorization") + " " +
+                    header(r, "Idempotency-Key") + " " + header(r, "Content-Type") + " " + r.body,
+                "http://collector.test:8470/api/reports POST Bearer s3 " + added[i] +
+                    " application/json " + reportBody(added[i]));
     }
   }
 }
 
-TEST(ReportDelivery, CollectorUrl) {
+TEST(ReportDelivery, CollectorUrlAndSecretFile) {
   for (const auto& [base, url] : std::vector<std::pair<std::string, std::string>>{
            {"http://h:8470", "http://h:8470/api/reports"},
            {"http://h:8470/", "http://h:8470/api/reports"},
-           {"https://h/fleet", "https://h/fleet/api/reports"},
-           {"http://h/api/reports", "http://h/api/reports"}}) {
+           {"http://h/api/reports", "http://h/api/reports"}})
     EXPECT_EQ(reportsUrl(base), url);
-  }
-}
 
-TEST(ReportDelivery, SecretFile) {
-  const struct {
-    const char* name;
-    std::string text;
-    std::optional<std::string> secret;
-  } cases[] = {
-      {"line end and blanks trimmed", "t0ken \t\r\n\n", "t0ken"},
-      {"inner spaces kept", " a b", " a b"},
-      {"exactly the limit", std::string(4096, 'k'), std::string(4096, 'k')},
-      {"over the limit", std::string(4097, 'k'), std::nullopt},
-      {"empty", "", std::nullopt},
-      {"only a line end", "\r\n", std::nullopt},
-      {"two lines", "a\nb\n", std::nullopt},
-  };
   TempTree tree;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [text, secret] : std::vector<std::pair<std::string, std::optional<std::string>>>{
+           {"t0ken \t\r\n\n", "t0ken"},
+           {std::string(4096, 'k'), std::string(4096, 'k')},
+           {std::string(4097, 'k'), std::nullopt},
+           {"", std::nullopt},
+           {"a\nb\n", std::nullopt}}) {
     std::string error;
-    EXPECT_EQ(readSecretFile(tree.file("secret", c.text), error), c.secret);
-    EXPECT_EQ(error.empty(), c.secret.has_value()) << error;
+    EXPECT_EQ(readSecretFile(tree.file("secret", text), error), secret) << text.substr(0, 9);
+    EXPECT_EQ(error.empty(), secret.has_value()) << error;
   }
   std::string error;
   EXPECT_FALSE(readSecretFile(tree.path("missing"), error));
@@ -171,7 +153,7 @@ TEST(ReportSpool, FlushWaitsItsTurnAndSetsDamagedFilesAside) {
   tree.file("spool/notes.json", "{}");
   tree.file("spool/" + good + ".json.part", "x");
   auto collector = std::make_shared<ScriptedCollector>(CURLE_OK, 201);
-  quarvel::testing::ScopedPlatform platform(collector);
+  ScopedPlatform platform(collector);
   {
     // One sender at a time: a second waits for the lease, then gives up.
     ReportSpool other(tree.path("spool"));
@@ -179,19 +161,16 @@ TEST(ReportSpool, FlushWaitsItsTurnAndSetsDamagedFilesAside) {
     ASSERT_TRUE(held);
     const FlushOutcome busy =
         flushSpool(spool, {.url = "http://c", .secret = "s"}, std::chrono::milliseconds(120));
-    EXPECT_TRUE(busy.busy);
-    EXPECT_EQ(busy.left, 4u);
-    EXPECT_TRUE(collector->requests.empty());
+    EXPECT_TRUE(busy.busy && busy.left == 4u && collector->requests.empty());
   }
   LogCapture log;
   const FlushOutcome outcome = flushSpool(spool, {.url = "http://c", .secret = "s"}, {});
-  EXPECT_EQ(outcome.delivered, 1u);
-  EXPECT_EQ(outcome.refused, 3u);
-  EXPECT_EQ(filesIn(spool.rejectedFolder()), 3u);
-  EXPECT_TRUE(std::filesystem::exists(tree.path("spool/notes.json")));
-  EXPECT_TRUE(std::filesystem::exists(tree.path("spool/" + good + ".json.part")));
-  EXPECT_TRUE(log.contains("larger than"));
-  EXPECT_TRUE(log.contains("not a JSON object"));
+  EXPECT_EQ((std::array{outcome.delivered, outcome.refused, filesIn(spool.rejectedFolder())}),
+            (std::array<std::size_t, 3>{1, 3, 3}));
+  // What is not a report is left alone.
+  EXPECT_TRUE(std::filesystem::exists(tree.path("spool/notes.json")) &&
+              std::filesystem::exists(tree.path("spool/" + good + ".json.part")));
+  EXPECT_TRUE(log.contains("larger than") && log.contains("not a JSON object"));
 }
 
 TEST(ReportSpool, BoundsDropTheOldestWithAWarning) {
@@ -210,38 +189,11 @@ TEST(ReportSpool, BoundsDropTheOldestWithAWarning) {
   ASSERT_TRUE(lease);
   EXPECT_EQ(spool.trim(*lease), 2u);
   EXPECT_EQ(idsIn(spool), std::vector<std::string>(ids.begin() + 2, ids.end()));
-  EXPECT_TRUE(log.contains(ids[0])) << "each dropped report is named";
-  EXPECT_TRUE(log.contains(ids[1]));
+  EXPECT_TRUE(log.contains(ids[0]) && log.contains(ids[1])) << "each dropped report is named";
   // The rejected place holds two reports of this size at most.
   for (const auto& entry : spool.pending()) ASSERT_TRUE(spool.reject(*lease, entry, "test"));
   EXPECT_EQ(filesIn(spool.rejectedFolder()), 2u);
   EXPECT_TRUE(std::filesystem::exists(spool.rejectedFolder() + "/" + ids[4] + ".json"));
-}
-
-TEST(FleetReport, CarriesTheAuditJsonAndTheMachine) {
-  AuditResult result;
-  Finding f;
-  f.maker = "Acme";
-  f.product = "Editor";
-  f.price = Money::parse("12.5");
-  f.priceText = "12.5";
-  f.places = {"/opt/\xff"};  // not UTF-8: both documents must still come out
-  result.findings.push_back(f);
-  finishResult(result);
-  const FleetReportInfo info{
-      .reportId = *newReportId(),
-      .machine = {"pc-7", "eth0 10.0.0.7<br>", "Debian GNU/Linux 12"},
-      .scannedAt = std::chrono::system_clock::time_point(std::chrono::seconds(1795579920)),
-      .lists = {.checkList = "20261123", .userCheckList = {}, .filter = {}, .font = "7"}};
-  const Json doc = Json::parse(formatFleetReport(result, info));
-  const Json audit = Json::parse(formatJson(result));
-  EXPECT_EQ(doc["format"], 1);
-  EXPECT_EQ(doc["reportId"], info.reportId);
-  EXPECT_EQ(doc["scannedAt"], "2026-11-25T04:12:00Z");
-  EXPECT_EQ(doc["machine"]["networkIdentity"], "eth0 10.0.0.7<br>");
-  EXPECT_EQ(doc["lists"], Json::parse(R"({"checklist":"20261123","userchecklist":null,
-                                          "filter":null,"font":"7"})"));
-  for (const char* member : {"findings", "totals", "scan"}) EXPECT_EQ(doc[member], audit[member]);
 }
 
 TEST(FleetReport, ReportIds) {
@@ -266,7 +218,7 @@ TEST(AuditSubmit, LoopbackCollector) {
   if (!std::filesystem::exists(samples + "/macchecklist.dat")) GTEST_SKIP() << "no sample lists";
   quarvel::testing::SettingsSandbox sandbox;  // the lists not named are not found
   TempTree tree;
-  tree.executable("machine/usr/bin/photoloom6");
+  tree.executable("machine/opt/\xff/photoloom6");  // not UTF-8: the report still goes
   AuditCommandOptions o;
   o.trees = {tree.path("machine")};
   o.checkList = samples + "/macchecklist.dat";
@@ -277,16 +229,16 @@ TEST(AuditSubmit, LoopbackCollector) {
   o.spoolFolder = tree.path("spool");
   o.machine = MachineFacts{"pc-1", "lo 127.0.0.1", "Test OS"};
   o.collectorIdleTimeout = std::chrono::seconds(5);
-  auto run = [&](const AuditCommandOptions& options, int status) {
+  auto run = [&](int status) {
     std::ostringstream out, err;
-    EXPECT_EQ(runAudit(options, out, err, nullptr), status) << err.str();
+    EXPECT_EQ(runAudit(o, out, err, nullptr), status) << err.str();
   };
   std::vector<quarvel::testing::HttpReceived> received;
   {
     quarvel::testing::LoopbackHttpServer server(
         [](const auto&) { return quarvel::testing::HttpReply::text(R"({"stored":true})", 201); });
     o.submitUrl = server.url("");
-    run(o, 0);
+    run(0);
     received = server.requests();
   }
   ASSERT_EQ(received.size(), 1u);
@@ -294,24 +246,26 @@ TEST(AuditSubmit, LoopbackCollector) {
   EXPECT_EQ(received[0].headers["authorization"], "Bearer enrol-7");
   const Json stored = Json::parse(received[0].body);
   EXPECT_EQ(received[0].headers["idempotency-key"], stored["reportId"]);
-  EXPECT_EQ(stored["machine"]["hostName"], "pc-1");
+  EXPECT_EQ(stored["format"], 1);
+  EXPECT_EQ(
+      stored["machine"],
+      Json({{"hostName", "pc-1"}, {"networkIdentity", "lo 127.0.0.1"}, {"osVersion", "Test OS"}}));
   EXPECT_TRUE(stored["lists"]["checklist"].is_string());
   EXPECT_TRUE(stored["lists"]["userchecklist"].is_null());
   EXPECT_EQ(stored["findings"][0]["product"], "PhotoLoom 6");
 
   ReportSpool spool(tree.path("spool"));
   {
-    quarvel::testing::ScopedPlatform away(
-        std::make_shared<ScriptedCollector>(CURLE_COULDNT_CONNECT, 0));
-    run(o, kAuditExitNotDelivered);
+    ScopedPlatform away(std::make_shared<ScriptedCollector>(CURLE_COULDNT_CONNECT, 0));
+    run(kAuditExitNotDelivered);
   }
   ASSERT_EQ(spool.pending().size(), 1u);
   const std::string waiting = spool.pending()[0].reportId;
   auto collector = std::make_shared<ScriptedCollector>(CURLE_OK, 201);
-  quarvel::testing::ScopedPlatform back(collector);
+  ScopedPlatform back(collector);
   o.flushOnly = true;
   o.trees = {"/nonexistent"};  // nothing is scanned
-  run(o, 0);
+  run(0);
   EXPECT_TRUE(spool.pending().empty());
   ASSERT_EQ(collector->requests.size(), 1u);
   EXPECT_EQ(header(collector->requests[0], "Idempotency-Key"), waiting);

@@ -1,32 +1,37 @@
+// The audit's report in every format, and the whole command: the bundled
+// lists against a generated tree that holds some of their products.
+
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
+#include "audit/AuditCommand.h"
 #include "audit/AuditReport.h"
+#include "support/AuditFixtures.h"
+#include "support/FileText.h"
+#include "support/SettingsSandbox.h"
 
 namespace quarvel::audit {
 namespace {
 
+using Json = nlohmann::json;
+const std::string kSamples = QUARVEL_SAMPLES;
+
 TEST(Money, ReadsListPrices) {
-  struct Case {
-    const char* text;
-    std::optional<std::int64_t> hundredths;
-  } good[] = {
-      {"1200000", 120000000}, {"1,200,000", 120000000},
-      {" 12.5 ", 1250},       {"0.07", 7},
-      {"-3", -300},           {"0", 0},
-  };
-  for (const Case& c : good) {
-    SCOPED_TRACE(c.text);
-    auto money = Money::parse(c.text);
-    ASSERT_TRUE(money);
-    EXPECT_EQ(money->hundredths, *c.hundredths);
+  for (const auto& [text, hundredths] :
+       std::vector<std::pair<const char*, std::int64_t>>{{"1200000", 120000000},
+                                                         {"1,200,000", 120000000},
+                                                         {" 12.5 ", 1250},
+                                                         {"0.07", 7},
+                                                         {"-3", -300},
+                                                         {"0", 0}}) {
+    const auto money = Money::parse(text);
+    EXPECT_EQ(money.value_or(Money{-1}).hundredths, hundredths) << text;
   }
-  for (const char* bad :
-       {"", "free", "12.345", "1.", ",100", "12a", "--1", "99999999999999999999"}) {
-    SCOPED_TRACE(bad);
-    EXPECT_FALSE(Money::parse(bad));
-  }
+  for (const char* bad : {"", "free", "12.345", "1.", ",100", "12a", "--1", "99999999999999999999"})
+    EXPECT_FALSE(Money::parse(bad)) << bad;
   EXPECT_EQ(Money{123456789}.toString(true), "1,234,567.89");
   EXPECT_EQ(Money{-100000}.toString(true), "-1,000");
   EXPECT_EQ(Money{100000}.toString(), "1000");
@@ -38,17 +43,8 @@ AuditResult sampleResult() {
   AuditResult result;
   auto add = [&](std::string maker, std::string product, std::string version, std::string price,
                  std::string group, std::vector<std::string> places) {
-    Finding f;
-    f.list = "checklist";
-    f.maker = std::move(maker);
-    f.product = std::move(product);
-    f.version = std::move(version);
-    f.priceText = std::move(price);
-    f.price = Money::parse(f.priceText);
-    f.softwareType = "Commercial";
-    f.group = std::move(group);
-    f.places = std::move(places);
-    result.findings.push_back(std::move(f));
+    result.findings.push_back({FindingKind::Software, "checklist", -1, "", maker, product, version,
+                               price, Money::parse(price), "Commercial", group, places});
   };
   add("한컴", "오피스", "2024", "250000", "Office", {"/opt/hoffice/bin/hword"});
   add("Acme", "Editor, \"Pro\"", "2.0", "1200000.5", "Office", {"/usr/bin/a", "/usr/local/bin/a"});
@@ -59,8 +55,9 @@ AuditResult sampleResult() {
   return result;
 }
 
-TEST(AuditReport, TableAlignsColumnsAndTotals) {
-  const std::string expected =
+TEST(AuditReport, TableAndCsvAlignQuoteAndTotal) {
+  EXPECT_EQ(
+      formatReport(sampleResult(), ReportFormat::Table),
       "Maker     Product        Version         Price  Type        Group   Where\n"
       "--------  -------------  -------  ------------  ----------  ------  "
       "----------------------------\n"
@@ -73,57 +70,47 @@ TEST(AuditReport, TableAlignsColumnsAndTotals) {
       "------  -----  ------------\n"
       "(none)      1             0\n"
       "Office      2  1,450,000.50\n"
-      "Total       3  1,450,000.50\n";
-  EXPECT_EQ(formatReport(sampleResult(), ReportFormat::Table), expected);
+      "Total       3  1,450,000.50\n");
   EXPECT_EQ(formatTable(AuditResult{}),
             "No findings.\n\nGroup  Count  Price\n-----  -----  -----\nTotal      0      0\n");
+  EXPECT_EQ(formatReport(sampleResult(), ReportFormat::Csv),
+            "Row,Maker,Product,Version,Price,Type,Group,Where,Count\r\n"
+            "finding,Acme,\"Editor, \"\"Pro\"\"\",2.0,1200000.50,Commercial,Office,"
+            "/usr/bin/a; /usr/local/bin/a,\r\n"
+            "finding,Zeta <&>,CAD,7,ask,Commercial,,/opt/zcad,\r\n"
+            "finding,한컴,오피스,2024,250000,Commercial,Office,/opt/hoffice/bin/hword,\r\n"
+            "group,,,,0,,,,1\r\n"
+            "group,,,,1450000.50,,Office,,2\r\n"
+            "total,,,,1450000.50,,,,3\r\n");
 }
 
-TEST(AuditReport, CsvQuotesAndLabelsEachRow) {
-  const std::string expected =
-      "Row,Maker,Product,Version,Price,Type,Group,Where,Count\r\n"
-      "finding,Acme,\"Editor, \"\"Pro\"\"\",2.0,1200000.50,Commercial,Office,"
-      "/usr/bin/a; /usr/local/bin/a,\r\n"
-      "finding,Zeta <&>,CAD,7,ask,Commercial,,/opt/zcad,\r\n"
-      "finding,한컴,오피스,2024,250000,Commercial,Office,/opt/hoffice/bin/hword,\r\n"
-      "group,,,,0,,,,1\r\n"
-      "group,,,,1450000.50,,Office,,2\r\n"
-      "total,,,,1450000.50,,,,3\r\n";
-  EXPECT_EQ(formatReport(sampleResult(), ReportFormat::Csv), expected);
-}
-
+// Amounts are numbers, whole ones integers; a price that is none is null
+// beside its text.
 TEST(AuditReport, JsonCarriesAmountsAndPlaces) {
-  auto doc = nlohmann::json::parse(formatReport(sampleResult(), ReportFormat::Json));
+  auto doc = Json::parse(formatReport(sampleResult(), ReportFormat::Json));
   ASSERT_EQ(doc["findings"].size(), 3u);
-  const auto& acme = doc["findings"][0];
-  EXPECT_EQ(acme["maker"], "Acme");
-  EXPECT_EQ(acme["product"], "Editor, \"Pro\"");
-  EXPECT_DOUBLE_EQ(acme["price"].get<double>(), 1200000.5);
-  EXPECT_EQ(acme["where"], (nlohmann::json{"/usr/bin/a", "/usr/local/bin/a"}));
-  EXPECT_EQ(acme["kind"], "software");
+  EXPECT_DOUBLE_EQ(doc["findings"][0]["price"].get<double>(), 1200000.5);
+  EXPECT_EQ(doc["findings"][0]["where"], (Json{"/usr/bin/a", "/usr/local/bin/a"}));
   EXPECT_TRUE(doc["findings"][1]["price"].is_null());
   EXPECT_EQ(doc["findings"][1]["priceText"], "ask");
-  EXPECT_EQ(doc["findings"][2]["price"], 250000);  // whole amounts are integers
-  EXPECT_EQ(doc["totals"]["count"], 3);
-  EXPECT_DOUBLE_EQ(doc["totals"]["price"].get<double>(), 1450000.5);
+  EXPECT_EQ(doc["findings"][2]["price"], 250000);
   EXPECT_EQ(doc["totals"]["groups"][1],
-            (nlohmann::json{{"group", "Office"}, {"count", 2}, {"price", 1450000.5}}));
-  EXPECT_EQ(doc["scan"]["files"], 42);
+            (Json{{"group", "Office"}, {"count", 2}, {"price", 1450000.5}}));
 }
 
 TEST(AuditReport, HtmlIsSelfContainedWithAChartPerMaker) {
   std::string page =
       formatReport(sampleResult(), ReportFormat::Html,
                    {.title = "Audit", .generatedAt = "2026-11-23 12:00", .host = "pc-7"});
-  EXPECT_NE(page.find("<meta charset=\"utf-8\">"), std::string::npos);
-  EXPECT_NE(page.find("pc-7 \u00b7 2026-11-23 12:00"), std::string::npos);
   // Text is escaped; no scripts, links or remote addresses.
-  EXPECT_NE(page.find("<td>Zeta &lt;&amp;&gt;</td>"), std::string::npos);
-  EXPECT_EQ(page.find("Zeta <&>"), std::string::npos);
-  for (const char* outside : {"<script", "<link", "src=", "@import", "url(", "https:"})
+  for (const char* inside :
+       {"<meta charset=\"utf-8\">", "pc-7 \u00b7 2026-11-23 12:00", "<td>Zeta &lt;&amp;&gt;</td>"})
+    EXPECT_NE(page.find(inside), std::string::npos) << inside;
+  for (const char* outside : {"Zeta <&>", "<script", "<link", "src=", "@import", "url(", "https:"})
     EXPECT_EQ(page.find(outside), std::string::npos) << outside;
 
-  // One bar per maker, longest first, widths in proportion to the sums.
+  // One bar per maker, longest first, widths in proportion to the sums
+  // (250000 / 1200000.5 of 460).
   std::vector<std::pair<std::string, int>> bars;  // (title, bar width)
   for (std::size_t at = page.find("<g><title>"); at != std::string::npos;
        at = page.find("<g><title>", at + 1)) {
@@ -132,14 +119,9 @@ TEST(AuditReport, HtmlIsSelfContainedWithAChartPerMaker) {
     const std::size_t width = page.find("width=\"", page.find("<rect class=\"bar\"", at)) + 7;
     bars.emplace_back(title, std::stoi(page.substr(width, page.find('"', width) - width)));
   }
-  ASSERT_EQ(bars.size(), 3u);
-  EXPECT_EQ(bars[0].first, "Acme: 1,200,000.50");
-  EXPECT_EQ(bars[1].first, "한컴: 250,000");
-  EXPECT_EQ(bars[2].first, "Zeta &lt;&amp;&gt;: 0");
-  EXPECT_EQ(bars[0].second, 460);
-  EXPECT_EQ(bars[1].second, 95);  // 250000 / 1200000.5 of 460
-  EXPECT_EQ(bars[2].second, 0);
-
+  EXPECT_EQ(bars,
+            (std::vector<std::pair<std::string, int>>{
+                {"Acme: 1,200,000.50", 460}, {"한컴: 250,000", 95}, {"Zeta &lt;&amp;&gt;: 0", 0}}));
   EXPECT_EQ(formatHtml(AuditResult{}).find("<svg"), std::string::npos);
 }
 
@@ -147,28 +129,161 @@ TEST(AuditReport, HtmlIsSelfContainedWithAChartPerMaker) {
 TEST(AuditReport, ChartLabelsFitThirtyCellsWithTheirEllipsis) {
   auto repeat = [](std::string_view piece, int times) {
     std::string out;
-    for (int i = 0; i < times; ++i) out += piece;
+    while (times-- > 0) out += piece;
     return out;
   };
-  const struct {
-    std::string maker, label;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
+      // (maker, label)
       {repeat("m", 30), repeat("m", 30)},
       {repeat("m", 31), repeat("m", 29) + "\u2026"},
-      {repeat("\ud55c", 20), repeat("\ud55c", 14) + "\u2026"},  // two cells each
-  };
+      {repeat("\ud55c", 20), repeat("\ud55c", 14) + "\u2026"}};  // two cells each
   AuditResult result;
-  for (const auto& c : cases) {
-    Finding f;
-    f.maker = c.maker;
-    f.priceText = "1";
-    f.price = Money::parse(f.priceText);
-    result.findings.push_back(f);
-  }
+  for (const auto& [maker, label] : cases)
+    result.findings.push_back(
+        {FindingKind::Software, "", -1, "", maker, "", "", "1", Money::parse("1"), "", "", {}});
   finishResult(result);
   const std::string page = formatHtml(result);
-  for (const auto& c : cases)
-    EXPECT_NE(page.find("\"middle\">" + c.label + "</text>"), std::string::npos) << c.maker;
+  for (const auto& [maker, label] : cases)
+    EXPECT_NE(page.find("\"middle\">" + label + "</text>"), std::string::npos) << maker;
+}
+
+class AuditCommand : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!std::filesystem::exists(kSamples + "/macchecklist.dat")) GTEST_SKIP() << "no sample lists";
+    machine.executable("usr/bin/photoloom6");
+    machine.executable("opt/tidewell/bin/tidewell-writer");  // two programs of one product
+    machine.executable("opt/tidewell/bin/tidewell-calc");
+    machine.file("usr/share/applications/hangyeol-docs.desktop",
+                 "[Desktop Entry]\nExec=/opt/hangyeol/docs/hangyeol-docs %F\n");
+    machine.file("var/lib/flatpak/exports/share/applications/com.quillmark.Notes.desktop",
+                 "[Desktop Entry]\nExec=/usr/bin/flatpak run --branch=stable --arch=x86_64 "
+                 "--command=quillmark com.quillmark.Notes\n");
+    machine.executable("usr/bin/clipnest");          // on the filter list
+    machine.executable("usr/bin/photoloom-viewer");  // user list, on the filter list
+    machine.file("usr/bin/daon-cad");                // listed, but not executable
+    machine.file("usr/share/fonts/truetype/nuri/NuriMyeongjo-Regular.ttf");
+    machine.file("usr/share/fonts/truetype/nuri/NuriMyeongjo-Bold.ttf");
+    machine.file("home/kim/.fonts/KestrelSans-Bold.otf");
+    for (int i = 0; i < 60; ++i) machine.executable("usr/bin/other-" + std::to_string(i));
+  }
+
+  AuditCommandOptions options(ReportFormat format) {
+    AuditCommandOptions o = bare(format);
+    o.checkList = kSamples + "/macchecklist.dat";
+    o.userCheckList = kSamples + "/userchecklist.dat";
+    o.filterList = kSamples + "/macfilterlist.dat";
+    o.fontList = kSamples + "/fontchecklist.dat";
+    return o;
+  }
+  // The machine's tree, no list named.
+  AuditCommandOptions bare(ReportFormat format) {
+    AuditCommandOptions o;
+    o.trees = {machine.root()};
+    o.format = format;
+    o.progress = false;
+    return o;
+  }
+
+  // Standard output with the tree's root written <T>; standard error is kept in `errors`.
+  std::string run(const AuditCommandOptions& o, int expectedStatus = 0) {
+    std::ostringstream out, err;
+    EXPECT_EQ(runAudit(o, out, err, nullptr), expectedStatus) << err.str();
+    errors = err.str();
+    std::string text = out.str();
+    const std::string& root = machine.root();
+    for (std::size_t at = text.find(root); at != std::string::npos; at = text.find(root, at))
+      text.replace(at, root.size(), "<T>");
+    return text;
+  }
+
+  quarvel::testing::TempTree machine, output;
+  std::string errors;
+};
+
+// Each finding as "id list: maker/product version price type group: places";
+// the records and lists behind it show only in the JSON.
+TEST_F(AuditCommand, TheBundledListsFindTheirProducts) {
+  const auto doc = Json::parse(run(options(ReportFormat::Json)));
+  std::vector<std::string> rows;
+  for (const auto& f : doc["findings"]) {
+    std::string row = f["id"].get<std::string>() + " " + f["list"].get<std::string>() + ": " +
+                      f["maker"].get<std::string>() + "/" + f["product"].get<std::string>() + " " +
+                      f["version"].get<std::string>() + " " + f["price"].dump() + " " +
+                      f["type"].get<std::string>() + " " + f["group"].get<std::string>() + ":";
+    for (const auto& place : f["where"]) row += " " + place.get<std::string>();
+    rows.push_back(row);
+  }
+  EXPECT_EQ(rows,
+            (std::vector<std::string>{
+                "SW100102 checklist: Brightpath Labs/PhotoLoom 6 6.0 550000 1 그래픽: "
+                "<T>/usr/bin/photoloom6",
+                "FT300302 fontlist: Kestrel Type/Kestrel Sans Bold 1.3 120000 1 고딕: "
+                "<T>/home/kim/.fonts/KestrelSans-Bold.otf",
+                "US000003 userchecklist: Quillmark/Quillmark Notes 4.2 59000 2 사무용: "
+                "<T>/var/lib/flatpak/exports/share/applications/com.quillmark.Notes.desktop",
+                "SW100201 checklist: Tidewell Software/Tidewell Office 2023 2023 320000 1 사무용: "
+                "<T>/opt/tidewell/bin/tidewell-calc <T>/opt/tidewell/bin/tidewell-writer",
+                // Both weights are one product; the first record names it.
+                "FT300101 fontlist: 누리글꼴/누리명조 Regular 2.0 88000 1 명조: "
+                "<T>/usr/share/fonts/truetype/nuri/NuriMyeongjo-Bold.ttf "
+                "<T>/usr/share/fonts/truetype/nuri/NuriMyeongjo-Regular.ttf",
+                "SW100301 checklist: 한결소프트/한결 문서편집기 3.1 3.1 180000 1 사무용: "
+                "<T>/usr/share/applications/hangyeol-docs.desktop",
+            }));
+  EXPECT_EQ(doc["totals"], Json::parse(R"({"groups": [
+      {"group": "고딕", "count": 1, "price": 120000}, {"group": "그래픽", "count": 1, "price": 550000},
+      {"group": "명조", "count": 1, "price": 88000}, {"group": "사무용", "count": 3, "price": 559000}],
+      "count": 6, "price": 1317000})"));
+  EXPECT_EQ(doc["scan"]["filteredHits"], 2);
+  EXPECT_EQ(doc["scan"]["files"], 71);
+  EXPECT_NE(errors.find("files in"), std::string::npos) << errors;
+  EXPECT_NE(errors.find("2 filtered"), std::string::npos) << errors;
+}
+
+// The table on standard output and the page beside it.
+TEST_F(AuditCommand, TableAndPageBesideIt) {
+  AuditCommandOptions o = options(ReportFormat::Table);
+  o.htmlFile = output.path("report.html");
+  EXPECT_NE(run(o).find("\nTotal       6  1,317,000\n"), std::string::npos);
+  EXPECT_NE(quarvel::testing::readFile(*o.htmlFile)
+                .find("<td class=\"num\">6</td><td class=\"num\">1,317,000</td>"),
+            std::string::npos);
+}
+
+TEST_F(AuditCommand, OptionsThatNarrowOrStopTheRun) {
+  // (change, status, on standard error when the run fails, findings when it does not)
+  for (const auto& [change, status, error, count] :
+       std::vector<std::tuple<std::function<void(AuditCommandOptions&)>, int, std::string, int>>{
+           {[](auto& o) { o.filterList = kSamples + "/userchecklist.dat"; }, 1,
+            "cannot open the filter list", 0},
+           {[&](auto& o) { o.htmlFile = output.path("no-such-folder/report.html"); }, 1,
+            "cannot write", 0},
+           {[](auto& o) { o.fonts = false; }, 0, "", 4}}) {
+    AuditCommandOptions o = options(ReportFormat::Json);
+    change(o);
+    const std::string out = run(o, status);
+    if (status == 0) {
+      EXPECT_EQ(Json::parse(out)["totals"]["count"], count);
+    }
+    EXPECT_NE(errors.find(error), std::string::npos) << errors;
+  }
+}
+
+TEST_F(AuditCommand, ListsComeFromTheLibraryFolderByDefault) {
+  quarvel::testing::SettingsSandbox sandbox;
+  const std::string library = sandbox.root() + "/data/Quarvel";
+  std::filesystem::create_directories(library);
+  for (const char* name :
+       {"macchecklist.dat", "userchecklist.dat", "macfilterlist.dat", "fontchecklist.dat"})
+    std::filesystem::copy_file(kSamples + "/" + name, library + "/" + name);
+  const AuditCommandOptions o = bare(ReportFormat::Json);
+  EXPECT_EQ(Json::parse(run(o))["totals"]["count"], 6);
+  // Without any list there is nothing to compare with.
+  for (const char* name : {"macchecklist.dat", "userchecklist.dat", "fontchecklist.dat"})
+    std::filesystem::remove(library + "/" + name);
+  run(o, 1);
+  EXPECT_NE(errors.find("no list to compare with"), std::string::npos) << errors;
 }
 
 }  // namespace

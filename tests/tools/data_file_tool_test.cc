@@ -1,23 +1,28 @@
-// quarvel show / lookup / check and building a data file from TSV, run on
-// the sample files and on files damaged on purpose.
+// quarvel show / lookup / check, building a data file from TSV, and
+// decrypt / encrypt, run on the sample files and on files damaged on purpose.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
-#include <fstream>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "CipherCommand.h"
 #include "DataFileTool.h"
+#include "common/Log.h"
 #include "common/StringUtil.h"
 #include "datafiles/DataFileTestUtil.h"
 #include "format/MacKorean.h"
 #include "quarvel/FileCheckList.h"
+#include "support/TestPlatform.h"
 
 namespace quarvel::cli {
 namespace {
 
-using quarvel::testing::TempDir;
+using testing::TempDir;
 
 std::string sample(const char* name) { return std::string(QUARVEL_SAMPLES) + "/" + name; }
 
@@ -33,26 +38,13 @@ Outcome run(F&& call) {
   return {status, out.str(), err.str()};
 }
 
-TEST(DataFileTool, ShowDetectsTheKindAndAlignsWideText) {
-  const Outcome shown = run([](auto& out, auto& err) {
-    return showDataFile(sample("macpcklist.dat"), std::nullopt, OutputFormat::Table, out, err);
-  });
-  ASSERT_EQ(shown.status, 0) << shown.err;
-  EXPECT_NE(shown.out.find("package file, version 2024.06.14"), std::string::npos);
-  // Korean text takes two columns a character: the next column still lines up.
-  std::vector<std::string> rows = split(shown.out, "\n");
-  std::size_t header = 0, korean = 0;
-  for (const std::string& row : rows) {
-    if (row.starts_with("DB_ID")) header = displayWidth(row.substr(0, row.find("SW_TYPE")));
-    if (row.starts_with("PK2002") && korean == 0)
-      korean = displayWidth(row.substr(0, row.find("1 ")));
-  }
-  EXPECT_GT(header, 0u);
-  EXPECT_EQ(header, korean);
+Outcome show(const char* name, std::optional<DataFileKind> kind, OutputFormat format) {
+  return run(
+      [&](auto& out, auto& err) { return showDataFile(sample(name), kind, format, out, err); });
+}
 
-  const Outcome fonts = run([](auto& out, auto& err) {
-    return showDataFile(sample("fontchecklist.dat"), std::nullopt, OutputFormat::Json, out, err);
-  });
+TEST(DataFileTool, ShowDetectsTheKindInJson) {
+  const Outcome fonts = show("fontchecklist.dat", std::nullopt, OutputFormat::Json);
   ASSERT_EQ(fonts.status, 0);
   const auto doc = nlohmann::json::parse(fonts.out);
   EXPECT_EQ(doc["kind"], "font");
@@ -61,19 +53,13 @@ TEST(DataFileTool, ShowDetectsTheKindAndAlignsWideText) {
 }
 
 TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
-  const struct {
-    const char* name;
-    DataFileKind kind;
-  } files[] = {{"macchecklist.dat", DataFileKind::CheckList},
-               {"macpcklist.dat", DataFileKind::Package},
-               {"macfilterlist.dat", DataFileKind::Filter},
-               {"fontchecklist.dat", DataFileKind::Font}};
-  for (const auto& f : files) {
-    SCOPED_TRACE(f.name);
-    const Outcome shown = run([&](auto& out, auto& err) {
-      return showDataFile(sample(f.name), f.kind, OutputFormat::Tsv, out, err);
-    });
-    ASSERT_EQ(shown.status, 0);
+  for (const auto& [name, kind] : std::vector<std::pair<const char*, DataFileKind>>{
+           {"macchecklist.dat", DataFileKind::CheckList},
+           {"macpcklist.dat", DataFileKind::Package},
+           {"macfilterlist.dat", DataFileKind::Filter},
+           {"fontchecklist.dat", DataFileKind::Font}}) {
+    const Outcome shown = show(name, kind, OutputFormat::Tsv);
+    ASSERT_EQ(shown.status, 0) << name;
     // One block per section: its tag, then the TSV.
     TempDir dir;
     std::vector<std::string> inputs;
@@ -81,69 +67,66 @@ TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
       if (block.empty()) continue;
       const std::size_t firstLine = block.find('\n');
       const std::string file = dir.file(block.substr(1, firstLine - 1) + ".tsv");
-      quarvel::testing::writeBytes(file, block.substr(firstLine + 1) + "\n");
+      testing::writeBytes(file, block.substr(firstLine + 1) + "\n");
       inputs.push_back(file);
     }
     const std::string rebuilt = dir.file("rebuilt.dat");
     const Outcome built =
-        run([&](auto&, auto& err) { return buildDataFileFromTsv(f.kind, inputs, rebuilt, err); });
+        run([&](auto&, auto& err) { return buildDataFileFromTsv(kind, inputs, rebuilt, err); });
     ASSERT_EQ(built.status, 0) << built.err;
-    EXPECT_EQ(quarvel::testing::readBytes(rebuilt), quarvel::testing::readBytes(sample(f.name)));
+    EXPECT_EQ(testing::readBytes(rebuilt), testing::readBytes(sample(name))) << name;
   }
 }
 
 TEST(DataFileTool, LookupAnswersEachKindsKeys) {
+  const char *check = "macchecklist.dat", *font = "fontchecklist.dat",
+             *filter = "macfilterlist.dat", *package = "macpcklist.dat";
   struct Case {
     const char* file;
     LookupQuery query;
     int status;
-    const char* expected;  // a line of the answer
+    std::string line = "";  // a line of the answer
     bool json = false;
-  };
-  const Case cases[] = {
-      {"macchecklist.dat", {.exe = "PhotoLoom6"}, 0, "DB_ID          SW100102"},
-      {"macchecklist.dat",
+  } const cases[] = {
+      {check, {.exe = "PhotoLoom6"}, 0, "DB_ID          SW100102"},
+      {check,
        {.property = "brightpath labs\\tPHOTOLOOM\\t5.2\\tPhotoLoom"},
        0,
        "#CHECKLIST record 0"},
-      {"macchecklist.dat", {.id = "sw100101"}, 1, ""},
-      {"macchecklist.dat", {.filter = "a\\tb\\tc\\td"}, 2, ""},
-      {"fontchecklist.dat", {.exe = "kestrelsans-bold.OTF"}, 0, "DB_ID          FT300302"},
-      {"macfilterlist.dat",
+      {check, {.id = "sw100101"}, 1},
+      {check, {.filter = "a\\tb\\tc\\td"}, 2},
+      {font, {.exe = "kestrelsans-bold.OTF"}, 0, "DB_ID          FT300302"},
+      {filter,
        {.filter = "KESTREL AUDIO\\twavesmith demo\\t3.0\\tWaveSmithDemo"},
        0,
        "#SWLIST record 4"},
-      {"macpcklist.dat", {.package = "PK2001", .sub = 1}, 0, "display name: Tidewell Office"},
-      {"macpcklist.dat", {.package = "PK2001", .sub = 0}, 0, "display name: Tidewell Office(-)"},
-      {"macpcklist.dat", {.exe = "x"}, 2, ""},
+      {package, {.package = "PK2001", .sub = 1}, 0, "display name: Tidewell Office"},
+      {package, {.package = "PK2001", .sub = 0}, 0, "display name: Tidewell Office(-)"},
+      {package, {.exe = "x"}, 2},
       // JSON stays JSON when nothing matches.
-      {"macchecklist.dat", {.id = "SW100201"}, 0, "  \"section\": \"#CHECKLIST\",", true},
-      {"macchecklist.dat", {.exe = "no-such.exe"}, 1, "null", true},
-  };
+      {check, {.id = "SW100201"}, 0, "  \"section\": \"#CHECKLIST\",", true},
+      {check, {.exe = "no-such.exe"}, 1, "null", true}};
   for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.file) + " " + c.expected);
     const Outcome answer = run([&](auto& out, auto& err) {
       return lookupDataFile(sample(c.file), std::nullopt, c.query, c.json, out, err);
     });
-    EXPECT_EQ(answer.status, c.status) << answer.err;
+    EXPECT_EQ(answer.status, c.status) << c.file << " " << c.line << answer.err;
     const std::vector<std::string> lines = split(answer.out, "\n");
-    if (*c.expected) {
-      EXPECT_NE(std::find(lines.begin(), lines.end(), c.expected), lines.end()) << answer.out;
-    }
+    EXPECT_TRUE(c.line.empty() || std::find(lines.begin(), lines.end(), c.line) != lines.end())
+        << answer.out;
   }
 }
 
 TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
   TempDir dir;
-  const std::string good = quarvel::testing::checkLine("1", "Acme", "Draw", "1", "Draw", "draw");
-  const std::string twin = quarvel::testing::checkLine("2", "Acme", "Paint", "1", "Paint", "DRAW");
-  const std::string font =
-      quarvel::testing::checkLine("3", "Acme", "Font", "1", "F", "f.ttf", true);
+  const std::string good = testing::checkLine("1", "Acme", "Draw", "1", "Draw", "draw");
+  const std::string twin = testing::checkLine("2", "Acme", "Paint", "1", "Paint", "DRAW");
+  const std::string font = testing::checkLine("3", "Acme", "Font", "1", "F", "f.ttf", true);
   const std::string folded =
-      quarvel::testing::checkLine("4", "\xC3\x98resund Soft", "Menu", "1", "M", "menu");
+      testing::checkLine("4", "\xC3\x98resund Soft", "Menu", "1", "M", "menu");
   std::string plain =
-      *MacKorean::encode(quarvel::testing::crlf({"stray", "#HEADER_START", "1", "#HEADER_END",
-                                                 "#CHECKLIST_START", good, twin, font, folded}));
+      *MacKorean::encode(testing::crlf({"stray", "#HEADER_START", "1", "#HEADER_END",
+                                        "#CHECKLIST_START", good, twin, font, folded}));
   plain += "\xA1\x20\r\n";                   // no Mac Korean text
   plain += std::string(2100, 'x') + "\r\n";  // too long a line
   plain += "#CHECKLIST_END\r\n";
@@ -151,24 +134,21 @@ TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
   const Outcome checked =
       run([&](auto& out, auto& err) { return checkDataFile(path, std::nullopt, out, err); });
   EXPECT_EQ(checked.status, 1);
-  for (const char* expected : {
-           "line 1: warning: outside every section; ignored",
-           "line 7: warning: EXE_FILE \"DRAW\" repeats line 6; look-ups answer this record, line 6 "
-           "is unreachable",
-           "line 8: error: #CHECKLIST record with 14 fields, 17 expected; the reader refuses it",
-           "line 9: warning: COMPANY: folding on save turns \"\xC3\x98resund Soft\" into \"Oresund "
-           "Soft\"",
-           "line 10: error: not Mac Korean text; the reader drops this line",
-           "line 11: error: 2100 bytes, longer than the 2047 a line may hold; the reader drops "
-           "this line",
-           "c.dat: 3 errors, 4 warnings",
-       }) {
-    EXPECT_NE(checked.out.find(std::string(expected) + "\n"), std::string::npos) << expected << "\n"
-                                                                                 << checked.out;
-  }
+  for (const char* expected :
+       {"line 1: warning: outside every section; ignored",
+        "line 7: warning: EXE_FILE \"DRAW\" repeats line 6; look-ups answer this record, line 6 "
+        "is unreachable",
+        "line 8: error: #CHECKLIST record with 14 fields, 17 expected; the reader refuses it",
+        "line 9: warning: COMPANY: folding on save turns \"\xC3\x98resund Soft\" into \"Oresund "
+        "Soft\"",
+        "line 10: error: not Mac Korean text; the reader drops this line",
+        "line 11: error: 2100 bytes, longer than the 2047 a line may hold; the reader drops "
+        "this line",
+        "c.dat: 3 errors, 4 warnings"})
+    EXPECT_NE(checked.out.find(std::string(expected) + "\n"), std::string::npos) << checked.out;
 
   const std::string damaged = dir.writeDataFile(
-      "d.dat", quarvel::testing::crlf({"#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START"}));
+      "d.dat", testing::crlf({"#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START"}));
   const Outcome refused =
       run([&](auto& out, auto& err) { return checkDataFile(damaged, std::nullopt, out, err); });
   EXPECT_EQ(refused.status, 1);
@@ -183,33 +163,120 @@ TEST(DataFileTool, BuildingFromTsvNamesTheFaultyRow) {
   const std::string fields = "COMPANY\tPRODUCT\tVERSION\tORIGINAL_FILE\n";
   std::string korean;  // 2,042 bytes stored, 3,063 as UTF-8
   for (int i = 0; i < 1021; ++i) korean += "\xED\x95\x9C";
-  const struct {
-    const char* file;
-    std::string text, message;  // the message follows the file's path
-  } cases[] = {
-      {"SWLIST.tsv", fields + "A\tB\tC\tD\nA\tB\tC\n", ":3: 3 fields, #SWLIST has 4\n"},
-      {"BOGUS.tsv", "x\n", ": a filter file has no section #BOGUS"},
-      {"HEADER.tsv", "Ver\n1\n", ":1: the first row must name the fields: Version\n"},
-      {"SWLIST.tsv", fields + std::string("A\tB\0C\tC\tD\n", 10), ":2: a zero byte\n"},
-      {"SWLIST.tsv", fields + "A\tB\rC\tC\tD\r\n", ":2: a CR that does not end the row\n"},
-      {"SWLIST.tsv", fields + "A\tB\tC\t" + std::string(2042, 'x') + "\n",
-       ":2: the row takes 2048 bytes, more than the 2047"},
-      {"SWLIST.tsv", fields + "A\tB\tC\t" + korean + "\n",
-       ":2: the row takes 2048 bytes, more than the 2047"},
-  };
-  for (std::size_t i = 0; i < std::size(cases); ++i) {
-    SCOPED_TRACE(cases[i].message);
-    const std::string folder = dir.file(std::to_string(i));
+  int folders = 0;
+  // (file, text, the message after the file's path)
+  for (const auto& [file, text, message] :
+       std::vector<std::tuple<std::string, std::string, std::string>>{
+           {"SWLIST.tsv", fields + "A\tB\tC\tD\nA\tB\tC\n", ":3: 3 fields, #SWLIST has 4\n"},
+           {"BOGUS.tsv", "x\n", ": a filter file has no section #BOGUS"},
+           {"HEADER.tsv", "Ver\n1\n", ":1: the first row must name the fields: Version\n"},
+           {"SWLIST.tsv", fields + std::string("A\tB\0C\tC\tD\n", 10), ":2: a zero byte\n"},
+           {"SWLIST.tsv", fields + "A\tB\rC\tC\tD\r\n", ":2: a CR that does not end the row\n"},
+           {"SWLIST.tsv", fields + "A\tB\tC\t" + korean + "\n",
+            ":2: the row takes 2048 bytes, more than the 2047"}}) {
+    const std::string folder = dir.file(std::to_string(folders++));
     std::filesystem::create_directory(folder);
-    quarvel::testing::writeBytes(folder + "/" + cases[i].file, cases[i].text);
+    testing::writeBytes(folder + "/" + file, text);
     const Outcome built = run([&](auto&, auto& err) {
       return buildDataFileFromTsv(DataFileKind::Filter, {folder}, dir.file("out.dat"), err);
     });
     EXPECT_EQ(built.status, 1);
-    EXPECT_NE(built.err.find(folder + "/" + cases[i].file + cases[i].message), std::string::npos)
-        << built.err;
+    EXPECT_NE(built.err.find(folder + "/" + file + message), std::string::npos) << built.err;
   }
   EXPECT_FALSE(std::filesystem::exists(dir.file("out.dat")));
+}
+
+TEST(EncipherText, LineEndsBecomeCrLfAndTheTextBecomesMacKorean) {
+  for (const auto& [text, plain] : std::vector<std::pair<std::string, std::string>>{
+           {"a\nb\n", "a\r\nb\r\n"},
+           {"a\r\nb", "a\r\nb\r\n"},
+           {"\xEF\xBB\xBF\xEA\xB0\x80\n\n", "\xB0\xA1\r\n\r\n"}}) {  // BOM skipped, 가
+    const std::optional<std::string> file = encipherText(text, nullptr);
+    ASSERT_TRUE(file) << text;
+    EXPECT_EQ(testing::decipher(*file), plain);
+  }
+  // The bundled sample is the enciphered form of its text.
+  const std::string source = testing::readBytes(QUARVEL_SAMPLES "/welcome.txt");
+  ASSERT_FALSE(source.empty());
+  EXPECT_EQ(encipherText(source, nullptr), testing::readBytes(QUARVEL_SAMPLES "/welcome.dat"));
+}
+
+TEST(EncipherText, RefusesWhatTheReaderCouldNotGiveBack) {
+  using Where = std::tuple<std::size_t, std::size_t, std::string>;  // line, column, reason
+  for (const auto& [text, where] : std::vector<std::pair<std::string, Where>>{
+           {"ok\n\xEA\xB0\x80\xC3\xA9\n", {2, 2, "U+00E9 has no Mac Korean form"}},
+           {"a\rb\n", {1, 2, "a CR that does not end a line"}},
+           {std::string("x\ny\0z", 5), {2, 2, "a zero byte"}},
+           {"\xFF\n", {1, 1, "the text is not UTF-8"}},
+           {"", {1, 1, "the text is empty"}},
+           {"a\n" + std::string(2048, 'x') + "\n",
+            {2, 1, "the line takes 2048 bytes, more than the 2047 a data file allows"}}}) {
+    TextProblem problem;
+    EXPECT_FALSE(encipherText(text, &problem));
+    EXPECT_EQ(Where(problem.line, problem.column, problem.reason), where);
+  }
+}
+
+// encrypt then decrypt gives the lines back; OUT is replaced whole or not
+// at all: neither an unencodable character nor a write that runs out of room
+// touches the old file, which still deciphers.
+TEST(CipherCommands, EncryptReplacesOutWholeOrNotAtAll) {
+  TempDir dir;
+  const std::string text =
+      "#HEADER_START\n20240101\n#HEADER_END\n\xED\x95\x9C\xEA\xB8\x80\tHangul\n";
+  std::string longer;
+  for (int line = 0; line < 100; ++line) longer += std::string(40, 'x') + "\n";
+  testing::writeBytes(dir.path() / "in.txt", text);
+  testing::writeBytes(dir.path() / "bad.txt", "fine\ncaf\xC3\xA9\n");
+  testing::writeBytes(dir.path() / "new.txt", longer);
+  std::ostringstream err;
+  ASSERT_EQ(runEncrypt({dir.file("in.txt"), dir.file("out.dat")}, err), 0) << err.str();
+  LogCapture log;
+  std::ostringstream out;
+  EXPECT_EQ(runDecrypt(dir.file("out.dat"), out, err), 0);
+  EXPECT_EQ(out.str(), text);
+  const std::string before = testing::readBytes(dir.path() / "out.dat");
+
+  std::ostringstream refused;
+  EXPECT_EQ(runEncrypt({dir.file("bad.txt"), dir.file("out.dat")}, refused), 1);
+  EXPECT_EQ(refused.str(),
+            dir.file("bad.txt") + ":2:4: U+00E9 has no Mac Korean form; nothing written\n");
+  {
+    testing::ScopedPlatform full(
+        std::make_shared<testing::FaultyDisk>(testing::FaultyDisk::Fault::kFull, 1024));
+    std::ostringstream failed;
+    EXPECT_EQ(runEncrypt({dir.file("new.txt"), dir.file("out.dat")}, failed), 1);
+    EXPECT_NE(failed.str().find("cannot be written"), std::string::npos) << failed.str();
+  }
+  EXPECT_EQ(testing::readBytes(dir.path() / "out.dat"), before);
+  std::vector<std::string> names = dir.entries();
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"bad.txt", "in.txt", "new.txt", "out.dat"}));
+}
+
+// decrypt and check (and show, through the same opener) refuse the same files,
+// before reading them, and say why; a FIFO would block a reader for ever.
+TEST(CipherCommands, DataFileCommandsRefuseTheSameFilesBeforeReading) {
+  TempDir dir;
+  testing::writeBytes(dir.path() / "empty.dat", "");
+  std::filesystem::create_directory(dir.path() / "folder.dat");
+  ASSERT_EQ(::mkfifo(dir.file("fifo.dat").c_str(), 0600), 0);
+  const std::pair<const char*, const char*> cases[] = {{"missing.dat", "no such file"},
+                                                       {"folder.dat", "is a folder"},
+                                                       {"fifo.dat", "not a regular file"},
+                                                       {"empty.dat", "empty"}};
+  using Command = std::function<int(const std::string&, std::ostream&, std::ostream&)>;
+  const std::pair<const char*, Command> commands[] = {
+      {"decrypt", [](auto& path, auto& out, auto& err) { return runDecrypt(path, out, err); }},
+      {"check", [](auto& path, auto& out, auto& err) { return checkDataFile(path, {}, out, err); }},
+  };
+  for (const auto& [command, call] : commands) {
+    for (const auto& [name, reason] : cases) {
+      std::ostringstream out, err;
+      EXPECT_EQ(call(dir.file(name), out, err), 1) << command << " " << name;
+      EXPECT_NE((out.str() + err.str()).find(reason), std::string::npos) << out.str() << err.str();
+    }
+  }
 }
 
 }  // namespace

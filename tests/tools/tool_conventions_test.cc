@@ -1,13 +1,19 @@
-// The tool as a shell user meets it, whole processes: usage errors, the
-// version, standard input, JSON answers, what reaches standard error, and
-// which libraries a command maps.
+// The tool as a shell user meets it: usage errors, the version, standard
+// input, JSON answers, what reaches standard error, which libraries a
+// command maps, and `update --gui` where no display can be had. Each
+// command runs once as a whole process; the other cases of the top level
+// run in this process.
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "CipherCommand.h"
+#include "Commands.h"
+#include "TerminalUpdate.h"
 #include "quarvel/CommonLib.h"
 #include "support/ToolProcess.h"
 
@@ -25,28 +31,32 @@ ToolRun tool(std::vector<std::string> arguments, const std::string& input = "") 
                     {"HOME=" + ::testing::TempDir(), "LANG=C.UTF-8"}, input);
 }
 
+// The tool's top level in this process, for arguments that run no command.
+ToolRun topLevel(std::vector<std::string> arguments) {
+  CLI::App app;
+  addAllCommands(app);
+  std::vector<const char*> argv{"quarvel"};
+  for (const std::string& a : arguments) argv.push_back(a.c_str());
+  std::ostringstream out, err;
+  const int status = run(app, static_cast<int>(argv.size()), argv.data(), out, err);
+  return {status, out.str(), err.str()};
+}
+
 bool has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
 TEST(ToolConventions, UsageErrorsExitTwoAndNameTheWord) {
-  const struct {
-    std::vector<std::string> arguments;
-    const char* names;
-  } cases[] = {
+  const std::pair<std::vector<std::string>, const char*> cases[] = {
       {{"frobnicate"}, "unknown command 'frobnicate'"},
       {{"show"}, "FILE is required"},
-      {{"show", kSamples + "/macfilterlist.dat", "extra"}, "extra"},
-      {{"lookup", "--kind", "bogus", "--id", "1", kSamples + "/macfilterlist.dat"}, "bogus"},
       {{"--nonsense"}, "--nonsense"},
-      {{"-q", "--verbose", "netid"}, "--verbose"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.names);
-    const ToolRun run = tool(c.arguments);
+      {{"-q", "--verbose", "netid"}, "--verbose"}};
+  // The first runs as a whole process, the others in this one.
+  for (const auto& [arguments, names] : cases) {
+    const ToolRun run = &arguments == &cases[0].first ? tool(arguments) : topLevel(arguments);
     EXPECT_EQ(run.exitStatus, 2) << run.err;
-    EXPECT_TRUE(has(run.err, c.names)) << run.err;
-    EXPECT_TRUE(has(run.err, "--help")) << run.err;
+    EXPECT_TRUE(has(run.err, names) && has(run.err, "--help")) << run.err;
     EXPECT_EQ(run.out, "");
   }
 }
@@ -57,8 +67,7 @@ TEST(ToolConventions, VersionAndHelpGoToStandardOutput) {
   EXPECT_EQ(version.out.rfind("quarvel ", 0), 0u) << version.out;
   EXPECT_TRUE(has(version.out, "\nlist server: http://")) << version.out;
   EXPECT_TRUE(has(version.out, "\nfile server: http://")) << version.out;
-
-  const ToolRun help = tool({"lookup", "--help"});
+  const ToolRun help = topLevel({"lookup", "--help"});
   EXPECT_EQ(help.exitStatus, 0);
   EXPECT_TRUE(has(help.out, "--kind checklist|package|filter|font")) << help.out;
   EXPECT_TRUE(has(help.out, "Exit status: 0 a record matches, 1 none does")) << help.out;
@@ -66,23 +75,21 @@ TEST(ToolConventions, VersionAndHelpGoToStandardOutput) {
 }
 
 // `-` reads the same file from standard input, and says "-" where a message
-// names the file.
+// names the file; -q keeps the answer.
 TEST(ToolConventions, StandardInputAndJsonAnswers) {
   const std::string list = kSamples + "/macchecklist.dat";
   const std::string bytes = slurp(list);
-  const ToolRun named = tool({"decrypt", list});
+  std::ostringstream named, ignored;
+  ASSERT_EQ(runDecrypt(list, named, ignored), 0);
   const ToolRun piped = tool({"decrypt", "-"}, bytes);
   EXPECT_EQ(piped.exitStatus, 0) << piped.err;
-  EXPECT_EQ(piped.out, named.out);
-
+  EXPECT_EQ(piped.out, named.str());
   const ToolRun checked = tool({"check", "-"}, bytes);
   EXPECT_EQ(checked.out.rfind("-: checked as a checklist file", 0), 0u) << checked.out;
-
   const ToolRun empty = tool({"show", "-"});
   EXPECT_EQ(empty.exitStatus, 1);
   EXPECT_EQ(empty.err.rfind("-: ", 0), 0u) << empty.err;
-
-  const ToolRun none = tool({"lookup", "--json", "--exe", "no-such.exe", "-"}, bytes);
+  const ToolRun none = tool({"-q", "lookup", "--json", "--exe", "no-such.exe", "-"}, bytes);
   EXPECT_EQ(none.exitStatus, 1);
   EXPECT_EQ(none.out, "null\n");
 }
@@ -101,7 +108,7 @@ TEST(ToolConventions, FoldStreamsStandardInputInWholeLines) {
 }
 
 // The library's log lines reach the system log always, standard error only
-// under --verbose; -q keeps the answer and drops the notes.
+// under --verbose.
 TEST(ToolConventions, LogLinesOnStandardErrorOnlyWhenAskedFor) {
   const std::string list = kSamples + "/macfilterlist.dat";
   const ToolRun plain = tool({"show", list});
@@ -110,9 +117,6 @@ TEST(ToolConventions, LogLinesOnStandardErrorOnlyWhenAskedFor) {
   const ToolRun verbose = tool({"--verbose", "show", list});
   EXPECT_TRUE(has(verbose.err, " ?= ")) << verbose.err;
   EXPECT_EQ(verbose.out, plain.out);
-  const ToolRun quiet = tool({"-q", "show", list});
-  EXPECT_EQ(quiet.err, "");
-  EXPECT_EQ(quiet.out, plain.out);
 }
 
 // Only the update window's own program loads Qt, and libcurl is loaded when
@@ -129,36 +133,48 @@ TEST(ToolConventions, StartsWithoutQtOrLibcurl) {
 // has a section for every command, its exit statuses included.
 TEST(ToolConventions, CompletionAndManualFollowTheCommands) {
   const std::string docs = QUARVEL_CLI_DOCS_DIR;
-  const std::string script = "source " + docs +
-                             "/quarvel.bash\n"
-                             "at() { COMP_WORDS=(\"$@\"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); "
-                             "_quarvel; echo \"${COMPREPLY[*]}\"; }\n"
-                             "cd \"$(mktemp -d)\"\n"
-                             "at quarvel sh\n"
-                             "at quarvel lookup --k\n"
-                             "at quarvel -q lookup --kind ''\n"
-                             "at quarvel settings ''\n"
-                             "at quarvel ''\n";
+  const std::string commands =
+      "decrypt encrypt fold paths settings show lookup check netid reach update serve keygen sign "
+      "verify audit collect";
+  const std::string script = "source " + docs + "/quarvel.bash\n" + R"sh(
+at() { COMP_WORDS=("$@"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _quarvel; echo "${COMPREPLY[*]}"; }
+cd "$(mktemp -d)"
+at quarvel sh; at quarvel lookup --k; at quarvel -q lookup --kind ''
+at quarvel settings ''; at quarvel '')sh";
   const ToolRun run = runProgram("/bin/bash", {"-c", script}, {});
-  ASSERT_EQ(run.exitStatus, 0) << run.err;
-  std::istringstream lines(run.out);
-  std::vector<std::string> answers;
-  for (std::string line; std::getline(lines, line);) answers.push_back(line);
-  ASSERT_EQ(answers.size(), 5u) << run.out;
-  EXPECT_EQ(std::vector(answers.begin(), answers.begin() + 4),
-            (std::vector<std::string>{"show", "--kind", "checklist package filter font",
-                                      "get set delete"}));
-
+  EXPECT_EQ(run.out,
+            "show\n--kind\nchecklist package filter font\nget set delete\n" + commands + "\n")
+      << run.err;
   const std::string manual = slurp(docs + "/quarvel.1");
-  for (const char* command :
-       {"decrypt", "encrypt", "fold", "paths", "settings", "show", "lookup", "check", "netid",
-        "reach", "update", "serve", "keygen", "sign", "verify", "audit", "collect"}) {
-    SCOPED_TRACE(command);
-    EXPECT_TRUE(has(answers[4], command)) << answers[4];
-    EXPECT_TRUE(has(manual, ".SS \"quarvel " + std::string(command)));
-  }
+  std::istringstream words(commands);
+  for (std::string command; words >> command;)
+    EXPECT_TRUE(has(manual, ".SS \"quarvel " + command)) << command;
   EXPECT_TRUE(has(manual, "0 reachable, 1 not reachable")) << "reach's exit statuses";
   EXPECT_TRUE(has(manual, ".SH EXIT STATUS\n"));
+}
+
+// `quarvel update --gui` where no display can be had must say so and exit
+// with its own status, not abort inside Qt; the other environments are
+// judged in this process.
+TEST(UpdateCommand, TheWindowWithoutADisplaySaysSoAndExits) {
+  const auto finished =
+      runProgram(QUARVEL_TOOL, {"update", "--gui"}, {"HOME=" + ::testing::TempDir()});
+  EXPECT_EQ(finished.exitStatus, kUpdateExitNoDisplay) << finished.err;
+  EXPECT_TRUE(has(finished.err,
+                  "quarvel update --gui: no display for the update window: neither "
+                  "DISPLAY nor WAYLAND_DISPLAY is set"))
+      << finished.err;
+  using Env = std::map<std::string, std::string>;
+  for (const auto& [env, says] : std::vector<std::pair<Env, std::string>>{
+           {{{"DISPLAY", ""}}, "neither DISPLAY nor WAYLAND_DISPLAY is set"},
+           {{{"QT_QPA_PLATFORM", "xcb"}, {"WAYLAND_DISPLAY", "w-0"}},
+            "QT_QPA_PLATFORM=xcb needs DISPLAY"}}) {
+    const auto problem = windowDisplayProblem([&](const char* name) -> const char* {
+      auto it = env.find(name);
+      return it == env.end() ? nullptr : it->second.c_str();
+    });
+    EXPECT_TRUE(has(problem.value_or(""), "no display for the update window: " + says)) << says;
+  }
 }
 
 }  // namespace
