@@ -56,6 +56,31 @@ TEST(TreeWalker, FollowsLinksButEndsLinkLoops) {
   EXPECT_LT(names.size(), 20u);
 }
 
+// A folder whose entries take several reads, with deep subfolders met
+// between its reads: each level's listing must survive the walks below,
+// and a second walk reuses the buffers.
+TEST(TreeWalker, BigFoldersAndDeepTreesAreListedWhole) {
+  TempTree tree;
+  NameSet expected;
+  for (int i = 0; i < 1500; ++i) {
+    const std::string name = "wide/" + std::string(60, 'n') + std::to_string(i);
+    tree.file(name);
+    expected.insert(name);
+    if (i % 300 == 0) {
+      std::string deep = "wide/sub" + std::to_string(i);
+      for (int d = 0; d < 12; ++d) deep += "/d" + std::to_string(d);
+      tree.file(deep + "/leaf");
+      expected.insert(deep + "/leaf");
+    }
+  }
+  ScanStats stats;
+  TreeWalker walker(stats);
+  for (int pass = 0; pass < 2; ++pass)
+    EXPECT_EQ(walkNames(walker, tree.root(), {.maxDepth = 20}), expected) << "pass " << pass;
+  EXPECT_EQ(stats.files, 2 * expected.size());
+  EXPECT_EQ(stats.unreadableFolders, 0u);
+}
+
 TEST(TreeWalker, NeverEntersExcludedFoldersHoweverReached) {
   TempTree tree;
   tree.file("keep/file");
