@@ -3,12 +3,6 @@
 // (path and query as sent): a body, a number of broken transfers before the
 // body, or a hold until the test releases it. Records every target asked.
 // Served by LoopbackHttpServer, one connection after another.
-//
-//   quarvel::testing::ScriptedHttpServer server;
-//   server.serve("/a", "body");
-//   server.failTimes("/a", 2);   // the first two GETs of /a break off
-//   curl(server.origin() + "/a");
-//
 // Unknown targets answer 404 with the body "Not Found". A broken transfer
 // announces 100 bytes and closes the connection without sending them. The
 // script may be changed from any thread.
@@ -49,6 +43,7 @@ class ScriptedHttpServer {
     rules_[target].body = std::move(body);
     rules_[target].known = true;
   }
+  // The first `count` requests of `target` break off.
   void failTimes(const std::string& target, int count) {
     std::lock_guard lock(mutex_);
     rules_[target].failuresLeft = count;
