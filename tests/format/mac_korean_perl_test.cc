@@ -23,7 +23,8 @@ std::string hexOf(const std::optional<std::string>& bytes) {
 TEST(MacKoreanPerl, AgreesWithEncodeOnEveryByteSequenceAndCharacter) {
   const testing::ToolRun run =
       testing::runProgram("/usr/bin/perl", {QUARVEL_TEST_DATA "/mac_korean_encode.pl"}, {});
-  if (run.exitStatus == 3 || run.exitStatus < 0) GTEST_SKIP() << "perl with Encode's MacKorean is not installed";
+  if (run.exitStatus == 3 || run.exitStatus < 0)
+    GTEST_SKIP() << "perl with Encode's MacKorean is not installed";
   ASSERT_EQ(run.exitStatus, 0) << run.err;
   std::istringstream theirs(run.out);
 
