@@ -50,9 +50,8 @@ const Info& infoOf(char32_t c) {
   if (auto found = cache.find(c); found != cache.end()) return found->second;
   UErrorCode status = U_ZERO_ERROR;
   icu::UnicodeString nfd;
-  if (!icu::Normalizer2::getNFDInstance(status)->getDecomposition(UChar32(c), nfd)) {
+  if (!icu::Normalizer2::getNFDInstance(status)->getDecomposition(UChar32(c), nfd))
     nfd = icu::UnicodeString(UChar32(c));
-  }
   Info info{isExtending(c), toText(nfd), toText(nfd)};
   if (info.decomposition[0] <= 0xFFFF) {
     info.leadForm = toText(icu::UnicodeString(UChar32(info.decomposition[0])).foldCase()) +
@@ -65,14 +64,12 @@ const Info& infoOf(char32_t c) {
 // after it.
 std::size_t expandUnit(const Text& s, std::size_t i, Text& out, char32_t& lastCodePoint) {
   out = infoOf(s[i]).leadForm;
-  for (lastCodePoint = s[i++]; i < s.size() && infoOf(s[i]).extending; lastCodePoint = s[i++]) {
+  for (lastCodePoint = s[i++]; i < s.size() && infoOf(s[i]).extending; lastCodePoint = s[i++])
     out += infoOf(s[i]).decomposition;
-  }
   // Canonical order for the marks after the last non-extending element.
   auto firstMark = out.begin();
-  for (auto it = out.begin(); it != out.end(); ++it) {
+  for (auto it = out.begin(); it != out.end(); ++it)
     if (!infoOf(*it).extending) firstMark = it + 1;
-  }
   std::stable_sort(firstMark, out.end(), [](char32_t a, char32_t b) {
     return u_getCombiningClass(a) < u_getCombiningClass(b);
   });

@@ -35,8 +35,6 @@ TEST(CommonLibDatesTest, StampsAreLocalTimeAndCreationFallsBackToModification) {
   useTimeZone("KST-9");
   EXPECT_EQ(detail::fileDateStamp(k20140307_090503_utc - 9 * 3600), "20140307_090503");
   EXPECT_EQ(detail::fileDateStamp(k20140307_090503_utc), "20140307_180503");
-  useTimeZone("UTC0");
-  EXPECT_EQ(detail::fileDateStamp(1704067198), "20231231_235958");
 
   // The same clock as getToday's: time() reads a coarser one, which can
   // still show the previous second when the precise clock has turned.
@@ -151,9 +149,6 @@ TEST(CommonLibFilesTest, MkdirsMakesTheChainAndTheLastFolderOnlyWhenAsked) {
 
 TEST(CommonLibSystemTest, VersionTextFromOsReleaseAndKernel) {
   const std::tuple<const char*, const char*, const char*> cases[] = {
-      {"PRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\nNAME=\"Debian GNU/Linux\"\n"
-       "VERSION_ID=\"12\"\nVERSION=\"12 (bookworm)\"\nID=debian\n",
-       "6.1.0-18-amd64", "Debian GNU/Linux 12 (bookworm) (Kernel 6.1.0-18-amd64)"},
       {"# comment\n\nNAME=Fedora\r\nVERSION_ID=39\r\n", "6.5.6", "Fedora 39 (Kernel 6.5.6)"},
       {"NAME='Odd \"Linux\"'\nVERSION=\"1 \\\"beta\\\"\"\n", "5.0",
        "Odd \"Linux\" 1 \"beta\" (Kernel 5.0)"},

@@ -1,6 +1,6 @@
-// Holds the codec to Perl's Encode, where Perl has its MacKorean: every
-// byte and every pair of bytes decoded, and every BMP character encoded, by
-// both; each text we decode must also encode back to its bytes.
+// Holds the codec to Perl's Encode (tests/data/mac_korean_encode.pl) on every
+// byte and pair of bytes decoded and every BMP character encoded; each text
+// we decode must also encode back to its bytes.
 
 #include <gtest/gtest.h>
 
@@ -13,24 +13,6 @@
 namespace quarvel {
 namespace {
 
-// Prints "D <bytes> <text or ->" for every byte sequence, then "E <character>
-// <bytes or ->" for every BMP character, all in hex.
-constexpr const char* kScript = R"PERL(
-use strict; use warnings; use Encode ();
-my $e = Encode::find_encoding("MacKorean") or exit 3;
-sub hex_of { defined $_[0] ? unpack("H*", $_[0]) : "-" }
-binmode STDOUT;
-for my $a (-1 .. 255) { for my $b (0 .. 255) {
-  my $bytes = ($a < 0 ? "" : chr $a) . chr $b; my $in = $bytes;
-  my $text = eval { $e->decode($in, Encode::FB_CROAK) };
-  print "D ", unpack("H*", $bytes), " ", hex_of($in eq "" && defined $text ? Encode::encode_utf8($text) : undef), "\n";
-} }
-for my $cp (0 .. 0xD7FF, 0xE000 .. 0xFFFF) {
-  my $in = chr $cp; my $bytes = eval { $e->encode($in, Encode::FB_CROAK) };
-  print "E ", unpack("H*", Encode::encode_utf8(chr $cp)), " ", hex_of($in eq "" ? $bytes : undef), "\n";
-}
-)PERL";
-
 std::string hexOf(const std::optional<std::string>& bytes) {
   if (!bytes) return "-";
   std::string hex;
@@ -39,12 +21,10 @@ std::string hexOf(const std::optional<std::string>& bytes) {
 }
 
 TEST(MacKoreanPerl, AgreesWithEncodeOnEveryByteSequenceAndCharacter) {
-  const auto perl = [](std::vector<std::string> arguments) {
-    return testing::runProgram("/usr/bin/perl", std::move(arguments), {});
-  };
-  if (perl({"-MEncode", "-e", "Encode::find_encoding(q(MacKorean)) or exit 1"}).exitStatus != 0)
+  const testing::ToolRun run =
+      testing::runProgram("/usr/bin/perl", {QUARVEL_TEST_DATA "/mac_korean_encode.pl"}, {});
+  if (run.exitStatus == 3 || run.exitStatus < 0)
     GTEST_SKIP() << "perl with Encode's MacKorean is not installed";
-  const testing::ToolRun run = perl({"-e", kScript});
   ASSERT_EQ(run.exitStatus, 0) << run.err;
   std::istringstream theirs(run.out);
 

@@ -52,9 +52,8 @@ inline bool closedByServer(int fd, std::chrono::milliseconds wait) {
 inline bool trickleUntilClosed(int fd, const std::string& head, const std::string& byte, int limit,
                                std::chrono::milliseconds every) {
   bool closed = !sendText(fd, head);
-  for (int i = 0; i < limit && !closed; ++i) {
+  for (int i = 0; i < limit && !closed; ++i)
     closed = closedByServer(fd, every) || !sendText(fd, byte);
-  }
   return closed;
 }
 

@@ -2,9 +2,6 @@
 // A fresh temporary folder for one test, removed with all it holds when the
 // object goes. Mode 0755, so that a child process run as another user can
 // reach what the test puts in it.
-//
-//   quarvel::testing::ScratchDir dir;
-//   std::ofstream(dir / "name") << "bytes";
 
 #include <stdlib.h>
 #include <sys/stat.h>

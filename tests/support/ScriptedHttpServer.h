@@ -1,16 +1,8 @@
 #pragma once
 // A loopback HTTP server whose answers a test scripts per request target
-// (path and query as sent): a body, a number of broken transfers before the
-// body, or a hold until the test releases it. Records every target asked.
-// Served by LoopbackHttpServer, one connection after another.
-//
-//   quarvel::testing::ScriptedHttpServer server;
-//   server.serve("/a", "body");
-//   server.failTimes("/a", 2);   // the first two GETs of /a break off
-//   curl(server.origin() + "/a");
-//
-// Unknown targets answer 404 with the body "Not Found". A broken transfer
-// announces 100 bytes and closes the connection without sending them. The
+// (path and query as sent): a body, or a hold until the test releases it.
+// Records every target asked. Served by LoopbackHttpServer, one connection
+// after another. Unknown targets answer 404 with the body "Not Found". The
 // script may be changed from any thread.
 
 #include <algorithm>
@@ -40,18 +32,12 @@ class ScriptedHttpServer {
   ScriptedHttpServer& operator=(const ScriptedHttpServer&) = delete;
 
   int port() const { return server_->port(); }
-  // "127.0.0.1:PORT", "[::1]:PORT".
-  std::string hostAndPort() const { return server_->hostAndPort(); }
-  std::string origin() const { return "http://" + hostAndPort(); }
+  std::string origin() const { return "http://" + server_->hostAndPort(); }
 
   void serve(const std::string& target, std::string body) {
     std::lock_guard lock(mutex_);
     rules_[target].body = std::move(body);
     rules_[target].known = true;
-  }
-  void failTimes(const std::string& target, int count) {
-    std::lock_guard lock(mutex_);
-    rules_[target].failuresLeft = count;
   }
   // Requests of `target` wait (at most 20 s) until release(); so does every
   // connection after them.
@@ -78,7 +64,6 @@ class ScriptedHttpServer {
   struct Rule {
     bool known = false;
     std::string body;
-    int failuresLeft = 0;
     bool hold = false;
   };
 
@@ -87,12 +72,7 @@ class ScriptedHttpServer {
     targets_.push_back(request.target);
     Rule& rule = rules_[request.target];
     if (rule.hold) changed_.wait_for(lock, std::chrono::seconds(20), [this] { return released_; });
-    if (rule.failuresLeft > 0) {
-      --rule.failuresLeft;
-      return HttpReply::cutAfter(std::string(100, '\0'), 0, HttpReply::Cut::Close);
-    }
-    if (!rule.known) return HttpReply::text("Not Found", 404);
-    return HttpReply::text(rule.body);
+    return rule.known ? HttpReply::text(rule.body) : HttpReply::text("Not Found", 404);
   }
 
   mutable std::mutex mutex_;

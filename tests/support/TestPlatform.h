@@ -1,10 +1,6 @@
 #pragma once
 // The system's platform with the parts a test sets replaced, installed for
 // the life of the object, then the system's put back.
-//
-//   quarvel::testing::TestPlatform platform;
-//   platform->host = std::make_shared<FakeHostEnvironment>(...);
-//
 // A test that injects faults derives from PlatformWrapper itself and hands
 // its object to ScopedPlatform.
 
