@@ -65,11 +65,6 @@ TEST(NetworkIdentity, TextFollowsServiceOrderFiltersAndPieces) {
        "203.0.113.1",
        "내부 IP : 192.168.0.10<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:01<br>",
        "USB and bridge ports are left out"},
-      {{{"en1", "Ethernet"}, {"en2", "Thunderbolt 1"}},
-       " 203.0.113.2\r\n",
-       "내부 IP : 172.16.0.3<br>외부 IP : 203.0.113.2<br>00:00:00:00:00:02<br>"
-       "00:00:00:00:00:03<br>",
-       "internal address of the second adapter when the first has none"},
       {{{"en2", "Thunderbolt 1"}, {"en0", "Wi-Fi"}},
        "x",
        "내부 IP : 172.16.0.3<br>외부 IP : x<br>00:00:00:00:00:03<br>00:00:00:00:00:01<br>",
