@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <vector>
 
@@ -77,9 +77,7 @@ TEST(PropertyListTest, ReadsAndWritesWhatPlistlibDoes) {
 // that it reads back equal and writes back the same bytes.
 TEST(PropertyListTest, EachValueKeepsItsFormAndReadsBackEqual) {
   const double nan = std::nan("");
-  double otherNan;
-  std::uint64_t bits = 0x7FF8000000000123;
-  std::memcpy(&otherNan, &bits, sizeof otherNan);
+  const double otherNan = std::bit_cast<double>(std::uint64_t{0x7FF8000000000123});
   const struct {
     const char* what;
     V value;
