@@ -66,7 +66,7 @@ TEST(NetworkIdentity, TextFollowsServiceOrderFiltersAndPieces) {
        "내부 IP : 192.168.0.10<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:01<br>",
        "USB and bridge ports are left out"},
       {{{"en2", "Thunderbolt 1"}, {"en0", "Wi-Fi"}},
-       "x",
+       " x\r\n",
        "내부 IP : 172.16.0.3<br>외부 IP : x<br>00:00:00:00:00:03<br>00:00:00:00:00:01<br>",
        "service order, not interface order"},
       {{{"en0", "Wi-Fi"}},
