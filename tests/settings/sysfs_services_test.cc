@@ -134,10 +134,6 @@ TEST(SysfsServices, DefaultRouteMetrics) {
     std::map<std::string, std::uint32_t> expected;
     const char* why;
   } cases[] = {
-      {"eth0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n"
-       "eth0\t000200C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n",
-       {{"eth0", 0}},
-       "one default route, one subnet route"},
       {"a\t00000000\t0\t0003\t0\t0\t300\t00000000\n"
        "a\t00000000\t0\t0003\t0\t0\t200\t00000000\n",
        {{"a", 200}},
