@@ -354,6 +354,12 @@ inline const FaultRow kFaultRows[] = {
     // Closing the window: the transfer under way lands, nothing after it.
     {"CancelledDuringTheSecondFile", [](FaultScene& s) { s.cancelAt = kDataFileTargets[1].target; },
      UpdateStatusCancelled, "nnooo", kBoth},
+    // ... and an attempt that fails is not tried again.
+    {"CancelledDuringAFailedAttempt",
+     [](FaultScene& s) {
+       s.cancelAt = kDataFileTargets[0].target, s.script(0, R::closeWithoutAnswer());
+     },
+     UpdateStatusCancelled, "ooooo"},
     // The disk: a failed write, flush or rename keeps the old file whole and
     // goes unnoticed by the run; a full disk keeps only the files too large
     // for it.

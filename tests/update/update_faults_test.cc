@@ -80,12 +80,8 @@ TEST_F(UpdateScene, TheNextRunRemovesWhatAKilledEarlierRunLeft) {
   };
   for (const auto& c : cases) {
     const std::string where = scene.library + "/" + c.name;
-    if (!c.mode) {
-      fs::create_directory(where);
-      continue;
-    }
-    std::ofstream(where) << "left";
-    ASSERT_EQ(::chmod(where.c_str(), c.mode), 0) << c.name;
+    c.mode ? void(std::ofstream(where) << "left") : void(fs::create_directory(where));
+    ASSERT_EQ(::chmod(where.c_str(), c.mode ? c.mode : 0755), 0) << c.name;
     if (c.old) fs::last_write_time(where, fs::file_time_type::clock::now() - std::chrono::hours(1));
   }
   EXPECT_EQ(runToEnd(makeRun()), UpdateStatusDone);
@@ -106,19 +102,14 @@ TEST_F(UpdateScene, EachFileGoesToItsServerWithItsStatus) {
 
   const std::string query = "/cmmn/download.nis?type=file&filename=";
   scene.served[query + "ver.dat"] = "version 42";
-  const struct {
-    std::int64_t index;
-    const char* status;
-    const char* target;
-    double progress;
-  } cases[] = {
+  const std::tuple<std::int64_t, const char*, const char*, double> cases[] = {
       {0, "버전 체크 중입니다.", "ver.dat", 1 / 6.0}, {6, "", "", 7 / 6.0}, {-1, "", "", 0.0}};
-  for (const auto& c : cases) {
+  for (const auto& [index, status, target, progress] : cases) {
     view = std::make_shared<RecordingView>();
-    EXPECT_FALSE(makeRun()->downloadKeyFile(c.index));  // a 404 page is a received file
-    EXPECT_EQ(scene.targets().back(), query + c.target) << c.index;
-    EXPECT_EQ(view->statuses(), std::vector<std::string>{c.status});
-    EXPECT_EQ(view->progress(), std::vector<double>{c.progress});
+    EXPECT_FALSE(makeRun()->downloadKeyFile(index));  // a 404 page is a received file
+    EXPECT_EQ(scene.targets().back(), query + target) << index;
+    EXPECT_EQ(view->statuses(), std::vector<std::string>{status});
+    EXPECT_EQ(view->progress(), std::vector<double>{progress});
   }
   EXPECT_EQ(readFile(*scene.settings->verFilePath()), "version 42");
   EXPECT_EQ(std::distance(fs::directory_iterator(scene.library), {}), 6);  // the lists, ver.dat
