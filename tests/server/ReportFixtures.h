@@ -139,32 +139,29 @@ inline void checkStoreBehaviour(ReportStore& store) {
 // every finding of every machine's current report, as the export pages
 // through them. Machines whose current report found nothing have no rows.
 inline void expectTotalsMatchRecount(ReportStore& store) {
-  using Product = std::tuple<std::string, std::string, std::int64_t, std::int64_t, std::int64_t>;
-  std::map<std::pair<std::string, std::string>, Product> products;
-  std::map<std::pair<std::string, std::string>, std::set<std::string>> hosts;
-  std::map<std::string, std::pair<std::int64_t, std::int64_t>> machines,
-      recounted;  // findings, price
+  using Key = std::pair<std::string, std::string>;
+  using Sums = std::pair<std::int64_t, std::int64_t>;  // findings, price
+  std::map<Key, std::set<std::string>> hosts;
+  std::map<Key, Sums> products;
+  std::map<std::string, Sums> machines, recounted;
   std::string after;
   for (std::optional<std::string> last; !last || !last->empty(); after = *last) {
     last = store.exportRows(after, 3, [&](const ExportRow& row) {
-      const ReportFinding& f = row.finding;
-      const std::int64_t price = f.priceHundredths.value_or(0);
-      auto& [maker, product, machineCount, findings, sum] = products[{f.maker, f.product}];
-      std::tie(maker, product) = std::tie(f.maker, f.product);
-      hosts[{f.maker, f.product}].insert(row.hostName);
-      machineCount = static_cast<std::int64_t>(hosts[{f.maker, f.product}].size());
-      findings += 1;
-      sum += price;
-      recounted[row.hostName].first += 1;
-      recounted[row.hostName].second += price;
+      const Key key{row.finding.maker, row.finding.product};
+      hosts[key].insert(row.hostName);
+      for (Sums* sums : {&products[key], &recounted[row.hostName]})
+        *sums = {sums->first + 1, sums->second + row.finding.priceHundredths.value_or(0)};
     });
     ASSERT_TRUE(last);
   }
   const auto overview = store.overview();
   ASSERT_TRUE(overview);
   ASSERT_FALSE(products.empty());
+  using Product = std::tuple<std::string, std::string, std::int64_t, std::int64_t, std::int64_t>;
   std::vector<Product> expected, stored;
-  for (const auto& [key, product] : products) expected.push_back(product);
+  for (const auto& [key, sums] : products)
+    expected.emplace_back(key.first, key.second, static_cast<std::int64_t>(hosts[key].size()),
+                          sums.first, sums.second);
   for (const ProductSummary& p : overview->products)
     stored.emplace_back(p.maker, p.product, p.machines, p.findings, p.priceHundredths);
   EXPECT_EQ(stored, expected);
@@ -176,14 +173,12 @@ inline void expectTotalsMatchRecount(ReportStore& store) {
 // A random sequence of reports: new scans that replace a machine's
 // current report, late ones from a spool, clocks far ahead and the same
 // report sent again. After it the running totals must equal the recount.
+// Every n-th report (0: never) is scanned before its machine's latest, is an
+// earlier report sent again, or claims a clock years ahead.
 struct FleetHistory {
   const char* name;
   unsigned seed;
-  int reports;
-  int hosts;
-  int lateEvery;       // every n-th report is scanned before its machine's latest (0: never)
-  int duplicateEvery;  // every n-th step sends an earlier report again (0: never)
-  int aheadEvery;      // every n-th report claims a clock years ahead (0: never)
+  int reports, hosts, lateEvery, duplicateEvery, aheadEvery;
 };
 
 inline const FleetHistory kFleetHistories[] = {

@@ -53,7 +53,7 @@ class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<
     return it == names_.end() ? std::vector<IpAddress>{} : it->second;
   }
   std::unique_ptr<Watch> watch() override {
-    int fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    const int fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (fd < 0) return nullptr;
     std::lock_guard lock(mutex_);
     watchFds_.insert(fd);
@@ -61,15 +61,12 @@ class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<
   }
 
  private:
-  class FakeWatch : public Watch {
-   public:
+  struct FakeWatch : Watch {
     FakeWatch(std::shared_ptr<FakeRouteSource> source, int fd)
-        : source_(std::move(source)), fd_(fd) {}
+        : source(std::move(source)), fd_(fd) {}
     ~FakeWatch() override {
-      {
-        std::lock_guard lock(source_->mutex_);
-        source_->watchFds_.erase(fd_);
-      }
+      std::lock_guard lock(source->mutex_);
+      source->watchFds_.erase(fd_);
       ::close(fd_);
     }
     int fd() const override { return fd_; }
@@ -77,9 +74,7 @@ class FakeRouteSource : public RouteSource, public std::enable_shared_from_this<
       std::uint64_t count = 0;
       return ::read(fd_, &count, sizeof count) == sizeof count && count > 0;
     }
-
-   private:
-    std::shared_ptr<FakeRouteSource> source_;
+    std::shared_ptr<FakeRouteSource> source;
     int fd_;
   };
 
@@ -109,17 +104,11 @@ inline std::unique_ptr<Reachability> monitorFor(const std::string& target) {
 }
 
 // Installs a fresh fake for monitors created while it lives.
-class ScopedFakeRouteSource {
- public:
-  ScopedFakeRouteSource() : fake_(std::make_shared<FakeRouteSource>()) {
-    platform_->routes = fake_;
-  }
-  FakeRouteSource& operator*() { return *fake_; }
-  FakeRouteSource* operator->() { return fake_.get(); }
-
- private:
-  quarvel::testing::TestPlatform platform_;
-  std::shared_ptr<FakeRouteSource> fake_;
+struct ScopedFakeRouteSource {
+  ScopedFakeRouteSource() { platform->routes = fake; }
+  FakeRouteSource* operator->() { return fake.get(); }
+  quarvel::testing::TestPlatform platform;
+  std::shared_ptr<FakeRouteSource> fake = std::make_shared<FakeRouteSource>();
 };
 
 }  // namespace quarvel::test

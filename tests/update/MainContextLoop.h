@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <functional>
+#include <thread>
 
 namespace quarvel::test {
 
@@ -20,21 +21,13 @@ class MainContextLoop {
     g_main_context_pop_thread_default(context_);
     g_main_context_unref(context_);
   }
-  MainContextLoop(const MainContextLoop&) = delete;
-  MainContextLoop& operator=(const MainContextLoop&) = delete;
 
   // Dispatches until `done` answers true or `limit` has passed; answers done().
   bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    // A tick, so that a blocking iteration wakes up to look at the clock.
-    GSource* tick = g_timeout_source_new(10);
-    g_source_set_callback(
-        tick, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
-    g_source_attach(tick, context_);
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!done() && std::chrono::steady_clock::now() < deadline)
-      g_main_context_iteration(context_, TRUE);
-    g_source_destroy(tick);
-    g_source_unref(tick);
+      if (!g_main_context_iteration(context_, FALSE))
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
     return done();
   }
   void runFor(std::chrono::milliseconds duration) {

@@ -24,46 +24,43 @@ namespace fs = std::filesystem;
 
 // Builds netlink messages the way the kernel lays them out, each piece
 // padded to four bytes.
-class MessageBuilder {
- public:
+struct MessageBuilder {
   MessageBuilder& begin(std::uint16_t type) {
-    start_ = bytes_.size();
-    nlmsghdr h{};
-    h.nlmsg_type = type;
-    return body(h);
+    start = bytes.size();
+    nlmsghdr header{};
+    header.nlmsg_type = type;
+    return body(header);
+  }
+  MessageBuilder& append(const void* data, std::size_t len) {
+    const auto* b = static_cast<const std::uint8_t*>(data);
+    bytes.insert(bytes.end(), b, b + len);
+    bytes.resize(NLMSG_ALIGN(bytes.size()), 0);
+    return *this;
   }
   template <typename T>
   MessageBuilder& body(const T& value) {
     return append(&value, sizeof value);
   }
   MessageBuilder& attr(std::uint16_t type, const void* data, std::size_t len) {
-    body(rtattr{static_cast<unsigned short>(RTA_LENGTH(len)), type});
-    return append(data, len);
+    return body(rtattr{static_cast<unsigned short>(RTA_LENGTH(len)), type}).append(data, len);
   }
   MessageBuilder& u32(std::uint16_t type, std::uint32_t v) { return attr(type, &v, 4); }
   // An IPv4 or IPv6 address, by the text's form.
   MessageBuilder& address(std::uint16_t type, const char* text) {
     std::uint8_t a[16] = {};
-    bool v6 = std::strchr(text, ':') != nullptr;
+    const bool v6 = std::strchr(text, ':') != nullptr;
     inet_pton(v6 ? AF_INET6 : AF_INET, text, a);
     return attr(type, a, v6 ? 16 : 4);
   }
-  MessageBuilder& end() {
-    std::uint32_t len = static_cast<std::uint32_t>(bytes_.size() - start_);
-    std::memcpy(bytes_.data() + start_, &len, 4);
+  // Writes the length of what came since begin() (or `at`) into its first `width` bytes.
+  MessageBuilder& end(std::size_t width = 4) { return endAt(start, width); }
+  MessageBuilder& endAt(std::size_t at, std::size_t width) {
+    const auto len = static_cast<std::uint32_t>(bytes.size() - at);
+    std::memcpy(bytes.data() + at, &len, width);
     return *this;
   }
-  std::vector<std::uint8_t>& bytes() { return bytes_; }
-
- private:
-  MessageBuilder& append(const void* p, std::size_t n) {
-    auto* b = static_cast<const std::uint8_t*>(p);
-    bytes_.insert(bytes_.end(), b, b + n);
-    bytes_.resize(NLMSG_ALIGN(bytes_.size()), 0);
-    return *this;
-  }
-  std::vector<std::uint8_t> bytes_;
-  std::size_t start_ = 0;
+  std::vector<std::uint8_t> bytes;
+  std::size_t start = 0;
 };
 
 rtmsg routeHeader(std::uint8_t type, std::uint8_t dstLen = 32, std::uint8_t family = AF_INET) {
@@ -117,16 +114,12 @@ TEST(RouteMessages, ParsedBatches) {
 
   // A multipath route: rtnexthop { len, flags, hops, ifindex } and its own
   // attributes, per hop; the first hop counts.
-  std::vector<std::uint8_t> hops;
+  MessageBuilder hops;
   for (auto [ifindex, gateway] : {std::pair{5, "198.51.100.1"}, {6, "198.51.100.2"}}) {
-    MessageBuilder hop;
-    hop.address(RTA_GATEWAY, gateway);
-    rtnexthop h{};
-    h.rtnh_ifindex = ifindex;
-    h.rtnh_len = static_cast<unsigned short>(RTNH_LENGTH(hop.bytes().size()));
-    hops.insert(hops.end(), reinterpret_cast<std::uint8_t*>(&h),
-                reinterpret_cast<std::uint8_t*>(&h) + sizeof h);
-    hops.insert(hops.end(), hop.bytes().begin(), hop.bytes().end());
+    rtnexthop hop{};
+    hop.rtnh_ifindex = ifindex;
+    const std::size_t at = hops.bytes.size();
+    hops.body(hop).address(RTA_GATEWAY, gateway).endAt(at, 2);
   }
   ifaddrmsg addr{};
   addr.ifa_family = AF_INET6;
@@ -134,7 +127,7 @@ TEST(RouteMessages, ParsedBatches) {
   MessageBuilder v4Host;
   v4Host.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST)).u32(RTA_OIF, 3).end();
   auto damaged = [&](std::size_t at, std::uint8_t value) {
-    auto bytes = v4Host.bytes();
+    auto bytes = v4Host.bytes;
     bytes[at] = value;
     return bytes;
   };
@@ -143,29 +136,29 @@ TEST(RouteMessages, ParsedBatches) {
     std::vector<std::uint8_t> bytes;
     const char* batch;
   } const cases[] = {
-      {"a dump", dump.bytes(),
+      {"a dump", dump.bytes,
        "route 2/1/0 4 100 1000 via; route 10/1/64 9 0 254; link 7 ppp0 512; error 101; "
        "done changed "},
       {"multipath",
        message(RTM_NEWROUTE, routeHeader(RTN_UNICAST, 0))
-           .attr(RTA_MULTIPATH, hops.data(), hops.size())
+           .attr(RTA_MULTIPATH, hops.bytes.data(), hops.bytes.size())
            .end()
-           .bytes(),
+           .bytes,
        "route 2/1/0 5 0 254 via; changed "},
-      {"deleted route", message(RTM_DELROUTE, routeHeader(RTN_UNICAST, 0, AF_INET6)).end().bytes(),
+      {"deleted route", message(RTM_DELROUTE, routeHeader(RTN_UNICAST, 0, AF_INET6)).end().bytes,
        "changed "},
-      {"new address", message(RTM_NEWADDR, addr).address(IFA_ADDRESS, "2001:db8::2").end().bytes(),
+      {"new address", message(RTM_NEWADDR, addr).address(IFA_ADDRESS, "2001:db8::2").end().bytes,
        "changed "},
       {"other family",
        message(RTM_NEWROUTE, routeHeader(RTN_MULTICAST, 32, RTNL_FAMILY_IPMR))
            .u32(RTA_OIF, 2)
            .end()
-           .bytes(),
+           .bytes,
        "changed "},
       {"attribute past the message", damaged(NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(rtmsg)), 0xF0),
        "route 2/1/32 0 0 254; changed malformed"},
       {"length smaller than a header", damaged(0, 8), "malformed"},
-      {"error without its code", MessageBuilder().begin(NLMSG_ERROR).end().bytes(), "malformed"},
+      {"error without its code", MessageBuilder().begin(NLMSG_ERROR).end().bytes, "malformed"},
   };
   for (const auto& c : cases) EXPECT_EQ(show(parseBatch(c.bytes)), c.batch) << c.what;
   // An attribute one byte longer than what is left is as damaged as one far past it.
@@ -174,7 +167,7 @@ TEST(RouteMessages, ParsedBatches) {
 
   // Every truncation: parsing stays inside the span (ASan watches) and a
   // cut message is never taken for a whole one.
-  const auto& good = v4Host.bytes();
+  const auto& good = v4Host.bytes;
   for (std::size_t n = 0; n < good.size(); ++n) {
     Batch b = parseBatch(std::span(good).first(n));
     EXPECT_TRUE(b.routes.empty() || b.malformed) << n;
@@ -183,15 +176,11 @@ TEST(RouteMessages, ParsedBatches) {
 }
 
 TEST(RouteMessages, DefaultRoutesOfBothFamilies) {
-  // The oif names the route in the expectations below.
-  auto route = [](std::uint8_t family, std::uint8_t type, std::uint8_t dstLen,
-                  std::uint32_t priority, std::uint32_t table = RT_TABLE_MAIN) {
-    return RouteEntry{.family = family,
-                      .type = type,
-                      .dstLen = dstLen,
-                      .table = table,
-                      .oif = priority,
-                      .priority = priority};
+  // The metric names the route (as its oif) in the expectations below.
+  auto route = [](std::uint8_t f, std::uint8_t t, std::uint8_t len, std::uint32_t metric,
+                  std::uint32_t table = RT_TABLE_MAIN) {
+    return RouteEntry{
+        .family = f, .type = t, .dstLen = len, .table = table, .oif = metric, .priority = metric};
   };
   struct Case {
     const char* what;

@@ -80,12 +80,8 @@ TEST_F(UpdateScene, TheNextRunRemovesWhatAKilledEarlierRunLeft) {
   };
   for (const auto& c : cases) {
     const std::string where = scene.library + "/" + c.name;
-    if (!c.mode) {
-      fs::create_directory(where);
-      continue;
-    }
-    std::ofstream(where) << "left";
-    ASSERT_EQ(::chmod(where.c_str(), c.mode), 0) << c.name;
+    c.mode ? void(std::ofstream(where) << "left") : void(fs::create_directory(where));
+    ASSERT_EQ(::chmod(where.c_str(), c.mode ? c.mode : 0755), 0) << c.name;
     if (c.old) fs::last_write_time(where, fs::file_time_type::clock::now() - std::chrono::hours(1));
   }
   EXPECT_EQ(runToEnd(makeRun()), UpdateStatusDone);
@@ -93,24 +89,10 @@ TEST_F(UpdateScene, TheNextRunRemovesWhatAKilledEarlierRunLeft) {
     EXPECT_EQ(fs::exists(scene.library + "/" + c.name), !c.removed) << c.name;
 }
 
-// The in-house variant asks the configured address as it stands, a port
-// included, and logs only the check list.
-TEST_F(UpdateScene, InHouseVariantAsksTheConfiguredAddress) {
-  const std::string query = "/cmmn/download.nis?type=keyfile&filename=";
-  for (const DataFileTarget& file : kDataFileTargets)
-    scene.served[query + file.name] = std::string("web ") + file.name;
-  scene.settings->setWebQuarvelIPAddress(PlistValue::string("quarvel.test:8081"));
-  LogCapture log;
-  EXPECT_EQ(runToEnd(makeRun(true)), UpdateStatusDone);
-  for (int file = 0; file < 5; ++file)
-    EXPECT_EQ(readFile(scene.path(file)), std::string("web ") + kDataFileTargets[file].name);
-  EXPECT_TRUE(log.contains("WebQuarvel : http://quarvel.test:8081" + query + "macchecklist.dat"));
-  EXPECT_FALSE(log.contains("macpcklist.dat"));
-}
-
 // The public variant logs each list with its address, and the version file
 // and any index outside the lists go to the file server, the empty name of
-// the latter written nowhere.
+// the latter written nowhere. (The in-house variant and the Windows package
+// file arrive whole in the nginx test.)
 TEST_F(UpdateScene, EachFileGoesToItsServerWithItsStatus) {
   LogCapture log;
   EXPECT_EQ(runToEnd(makeRun()), UpdateStatusDone);
@@ -120,41 +102,22 @@ TEST_F(UpdateScene, EachFileGoesToItsServerWithItsStatus) {
 
   const std::string query = "/cmmn/download.nis?type=file&filename=";
   scene.served[query + "ver.dat"] = "version 42";
-  const struct {
-    std::int64_t index;
-    const char* status;
-    const char* target;
-    double progress;
-  } cases[] = {
+  const std::tuple<std::int64_t, const char*, const char*, double> cases[] = {
       {0, "버전 체크 중입니다.", "ver.dat", 1 / 6.0}, {6, "", "", 7 / 6.0}, {-1, "", "", 0.0}};
-  for (const auto& c : cases) {
+  for (const auto& [index, status, target, progress] : cases) {
     view = std::make_shared<RecordingView>();
-    EXPECT_FALSE(makeRun()->downloadKeyFile(c.index));  // a 404 page is a received file
-    EXPECT_EQ(scene.targets().back(), query + c.target) << c.index;
-    EXPECT_EQ(view->statuses(), std::vector<std::string>{c.status});
-    EXPECT_EQ(view->progress(), std::vector<double>{c.progress});
+    EXPECT_FALSE(makeRun()->downloadKeyFile(index));  // a 404 page is a received file
+    EXPECT_EQ(scene.targets().back(), query + target) << index;
+    EXPECT_EQ(view->statuses(), std::vector<std::string>{status});
+    EXPECT_EQ(view->progress(), std::vector<double>{progress});
   }
   EXPECT_EQ(readFile(*scene.settings->verFilePath()), "version 42");
   EXPECT_EQ(std::distance(fs::directory_iterator(scene.library), {}), 6);  // the lists, ver.dat
-}
 
-// The Windows package file comes once, with its own short time-out, from
-// its own server; a failed transfer keeps the old one.
-TEST_F(UpdateScene, WindowsPackageFileComesFromItsOwnServer) {
-  const std::string target = "/file/keyfile60/package.dat";
-  scene.served[target] = "windows packages";
-  auto run = makeRun();
-  EXPECT_FALSE(run->downloadWindowsKeyFiles());
+  // The Windows package file has its own short time-out; a stalled transfer fails it.
+  scene.script("/file/keyfile60/package.dat", HttpReply::stallAfter("new packages", 4), 1);
+  EXPECT_TRUE(makeRun()->downloadWindowsKeyFiles());
   EXPECT_EQ(network->idleTimeout.load(), 300ms);
-  EXPECT_EQ(readFile(*scene.settings->windowPackageFilePath()), "windows packages");
-  EXPECT_EQ(view->statuses(),
-            std::vector<std::string>{"윈도우즈용 패키지 파일을 다운로드중입니다."});
-  EXPECT_TRUE(view->progress().empty());
-
-  scene.script(target, HttpReply::stallAfter("new packages", 4), 1);
-  EXPECT_TRUE(run->downloadWindowsKeyFiles());
-  EXPECT_EQ(scene.asked(target), 2);
-  EXPECT_EQ(readFile(*scene.settings->windowPackageFilePath()), "windows packages");
 }
 
 TEST_F(UpdateScene, AFolderThatCannotBeWrittenGoesUnnoticed) {

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "quarvel/CVUserDefaults.h"
@@ -40,32 +41,27 @@ namespace {
 using namespace std::chrono_literals;
 using testing::kDataFileTargets;
 
-struct SeenAlert {
-  QString title, text, informative;
-  QMessageBox::Icon icon;
-  QStringList buttons;
-};
-
 // Looks for a visible alert every few milliseconds on the GUI thread,
-// records it and presses its first button.
+// records it as "title|text|informative|icon|buttons" and presses its first
+// button.
 class AlertDismisser {
  public:
   AlertDismisser() {
-    timer_.setInterval(10);
     QObject::connect(&timer_, &QTimer::timeout, [this] {
       for (QWidget* widget : QApplication::topLevelWidgets()) {
         auto* box = qobject_cast<QMessageBox*>(widget);
         if (!box || !box->isVisible()) continue;
-        SeenAlert seen{box->windowTitle(), box->text(), box->informativeText(), box->icon(), {}};
-        for (QAbstractButton* button : box->buttons()) seen.buttons << button->text();
-        alerts.push_back(seen);
+        QStringList seen{box->windowTitle(), box->text(), box->informativeText(),
+                         QString::number(box->icon())};
+        for (QAbstractButton* button : box->buttons()) seen << button->text();
+        alerts.push_back(seen.join('|').toStdString());
         if (onAlert) onAlert();
         box->buttons().value(0)->click();
       }
     });
-    timer_.start();
+    timer_.start(10);
   }
-  std::vector<SeenAlert> alerts;
+  std::vector<std::string> alerts;
   std::function<void()> onAlert;
 
  private:
@@ -111,12 +107,9 @@ class UpdateWindowTest : public ::testing::Test {
 };
 
 // An alert as the window shows it: a warning with one "확인" button.
-void expectAlert(const SeenAlert& alert, const char* informative, const char* text = "Quarvel") {
-  EXPECT_EQ(alert.title, "Quarvel");
-  EXPECT_EQ(alert.text, QString::fromUtf8(text));
-  EXPECT_EQ(alert.informative, QString::fromUtf8(informative));
-  EXPECT_EQ(alert.icon, QMessageBox::Warning);
-  EXPECT_EQ(alert.buttons, QStringList{QString::fromUtf8("확인")});
+std::string warning(const std::string& informative, const std::string& text = "Quarvel") {
+  return "Quarvel|" + text + "|" + informative + "|" + std::to_string(QMessageBox::Warning) +
+         "|확인";
 }
 
 // Each way a run ends that the window itself shows: where the bar stopped,
@@ -137,14 +130,11 @@ TEST_F(UpdateWindowTest, EachOutcomeShowsItsProgressStatusAndAlert) {
     EXPECT_EQ(window->statusTextField()->text(),
               QString::fromUtf8(network ? "업데이트가 완료되었습니다."
                                         : "인터넷 연결상태를 확인 중입니다."));
-    ASSERT_EQ(dismisser.alerts.size(), 1u);
-    if (network)
-      expectAlert(dismisser.alerts[0], "업데이트가 완료되었습니다.");
-    else
-      expectAlert(dismisser.alerts[0],
-                  "인터넷 연결 상태를 확인해 주세요.\n※체크리스트를 다운로드 하시려면 "
-                  "인터넷 환경을 확인하세요.",
-                  "인터넷 연결 오류");
+    EXPECT_EQ(dismisser.alerts,
+              std::vector{network ? warning("업데이트가 완료되었습니다.")
+                                  : warning("인터넷 연결 상태를 확인해 주세요.\n※체크리스트를 "
+                                            "다운로드 하시려면 인터넷 환경을 확인하세요.",
+                                            "인터넷 연결 오류")});
     const auto day = CVUserDefaults::standardUserDefaults()->lastUpdateDate();
     EXPECT_EQ(day == PlistValue::string("31"), network);
     // The run closes the window only after the alert; without a network
@@ -200,9 +190,9 @@ TEST_F(UpdateWindowTest, AlertCodesWithoutTextShowTitleAndButtonOnly) {
   UpdateWindowController window(false, options());
   window.errorAlert("DB_LATEST_VERSION");
   window.errorAlert("SOMETHING_ELSE");
-  ASSERT_EQ(dismisser.alerts.size(), 2u);
-  expectAlert(dismisser.alerts[0], "이미 최신버전을 사용중입니다.\n업데이트 할 항목이 없습니다.");
-  expectAlert(dismisser.alerts[1], "");
+  EXPECT_EQ(dismisser.alerts,
+            (std::vector{warning("이미 최신버전을 사용중입니다.\n업데이트 할 항목이 없습니다."),
+                         warning("")}));
 }
 
 }  // namespace
