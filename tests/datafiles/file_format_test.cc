@@ -134,8 +134,10 @@ TEST(DataFileFormat, BrokenFilesAreRefusedBeforeAnyRecordIsLoaded) {
       {"pipe", CheckList, "", cannotOpen, dir.file("pipe")},
       // The file holds the text backwards: a cut head loses the text's end
       // line, a cut tail shifts every key byte.
-      {"head cut", CheckList, file.substr(1), damaged},
-      {"tail cut", CheckList, file.substr(0, file.size() - 1), damaged},
+      {"head cut 1", CheckList, file.substr(1), damaged},
+      {"head cut 7", CheckList, file.substr(7), damaged},
+      {"tail cut 1", CheckList, file.substr(0, file.size() - 1), damaged},
+      {"tail cut 7", CheckList, file.substr(0, file.size() - 7), damaged},
   };
   for (const auto& c : cases) {
     const std::unique_ptr<FileFramework> object = datafile::makeDataFile(c.kind);
