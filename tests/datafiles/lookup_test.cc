@@ -8,11 +8,10 @@
 
 #include "common/Log.h"
 #include "common/StringUtil.h"
+#include "datafiles/DataFileKind.h"
 #include "datafiles/DataFileTestUtil.h"
 #include "datafiles/LookupIndex.h"
 #include "quarvel/FileCheckList.h"
-#include "quarvel/FileFilter.h"
-#include "quarvel/FileFontList.h"
 #include "quarvel/FilePackage.h"
 
 namespace quarvel {
@@ -168,11 +167,9 @@ TEST(FileCheckList, RecordsInsertedWithoutAnOpenAndTheRefusedSave) {
   EXPECT_FALSE(list.save());
   EXPECT_EQ(log.lines(), std::vector<std::string>{
                              "-[FileCheckList save](174) // CheckList file does not open."});
-  FilePackage package;
-  FileFilter filter;
-  FileFontList fonts;
-  for (FileFramework* file : std::initializer_list<FileFramework*>{&package, &filter, &fonts})
-    EXPECT_FALSE(file->save());
+  for (auto kind : {datafile::DataFileKind::Package, datafile::DataFileKind::Filter,
+                    datafile::DataFileKind::Font})
+    EXPECT_FALSE(datafile::makeDataFile(kind)->save());
   EXPECT_EQ(log.lines().size(), 1u);
 }
 

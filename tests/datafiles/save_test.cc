@@ -42,7 +42,6 @@ std::string text(FileFramework& file, DataFileKind kind) {
   return sections(parts);
 }
 
-// Fills `file` with the given lines per tag.
 void fill(FileFramework& file, const std::vector<std::pair<const char*, std::string>>& lines) {
   for (const auto& [tag, line] : lines)
     ASSERT_GE(file.getTableByTag(tag)->insertRecord(line, "\t"), 0) << line;
@@ -185,15 +184,12 @@ TEST(DataFileSave, RecordsThatCannotBeStoredAreRefusedAndTheFileKept) {
 TEST(DataFileSave, OnlyThePackageFileCreatesItsMissingFolder) {
   TempDir dir;
   const std::string nested = (dir.path() / "a" / "b" / "list.dat").string();
-  FileCheckList list;
-  FileFilter filter;
-  FileFontList fonts;
-  for (FileFramework* file : std::initializer_list<FileFramework*>{&list, &filter, &fonts})
-    EXPECT_FALSE(file->saveAsFileName(nested, true));
+  for (DataFileKind kind : {CheckList, Filter, Font})
+    EXPECT_FALSE(datafile::makeDataFile(kind)->saveAsFileName(nested, true));
   EXPECT_TRUE(dir.entries().empty());
   // Nor does a folder in the way make a file.
   std::filesystem::create_directory(dir.path() / "sub");
-  EXPECT_FALSE(fonts.saveAsFileName(dir.file("sub"), true));
+  EXPECT_FALSE(FileFontList().saveAsFileName(dir.file("sub"), true));
   EXPECT_TRUE(std::filesystem::is_directory(dir.path() / "sub"));
 
   FilePackage package;

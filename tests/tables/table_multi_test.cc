@@ -25,9 +25,8 @@ TEST(TableMulti, TheTwoAddersAnswerAndRefuseDifferently) {
   LogCapture log;
   TableMulti table;
   table.setFieldWithRecord("A\tB", "\t");
-  EXPECT_EQ(table.insertRecord("1\t2", "\t"), 0);
-  EXPECT_EQ(table.insertRecord("3\t4", "\t"), 1);
-  EXPECT_EQ(table.insertRecord("5", "\t"), -1);
+  for (const auto& [line, row] : {std::pair{"1\t2", 0}, {"3\t4", 1}, {"5", -1}})
+    EXPECT_EQ(table.insertRecord(line, "\t"), row) << line;
   EXPECT_TRUE(log.lines().empty());
 
   EXPECT_EQ(table.add(std::vector<std::string>{"x"}), -1);
@@ -55,30 +54,22 @@ TEST(TableMulti, UnknownFieldsRowsAndEditsBeyondTheRecords) {
   EXPECT_THROW(empty.removeAt(0), std::out_of_range);
   EXPECT_THROW(empty.setValue(0, "A", "x"), std::out_of_range);
   EXPECT_THROW(empty.swapNum1(0, 1), std::out_of_range);
-  EXPECT_FALSE(empty.remove(0));
-  EXPECT_FALSE(empty.swapNum1(-1, 0));
+  EXPECT_FALSE(empty.remove(0) || empty.swapNum1(-1, 0));
 
   TableMulti table;
   fill(table, "A\tB", {"1\t2"});
-  EXPECT_EQ(table.select(0, "C"), Table::kOutOfBounds);
-  EXPECT_EQ(table.select(1, "A"), Table::kOutOfBounds);
-  EXPECT_EQ(table.select(-1, "A"), Table::kOutOfBounds);
+  for (const auto& [row, field] : {std::pair{0, "C"}, {1, "A"}, {-1, "A"}})
+    EXPECT_EQ(table.select(row, field), Table::kOutOfBounds) << row << field;
   EXPECT_EQ(table.select(0, "B"), "2");
   EXPECT_EQ(table.selectToStr(1), "");
 
   // Edits within and beyond the records.
   fill(table, "A\tB", {"3\t4", "5\t6"});
-  EXPECT_FALSE(table.setValue(3, "A", "x"));
-  EXPECT_FALSE(table.setValue(0, "C", "x"));
-  EXPECT_TRUE(table.setValue(0, "B", "x"));
-  EXPECT_FALSE(table.swapNum1(1, 1));
-  EXPECT_FALSE(table.swapNum1(0, 3));
-  EXPECT_TRUE(table.swapNum1(0, 2));
+  EXPECT_FALSE(table.setValue(3, "A", "x") || table.setValue(0, "C", "x") || table.swapNum1(1, 1) ||
+               table.swapNum1(0, 3));
+  EXPECT_TRUE(table.setValue(0, "B", "x") && table.swapNum1(0, 2));
   EXPECT_EQ(column(table, "B"), (std::vector<std::string>{"6", "4", "x"}));
-  EXPECT_FALSE(table.removeAt(3));
-  EXPECT_TRUE(table.removeAt(1));
-  EXPECT_FALSE(table.remove(2));
-  EXPECT_TRUE(table.remove(1));
+  EXPECT_TRUE(!table.removeAt(3) && table.removeAt(1) && !table.remove(2) && table.remove(1));
   EXPECT_EQ(column(table, "A"), std::vector<std::string>{"5"});
   EXPECT_TRUE(table.removeAll());
   EXPECT_EQ(table.getDataCount(), 0u);
@@ -136,13 +127,11 @@ TEST(TableMulti, SortsOnOneOrTwoFields) {
     const char *first, *second;
     bool ascending;
     std::vector<std::string> n;  // field N's column after the sort
-  } cases[] = {
-      {"N", nullptr, true, {"1", "9", "10", "a", "B"}},
-      {"N", nullptr, false, {"B", "a", "10", "9", "1"}},
-      {"x", nullptr, true, {"1", "10", "9", "B", "a"}},
-      {"G", "N", true, {"9", "10", "1", "B", "a"}},
-      {"G", "N", false, {"a", "B", "1", "10", "9"}},
-  };
+  } cases[] = {{"N", nullptr, true, {"1", "9", "10", "a", "B"}},
+               {"N", nullptr, false, {"B", "a", "10", "9", "1"}},
+               {"x", nullptr, true, {"1", "10", "9", "B", "a"}},
+               {"G", "N", true, {"9", "10", "1", "B", "a"}},
+               {"G", "N", false, {"a", "B", "1", "10", "9"}}};
   for (const auto& c : cases) {
     TableMulti table;
     fill(table, "G\tN", {"b\t1", "a\t10", "A\t9", "b\tB", "c\ta"});

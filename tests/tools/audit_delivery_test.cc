@@ -146,10 +146,9 @@ TEST(ReportSpool, FlushWaitsItsTurnAndSetsDamagedFilesAside) {
   ReportSpool spool(tree.path("spool"));
   const std::string good = *newReportId(), notJson = *newReportId(), big = *newReportId(),
                     misnamed = *newReportId();
-  ASSERT_TRUE(spool.add(good, reportBody(good)));
-  ASSERT_TRUE(spool.add(notJson, "{\"reportId\": tru"));
-  ASSERT_TRUE(spool.add(big, std::string(datafile::kMaxReportBytes + 1, ' ')));
-  ASSERT_TRUE(spool.add(misnamed, reportBody(good)));
+  ASSERT_TRUE(spool.add(good, reportBody(good)) && spool.add(notJson, "{\"reportId\": tru") &&
+              spool.add(big, std::string(datafile::kMaxReportBytes + 1, ' ')) &&
+              spool.add(misnamed, reportBody(good)));
   tree.file("spool/notes.json", "{}");
   tree.file("spool/" + good + ".json.part", "x");
   auto collector = std::make_shared<ScriptedCollector>(CURLE_OK, 201);
@@ -250,8 +249,8 @@ TEST(AuditSubmit, LoopbackCollector) {
   EXPECT_EQ(
       stored["machine"],
       Json({{"hostName", "pc-1"}, {"networkIdentity", "lo 127.0.0.1"}, {"osVersion", "Test OS"}}));
-  EXPECT_TRUE(stored["lists"]["checklist"].is_string());
-  EXPECT_TRUE(stored["lists"]["userchecklist"].is_null());
+  EXPECT_TRUE(stored["lists"]["checklist"].is_string() &&
+              stored["lists"]["userchecklist"].is_null());
   EXPECT_EQ(stored["findings"][0]["product"], "PhotoLoom 6");
 
   ReportSpool spool(tree.path("spool"));

@@ -1,6 +1,7 @@
 // The audit's report in every format, and the whole command: the bundled
 // lists against a generated tree that holds some of their products.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -17,19 +18,16 @@ namespace quarvel::audit {
 namespace {
 
 using Json = nlohmann::json;
+using ::testing::HasSubstr;
 const std::string kSamples = QUARVEL_SAMPLES;
 
 TEST(Money, ReadsListPrices) {
-  for (const auto& [text, hundredths] :
-       std::vector<std::pair<const char*, std::int64_t>>{{"1200000", 120000000},
-                                                         {"1,200,000", 120000000},
-                                                         {" 12.5 ", 1250},
-                                                         {"0.07", 7},
-                                                         {"-3", -300},
-                                                         {"0", 0}}) {
-    const auto money = Money::parse(text);
-    EXPECT_EQ(money.value_or(Money{-1}).hundredths, hundredths) << text;
-  }
+  const std::pair<const char*, std::int64_t> prices[] = {
+      {"1200000", 120000000}, {"1,200,000", 120000000},
+      {" 12.5 ", 1250},       {"0.07", 7},
+      {"-3", -300},           {"0", 0}};
+  for (const auto& [text, hundredths] : prices)
+    EXPECT_EQ(Money::parse(text).value_or(Money{-1}).hundredths, hundredths) << text;
   for (const char* bad : {"", "free", "12.345", "1.", ",100", "12a", "--1", "99999999999999999999"})
     EXPECT_FALSE(Money::parse(bad)) << bad;
   EXPECT_EQ(Money{123456789}.toString(true), "1,234,567.89");
@@ -105,9 +103,9 @@ TEST(AuditReport, HtmlIsSelfContainedWithAChartPerMaker) {
   // Text is escaped; no scripts, links or remote addresses.
   for (const char* inside :
        {"<meta charset=\"utf-8\">", "pc-7 \u00b7 2026-11-23 12:00", "<td>Zeta &lt;&amp;&gt;</td>"})
-    EXPECT_NE(page.find(inside), std::string::npos) << inside;
+    EXPECT_THAT(page, HasSubstr(inside));
   for (const char* outside : {"Zeta <&>", "<script", "<link", "src=", "@import", "url(", "https:"})
-    EXPECT_EQ(page.find(outside), std::string::npos) << outside;
+    EXPECT_THAT(page, ::testing::Not(HasSubstr(outside)));
 
   // One bar per maker, longest first, widths in proportion to the sums
   // (250000 / 1200000.5 of 460).
@@ -125,7 +123,6 @@ TEST(AuditReport, HtmlIsSelfContainedWithAChartPerMaker) {
   EXPECT_EQ(formatHtml(AuditResult{}).find("<svg"), std::string::npos);
 }
 
-// A chart label is cut to 30 terminal cells, the ellipsis among them.
 TEST(AuditReport, ChartLabelsFitThirtyCellsWithTheirEllipsis) {
   auto repeat = [](std::string_view piece, int times) {
     std::string out;
@@ -144,7 +141,7 @@ TEST(AuditReport, ChartLabelsFitThirtyCellsWithTheirEllipsis) {
   finishResult(result);
   const std::string page = formatHtml(result);
   for (const auto& [maker, label] : cases)
-    EXPECT_NE(page.find("\"middle\">" + label + "</text>"), std::string::npos) << maker;
+    EXPECT_THAT(page, HasSubstr("\"middle\">" + label + "</text>"));
 }
 
 class AuditCommand : public ::testing::Test {
@@ -237,18 +234,15 @@ TEST_F(AuditCommand, TheBundledListsFindTheirProducts) {
       "count": 6, "price": 1317000})"));
   EXPECT_EQ(doc["scan"]["filteredHits"], 2);
   EXPECT_EQ(doc["scan"]["files"], 71);
-  EXPECT_NE(errors.find("files in"), std::string::npos) << errors;
-  EXPECT_NE(errors.find("2 filtered"), std::string::npos) << errors;
+  EXPECT_THAT(errors, ::testing::AllOf(HasSubstr("files in"), HasSubstr("2 filtered")));
 }
 
-// The table on standard output and the page beside it.
 TEST_F(AuditCommand, TableAndPageBesideIt) {
   AuditCommandOptions o = options(ReportFormat::Table);
   o.htmlFile = output.path("report.html");
-  EXPECT_NE(run(o).find("\nTotal       6  1,317,000\n"), std::string::npos);
-  EXPECT_NE(quarvel::testing::readFile(*o.htmlFile)
-                .find("<td class=\"num\">6</td><td class=\"num\">1,317,000</td>"),
-            std::string::npos);
+  EXPECT_THAT(run(o), HasSubstr("\nTotal       6  1,317,000\n"));
+  EXPECT_THAT(quarvel::testing::readFile(*o.htmlFile),
+              HasSubstr("<td class=\"num\">6</td><td class=\"num\">1,317,000</td>"));
 }
 
 TEST_F(AuditCommand, OptionsThatNarrowOrStopTheRun) {
@@ -266,7 +260,7 @@ TEST_F(AuditCommand, OptionsThatNarrowOrStopTheRun) {
     if (status == 0) {
       EXPECT_EQ(Json::parse(out)["totals"]["count"], count);
     }
-    EXPECT_NE(errors.find(error), std::string::npos) << errors;
+    EXPECT_THAT(errors, HasSubstr(error));
   }
 }
 
@@ -283,7 +277,7 @@ TEST_F(AuditCommand, ListsComeFromTheLibraryFolderByDefault) {
   for (const char* name : {"macchecklist.dat", "userchecklist.dat", "fontchecklist.dat"})
     std::filesystem::remove(library + "/" + name);
   run(o, 1);
-  EXPECT_NE(errors.find("no list to compare with"), std::string::npos) << errors;
+  EXPECT_THAT(errors, HasSubstr("no list to compare with"));
 }
 
 }  // namespace

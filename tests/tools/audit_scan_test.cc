@@ -45,13 +45,9 @@ TEST(TreeWalker, FollowsLinksButEndsLinkLoops) {
   NameSet names = walkNames(walker, tree.root(), {.maxDepth = 50});
   // The loop through real/up would repeat forever; it is entered once at
   // most per way down and then refused.
-  for (const auto& [name, listed] :
-       std::vector<std::pair<std::string, bool>>{{"real/app", true},
-                                                 {"bin/app-link", true},
-                                                 {"bin/real-again/app", true},
-                                                 {"real/dangling", false},
-                                                 {"real/loop", false}})
-    EXPECT_EQ(names.contains(name), listed) << name;
+  for (const char* name : {"real/app", "bin/app-link", "bin/real-again/app"})
+    EXPECT_TRUE(names.contains(name)) << name;
+  EXPECT_FALSE(names.contains("real/dangling") || names.contains("real/loop"));
   EXPECT_GT(stats.loopsAvoided, 0u);
   EXPECT_LT(names.size(), 20u);
 }
@@ -94,12 +90,8 @@ TEST(TreeWalker, NeverEntersExcludedFoldersHoweverReached) {
 
   // The system's own exclusions: /proc is its own file system, so nothing
   // on it is entered even through another name for it.
-  ScanStats procStats;
-  TreeWalker procWalker(procStats);
-  procWalker.exclude({"/proc"});
-  int files = 0;
-  procWalker.walk("/proc/self", {.maxDepth = 3}, [&](const FoundFile&) { ++files; });
-  EXPECT_EQ(files, 0);
+  walker.exclude({"/proc"});
+  EXPECT_TRUE(walkNames(walker, "/proc/self", {.maxDepth = 3}).empty());
 }
 
 TEST(TreeWalker, UnreadableFoldersAreCountedAndSkipped) {

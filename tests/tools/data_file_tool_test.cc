@@ -1,10 +1,10 @@
 // quarvel show / lookup / check, building a data file from TSV, and
 // decrypt / encrypt, run on the sample files and on files damaged on purpose.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -22,6 +22,7 @@
 namespace quarvel::cli {
 namespace {
 
+using ::testing::HasSubstr;
 using testing::TempDir;
 
 std::string sample(const char* name) { return std::string(QUARVEL_SAMPLES) + "/" + name; }
@@ -53,11 +54,12 @@ TEST(DataFileTool, ShowDetectsTheKindInJson) {
 }
 
 TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
-  for (const auto& [name, kind] : std::vector<std::pair<const char*, DataFileKind>>{
-           {"macchecklist.dat", DataFileKind::CheckList},
-           {"macpcklist.dat", DataFileKind::Package},
-           {"macfilterlist.dat", DataFileKind::Filter},
-           {"fontchecklist.dat", DataFileKind::Font}}) {
+  const std::pair<const char*, DataFileKind> files[] = {
+      {"macchecklist.dat", DataFileKind::CheckList},
+      {"macpcklist.dat", DataFileKind::Package},
+      {"macfilterlist.dat", DataFileKind::Filter},
+      {"fontchecklist.dat", DataFileKind::Font}};
+  for (const auto& [name, kind] : files) {
     const Outcome shown = show(name, kind, OutputFormat::Tsv);
     ASSERT_EQ(shown.status, 0) << name;
     // One block per section: its tag, then the TSV.
@@ -111,9 +113,9 @@ TEST(DataFileTool, LookupAnswersEachKindsKeys) {
       return lookupDataFile(sample(c.file), std::nullopt, c.query, c.json, out, err);
     });
     EXPECT_EQ(answer.status, c.status) << c.file << " " << c.line << answer.err;
-    const std::vector<std::string> lines = split(answer.out, "\n");
-    EXPECT_TRUE(c.line.empty() || std::find(lines.begin(), lines.end(), c.line) != lines.end())
-        << answer.out;
+    if (!c.line.empty()) {
+      EXPECT_THAT(split(answer.out, "\n"), ::testing::Contains(c.line));
+    }
   }
 }
 
@@ -130,9 +132,10 @@ TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
   plain += "\xA1\x20\r\n";                   // no Mac Korean text
   plain += std::string(2100, 'x') + "\r\n";  // too long a line
   plain += "#CHECKLIST_END\r\n";
-  const std::string path = dir.writeRawDataFile("c.dat", plain);
-  const Outcome checked =
-      run([&](auto& out, auto& err) { return checkDataFile(path, std::nullopt, out, err); });
+  const auto check = [](const std::string& path) {
+    return run([&](auto& out, auto& err) { return checkDataFile(path, std::nullopt, out, err); });
+  };
+  const Outcome checked = check(dir.writeRawDataFile("c.dat", plain));
   EXPECT_EQ(checked.status, 1);
   for (const char* expected :
        {"line 1: warning: outside every section; ignored",
@@ -145,15 +148,13 @@ TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
         "line 11: error: 2100 bytes, longer than the 2047 a line may hold; the reader drops "
         "this line",
         "c.dat: 3 errors, 4 warnings"})
-    EXPECT_NE(checked.out.find(std::string(expected) + "\n"), std::string::npos) << checked.out;
+    EXPECT_THAT(checked.out, HasSubstr(std::string(expected) + "\n"));
 
-  const std::string damaged = dir.writeDataFile(
-      "d.dat", testing::crlf({"#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START"}));
-  const Outcome refused =
-      run([&](auto& out, auto& err) { return checkDataFile(damaged, std::nullopt, out, err); });
+  const Outcome refused = check(dir.writeDataFile(
+      "d.dat", testing::crlf({"#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START"})));
   EXPECT_EQ(refused.status, 1);
-  EXPECT_NE(refused.out.find("error: section #CHECKLIST has no end line"), std::string::npos);
-  EXPECT_NE(refused.out.find("the reader refuses this file as damaged"), std::string::npos);
+  EXPECT_THAT(refused.out, HasSubstr("error: section #CHECKLIST has no end line"));
+  EXPECT_THAT(refused.out, HasSubstr("the reader refuses this file as damaged"));
 }
 
 // Each input alone in a folder of its own; the last four rows would lose
@@ -181,7 +182,7 @@ TEST(DataFileTool, BuildingFromTsvNamesTheFaultyRow) {
       return buildDataFileFromTsv(DataFileKind::Filter, {folder}, dir.file("out.dat"), err);
     });
     EXPECT_EQ(built.status, 1);
-    EXPECT_NE(built.err.find(folder + "/" + file + message), std::string::npos) << built.err;
+    EXPECT_THAT(built.err, HasSubstr(folder + "/" + file + message));
   }
   EXPECT_FALSE(std::filesystem::exists(dir.file("out.dat")));
 }
@@ -246,12 +247,10 @@ TEST(CipherCommands, EncryptReplacesOutWholeOrNotAtAll) {
         std::make_shared<testing::FaultyDisk>(testing::FaultyDisk::Fault::kFull, 1024));
     std::ostringstream failed;
     EXPECT_EQ(runEncrypt({dir.file("new.txt"), dir.file("out.dat")}, failed), 1);
-    EXPECT_NE(failed.str().find("cannot be written"), std::string::npos) << failed.str();
+    EXPECT_THAT(failed.str(), HasSubstr("cannot be written"));
   }
   EXPECT_EQ(testing::readBytes(dir.path() / "out.dat"), before);
-  std::vector<std::string> names = dir.entries();
-  std::sort(names.begin(), names.end());
-  EXPECT_EQ(names, (std::vector<std::string>{"bad.txt", "in.txt", "new.txt", "out.dat"}));
+  EXPECT_EQ(dir.entries(), (std::vector<std::string>{"bad.txt", "in.txt", "new.txt", "out.dat"}));
 }
 
 // decrypt and check (and show, through the same opener) refuse the same files,
@@ -268,15 +267,14 @@ TEST(CipherCommands, DataFileCommandsRefuseTheSameFilesBeforeReading) {
   using Command = std::function<int(const std::string&, std::ostream&, std::ostream&)>;
   const std::pair<const char*, Command> commands[] = {
       {"decrypt", [](auto& path, auto& out, auto& err) { return runDecrypt(path, out, err); }},
-      {"check", [](auto& path, auto& out, auto& err) { return checkDataFile(path, {}, out, err); }},
-  };
-  for (const auto& [command, call] : commands) {
+      {"check",
+       [](auto& path, auto& out, auto& err) { return checkDataFile(path, {}, out, err); }}};
+  for (const auto& [command, call] : commands)
     for (const auto& [name, reason] : cases) {
       std::ostringstream out, err;
       EXPECT_EQ(call(dir.file(name), out, err), 1) << command << " " << name;
-      EXPECT_NE((out.str() + err.str()).find(reason), std::string::npos) << out.str() << err.str();
+      EXPECT_THAT(out.str() + err.str(), HasSubstr(reason));
     }
-  }
 }
 
 }  // namespace

@@ -32,27 +32,27 @@ using namespace std::chrono_literals;
 
 TEST(SettingsToolTest, TypedTextBecomesValues) {
   // (text, type, shown; nothing: rejected)
-  for (const auto& [text, type, shown] :
-       std::vector<std::tuple<const char*, const char*, std::optional<std::string>>>{
-           {"안녕 \"세상\"", "string", "\"안녕 \\\"세상\\\"\""},
-           {"YES", "bool", "YES"},
-           {"false", "bool", "NO"},
-           {"maybe", "bool", {}},
-           {"9223372036854775808", "int", {}},
-           {"12abc", "int", {}},
-           {"0.1", "real", "0.1"},
-           {"inf", "real", {}},
-           {"1999-12-31T23:59:59Z", "date", "1999-12-31T23:59:59Z"},
-           {"1999-12-31", "date", {}},
-           {"00ff80", "data", "<00ff80>"},
-           {"0g", "data", {}},
-           {"https://example.test/", "url", "<url:https://example.test/>"},
-           {"[1, \"a\", {\"k\": true}, 2.5]", "json", "( 1, \"a\", { \"k\" = YES; }, 2.5 )"},
-           {"[18446744073709551615]", "json", "( 18446744073709551615 )"},
-           {"[\"a\\u0000\\r\\n\\t\\u001f\"]", "json", "( \"a\\x00\\r\\n\\t\\x1f\" )"},
-           {"{\"a\": null}", "json", {}},
-           {"[", "json", {}},
-           {"x", "list", {}}}) {
+  const std::tuple<const char*, const char*, std::optional<std::string>> cases[] = {
+      {"안녕 \"세상\"", "string", "\"안녕 \\\"세상\\\"\""},
+      {"YES", "bool", "YES"},
+      {"false", "bool", "NO"},
+      {"maybe", "bool", {}},
+      {"9223372036854775808", "int", {}},
+      {"12abc", "int", {}},
+      {"0.1", "real", "0.1"},
+      {"inf", "real", {}},
+      {"1999-12-31T23:59:59Z", "date", "1999-12-31T23:59:59Z"},
+      {"1999-12-31", "date", {}},
+      {"00ff80", "data", "<00ff80>"},
+      {"0g", "data", {}},
+      {"https://example.test/", "url", "<url:https://example.test/>"},
+      {"[1, \"a\", {\"k\": true}, 2.5]", "json", "( 1, \"a\", { \"k\" = YES; }, 2.5 )"},
+      {"[18446744073709551615]", "json", "( 18446744073709551615 )"},
+      {"[\"a\\u0000\\r\\n\\t\\u001f\"]", "json", "( \"a\\x00\\r\\n\\t\\x1f\" )"},
+      {"{\"a\": null}", "json", {}},
+      {"[", "json", {}},
+      {"x", "list", {}}};
+  for (const auto& [text, type, shown] : cases) {
     const auto value = parseValue(text, type);
     EXPECT_EQ(value ? std::optional(describeValue(*value)) : std::nullopt, shown)
         << type << " " << text;
@@ -99,9 +99,8 @@ TEST(SettingsToolTest, PathsNameEveryOperation) {
         "defaultPath: " + root + "/home/Documents/.Quarvel\n",
         "tempRSTFolderPath: " + root + "/home/Documents/.Quarvel/CheckOut/TMP_RST\n",
         "libraryPath: " + root + "/data/Quarvel\n",
-        "editionFilePath: " + root + "/data/Quarvel/edition.dat\n"}) {
+        "editionFilePath: " + root + "/data/Quarvel/edition.dat\n"})
     EXPECT_NE(text.find(line), std::string::npos) << line << "in\n" << text;
-  }
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 21);
 }
 

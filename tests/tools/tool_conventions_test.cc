@@ -65,13 +65,14 @@ TEST(ToolConventions, VersionAndHelpGoToStandardOutput) {
   const ToolRun version = tool({"--version"});
   EXPECT_EQ(version.exitStatus, 0);
   EXPECT_EQ(version.out.rfind("quarvel ", 0), 0u) << version.out;
-  EXPECT_TRUE(has(version.out, "\nlist server: http://")) << version.out;
-  EXPECT_TRUE(has(version.out, "\nfile server: http://")) << version.out;
+  EXPECT_TRUE(has(version.out, "\nlist server: http://") &&
+              has(version.out, "\nfile server: http://"))
+      << version.out;
   const ToolRun help = topLevel({"lookup", "--help"});
   EXPECT_EQ(help.exitStatus, 0);
-  EXPECT_TRUE(has(help.out, "--kind checklist|package|filter|font")) << help.out;
-  EXPECT_TRUE(has(help.out, "Exit status: 0 a record matches, 1 none does")) << help.out;
-  EXPECT_FALSE(has(help.out, "->")) << help.out;
+  EXPECT_TRUE(has(help.out, "--kind checklist|package|filter|font") &&
+              has(help.out, "Exit status: 0 a record matches, 1 none does") && !has(help.out, "->"))
+      << help.out;
 }
 
 // `-` reads the same file from standard input, and says "-" where a message
@@ -149,8 +150,7 @@ at quarvel settings ''; at quarvel '')sh";
   std::istringstream words(commands);
   for (std::string command; words >> command;)
     EXPECT_TRUE(has(manual, ".SS \"quarvel " + command)) << command;
-  EXPECT_TRUE(has(manual, "0 reachable, 1 not reachable")) << "reach's exit statuses";
-  EXPECT_TRUE(has(manual, ".SH EXIT STATUS\n"));
+  EXPECT_TRUE(has(manual, "0 reachable, 1 not reachable") && has(manual, ".SH EXIT STATUS\n"));
 }
 
 // `quarvel update --gui` where no display can be had must say so and exit
