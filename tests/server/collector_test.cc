@@ -228,7 +228,9 @@ TEST_F(CollectorTest, RefusesWhatIsNotAnEnrolledReportAndStoresTheRest) {
   }
   // Last seen is the receipt, not the scan a clock a century ahead claims.
   const std::int64_t now = std::time(nullptr);
-  for (const MachineSummary& m : store_->overview()->machines)
+  const auto overview = store_->overview();  // the loop must not outlive it
+  ASSERT_TRUE(overview);
+  for (const MachineSummary& m : overview->machines)
     EXPECT_TRUE(m.lastSeen <= now && m.lastSeen > now - 60) << m.hostName << " " << m.lastSeen;
   auto health = store_->health();
   ASSERT_TRUE(health);
