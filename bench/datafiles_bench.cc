@@ -175,7 +175,7 @@ void OpenMemory(benchmark::State& state) {
   long kib[3] = {};  // before, peak, after
   for (auto _ : state) {
     const std::string command = std::filesystem::read_symlink("/proc/self/exe").string() +
-                                " --open-memory=" + listPath() + " 2>/dev/null";
+                                " '--open-memory=" + listPath() + "' 2>/dev/null";
     std::FILE* child = ::popen(command.c_str(), "r");
     if (child == nullptr || std::fscanf(child, "%ld %ld %ld", &kib[0], &kib[1], &kib[2]) != 3)
       state.SkipWithError("no figures from the child");

@@ -16,8 +16,8 @@ namespace quarvel {
 void adviseHugePages(void* block, std::size_t bytes);
 
 // malloc's block, or for 2 MiB and more one 2 MiB-aligned whose whole
-// 2 MiB pages are offered for huge pages; either is released with std::free. Throws std::bad_alloc
-// as operator new does.
+// 2 MiB pages are offered for huge pages; either is released with
+// std::free. Throws std::bad_alloc as operator new does.
 void* allocateHugePageBlock(std::size_t bytes);
 
 // The bytes allocateHugePageBlock(bytes) reserves: for 2 MiB and more,
