@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <sstream>
 #include <string_view>
 
 namespace quarvel::testing {
@@ -34,43 +35,33 @@ bool readMore(int fd, std::string& buffer) {
 
 // The request line and header fields of `head` (without its blank line).
 void parseHead(const std::string& head, HttpReceived& request) {
-  const std::size_t lineEnd = std::min(head.find("\r\n"), head.size());
-  const std::string requestLine = head.substr(0, lineEnd);
-  const std::size_t sp1 = requestLine.find(' ');
-  const std::size_t sp2 = requestLine.find(' ', sp1 + 1);
-  request.method = requestLine.substr(0, sp1);
-  request.target = requestLine.substr(sp1 + 1, sp2 - sp1 - 1);
-  for (std::size_t pos = lineEnd + 2; pos < head.size();) {
-    const std::size_t end = std::min(head.find("\r\n", pos), head.size());
-    const std::string line = head.substr(pos, end - pos);
-    pos = end + 2;
+  std::istringstream lines(head);
+  std::string line;
+  std::getline(lines, line);
+  std::istringstream(line) >> request.method >> request.target;
+  while (std::getline(lines, line)) {
     const std::size_t colon = line.find(':');
     if (colon == std::string::npos) continue;
     std::string name = line.substr(0, colon);
     for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    const std::size_t valueStart = line.find_first_not_of(' ', colon + 1);
-    request.headers[name] = valueStart == std::string::npos ? "" : line.substr(valueStart);
+    const std::size_t valueStart = std::min(line.find_first_not_of(' ', colon + 1), line.size());
+    request.headers[name] = line.substr(valueStart, line.find_last_not_of('\r') + 1 - valueStart);
   }
 }
 
 }  // namespace
 
-LoopbackHttpServer::LoopbackHttpServer(Handler handler, const std::string& host)
-    : handler_(std::move(handler)), host_(host) {
-  sockaddr_storage storage{};
-  auto* v4 = reinterpret_cast<sockaddr_in*>(&storage);
-  auto* v6 = reinterpret_cast<sockaddr_in6*>(&storage);
-  const bool isV6 = host.find(':') != std::string::npos;
-  socklen_t len = isV6 ? sizeof *v6 : sizeof *v4;
-  storage.ss_family = isV6 ? AF_INET6 : AF_INET;
-  const int parsed = isV6 ? ::inet_pton(AF_INET6, host.c_str(), &v6->sin6_addr)
-                          : ::inet_pton(AF_INET, host.c_str(), &v4->sin_addr);
-  listener_ = ::socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  auto* address = reinterpret_cast<sockaddr*>(&storage);
-  if (parsed != 1 || listener_ < 0 || ::bind(listener_, address, len) != 0 ||
-      ::listen(listener_, 16) != 0 || ::getsockname(listener_, address, &len) != 0)
+LoopbackHttpServer::LoopbackHttpServer(Handler handler) : handler_(std::move(handler)) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  auto* any = reinterpret_cast<sockaddr*>(&address);
+  listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (listener_ < 0 || ::bind(listener_, any, length) != 0 || ::listen(listener_, 16) != 0 ||
+      ::getsockname(listener_, any, &length) != 0)
     return;
-  port_ = ntohs(isV6 ? v6->sin6_port : v4->sin_port);
+  port_ = ntohs(address.sin_port);
   thread_ = std::thread([this] { serve(); });
 }
 
@@ -79,11 +70,6 @@ LoopbackHttpServer::~LoopbackHttpServer() {
   if (thread_.joinable()) thread_.join();
   for (int fd : held_) ::close(fd);
   if (listener_ >= 0) ::close(listener_);
-}
-
-std::string LoopbackHttpServer::hostAndPort() const {
-  const bool isV6 = host_.find(':') != std::string::npos;
-  return (isV6 ? "[" + host_ + "]" : host_) + ":" + std::to_string(port_);
 }
 
 std::vector<HttpReceived> LoopbackHttpServer::requests() const {
@@ -115,35 +101,25 @@ void LoopbackHttpServer::closeAbandoned() {
 void LoopbackHttpServer::handle(int fd) {
   std::string buffer;
   std::size_t headerEnd;
-  while ((headerEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
-    if (!readMore(fd, buffer)) {
-      ::close(fd);
-      return;
-    }
-  }
+  while ((headerEnd = buffer.find("\r\n\r\n")) == std::string::npos)
+    if (!readMore(fd, buffer)) return (void)::close(fd);
   HttpReceived request;
   parseHead(buffer.substr(0, headerEnd), request);
-  std::size_t length = 0;
-  if (auto it = request.headers.find("content-length"); it != request.headers.end())
-    length = std::stoul(it->second);
+  const auto length = request.headers.find("content-length");
   request.body = buffer.substr(headerEnd + 4);
-  while (request.body.size() < length && readMore(fd, request.body)) {
-  }
+  if (length != request.headers.end())
+    while (request.body.size() < std::stoul(length->second) && readMore(fd, request.body)) continue;
   const HttpReply reply = handler_(request);
   {
     std::lock_guard<std::mutex> lock(mutex_);
     requests_.push_back(request);
   }
-  switch (reply.kind) {
-    case HttpReply::Kind::Close:
-      ::close(fd);
-      return;
-    case HttpReply::Kind::Silence:
-      held_.push_back(fd);
-      return;
-    case HttpReply::Kind::Answer:
-      answer(fd, reply);
-  }
+  if (reply.kind == HttpReply::Kind::Answer)
+    answer(fd, reply);
+  else if (reply.kind == HttpReply::Kind::Silence)
+    held_.push_back(fd);
+  else
+    ::close(fd);
 }
 
 // Sends the head and the body as far as the reply lets it go, then ends the
@@ -167,10 +143,7 @@ void LoopbackHttpServer::answer(int fd, const HttpReply& reply) {
     std::this_thread::sleep_for(reply.pause);
     ok = sendAll(fd, std::string_view(reply.body).substr(at, std::min(piece, end - at)));
   }
-  if (reply.cut == HttpReply::Cut::Stall) {
-    held_.push_back(fd);
-    return;
-  }
+  if (reply.cut == HttpReply::Cut::Stall) return held_.push_back(fd);
   if (reply.cut == HttpReply::Cut::Reset) {
     linger abort{1, 0};  // close with a reset instead of an orderly end
     ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);

@@ -1,5 +1,5 @@
 #pragma once
-// A minimal HTTP/1.1 server on a loopback address (a free port) for tests of
+// A minimal HTTP/1.1 server on 127.0.0.1 (a free port) for tests of
 // HTTP clients. It keeps the body of any method, GET included, and can
 // misbehave on purpose: close without answering, stay silent, break an
 // answer off part-way (an orderly close, a reset or a stall), trickle the
@@ -47,20 +47,14 @@ struct HttpReply {
   }
   static HttpReply closeWithoutAnswer() { return {Kind::Close, 0, ""}; }
   static HttpReply silence() { return {Kind::Silence, 0, ""}; }
-  static HttpReply cutAfter(std::string body, std::size_t bytes, Cut how) {
-    return {Kind::Answer, 200, std::move(body), how, bytes};
-  }
   static HttpReply resetAfter(std::string body, std::size_t bytes) {
-    return cutAfter(std::move(body), bytes, Cut::Reset);
+    return {Kind::Answer, 200, std::move(body), Cut::Reset, bytes};
   }
   static HttpReply stallAfter(std::string body, std::size_t bytes) {
-    return cutAfter(std::move(body), bytes, Cut::Stall);
+    return {Kind::Answer, 200, std::move(body), Cut::Stall, bytes};
   }
-  // An endless body of `body` over and over, as fast as the client reads.
   static HttpReply flood(std::string body) {
-    HttpReply reply = text(std::move(body));
-    reply.endless = true;
-    return reply;
+    return {Kind::Answer, 200, std::move(body), Cut::None, 0, 0, {}, true};
   }
   static HttpReply trickle(std::string body, std::size_t piece, std::chrono::milliseconds pause) {
     return {Kind::Answer, 200, std::move(body), Cut::None, 0, piece, pause};
@@ -71,17 +65,14 @@ class LoopbackHttpServer {
  public:
   using Handler = std::function<HttpReply(const HttpReceived&)>;
 
-  // Listens on `host` (an IPv4 or IPv6 address); port() is -1 when that
-  // address cannot be bound (no IPv6 loopback, say), and nothing is served.
-  // The handler runs on the server's thread.
-  explicit LoopbackHttpServer(Handler handler, const std::string& host = "127.0.0.1");
+  // Listens on 127.0.0.1; the handler runs on the server's thread.
+  explicit LoopbackHttpServer(Handler handler);
   ~LoopbackHttpServer();
   LoopbackHttpServer(const LoopbackHttpServer&) = delete;
   LoopbackHttpServer& operator=(const LoopbackHttpServer&) = delete;
 
   int port() const { return port_; }
-  // "127.0.0.1:PORT", "[::1]:PORT".
-  std::string hostAndPort() const;
+  std::string hostAndPort() const { return "127.0.0.1:" + std::to_string(port_); }
   std::string url(const std::string& path) const { return "http://" + hostAndPort() + path; }
   std::vector<HttpReceived> requests() const;
 
@@ -92,7 +83,6 @@ class LoopbackHttpServer {
   void answer(int fd, const HttpReply& reply);
 
   Handler handler_;
-  std::string host_;
   int listener_ = -1;
   int port_ = -1;
   std::atomic<bool> stop_{false};

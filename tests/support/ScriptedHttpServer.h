@@ -9,8 +9,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <map>
-#include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -20,30 +20,20 @@ namespace quarvel::testing {
 
 class ScriptedHttpServer {
  public:
-  // Listens on `host`; port() is negative when that address cannot be bound.
-  explicit ScriptedHttpServer(const std::string& host = "127.0.0.1")
-      : server_(std::make_unique<LoopbackHttpServer>(
-            [this](const HttpReceived& request) { return answer(request); }, host)) {}
-  ~ScriptedHttpServer() {
-    release();
-    server_.reset();
-  }
-  ScriptedHttpServer(const ScriptedHttpServer&) = delete;
-  ScriptedHttpServer& operator=(const ScriptedHttpServer&) = delete;
+  ~ScriptedHttpServer() { release(); }
 
-  int port() const { return server_->port(); }
-  std::string origin() const { return "http://" + server_->hostAndPort(); }
+  int port() const { return server_.port(); }
+  std::string origin() const { return "http://" + server_.hostAndPort(); }
 
   void serve(const std::string& target, std::string body) {
     std::lock_guard lock(mutex_);
-    rules_[target].body = std::move(body);
-    rules_[target].known = true;
+    bodies_[target] = std::move(body);
   }
   // Requests of `target` wait (at most 20 s) until release(); so does every
   // connection after them.
   void hold(const std::string& target) {
     std::lock_guard lock(mutex_);
-    rules_[target].hold = true;
+    held_.insert(target);
   }
   void release() {
     std::lock_guard lock(mutex_);
@@ -61,26 +51,24 @@ class ScriptedHttpServer {
   }
 
  private:
-  struct Rule {
-    bool known = false;
-    std::string body;
-    bool hold = false;
-  };
-
   HttpReply answer(const HttpReceived& request) {
     std::unique_lock lock(mutex_);
     targets_.push_back(request.target);
-    Rule& rule = rules_[request.target];
-    if (rule.hold) changed_.wait_for(lock, std::chrono::seconds(20), [this] { return released_; });
-    return rule.known ? HttpReply::text(rule.body) : HttpReply::text("Not Found", 404);
+    if (held_.count(request.target))
+      changed_.wait_for(lock, std::chrono::seconds(20), [this] { return released_; });
+    const auto known = bodies_.find(request.target);
+    return known != bodies_.end() ? HttpReply::text(known->second)
+                                  : HttpReply::text("Not Found", 404);
   }
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  std::map<std::string, Rule> rules_;
+  std::map<std::string, std::string> bodies_;
+  std::set<std::string> held_;
   std::vector<std::string> targets_;
   bool released_ = false;
-  std::unique_ptr<LoopbackHttpServer> server_;  // last: stopped first
+  // Last: started once the rest is ready, stopped first.
+  LoopbackHttpServer server_{[this](const HttpReceived& request) { return answer(request); }};
 };
 
 }  // namespace quarvel::testing
