@@ -32,29 +32,23 @@ inline bool sendText(int fd, const std::string& text) {
   return ::send(fd, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
 }
 
-// True when the server has closed `fd` (an end of stream or a reset, any
-// answer before it read and dropped), waiting up to `wait`.
-inline bool closedByServer(int fd, std::chrono::milliseconds wait) {
-  const auto until = std::chrono::steady_clock::now() + wait;
-  char buffer[4096];
-  for (;;) {
-    pollfd entry{fd, POLLIN, 0};
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        until - std::chrono::steady_clock::now());
-    if (left.count() <= 0 || ::poll(&entry, 1, static_cast<int>(left.count())) <= 0) return false;
-    const ssize_t got = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
-    if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) return true;
-  }
-}
-
 // Sends `head`, then `byte` every `every` until the server closes the
-// connection or `limit` bytes went: true when the server closed it first.
+// connection (an end of stream or a reset, any answer read and dropped) or
+// `limit` bytes went: true when the server closed it first.
 inline bool trickleUntilClosed(int fd, const std::string& head, const std::string& byte, int limit,
                                std::chrono::milliseconds every) {
-  bool closed = !sendText(fd, head);
-  for (int i = 0; i < limit && !closed; ++i)
-    closed = closedByServer(fd, every) || !sendText(fd, byte);
-  return closed;
+  if (!sendText(fd, head)) return true;
+  for (int i = 0; i < limit; ++i) {
+    const auto until = std::chrono::steady_clock::now() + every;
+    char buffer[4096];
+    for (pollfd entry{fd, POLLIN, 0}; ::poll(&entry, 1, static_cast<int>(every.count())) > 0;) {
+      const ssize_t got = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+      if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) return true;
+      if (std::chrono::steady_clock::now() >= until) break;
+    }
+    if (!sendText(fd, byte)) return true;
+  }
+  return false;
 }
 
 // One exchange: the status code (0 when the connection ended without one)

@@ -16,7 +16,7 @@ class RecordingView : public UpdateView {
  public:
   void setStatusText(const std::string& text) override { add(statuses_, text); }
   void setProgress(double value) override { add(progress_, value); }
-  void setBytesReceived(std::uint64_t bytes) override { add(bytes_, bytes); }
+  void setBytesReceived(std::uint64_t) override {}
   void errorAlert(const std::string& code) override { add(alerts_, code); }
   void close() override {
     std::lock_guard lock(mutex_);
@@ -30,8 +30,6 @@ class RecordingView : public UpdateView {
     return statuses_.empty() ? std::string() : statuses_.back();
   }
   std::vector<double> progress() const { return copy(progress_); }
-  // Every count of bytes received, in order.
-  std::vector<std::uint64_t> bytes() const { return copy(bytes_); }
   std::vector<std::string> alerts() const { return copy(alerts_); }
   int closes() const {
     std::lock_guard lock(mutex_);
@@ -53,7 +51,6 @@ class RecordingView : public UpdateView {
   mutable std::mutex mutex_;
   std::vector<std::string> statuses_;
   std::vector<double> progress_;
-  std::vector<std::uint64_t> bytes_;
   std::vector<std::string> alerts_;
   int closes_ = 0;
 };

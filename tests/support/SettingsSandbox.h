@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -27,17 +26,16 @@ namespace quarvel::testing {
 class SettingsSandbox {
  public:
   SettingsSandbox() {
-    remember("APPIMAGE");
-    ::unsetenv("APPIMAGE");
-    for (const auto& [name, folder] : {std::pair{"HOME", "/home"},
+    for (const auto& [name, folder] : {std::pair{"APPIMAGE", ""},
+                                       {"HOME", "/home"},
                                        {"XDG_CONFIG_HOME", "/config"},
                                        {"XDG_DATA_HOME", "/data"},
                                        {"XDG_DOCUMENTS_DIR", "/home/Documents"}}) {
-      remember(name);
-      std::filesystem::create_directories(root_ + folder);
-      ::setenv(name, (root_ + folder).c_str(), 1);
+      const char* value = std::getenv(name);
+      saved_.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
+      if (*folder) std::filesystem::create_directories(root_ + folder);
+      *folder ? ::setenv(name, (root_ + folder).c_str(), 1) : ::unsetenv(name);
     }
-    previousEchoHost_ = CVUserDefaults::echoServiceHost();
     CVUserDefaults::setEchoServiceHost("127.0.0.1:1");
     discardSharedSettingsForTesting();
   }
@@ -45,12 +43,8 @@ class SettingsSandbox {
   ~SettingsSandbox() {
     discardSharedSettingsForTesting();
     CVUserDefaults::setEchoServiceHost(previousEchoHost_);
-    for (auto it = saved_.rbegin(); it != saved_.rend(); ++it) {
-      if (it->second)
-        ::setenv(it->first.c_str(), it->second->c_str(), 1);
-      else
-        ::unsetenv(it->first.c_str());
-    }
+    for (const auto& [name, value] : saved_)
+      value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str());
   }
 
   SettingsSandbox(const SettingsSandbox&) = delete;
@@ -59,14 +53,9 @@ class SettingsSandbox {
   const std::string& root() const { return root_; }
 
  private:
-  void remember(const char* name) {
-    const char* value = std::getenv(name);
-    saved_.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
-  }
-
   ScratchDir dir_;  // removed after the environment is restored
   const std::string& root_ = dir_.path();
-  std::string previousEchoHost_;
+  const std::string previousEchoHost_ = CVUserDefaults::echoServiceHost();
   std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
 };
 

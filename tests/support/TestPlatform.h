@@ -49,14 +49,11 @@ class ReplacingPlatform : public PlatformWrapper {
   }
 };
 
-class TestPlatform {
- public:
-  TestPlatform() : platform_(std::make_shared<ReplacingPlatform>()), scope_(platform_) {}
-  ReplacingPlatform* operator->() { return platform_.get(); }
-
- private:
-  std::shared_ptr<ReplacingPlatform> platform_;
-  ScopedPlatform scope_;
+// A ReplacingPlatform installed for the life of the object.
+struct TestPlatform {
+  std::shared_ptr<ReplacingPlatform> platform = std::make_shared<ReplacingPlatform>();
+  ScopedPlatform scope{platform};
+  ReplacingPlatform* operator->() { return platform.get(); }
 };
 
 // A disk that fails the library's writes in-process: every write past
