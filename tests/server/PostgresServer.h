@@ -1,6 +1,6 @@
 #pragma once
 // A throw-away PostgreSQL server for a test or a benchmark: Debian's
-// initdb and pg_ctl make a cluster in a temporary folder, listening on a
+// initdb and pg_ctl make a cluster in a scratch folder, listening on a
 // free loopback port and a socket in that folder, and stop and remove it
 // when the object goes, whatever happened in between.
 
@@ -8,10 +8,10 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "support/FreePort.h"
+#include "support/ScratchDir.h"
 
 namespace quarvel::server::testing {
 
@@ -21,9 +21,6 @@ class PostgresServer {
  public:
   // Starts a fresh cluster; running() tells whether it came up.
   PostgresServer() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "quarvel-pg-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) return;
-    folder_ = pattern;
     // The server refuses to run as root: it then runs as postgres, owning
     // the folder.
     if (::geteuid() == 0) {
@@ -39,11 +36,7 @@ class PostgresServer {
   }
   ~PostgresServer() {
     if (started_) run("pg_ctl -D " + folder_ + "/data -m immediate -w stop");
-    std::error_code ignored;
-    if (!folder_.empty()) std::filesystem::remove_all(folder_, ignored);
   }
-  PostgresServer(const PostgresServer&) = delete;
-  PostgresServer& operator=(const PostgresServer&) = delete;
 
   bool running() const { return started_; }
   // A database of its own for one test, as a URL to open it by.
@@ -60,7 +53,8 @@ class PostgresServer {
     return std::system(line.c_str()) == 0;
   }
 
-  std::string folder_;
+  quarvel::testing::ScratchDir scratch_;  // removed once the server has stopped
+  const std::string& folder_ = scratch_.path();
   std::string as_;
   int port_ = quarvel::testing::freeLoopbackPort();
   bool started_ = false;
