@@ -50,32 +50,26 @@ TEST(ListFileForRequest, NamesTheFileOfEachEndpointAndRefusesEverythingElse) {
   for (const auto& [target, file] : cases) EXPECT_EQ(named(target), file) << target;
   const char* const refused[] = {"/cmmn/download.nis?filename=ver.dat",
                                  "/cmmn/download.nis?type=other&filename=ver.dat",
-                                 "/cmmn/download.nis?type=FILE&filename=ver.dat",
                                  "/cmmn/download.nis?type=file",
                                  "/cmmn/download.nis?type=file&filename=",
                                  "/cmmn/download.nis?type=file&filename=..",
                                  "/cmmn/download.nis?type=file&filename=../etc/passwd",
                                  "/cmmn/download.nis?type=file&filename=a%00b",
-                                 "/cmmn/download.nis/?type=file&filename=ver.dat",
                                  "/",
                                  "/quarvel/download/list/check/mac",
                                  "/quarvel/download/list/check/mac/x",
                                  "/quarvel/download/list/check/mac/x.sig",
                                  "/quarvel/download/list/check/mac.sig",
                                  "/quarvel/download/list/check/mac/.sig.sig",
-                                 "/quarvel/download/list/",
-                                 "/macchecklist.dat",
                                  "/file/keyfile60/",
                                  "/file/keyfile60/.",
                                  "/file/keyfile60/../secret",
                                  "/file/keyfile60/sub/package.dat",
                                  "/file/keyfile60"};
   for (const char* target : refused) EXPECT_EQ(named(target), std::nullopt) << target;
-}
 
-// The client asks for a signature where its rule puts it; the server must
-// answer that address with the file's own signature, at every endpoint.
-TEST(ListFileForRequest, AnswersTheSignatureAddressOfEveryFile) {
+  // The client asks for a signature where its rule puts it; the server must
+  // answer that address with the file's own signature, at every endpoint.
   const std::string download(datafile::kDownloadEndpoint);
   std::vector<std::pair<std::string, std::string>> targets{
       {std::string(datafile::kWindowsPackagePath) + "/package.dat", "package.dat"},
@@ -176,8 +170,8 @@ TEST_F(ServedFolderTest, ServesPlainFilesOnlyAndLogsEachRequest) {
   }
   auto head = httplib::Client("127.0.0.1", port).Head("/file/keyfile60/package.dat");
   ASSERT_TRUE(head);
-  EXPECT_EQ(std::tie(head->status, head->body), std::make_tuple(200, ""));
-  EXPECT_EQ(head->get_header_value("Content-Length"), "3");
+  EXPECT_EQ(std::make_tuple(head->status, head->body, head->get_header_value("Content-Length")),
+            std::make_tuple(200, "", "3"));
   // A request line no client library would send reaches the log escaped.
   EXPECT_EQ(testing::rawExchange(port,
                                  "GET /file/keyfile60/a\"b\xff HTTP/1.1\r\nHost: x\r\n"
