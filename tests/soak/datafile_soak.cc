@@ -2,7 +2,7 @@
 // as a host that reloads its lists all day would; after a warm-up of a tenth
 // of the cycles the figures (SoakFigures.h) must stay flat.
 //
-//   datafile_soak [CYCLES]   CYCLES defaults to $QUARVEL_SOAK_CYCLES, else 300
+//   datafile_soak [CYCLES]   CYCLES defaults to 300
 //
 // A cycle opens, into new objects, a generated check list of kRecords
 // records (reading one back by its identifier) and the sample package,
@@ -73,9 +73,7 @@ std::unique_ptr<FileFramework> make() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  int cycles = 300;
-  if (const char* fromEnv = std::getenv("QUARVEL_SOAK_CYCLES")) cycles = std::atoi(fromEnv);
-  if (argc > 1) cycles = std::atoi(argv[1]);
+  const int cycles = argc > 1 ? std::atoi(argv[1]) : 300;
   if (cycles < 40) {
     std::fprintf(stderr, "usage: datafile_soak [CYCLES >= 40]\n");
     return 2;

@@ -5,7 +5,7 @@
 // The figures (SoakFigures.h) are sampled every RUNS/50 runs after a warm-up
 // of RUNS/8 runs, and at least one run per row, and must stay flat.
 //
-//   update_soak [RUNS [SEED]]   RUNS defaults to $QUARVEL_SOAK_RUNS, else 40
+//   update_soak [RUNS [SEED]]   RUNS defaults to 40
 
 #include <algorithm>
 #include <cstdio>
@@ -21,10 +21,7 @@
 using namespace quarvel::testing;
 
 int main(int argc, char** argv) {
-  const char* fromEnvironment = std::getenv("QUARVEL_SOAK_RUNS");
-  const int runs = argc > 1          ? std::atoi(argv[1])
-                   : fromEnvironment ? std::atoi(fromEnvironment)
-                                     : 40;
+  const int runs = argc > 1 ? std::atoi(argv[1]) : 40;
   const unsigned seed =
       argc > 2 ? static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10)) : std::random_device()();
   if (runs <= 0) {
