@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <sstream>
 #include <vector>
 
+#include "common/StringUtil.h"
 #include "format/MacKorean.h"
+#include "support/ToolProcess.h"
 
 namespace quarvel {
 namespace {
@@ -12,12 +15,12 @@ std::string bytes2(unsigned lead, unsigned trail) {
   return {static_cast<char>(lead), static_cast<char>(trail)};
 }
 
-// Every code alone is held to Perl's Encode in mac_korean_perl_test.cc; here,
-// random texts of ASCII runs of every length, digits most of all as in real
-// lists, cut by codes of every kind, some long enough to cross the decoder's
-// slices. The word-wide and windowed paths must read them as their codes one
-// by one, also where an ASCII byte that begins one of Apple's multi-character
-// codes ends a run ("1" before U+20DE), and one bad byte fails the whole text.
+// Every code alone is held to Perl's Encode below; here, random texts of
+// ASCII runs of every length, digits most of all as in real lists, cut by
+// codes of every kind, some long enough to cross the decoder's slices. The
+// word-wide and windowed paths must read them as their codes one by one, also
+// where an ASCII byte that begins one of Apple's multi-character codes ends a
+// run ("1" before U+20DE), and one bad byte fails the whole text.
 TEST(MacKorean, RandomTextsReadAsTheirCodesOneByOne) {
   std::vector<std::string> codes = {"\xB0\xA1", "\xA5\x42", "\xA2\xE6", "\x82", "\x80", "\xA1\xB8"};
   const std::size_t cuts = codes.size();
@@ -91,6 +94,49 @@ TEST(MacKorean, EncodingTakesTheLongestCodeOrNamesTheFirstCharacterWithout) {
     }
   }
   EXPECT_FALSE(MacKorean::encode("\xC3\xA9"));  // the error is optional
+}
+
+std::string hexOf(const std::optional<std::string>& bytes) {
+  if (!bytes) return "-";
+  std::string hex;
+  for (unsigned char c : *bytes) hex += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
+  return hex;
+}
+
+// Holds the codec to Perl's Encode (tests/data/mac_korean_encode.pl) on every
+// byte and pair of bytes decoded and every BMP character encoded; each text
+// we decode must also encode back to its bytes.
+TEST(MacKoreanPerl, AgreesWithEncodeOnEveryByteSequenceAndCharacter) {
+  const testing::ToolRun run =
+      testing::runProgram("/usr/bin/perl", {QUARVEL_TEST_DATA "/mac_korean_encode.pl"}, {});
+  if (run.exitStatus == 3 || run.exitStatus < 0)
+    GTEST_SKIP() << "perl with Encode's MacKorean is not installed";
+  ASSERT_EQ(run.exitStatus, 0) << run.err;
+  std::istringstream theirs(run.out);
+
+  std::stringstream ours;
+  for (int a = -1; a < 256; ++a)
+    for (int b = 0; b < 256; ++b) {
+      const std::string bytes =
+          (a < 0 ? "" : std::string(1, static_cast<char>(a))) + static_cast<char>(b);
+      const std::optional<std::string> text = MacKorean::decode(bytes);
+      ours << "D " << hexOf(bytes) << ' ' << hexOf(text) << '\n';
+      if (text) {
+        ASSERT_EQ(hexOf(MacKorean::encode(*text)), hexOf(bytes)) << "encoding " << hexOf(text);
+      }
+    }
+  for (char32_t c = 0; c <= 0xFFFF; c = c == 0xD7FF ? 0xE000 : c + 1) {
+    std::string character;
+    appendUtf8(character, c);
+    ours << "E " << hexOf(character) << ' ' << hexOf(MacKorean::encode(character)) << '\n';
+  }
+  std::size_t lines = 0;
+  for (std::string mine, perls; std::getline(ours, mine); ++lines) {
+    ASSERT_TRUE(std::getline(theirs, perls)) << "Encode stopped before " << mine;
+    ASSERT_EQ(mine, perls);
+  }
+  EXPECT_EQ(lines, 256 + 65536 + 0x10000 - 0x800);
+  EXPECT_EQ(theirs.peek(), EOF);
 }
 
 }  // namespace
