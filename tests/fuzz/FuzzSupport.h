@@ -62,9 +62,7 @@ inline std::string_view asText(const std::uint8_t* data, std::size_t size) {
 // Writes `bytes` to `path`; false when it cannot.
 inline bool writeFile(const fs::path& path, std::string_view bytes) {
   std::ofstream out(path, std::ios::binary);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  out.close();
-  return !out.fail();
+  return static_cast<bool>(out << bytes << std::flush);
 }
 
 // Writes `plain` enciphered to the scratch data file.

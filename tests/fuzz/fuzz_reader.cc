@@ -6,6 +6,7 @@
 
 #include "CipherCommand.h"
 #include "FuzzSupport.h"
+#include "common/StringUtil.h"
 #include "format/LineReader.h"
 
 namespace {
@@ -64,14 +65,10 @@ void encipherAndRead(std::string_view text) {
     return;
   }
   if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
-  std::vector<std::string> expected;
-  for (std::size_t start = 0; start < text.size();) {
-    const std::size_t end = std::min(text.find('\n', start), text.size());
-    std::string_view line = text.substr(start, end - start);
-    if (line.ends_with('\r')) line.remove_suffix(1);
-    expected.emplace_back(line);
-    start = end + 1;
-  }
+  std::vector<std::string> expected = split(text, "\n");
+  if (expected.back().empty()) expected.pop_back();
+  for (std::string& line : expected)
+    if (line.ends_with('\r')) line.pop_back();
   if (const auto read = readStream(*bytes); read && *read != expected)
     fail("the reader gives back other lines");
 }

@@ -7,6 +7,8 @@
 // itself or a later record of the same key), and the writer's buffer ends in
 // its zero.
 
+#include <functional>
+
 #include "FuzzSupport.h"
 #include "common/StringUtil.h"
 #include "format/DataFileFormat.h"
@@ -64,19 +66,6 @@ bool openOnce(File& file, std::initializer_list<const char*> tags) {
   return opened;
 }
 
-// Each record of `table` is found by find(record): at itself, or at a later
-// record whose keyOf is the same (the last one wins).
-template <typename Find, typename KeyOf>
-void findsEveryRecord(Table* table, Find&& find, KeyOf&& keyOf) {
-  const auto count = static_cast<std::int64_t>(table->getDataCount());
-  for (std::int64_t row = 0; row < count; ++row) {
-    const RecordPtr record = table->getAt(row);
-    const std::int64_t found = find(*record);
-    if (found < row || found >= count || keyOf(*table->getAt(found)) != keyOf(*record))
-      fail("a record is not found under its key");
-  }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -121,25 +110,34 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     (void)fonts.getIdByFileName(key);
     (void)fonts.getIndex(key);
   }
+  // Each record is found under its key: at itself, or at a later record of
+  // the same key (the last one wins).
+  using Key = std::function<std::string(const Record&)>;
   constexpr std::size_t kExe = datafile::kExeFileIndex;
-  const auto fileName = [](const Record& r) { return lowercase(r[kExe]); };
-  const auto identifier = [](const Record& r) { return std::string(r[0]); };
-  const auto property = [](const Record& r) { return lowercase(r.joined(1, 4)); };
-  findsEveryRecord(
-      checks, [&](const Record& r) { return checkList.getIdByFileName(r[kExe]); }, fileName);
-  findsEveryRecord(
-      checks, [&](const Record& r) { return checkList.getIdByProperty(r.joined(1, 4)); }, property);
-  findsEveryRecord(
-      checks, [&](const Record& r) { return checkList.getIndex(r[0]); }, identifier);
-  findsEveryRecord(
-      fonts.getTableByTag("#CHECKLIST"),
-      [&](const Record& r) { return fonts.getIdByFileName(r[kExe]); }, fileName);
-  findsEveryRecord(
-      package.getTableByTag("#PACKAGE"),
-      [&](const Record& r) { return package.getPackageIndex(r[0]); }, identifier);
-  findsEveryRecord(
-      filter.getTableByTag("#SWLIST"),
-      [&](const Record& r) { return filter.getIdByFilter(r.tabbedText()); },
-      [](const Record& r) { return lowercase(r.tabbedText()); });
+  const Key fileName = [](const Record& r) { return lowercase(r[kExe]); };
+  const Key identifier = [](const Record& r) { return std::string(r[0]); };
+  const Key property = [](const Record& r) { return lowercase(r.joined(1, 4)); };
+  const Key text = [](const Record& r) { return lowercase(r.tabbedText()); };
+  const std::tuple<Table*, std::function<std::int64_t(const Record&)>, Key> lookups[] = {
+      {checks, [&](const Record& r) { return checkList.getIdByFileName(r[kExe]); }, fileName},
+      {checks, [&](const Record& r) { return checkList.getIdByProperty(r.joined(1, 4)); },
+       property},
+      {checks, [&](const Record& r) { return checkList.getIndex(r[0]); }, identifier},
+      {fonts.getTableByTag("#CHECKLIST"),
+       [&](const Record& r) { return fonts.getIdByFileName(r[kExe]); }, fileName},
+      {package.getTableByTag("#PACKAGE"),
+       [&](const Record& r) { return package.getPackageIndex(r[0]); }, identifier},
+      {filter.getTableByTag("#SWLIST"),
+       [&](const Record& r) { return filter.getIdByFilter(r.tabbedText()); }, text},
+  };
+  for (const auto& [table, find, keyOf] : lookups) {
+    const auto count = static_cast<std::int64_t>(table->getDataCount());
+    for (std::int64_t row = 0; row < count; ++row) {
+      const RecordPtr record = table->getAt(row);
+      const std::int64_t found = find(*record);
+      if (found < row || found >= count || keyOf(*table->getAt(found)) != keyOf(*record))
+        fail("a record is not found under its key");
+    }
+  }
   return 0;
 }

@@ -5,6 +5,8 @@
 // folding never lengthens, folds line by line as whole, leaves alone what it
 // should, and on short UTF-8 agrees with the 209 passes replayed literally.
 
+#include <unicode/utf8.h>
+
 #include "../common/FoldingReference.h"
 #include "FuzzSupport.h"
 #include "common/Folding.h"
@@ -30,16 +32,6 @@ std::optional<std::string> decodeCodeByCode(std::string_view bytes) {
     at += length;
   }
   return text;
-}
-
-// The code point at `at` of well-formed UTF-8, stepping past it.
-char32_t nextCodePoint(std::string_view text, std::size_t& at) {
-  const auto lead = static_cast<unsigned char>(text[at]);
-  const int length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-  char32_t c = length == 1 ? lead : lead & (0x7F >> length);
-  for (int i = 1; i < length; ++i) c = c << 6 | (static_cast<unsigned char>(text[at + i]) & 0x3F);
-  at += static_cast<std::size_t>(length);
-  return c;
 }
 
 void macKorean(std::string_view bytes) {
@@ -73,20 +65,16 @@ void macKorean(std::string_view bytes) {
 void folding(std::string_view text) {
   const std::string folded = quarvel::CommonLib::encodingForSpecialCharacter(text);
   if (folded.size() > text.size()) fail("folding made a text longer");
-  std::string byLines;
-  for (std::size_t from = 0;;) {
-    const std::size_t end = std::min(text.find("\r\n", from), text.size());
-    byLines += quarvel::CommonLib::encodingForSpecialCharacter(text.substr(from, end - from));
-    if (end == text.size()) break;
-    byLines += "\r\n";
-    from = end + 2;
-  }
-  if (byLines != folded) fail("folding line by line differs from folding the whole");
+  std::vector<std::string> lines = quarvel::split(text, "\r\n");
+  for (std::string& line : lines) line = quarvel::CommonLib::encodingForSpecialCharacter(line);
+  if (quarvel::join(lines, "\r\n") != folded)
+    fail("folding line by line differs from folding the whole");
   const bool utf8 = quarvel::isValidUtf8(text);
   bool untouched = utf8;
-  for (std::size_t at = 0; untouched && at < text.size();) {
-    const char32_t c = nextCodePoint(text, at);
-    untouched = c < 0x80 || quarvel::folding::leavesAlone(c);
+  for (std::int32_t at = 0; untouched && at < static_cast<std::int32_t>(text.size());) {
+    UChar32 c = 0;
+    U8_NEXT(text.data(), at, static_cast<std::int32_t>(text.size()), c);
+    untouched = c < 0x80 || quarvel::folding::leavesAlone(static_cast<char32_t>(c));
   }
   if (untouched && folded != text) fail("a character folding leaves alone was folded");
   if (text.size() <= 256 && utf8 && folded != quarvel::foldref::referenceFold(text))
