@@ -27,12 +27,6 @@ namespace fs = std::filesystem;
 using testing::readFile;
 using testing::writeBytes;
 
-std::string findNginx() {
-  for (const char* candidate : {"/usr/sbin/nginx", "/usr/local/sbin/nginx", "/usr/bin/nginx"})
-    if (::access(candidate, X_OK) == 0) return candidate;
-  return "";
-}
-
 // nginx as a daemon, with a configuration made of the documented server
 // block. It detaches only once it listens, so its start either serves or
 // fails (a port taken since it was picked: three tries); it stops through
@@ -78,7 +72,9 @@ using testing::kDataFileTargets;
 using testing::RecordingView;
 
 TEST(NginxUpdate, RunsBothVariantsAgainstTheDocumentedConfiguration) {
-  const std::string nginx = findNginx();
+  std::string nginx;
+  for (const char* candidate : {"/usr/bin/nginx", "/usr/local/sbin/nginx", "/usr/sbin/nginx"})
+    if (::access(candidate, X_OK) == 0) nginx = candidate;
   if (nginx.empty()) GTEST_SKIP() << "nginx is not installed";
 
   testing::SettingsSandbox sandbox;
