@@ -1,13 +1,11 @@
 #pragma once
 // The update run's faults as one table, shared by the fault suite and the
 // soak. A row arranges how the transfers, the disk or the signatures
-// misbehave and states what the run must end with: its outcome, which files
-// hold their new content, their old one or the page the fault served, and
-// what the view was shown. Whatever goes wrong, every data file stays whole
-// and nothing else is left in the library folder. A row runs in-process
-// (FaultNetwork answers in libcurl's place) or, for what only a real
-// transfer shows, against a loopback server giving the same answers; one
-// run at a time per process, each in its own settings sandbox:
+// misbehave and states the run's outcome and which files hold their new
+// content, their old one or the page the fault served; the view must agree,
+// every data file stays whole and nothing else is left in the library. A
+// row runs in-process (FaultNetwork answers in libcurl's place) or against a
+// loopback server giving the same answers, one run at a time per process:
 //
 //   std::string problems = runFaultRow(row, Transport::kInProcess).problems;
 
@@ -108,15 +106,12 @@ class FaultScene {
     }
     return HttpReply::text("Not Found", 404);
   }
-  int asked(const std::string& target) const {
-    std::lock_guard lock(mutex_);
-    return static_cast<int>(std::count(urls_.begin(), urls_.end(), target));
-  }
-  int asked(int file) const { return asked(kDataFileTargets[file].target); }
   std::vector<std::string> targets() const {
     std::lock_guard lock(mutex_);
     return urls_;
   }
+  int asked(const std::string& target) const { return int(std::ranges::count(targets(), target)); }
+  int asked(int file) const { return asked(kDataFileTargets[file].target); }
   std::string path(int file) const { return library + "/" + kDataFileTargets[file].name; }
 
   // Set up before the run: the lists' new content (readable lists of 8 KiB

@@ -54,7 +54,6 @@ struct NginxServer {
       writeBytes(work + "/nginx.conf", text + server + "}\n");
       running = std::system(command.c_str()) == 0;
     }
-    if (!running) error = readFile(work + "/logs/error.log");
   }
   ~NginxServer() {
     if (!running || std::system((command + " -s stop").c_str()) != 0) return;
@@ -65,7 +64,6 @@ struct NginxServer {
   std::string pidFile, command;
   bool running = false;
   int port = -1;
-  std::string error;
 };
 
 using testing::kDataFileTargets;
@@ -88,7 +86,7 @@ TEST(NginxUpdate, RunsBothVariantsAgainstTheDocumentedConfiguration) {
   fs::create_symlink(sandbox.root() + "/secret", root + "/link.dat");
 
   NginxServer server(nginx, sandbox.root() + "/nginx", root);
-  ASSERT_TRUE(server.running) << server.error;
+  ASSERT_TRUE(server.running) << readFile(sandbox.root() + "/nginx/logs/error.log");
   const std::string hostPort = "127.0.0.1:" + std::to_string(server.port);
 
   CVUserDefaults* settings = CVUserDefaults::standardUserDefaults();

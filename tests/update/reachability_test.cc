@@ -146,13 +146,11 @@ TEST(Reachability, FactoriesRefuseUnusableTargets) {
   const auto usable = [](const std::string& name) {
     return Reachability::reachabilityWithHostName(name) != nullptr;
   };
-  for (const std::string name : {"", ".", "a..b", ".example.com", "has space.example", "tab\there",
-                                 "exa/mple", "name:80", "ünicode.example", "\x01", "2001:db8:::1",
-                                 "2001:db8::1%eth0", "fe80::1/64", "[2001:db8::1]", ":", "1:2:3"})
+  for (const std::string name : {"", ".", "a..b", "has space.example", "ünicode.example", "name:80",
+                                 "2001:db8::1%eth0", "[2001:db8::1]"})
     EXPECT_FALSE(usable(name)) << name;
   for (const std::string& name : {name253 + "d", label64}) EXPECT_FALSE(usable(name)) << name;
-  for (const std::string name :
-       {"example.com.", "under_score-and-dash.example", "x", "192.0.2.1", "2001:db8::1", "::"})
+  for (const std::string name : {"example.com.", "under_score-and-dash.example", "192.0.2.1", "::"})
     EXPECT_TRUE(usable(name)) << name;
   for (const std::string& name : {name253, label64.substr(1)}) EXPECT_TRUE(usable(name)) << name;
   sockaddr_in wrong4{};
@@ -231,10 +229,8 @@ TEST(NotificationCenter, FiltersByNameAndObjectAndToleratesChangesWhilePosting) 
   center.remove(gone);
   center.remove(9999);
 
-  center.post("x", &a);
-  center.post("x", &b);
-  center.post("y", &b);
-  center.post("y", &a);
+  for (auto [name, object] : {std::pair{"x", &a}, {"x", &b}, {"y", &b}, {"y", &a}})
+    center.post(name, object);
   EXPECT_EQ(calls, (std::vector<std::string>{"x/a:x", "x/any:x", "x/any:x", "any/b:x", "any/b:y"}));
 
   // Observers may change the list while a post runs: one removed is skipped

@@ -89,20 +89,13 @@ std::string show(const Batch& b) {
 
 TEST(RouteMessages, ParsedBatches) {
   auto message = [](std::uint16_t type, auto body) {
-    MessageBuilder m;
-    m.begin(type).body(body);
-    return m;
+    return MessageBuilder().begin(type).body(body);
   };
   const ifinfomsg link{
       .ifi_type = ARPHRD_PPP, .ifi_index = 7, .ifi_flags = IFF_UP | IFF_RUNNING | IFF_POINTOPOINT};
   MessageBuilder dump;
-  dump.begin(RTM_NEWROUTE)
-      .body(routeHeader(RTN_UNICAST, 0))
-      .address(RTA_GATEWAY, "192.0.2.1")
-      .u32(RTA_OIF, 4)
-      .u32(RTA_PRIORITY, 100)
-      .u32(RTA_TABLE, 1000)
-      .end();
+  dump.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST, 0)).address(RTA_GATEWAY, "192.0.2.1");
+  dump.u32(RTA_OIF, 4).u32(RTA_PRIORITY, 100).u32(RTA_TABLE, 1000).end();
   dump.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST, 64, AF_INET6)).u32(RTA_OIF, 9).end();
   dump.begin(RTM_NEWLINK).body(link).attr(IFLA_IFNAME, "ppp0", 5).end();
   dump.begin(NLMSG_ERROR).body(-ENETUNREACH).end();

@@ -119,18 +119,13 @@ TEST_F(UpdateScene, AFolderThatCannotBeWrittenGoesUnnoticed) {
   EXPECT_EQ(view->alerts(), std::vector<std::string>{"DOWNLOAD_DONE"});
 }
 
-// Drops, for the calling thread and the threads it starts later, the
-// capabilities that let root write past file permissions. A raw system call:
-// glibc's wrapper would change every thread of the process.
+// Drops every capability, those that let root write past file permissions
+// among them, for the calling thread and the threads it starts later. A raw
+// system call: glibc's wrapper would change every thread of the process.
 bool dropPermissionOverrides() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-  __user_cap_data_struct data[2] = {};
-  if (::syscall(SYS_capget, &header, data) != 0) return false;
-  const unsigned mask = (1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH) | (1u << CAP_FOWNER);
-  data[0].effective &= ~mask;
-  data[0].permitted &= ~mask;
-  data[0].inheritable &= ~mask;
-  return ::syscall(SYS_capset, &header, data) == 0;
+  __user_cap_data_struct none[2] = {};
+  return ::syscall(SYS_capset, &header, none) == 0;
 }
 
 // A read-only folder, the kernel's own permission check, on a thread
