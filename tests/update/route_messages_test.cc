@@ -110,7 +110,11 @@ TEST(RouteMessages, ParsedBatches) {
     const std::size_t at = hops.bytes.size();
     hops.body(rtnexthop{.rtnh_ifindex = ifindex}).address(RTA_GATEWAY, gateway).endAt(at, 2);
   }
+  MessageBuilder multipath;
+  multipath.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST, 0));
+  multipath.attr(RTA_MULTIPATH, hops.bytes.data(), hops.bytes.size()).end();
   const ifaddrmsg addr{.ifa_family = AF_INET6, .ifa_prefixlen = 64};
+  const rtmsg ipmr = routeHeader(RTN_MULTICAST, 32, RTNL_FAMILY_IPMR);
   const auto v4Host = message(RTM_NEWROUTE, routeHeader(RTN_UNICAST)).u32(RTA_OIF, 3).end().bytes;
   const std::size_t attrAt = NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(rtmsg));
   auto damaged = [&](std::size_t at, std::uint8_t value) {
@@ -123,26 +127,15 @@ TEST(RouteMessages, ParsedBatches) {
       {"a dump", dump.bytes,
        "route 2/1/0 4 100 1000 via; route 10/1/64 9 0 254; link 7 ppp0 512; error 101; "
        "done changed "},
-      {"multipath",
-       message(RTM_NEWROUTE, routeHeader(RTN_UNICAST, 0))
-           .attr(RTA_MULTIPATH, hops.bytes.data(), hops.bytes.size())
-           .end()
-           .bytes,
-       "route 2/1/0 5 0 254 via; changed "},
+      {"multipath", multipath.bytes, "route 2/1/0 5 0 254 via; changed "},
       {"deleted route", message(RTM_DELROUTE, routeHeader(RTN_UNICAST, 0, AF_INET6)).end().bytes,
        "changed "},
       {"new address", message(RTM_NEWADDR, addr).address(IFA_ADDRESS, "2001:db8::2").end().bytes,
        "changed "},
-      {"other family",
-       message(RTM_NEWROUTE, routeHeader(RTN_MULTICAST, 32, RTNL_FAMILY_IPMR))
-           .u32(RTA_OIF, 2)
-           .end()
-           .bytes,
-       "changed "},
+      {"other family", message(RTM_NEWROUTE, ipmr).u32(RTA_OIF, 2).end().bytes, "changed "},
       // An attribute one byte past its message is as damaged as one far past it.
       {"far past", damaged(attrAt, 0xF0), "route 2/1/32 0 0 254; changed malformed"},
-      {"a byte past", damaged(attrAt, RTA_LENGTH(4) + 1),
-       "route 2/1/32 0 0 254; changed malformed"},
+      {"one past", damaged(attrAt, RTA_LENGTH(4) + 1), "route 2/1/32 0 0 254; changed malformed"},
       {"length smaller than a header", damaged(0, 8), "malformed"},
       {"error without its code", MessageBuilder().begin(NLMSG_ERROR).end().bytes, "malformed"},
   };
