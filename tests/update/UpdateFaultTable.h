@@ -1,13 +1,11 @@
 #pragma once
 // The update run's faults as one table, shared by the fault suite and the
 // soak. A row arranges how the transfers, the disk or the signatures
-// misbehave and states what the run must end with: its outcome, which files
-// hold their new content, their old one or the page the fault served, and
-// what the view was shown. Whatever goes wrong, every data file stays whole
-// and nothing else is left in the library folder. A row runs in-process
-// (FaultNetwork answers in libcurl's place) or, for what only a real
-// transfer shows, against a loopback server giving the same answers; one
-// run at a time per process, each in its own settings sandbox:
+// misbehave and states the run's outcome and which files hold their new
+// content, their old one or the page the fault served; the view must agree,
+// every data file stays whole and nothing else is left in the library. A
+// row runs in-process (FaultNetwork answers in libcurl's place) or against a
+// loopback server giving the same answers, one run at a time per process:
 //
 //   std::string problems = runFaultRow(row, Transport::kInProcess).problems;
 
@@ -17,7 +15,6 @@
 #include <cstdint>
 #include <deque>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -44,16 +41,14 @@ namespace quarvel::testing {
 using namespace std::chrono_literals;
 
 inline constexpr const char* kErrorPage = "<html><body><h1>404 Not Found</h1></body></html>\n";
-inline const std::string kStatusTexts[] = {
+inline const std::vector<std::string> kStatusTexts = {
     "체크리스트 DB를 업데이트 중입니다.", "패키지 DB를 업데이트 중입니다.",
     "필터 DB를 업데이트 중입니다.",       "유저 체크 리스트 DB를 업데이트 중입니다.",
     "폰트리스트 DB를 업데이트 중입니다.", UpdateRun::kDoneText,
 };
 inline const std::vector<double> kFullProgress = {2 / 6.0, 3 / 6.0, 4 / 6.0, 5 / 6.0, 1.0, 1.0};
 
-inline std::string oldContent(int file) {
-  return std::string("old ") + kDataFileTargets[file].name;
-}
+inline std::string oldContent(int f) { return std::string("old ") + kDataFileTargets[f].name; }
 inline std::string signatureTarget(int file) {
   return datafile::signatureUrl(kDataFileTargets[file].target);
 }
@@ -69,7 +64,7 @@ class FaultScene {
         keys(*signing::generateKeyPair()) {
     for (int file = 0; file < 5; ++file) {
       body[file] = readableDataFile(kListKinds[file], 8192);
-      std::ofstream(path(file), std::ios::binary) << oldContent(file);
+      writeBytes(path(file), oldContent(file));
     }
     options.listServer = options.fileServer = "http://lists.test";
     options.windowsPackageServer = options.listServer + "/file/keyfile60";
@@ -109,28 +104,23 @@ class FaultScene {
       if (target == signatureTarget(file))
         return HttpReply::text(signing::sign(keys.secretKey, body[file]));
     }
-    auto it = served.find(target);
-    return it == served.end() ? HttpReply::text("Not Found", 404) : HttpReply::text(it->second);
+    return HttpReply::text("Not Found", 404);
   }
-  int asked(const std::string& target) const {
-    std::lock_guard lock(mutex_);
-    return static_cast<int>(std::count(urls_.begin(), urls_.end(), target));
-  }
-  int asked(int file) const { return asked(kDataFileTargets[file].target); }
   std::vector<std::string> targets() const {
     std::lock_guard lock(mutex_);
     return urls_;
   }
+  int asked(const std::string& target) const { return int(std::ranges::count(targets(), target)); }
+  int asked(int file) const { return asked(kDataFileTargets[file].target); }
   std::string path(int file) const { return library + "/" + kDataFileTargets[file].name; }
 
   // Set up before the run: the lists' new content (readable lists of 8 KiB
-  // unless a row says otherwise), and the usual answers for targets outside
-  // the lists and their signatures (any other answers 404 "Not Found").
+  // unless a row says otherwise); targets outside the lists and their
+  // signatures answer 404 "Not Found" unless scripted.
   CVUserDefaults* settings;
   std::string library;
   signing::KeyPair keys;
   std::string body[5];
-  std::map<std::string, std::string> served;
   UpdateOptions options;
   std::optional<FaultyDisk::Fault> disk;
   std::size_t diskLimit = 16 * 1024;
@@ -191,12 +181,12 @@ enum class Where { kInProcess, kLoopback, kBoth };
 
 struct FaultRow {
   const char* name;  // a test name: letters and digits
-  void (*arrange)(FaultScene&);
   std::int64_t outcome;
   // Per file: 'n' its new content, 'o' its old one, 'p' the body of the
   // first answer scripted for it.
   const char* files;
-  Where where = Where::kInProcess;
+  Where where;
+  void (*arrange)(FaultScene&) = [](FaultScene&) {};
   int asked = 5;            // requests of the file a run fails at
   bool signatures = false;  // whether the run asks for signatures
 };
@@ -211,7 +201,6 @@ std::string listed(const std::vector<T>& values) {
 
 struct FaultRun {
   std::string problems;  // empty when the run ended as its row says
-  std::shared_ptr<RecordingView> view;
 };
 
 // Runs `row` in a fresh settings sandbox and compares the run with it.
@@ -232,24 +221,23 @@ inline FaultRun runFaultRow(const FaultRow& row, Transport transport) {
   }
   ScopedPlatform installed(platform);
 
-  FaultRun result{"", std::make_shared<RecordingView>()};
+  FaultRun result;
   auto fail = [&result](const std::string& what) { result.problems += "; " + what; };
-  auto run = UpdateRun::create(result.view, s.options);
+  auto view = std::make_shared<RecordingView>();
+  auto run = UpdateRun::create(view, s.options);
   s.run = run;
   if (run->cancel()) fail("a run not started was cancelled");
   run->start();
-  const auto bound = 5 * s.options.dataFileTimeout + 15s;
-  if (!run->waitUntilFinished(std::chrono::duration_cast<std::chrono::milliseconds>(bound)))
+  if (!run->waitUntilFinished(5 * s.options.dataFileTimeout + 15s))
     return fail("the run did not end in time"), result;
   server.reset();
   if (run->cancel()) fail("a run that had ended was cancelled");
 
   if (run->updateStatus() != row.outcome) fail("outcome " + std::to_string(run->updateStatus()));
   for (int file = 0; file < 5; ++file) {
-    const char want = row.files[file];
-    const std::string expected = want == 'n'   ? s.body[file]
-                                 : want == 'o' ? oldContent(file)
-                                               : s.first[kDataFileTargets[file].target];
+    const std::string expected = row.files[file] == 'n'   ? s.body[file]
+                                 : row.files[file] == 'o' ? oldContent(file)
+                                                          : s.first[kDataFileTargets[file].target];
     const std::string now = readFile(s.path(file));
     if (now != expected)
       fail(std::string(kDataFileTargets[file].name) + " holds \"" + now.substr(0, 24) + "\" (" +
@@ -258,25 +246,23 @@ inline FaultRun runFaultRow(const FaultRow& row, Transport transport) {
   const auto entries = std::distance(std::filesystem::directory_iterator(s.library), {});
   if (entries != 5) fail(std::to_string(entries) + " entries in the library");
 
-  const RecordingView& view = *result.view;
   const bool done = row.outcome == UpdateStatusDone, failed = row.outcome == UpdateStatusFailed;
   const int reached = static_cast<int>(std::string_view(row.files).find_first_not_of('n'));
-  if (listed(view.alerts()) != (done ? "{DOWNLOAD_DONE}" : failed ? "{DOWNLOAD_FAIL}" : "{}"))
-    fail("alerts " + listed(view.alerts()));
-  if (view.closes() != (row.outcome == UpdateStatusCancelled ? 0 : 1)) fail("closes");
+  if (listed(view->alerts()) != (done ? "{DOWNLOAD_DONE}" : failed ? "{DOWNLOAD_FAIL}" : "{}"))
+    fail("alerts " + listed(view->alerts()));
+  if (view->closes() != (row.outcome == UpdateStatusCancelled ? 0 : 1)) fail("closes");
   if ((s.settings->lastUpdateDate() == PlistValue::string("07")) != done)
     fail("the day of the update");
   const std::vector<double> progress(kFullProgress.begin(),
                                      kFullProgress.begin() + (done ? 6 : reached));
-  if (view.progress() != progress) fail("progress " + listed(view.progress()));
+  if (view->progress() != progress) fail("progress " + listed(view->progress()));
   if (done) {
     // Each attempt shows its file's text again.
-    std::vector<std::string> statuses = view.statuses();
+    std::vector<std::string> statuses = view->statuses();
     statuses.erase(std::unique(statuses.begin(), statuses.end()), statuses.end());
-    if (statuses != std::vector<std::string>(kStatusTexts, kStatusTexts + 6))
-      fail("statuses " + listed(statuses));
+    if (statuses != kStatusTexts) fail("statuses " + listed(statuses));
   } else {
-    if (failed && view.status() != kStatusTexts[reached]) fail("status " + view.status());
+    if (failed && view->status() != kStatusTexts[reached]) fail("status " + view->status());
     if (failed && s.asked(reached) != row.asked)
       fail(std::to_string(s.asked(reached)) + " requests of the failing file");
     for (int later = reached + 1; later < 5; ++later)
@@ -288,9 +274,8 @@ inline FaultRun runFaultRow(const FaultRow& row, Transport transport) {
   return result;
 }
 
-// The arrangements rows share: a key the run trusts, a ceiling on a body's
-// size, no transfer limit to speak of.
-inline void trustTheRunKey(FaultScene& s) { s.options.trustedKey = s.publicKey(); }
+// The arrangements rows share: a ceiling on a body's size, no transfer limit
+// to speak of.
 inline void capped(FaultScene& s, int file, const HttpReply& answer, std::size_t ceiling = 100000) {
   s.options.maxFileBytes = ceiling;
   s.script(file, answer);
@@ -305,6 +290,7 @@ constexpr std::int64_t kDone = UpdateStatusDone;
 constexpr std::int64_t kFailed = UpdateStatusFailed;
 using enum Where;
 using R = HttpReply;
+using Fault = FaultyDisk::Fault;
 
 // The third list, the filter list, is the usual faulty one: the two before
 // it show that what was replaced stays replaced, the two after it that the
@@ -312,94 +298,83 @@ using R = HttpReply;
 inline const FaultRow kFaultRows[] = {
     // The transfer: each fault clears on a later attempt; the fifth that
     // fails fails the run.
-    {"AllFilesArrive", [](FaultScene&) {}, kDone, "nnnnn", kBoth},
-    {"FaultsClearByTheFifthAttempt",
+    {"AllFilesArrive", kDone, "nnnnn", kBoth},
+    {"FaultsClearByTheFifthAttempt", kDone, "nnnnn", kBoth,
      [](FaultScene& s) {
        const std::string& b = s.body[0];
        for (const R& a : {R::resetAfter(b, 100), R::resetAfter(b, b.size() - 1),
                           R::stallAfter(b, 10), R::closeWithoutAnswer()})
          s.script(0, a, 1);
        s.script(3, R::trickle(s.body[3], 1024, 10ms), 1);  // slow, inside the time-out
-     },
-     kDone, "nnnnn", kBoth},
+     }},
     // The ceiling is a size a body may reach, not pass.
-    {"BodyAtTheCeiling", [](FaultScene& s) { capped(s, 0, R::text(std::string(100000, 'c'))); },
-     kDone, "pnnnn", kBoth},
-    {"BodyOneBytePastTheCeiling",
-     [](FaultScene& s) { capped(s, 0, R::text(std::string(100001, 'c'))); }, kFailed, "ooooo",
-     kBoth},
-    {"EndlessBodyEndsAtTheCeiling",
-     [](FaultScene& s) { capped(s, 2, R::flood(std::string(64 * 1024, 'z')), 1 << 20); }, kFailed,
-     "nnooo", kBoth},
+    {"BodyAtTheCeiling", kDone, "pnnnn", kBoth,
+     [](FaultScene& s) { capped(s, 0, R::text(std::string(100000, 'c'))); }},
+    {"BodyOneBytePastTheCeiling", kFailed, "ooooo", kBoth,
+     [](FaultScene& s) { capped(s, 0, R::text(std::string(100001, 'c'))); }},
+    {"EndlessBodyEndsAtTheCeiling", kFailed, "nnooo", kBoth,
+     [](FaultScene& s) { capped(s, 2, R::flood(std::string(64 * 1024, 'z')), 1 << 20); }},
     // A stall ends at the idle time-out, well inside the transfer limit; a
     // trickle still coming at the limit fails; one slower than the time-out
     // that never pauses for one completes.
-    {"StallEndsAtTheIdleTimeout",
-     [](FaultScene& s) { unlimited(s, 2, R::stallAfter(s.body[2], 4096)); }, kDone, "nnnnn",
-     kLoopback},
-    {"TrickleThatNeverEnds",
-     [](FaultScene& s) { s.script(2, R::trickle(std::string(1 << 20, 'x'), 64, 20ms)); }, kFailed,
-     "nnooo", kLoopback},
-    {"SteadyBodySlowerThanTheTimeout",
-     [](FaultScene& s) { unlimited(s, 3, R::trickle(s.body[3], 256, 50ms)); }, kDone, "nnnnn",
-     kLoopback},
+    {"StallEndsAtTheIdleTimeout", kDone, "nnnnn", kLoopback,
+     [](FaultScene& s) { unlimited(s, 2, R::stallAfter(s.body[2], 4096)); }},
+    {"TrickleThatNeverEnds", kFailed, "nnooo", kLoopback,
+     [](FaultScene& s) { s.script(2, R::trickle(std::string(1 << 20, 'x'), 64, 20ms)); }},
+    {"SteadyBodySlowerThanTheTimeout", kDone, "nnnnn", kLoopback,
+     [](FaultScene& s) { unlimited(s, 3, R::trickle(s.body[3], 256, 50ms)); }},
     // An error page is an answer like any other, an empty one included.
-    {"ErrorPagesAreWritten",
+    {"ErrorPagesAreWritten", kDone, "pnpnp", kBoth,
      [](FaultScene& s) {
        s.script(0, R::text("<h1>404 Not Found</h1>", 404), 1);
        s.script(2, R::text("<h1>500 Internal Server Error</h1>", 500), 1);
        s.script(4, R::text("", 500), 1);
-     },
-     kDone, "pnpnp", kBoth},
-    // Closing the window: the transfer under way lands, nothing after it.
-    {"CancelledDuringTheSecondFile", [](FaultScene& s) { s.cancelAt = kDataFileTargets[1].target; },
-     UpdateStatusCancelled, "nnooo", kBoth},
+     }},
+    // Closing the window: the transfer under way lands, nothing after it ...
+    {"CancelledDuringTheSecondFile", UpdateStatusCancelled, "nnooo", kBoth,
+     [](FaultScene& s) { s.cancelAt = kDataFileTargets[1].target; }},
     // ... and an attempt that fails is not tried again.
-    {"CancelledDuringAFailedAttempt",
+    {"CancelledDuringAFailedAttempt", UpdateStatusCancelled, "ooooo", kInProcess,
      [](FaultScene& s) {
        s.cancelAt = kDataFileTargets[0].target, s.script(0, R::closeWithoutAnswer());
-     },
-     UpdateStatusCancelled, "ooooo"},
+     }},
     // The disk: a failed write, flush or rename keeps the old file whole and
     // goes unnoticed by the run; a full disk keeps only the files too large
     // for it.
-    {"DiskFull",
+    {"DiskFull", kDone, "nonon", kInProcess,
      [](FaultScene& s) {
-       s.disk = FaultyDisk::Fault::kFull;
+       s.disk = Fault::kFull;
        for (int file : {1, 3}) s.body[file] = readableDataFile(kListKinds[file], 4 * s.diskLimit);
-     },
-     kDone, "nonon"},
-    {"FlushFails", [](FaultScene& s) { s.disk = FaultyDisk::Fault::kFlush; }, kDone, "ooooo"},
-    {"RenameFails", [](FaultScene& s) { s.disk = FaultyDisk::Fault::kRename; }, kDone, "ooooo"},
+     }},
+    {"FlushFails", kDone, "ooooo", kInProcess, [](FaultScene& s) { s.disk = Fault::kFlush; }},
+    {"RenameFails", kDone, "ooooo", kInProcess, [](FaultScene& s) { s.disk = Fault::kRename; }},
     // A trusted key, the run's or else the settings': a body replaces its
     // list only when the key verifies its signature and it reads as a list
     // of its kind, the first list's too.
-    {"NoSignatureFile",
+    {"NoSignatureFile", kFailed, "nnooo", kInProcess,
      [](FaultScene& s) {
-       trustTheRunKey(s);
+       s.options.trustedKey = s.publicKey();
        s.script(signatureTarget(2), R::text(kErrorPage, 404));
      },
-     kFailed, "nnooo", kInProcess, 5, true},
-    {"SignedErrorPageForTheFirstList",
+     5, true},
+    {"SignedErrorPageForTheFirstList", kFailed, "ooooo", kInProcess,
      [](FaultScene& s) {
-       trustTheRunKey(s);
+       s.options.trustedKey = s.publicKey();
        s.script(0, R::text(kErrorPage));
        s.script(signatureTarget(0), R::text(signing::sign(s.keys.secretKey, kErrorPage)));
      },
-     kFailed, "ooooo", kInProcess, 5, true},
-    {"KeyFromTheSettings",
-     [](FaultScene& s) { s.settings->setTrustedListKey(PlistValue::string(s.publicKey())); }, kDone,
-     "nnnnn", kInProcess, 5, true},
-    {"SettingThatIsNoKey",
-     [](FaultScene& s) { s.settings->setTrustedListKey(PlistValue::string("not a key")); }, kFailed,
-     "ooooo", kInProcess, 0},
+     5, true},
+    {"KeyFromTheSettings", kDone, "nnnnn", kInProcess,
+     [](FaultScene& s) { s.settings->setTrustedListKey(PlistValue::string(s.publicKey())); }, 5,
+     true},
+    {"SettingThatIsNoKey", kFailed, "ooooo", kInProcess,
+     [](FaultScene& s) { s.settings->setTrustedListKey(PlistValue::string("not a key")); }, 0},
     // Without a key, lists required readable: only a list of its kind.
-    {"ReadableOnlyRefusesNothing",
+    {"ReadableOnlyRefusesNothing", kFailed, "nnooo", kInProcess,
      [](FaultScene& s) {
        s.options.requireReadableLists = true;
        s.script(2, R::text(""));
-     },
-     kFailed, "nnooo"},
+     }},
 };
 
 }  // namespace quarvel::testing

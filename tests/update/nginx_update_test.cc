@@ -27,12 +27,6 @@ namespace fs = std::filesystem;
 using testing::readFile;
 using testing::writeBytes;
 
-std::string findNginx() {
-  for (const char* candidate : {"/usr/sbin/nginx", "/usr/local/sbin/nginx", "/usr/bin/nginx"})
-    if (::access(candidate, X_OK) == 0) return candidate;
-  return "";
-}
-
 // nginx as a daemon, with a configuration made of the documented server
 // block. It detaches only once it listens, so its start either serves or
 // fails (a port taken since it was picked: three tries); it stops through
@@ -60,7 +54,6 @@ struct NginxServer {
       writeBytes(work + "/nginx.conf", text + server + "}\n");
       running = std::system(command.c_str()) == 0;
     }
-    if (!running) error = readFile(work + "/logs/error.log");
   }
   ~NginxServer() {
     if (!running || std::system((command + " -s stop").c_str()) != 0) return;
@@ -71,14 +64,15 @@ struct NginxServer {
   std::string pidFile, command;
   bool running = false;
   int port = -1;
-  std::string error;
 };
 
 using testing::kDataFileTargets;
 using testing::RecordingView;
 
 TEST(NginxUpdate, RunsBothVariantsAgainstTheDocumentedConfiguration) {
-  const std::string nginx = findNginx();
+  std::string nginx;
+  for (const char* candidate : {"/usr/bin/nginx", "/usr/local/sbin/nginx", "/usr/sbin/nginx"})
+    if (::access(candidate, X_OK) == 0) nginx = candidate;
   if (nginx.empty()) GTEST_SKIP() << "nginx is not installed";
 
   testing::SettingsSandbox sandbox;
@@ -92,7 +86,7 @@ TEST(NginxUpdate, RunsBothVariantsAgainstTheDocumentedConfiguration) {
   fs::create_symlink(sandbox.root() + "/secret", root + "/link.dat");
 
   NginxServer server(nginx, sandbox.root() + "/nginx", root);
-  ASSERT_TRUE(server.running) << server.error;
+  ASSERT_TRUE(server.running) << readFile(sandbox.root() + "/nginx/logs/error.log");
   const std::string hostPort = "127.0.0.1:" + std::to_string(server.port);
 
   CVUserDefaults* settings = CVUserDefaults::standardUserDefaults();

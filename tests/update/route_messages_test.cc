@@ -10,12 +10,16 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "quarvel/Reachability.h"
+#include "support/FileText.h"
+#include "support/ScratchDir.h"
 #include "update/KernelRouteSource.h"
 #include "update/RouteMessages.h"
+
+// The kernel's structures are built with designated initializers, the rest zero.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
 namespace quarvel::netlink {
 namespace {
@@ -52,8 +56,9 @@ struct MessageBuilder {
     inet_pton(v6 ? AF_INET6 : AF_INET, text, a);
     return attr(type, a, v6 ? 16 : 4);
   }
-  // Writes the length of what came since begin() (or `at`) into its first `width` bytes.
-  MessageBuilder& end(std::size_t width = 4) { return endAt(start, width); }
+  // Writes the length of what came since begin() (or `at`) into its first
+  // four (or `width`) bytes.
+  MessageBuilder& end() { return endAt(start, 4); }
   MessageBuilder& endAt(std::size_t at, std::size_t width) {
     const auto len = static_cast<std::uint32_t>(bytes.size() - at);
     std::memcpy(bytes.data() + at, &len, width);
@@ -64,12 +69,8 @@ struct MessageBuilder {
 };
 
 rtmsg routeHeader(std::uint8_t type, std::uint8_t dstLen = 32, std::uint8_t family = AF_INET) {
-  rtmsg r{};
-  r.rtm_family = family;
-  r.rtm_type = type;
-  r.rtm_dst_len = dstLen;
-  r.rtm_table = RT_TABLE_MAIN;
-  return r;
+  return {
+      .rtm_family = family, .rtm_dst_len = dstLen, .rtm_table = RT_TABLE_MAIN, .rtm_type = type};
 }
 
 // A batch as text: each route as "route FAMILY/TYPE/DSTLEN oif metric table"
@@ -88,27 +89,17 @@ std::string show(const Batch& b) {
 
 TEST(RouteMessages, ParsedBatches) {
   auto message = [](std::uint16_t type, auto body) {
-    MessageBuilder m;
-    m.begin(type).body(body);
-    return m;
+    return MessageBuilder().begin(type).body(body);
   };
-  ifinfomsg link{};
-  link.ifi_index = 7;
-  link.ifi_flags = IFF_UP | IFF_RUNNING | IFF_POINTOPOINT;
-  link.ifi_type = ARPHRD_PPP;
-  int enetunreach = -ENETUNREACH, ack = 0;
+  const ifinfomsg link{
+      .ifi_type = ARPHRD_PPP, .ifi_index = 7, .ifi_flags = IFF_UP | IFF_RUNNING | IFF_POINTOPOINT};
   MessageBuilder dump;
-  dump.begin(RTM_NEWROUTE)
-      .body(routeHeader(RTN_UNICAST, 0))
-      .address(RTA_GATEWAY, "192.0.2.1")
-      .u32(RTA_OIF, 4)
-      .u32(RTA_PRIORITY, 100)
-      .u32(RTA_TABLE, 1000)
-      .end();
+  dump.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST, 0)).address(RTA_GATEWAY, "192.0.2.1");
+  dump.u32(RTA_OIF, 4).u32(RTA_PRIORITY, 100).u32(RTA_TABLE, 1000).end();
   dump.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST, 64, AF_INET6)).u32(RTA_OIF, 9).end();
   dump.begin(RTM_NEWLINK).body(link).attr(IFLA_IFNAME, "ppp0", 5).end();
-  dump.begin(NLMSG_ERROR).body(enetunreach).end();
-  dump.begin(NLMSG_ERROR).body(ack).end();
+  dump.begin(NLMSG_ERROR).body(-ENETUNREACH).end();
+  dump.begin(NLMSG_ERROR).body(0).end();
   dump.begin(0x7777).body(std::uint32_t{1}).end();
   dump.begin(NLMSG_DONE).body(std::uint32_t{0}).end();
 
@@ -116,93 +107,71 @@ TEST(RouteMessages, ParsedBatches) {
   // attributes, per hop; the first hop counts.
   MessageBuilder hops;
   for (auto [ifindex, gateway] : {std::pair{5, "198.51.100.1"}, {6, "198.51.100.2"}}) {
-    rtnexthop hop{};
-    hop.rtnh_ifindex = ifindex;
     const std::size_t at = hops.bytes.size();
-    hops.body(hop).address(RTA_GATEWAY, gateway).endAt(at, 2);
+    hops.body(rtnexthop{.rtnh_ifindex = ifindex}).address(RTA_GATEWAY, gateway).endAt(at, 2);
   }
-  ifaddrmsg addr{};
-  addr.ifa_family = AF_INET6;
-  addr.ifa_prefixlen = 64;
-  MessageBuilder v4Host;
-  v4Host.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST)).u32(RTA_OIF, 3).end();
+  MessageBuilder multipath;
+  multipath.begin(RTM_NEWROUTE).body(routeHeader(RTN_UNICAST, 0));
+  multipath.attr(RTA_MULTIPATH, hops.bytes.data(), hops.bytes.size()).end();
+  const ifaddrmsg addr{.ifa_family = AF_INET6, .ifa_prefixlen = 64};
+  const rtmsg ipmr = routeHeader(RTN_MULTICAST, 32, RTNL_FAMILY_IPMR);
+  const auto v4Host = message(RTM_NEWROUTE, routeHeader(RTN_UNICAST)).u32(RTA_OIF, 3).end().bytes;
+  const std::size_t attrAt = NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(rtmsg));
   auto damaged = [&](std::size_t at, std::uint8_t value) {
-    auto bytes = v4Host.bytes;
+    auto bytes = v4Host;
     bytes[at] = value;
     return bytes;
   };
-  struct Case {
-    const char* what;
-    std::vector<std::uint8_t> bytes;
-    const char* batch;
-  } const cases[] = {
+  // (what, the bytes, the batch they parse to)
+  const std::tuple<const char*, std::vector<std::uint8_t>, const char*> cases[] = {
       {"a dump", dump.bytes,
        "route 2/1/0 4 100 1000 via; route 10/1/64 9 0 254; link 7 ppp0 512; error 101; "
        "done changed "},
-      {"multipath",
-       message(RTM_NEWROUTE, routeHeader(RTN_UNICAST, 0))
-           .attr(RTA_MULTIPATH, hops.bytes.data(), hops.bytes.size())
-           .end()
-           .bytes,
-       "route 2/1/0 5 0 254 via; changed "},
+      {"multipath", multipath.bytes, "route 2/1/0 5 0 254 via; changed "},
       {"deleted route", message(RTM_DELROUTE, routeHeader(RTN_UNICAST, 0, AF_INET6)).end().bytes,
        "changed "},
       {"new address", message(RTM_NEWADDR, addr).address(IFA_ADDRESS, "2001:db8::2").end().bytes,
        "changed "},
-      {"other family",
-       message(RTM_NEWROUTE, routeHeader(RTN_MULTICAST, 32, RTNL_FAMILY_IPMR))
-           .u32(RTA_OIF, 2)
-           .end()
-           .bytes,
-       "changed "},
-      {"attribute past the message", damaged(NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(rtmsg)), 0xF0),
-       "route 2/1/32 0 0 254; changed malformed"},
+      {"other family", message(RTM_NEWROUTE, ipmr).u32(RTA_OIF, 2).end().bytes, "changed "},
+      // An attribute one byte past its message is as damaged as one far past it.
+      {"far past", damaged(attrAt, 0xF0), "route 2/1/32 0 0 254; changed malformed"},
+      {"one past", damaged(attrAt, RTA_LENGTH(4) + 1), "route 2/1/32 0 0 254; changed malformed"},
       {"length smaller than a header", damaged(0, 8), "malformed"},
       {"error without its code", MessageBuilder().begin(NLMSG_ERROR).end().bytes, "malformed"},
   };
-  for (const auto& c : cases) EXPECT_EQ(show(parseBatch(c.bytes)), c.batch) << c.what;
-  // An attribute one byte longer than what is left is as damaged as one far past it.
-  EXPECT_TRUE(
-      parseBatch(damaged(NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(rtmsg)), RTA_LENGTH(4) + 1)).malformed);
+  for (const auto& [what, bytes, batch] : cases) EXPECT_EQ(show(parseBatch(bytes)), batch) << what;
 
   // Every truncation: parsing stays inside the span (ASan watches) and a
   // cut message is never taken for a whole one.
-  const auto& good = v4Host.bytes;
-  for (std::size_t n = 0; n < good.size(); ++n) {
-    Batch b = parseBatch(std::span(good).first(n));
+  for (std::size_t n = 0; n < v4Host.size(); ++n) {
+    Batch b = parseBatch(std::span(v4Host).first(n));
     EXPECT_TRUE(b.routes.empty() || b.malformed) << n;
     EXPECT_EQ(b.malformed, n > 0) << n;
   }
 }
 
 TEST(RouteMessages, DefaultRoutesOfBothFamilies) {
-  // The metric names the route (as its oif) in the expectations below.
-  auto route = [](std::uint8_t f, std::uint8_t t, std::uint8_t len, std::uint32_t metric,
+  // A unicast route in the main table unless said otherwise; the metric
+  // names the route (as its oif) in the expectations below.
+  auto route = [](std::uint8_t f, std::uint8_t len, std::uint32_t m, std::uint8_t t = RTN_UNICAST,
                   std::uint32_t table = RT_TABLE_MAIN) {
     return RouteEntry{
-        .family = f, .type = t, .dstLen = len, .table = table, .oif = metric, .priority = metric};
+        .family = f, .type = t, .dstLen = len, .table = table, .oif = m, .priority = m};
   };
-  struct Case {
-    const char* what;
-    std::vector<RouteEntry> routes;
-    std::vector<std::uint32_t> expected;  // oif of each default route, in order
-  } cases[] = {
-      {"IPv6 only",
-       {route(AF_INET6, RTN_UNICAST, 64, 256), route(AF_INET6, RTN_UNICAST, 0, 1024)},
-       {1024}},
-      {"IPv4 before IPv6 whatever the metrics",
-       {route(AF_INET6, RTN_UNICAST, 0, 5), route(AF_INET, RTN_UNICAST, 0, 600),
-        route(AF_INET, RTN_UNICAST, 0, 100)},
-       {100, 600, 5}},
+  constexpr std::uint8_t v4 = AF_INET, v6 = AF_INET6;
+  // (what, the routes, the oif of each default route in order)
+  const std::tuple<const char*, std::vector<RouteEntry>, std::vector<std::uint32_t>> cases[] = {
+      {"IPv6 only", {route(v6, 64, 256), route(v6, 0, 1024)}, {1024}},
+      {"IPv4 first", {route(v6, 0, 5), route(v4, 0, 600), route(v4, 0, 100)}, {100, 600, 5}},
       {"not usable as a default",
-       {route(AF_INET6, RTN_UNREACHABLE, 0, 7), route(AF_INET6, RTN_UNICAST, 0, 8, RT_TABLE_LOCAL),
-        route(AF_INET6, RTN_MULTICAST, 0, 9)},
+       {route(v6, 0, 7, RTN_UNREACHABLE), route(v6, 0, 8, RTN_UNICAST, RT_TABLE_LOCAL),
+        route(v6, 0, 9, RTN_MULTICAST)},
        {}},
   };
-  for (const auto& c : cases) {
+  for (const auto& [what, routes, expected] : cases) {
     std::vector<std::uint32_t> got;
-    for (const auto& r : defaultRoutes(c.routes)) got.push_back(r.oif);
-    EXPECT_EQ(got, c.expected) << c.what;
+    for (const auto& r : defaultRoutes(routes)) got.push_back(r.oif);
+    EXPECT_EQ(got, expected) << what;
   }
 }
 
@@ -214,12 +183,8 @@ TEST(RouteMessages, FlagsForRoute) {
   constexpr std::uint32_t R = kReachabilityFlagReachable, d = kReachabilityFlagIsDirect,
                           l = kReachabilityFlagIsLocalAddress,
                           t = kReachabilityFlagTransientConnection, W = kReachabilityFlagIsWWAN;
-  struct Case {
-    const char* what;
-    RouteEntry route;
-    std::optional<LinkTraits> link;
-    std::uint32_t flags;
-  } cases[] = {
+  // (what, the route, its link, the flags)
+  const std::tuple<const char*, RouteEntry, std::optional<LinkTraits>, std::uint32_t> cases[] = {
       {"through a gateway", route(RTN_UNICAST, true), up, R},
       {"own address", route(RTN_LOCAL, false), up, R | d | l},
       {"point-to-point", route(RTN_UNICAST, false), LinkTraits{.up = true, .pointToPoint = true},
@@ -230,34 +195,32 @@ TEST(RouteMessages, FlagsForRoute) {
       {"route marked linkdown", route(RTN_UNICAST, true, RTNH_F_LINKDOWN), up, 0},
       {"unreachable", route(RTN_UNREACHABLE, false), up, 0},
   };
-  for (const auto& c : cases) EXPECT_EQ(flagsForRoute(c.route, c.link), c.flags) << c.what;
+  for (const auto& [what, entry, link, flags] : cases)
+    EXPECT_EQ(flagsForRoute(entry, link), flags) << what;
 }
 
+// Cellular: a wwan device, or a PPP link while a modem (wwan device or class) is present.
 TEST(KernelRouteSource, CellularLinkFromSysfs) {
-  fs::path root = fs::path(::testing::TempDir()) / ("sysfs-" + std::to_string(getpid()));
-  fs::remove_all(root);
-  auto device = [&](const std::string& name, const std::string& uevent) {
-    fs::create_directories(root / "class/net" / name);
-    std::ofstream(root / "class/net" / name / "uevent") << uevent;
+  testing::ScratchDir sys;
+  auto device = [&](const std::string& at, const std::string& uevent = "") {
+    fs::create_directories(sys / at);
+    if (!uevent.empty()) testing::writeBytes(sys / at + "/uevent", uevent);
   };
-  device("eth0", "INTERFACE=eth0\nIFINDEX=2\n");
-  device("wlan0", "DEVTYPE=wlan\nINTERFACE=wlan0\n");
-  device("ppp0", "INTERFACE=ppp0\n");
-  auto cellular = [sys = root.string()](const char* name, unsigned short type) {
-    return KernelRouteSource::isCellularLink(sys, name, type);
+  auto cellular = [&](const char* name, unsigned short type) {
+    return KernelRouteSource::isCellularLink(sys.path(), name, type);
   };
+  device("class/net/eth0", "INTERFACE=eth0\nIFINDEX=2\n");
+  device("class/net/wlan0", "DEVTYPE=wlan\nINTERFACE=wlan0\n");
+  device("class/net/ppp0", "INTERFACE=ppp0\n");
   for (const char* name : {"eth0", "wlan0", "missing", "../net/eth0"})
     EXPECT_FALSE(cellular(name, ARPHRD_ETHER)) << name;
-  EXPECT_FALSE(cellular("ppp0", ARPHRD_PPP)) << "no modem on this machine";
-
-  device("wwan0", "DEVTYPE=wwan\nINTERFACE=wwan0\n");
+  EXPECT_FALSE(cellular("ppp0", ARPHRD_PPP));
+  device("class/net/wwan0", "DEVTYPE=wwan\nINTERFACE=wwan0\n");
   EXPECT_TRUE(cellular("wwan0", ARPHRD_NONE));
-  EXPECT_TRUE(cellular("ppp0", ARPHRD_PPP)) << "a modem is present";
-
-  fs::remove_all(root / "class/net/wwan0");
-  fs::create_directories(root / "class/wwan/wwan0");
-  EXPECT_TRUE(cellular("ppp0", ARPHRD_PPP)) << "a WWAN-class modem";
-  fs::remove_all(root);
+  EXPECT_TRUE(cellular("ppp0", ARPHRD_PPP));
+  fs::remove_all(sys / "class/net/wwan0");
+  device("class/wwan/wwan0");
+  EXPECT_TRUE(cellular("ppp0", ARPHRD_PPP));
 }
 
 }  // namespace

@@ -34,7 +34,6 @@ class TerminalUpdateTest : public ::testing::Test {
     // The internet-connection monitor answers reachable through a gateway.
     fakeRoutes->setFlags("0.0.0.0", 0x2);
     CVUserDefaults::standardUserDefaults();
-    for (int i = 0; i < 5; ++i) server.serve(target(i), list(i));
     request.server = "127.0.0.1:" + std::to_string(server.port());
     request.options.pacing = 1ms;
     request.options.dataFileTimeout = 5s;
@@ -62,49 +61,46 @@ TEST_F(TerminalUpdateTest, ReportsEachOutcomeWithItsExitStatus) {
   const std::string failed = "Quarvel: DB 업데이트 도중 오류가 발생하였습니다.";
   struct Case {
     const char* name;
-    std::function<void(TerminalUpdateRequest&)> arrange;
     int exit;
     std::vector<std::string> said;
+    std::function<void(TerminalUpdateRequest&)> arrange;
   };
   const Case cases[] = {
       // Each file's byte count appears with the step that ends it (one line
       // per step when not redrawing); a new file starts from nothing.
       {"done",
-       [this](auto&) {
-         server.serve(target(0), list(0, 3 << 20));
-         server.serve(target(1), list(1, 1536));
-         server.serve(target(2), list(2, 1024));
-       },
        kUpdateExitDone,
        {"인터넷 연결상태를 확인 중입니다.",
         "[##########--------------------]  33%  체크리스트 DB를 업데이트 중입니다.  3.0 MiB\n",
         "[###############---------------]  50%  패키지 DB를 업데이트 중입니다.  1.5 KiB\n",
         "[###############---------------]  50%  필터 DB를 업데이트 중입니다.\n",
         "[####################----------]  67%  필터 DB를 업데이트 중입니다.  1.0 KiB\n",
-        "Quarvel: 업데이트가 완료되었습니다."}},
+        "Quarvel: 업데이트가 완료되었습니다."},
+       [this](auto&) {
+         server.serve(target(0), list(0, 3 << 20));
+         server.serve(target(1), list(1, 1536));
+         server.serve(target(2), list(2, 1024));
+       }},
       {"an error page for a list",
-       [this](auto&) { server.serve(target(2), "<html><body>404 Not Found</body></html>"); },
        kUpdateExitFailed,
-       {failed}},
+       {failed},
+       [this](auto&) { server.serve(target(2), "<html><body>404 Not Found</body></html>"); }},
       {"no route to the internet",
-       [this](auto&) { fakeRoutes->setFlags("0.0.0.0", 0u); },
        kUpdateExitNoNetwork,
-       {"인터넷 연결 오류\n인터넷 연결 상태를 확인해 주세요.\n※체크리스트를"}},
+       {"인터넷 연결 오류\n인터넷 연결 상태를 확인해 주세요.\n※체크리스트를"},
+       [this](auto&) { fakeRoutes->setFlags("0.0.0.0", 0u); }},
       {"--web with no in-house address",
-       [](auto& r) {
-         r.web = true;
-         r.server.reset();
-       },
        kUpdateExitFailed,
-       {failed}},
+       {failed},
+       [](auto& r) { r.web = true, r.server.reset(); }},
       // Last: the held transfer holds every connection after it.
       {"interrupted",
+       kUpdateExitCancelled,
+       {"업데이트가 취소되었습니다."},
        [this](auto& r) {
          server.hold(target(1));
          r.interrupted = [this] { return server.count(target(1)) > 0; };
-       },
-       kUpdateExitCancelled,
-       {"업데이트가 취소되었습니다."}},
+       }},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -158,11 +154,7 @@ TEST_F(TerminalUpdateTest, TakesOnlyWhatTheKeySigned) {
 }
 
 TEST(WindowDisplayProblem, TellsWhetherQtCanStartAPlatform) {
-  struct Case {
-    std::map<std::string, std::string> env;
-    bool usable;
-  };
-  const Case cases[] = {
+  const std::pair<std::map<std::string, std::string>, bool> cases[] = {
       {{}, false},
       {{{"DISPLAY", ""}}, false},
       {{{"DISPLAY", ":0"}}, true},
@@ -173,12 +165,12 @@ TEST(WindowDisplayProblem, TellsWhetherQtCanStartAPlatform) {
       {{{"QT_QPA_PLATFORM", "wayland;xcb"}, {"DISPLAY", ":1"}}, true},
       {{{"QT_QPA_PLATFORM", ""}, {"DISPLAY", ":0"}}, true},  // empty is unset
   };
-  for (const Case& c : cases) {
-    auto problem = windowDisplayProblem([&c](const char* name) -> const char* {
-      auto it = c.env.find(name);
-      return it == c.env.end() ? nullptr : it->second.c_str();
+  for (const auto& [env, usable] : cases) {
+    auto problem = windowDisplayProblem([&env](const char* name) -> const char* {
+      auto it = env.find(name);
+      return it == env.end() ? nullptr : it->second.c_str();
     });
-    EXPECT_EQ(!problem, c.usable) << ::testing::PrintToString(c.env) << problem.value_or("");
+    EXPECT_EQ(!problem, usable) << ::testing::PrintToString(env) << problem.value_or("");
   }
 }
 

@@ -41,11 +41,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, UpdateFaults, ::testing::ValuesIn(everyCase()),
 // A scene answering in-process, for the tests that drive the run themselves.
 class UpdateScene : public ::testing::Test {
  protected:
-  std::shared_ptr<UpdateRun> makeRun(bool web = false) {
-    auto run = UpdateRun::create(view, scene.options);
-    run->setIsWebQuarvel(web);
-    return run;
-  }
+  std::shared_ptr<UpdateRun> makeRun() { return UpdateRun::create(view, scene.options); }
   std::int64_t runToEnd(const std::shared_ptr<UpdateRun>& run) {
     run->start();
     EXPECT_TRUE(run->waitUntilFinished(30s));
@@ -63,12 +59,8 @@ class UpdateScene : public ::testing::Test {
 // mode 0644, quiet for a while) go with the next run; look-alikes stay.
 TEST_F(UpdateScene, TheNextRunRemovesWhatAKilledEarlierRunLeft) {
   const std::string check = ".macchecklist.dat.";
-  const struct {
-    std::string name;
-    mode_t mode;  // 0 for a folder
-    bool old;     // untouched for an hour
-    bool removed;
-  } cases[] = {
+  // (name, mode or 0 for a folder, untouched for an hour, removed)
+  const std::tuple<std::string, mode_t, bool, bool> cases[] = {
       {check + "A1b2C3", 0644, true, true},
       {".fontchecklist.dat.Zq9xW0", 0644, true, true},  // the user list's prefix is as long
       {check + "backup", 0644, true, false},            // a word, not mkstemp's
@@ -78,15 +70,15 @@ TEST_F(UpdateScene, TheNextRunRemovesWhatAKilledEarlierRunLeft) {
       {check + "A1b2C5", 0644, false, false},           // an old run may still be on it
       {check + "A1b2C7", 0, true, false},
   };
-  for (const auto& c : cases) {
-    const std::string where = scene.library + "/" + c.name;
-    c.mode ? void(std::ofstream(where) << "left") : void(fs::create_directory(where));
-    ASSERT_EQ(::chmod(where.c_str(), c.mode ? c.mode : 0755), 0) << c.name;
-    if (c.old) fs::last_write_time(where, fs::file_time_type::clock::now() - std::chrono::hours(1));
+  for (const auto& [name, mode, old, removed] : cases) {
+    const std::string where = scene.library + "/" + name;
+    mode ? void(writeBytes(where, "left")) : void(fs::create_directory(where));
+    ASSERT_EQ(::chmod(where.c_str(), mode ? mode : 0755), 0) << name;
+    if (old) fs::last_write_time(where, fs::file_time_type::clock::now() - std::chrono::hours(1));
   }
   EXPECT_EQ(runToEnd(makeRun()), UpdateStatusDone);
-  for (const auto& c : cases)
-    EXPECT_EQ(fs::exists(scene.library + "/" + c.name), !c.removed) << c.name;
+  for (const auto& [name, mode, old, removed] : cases)
+    EXPECT_EQ(fs::exists(scene.library + "/" + name), !removed) << name;
 }
 
 // The public variant logs each list with its address, and the version file
@@ -101,7 +93,7 @@ TEST_F(UpdateScene, EachFileGoesToItsServerWithItsStatus) {
     EXPECT_TRUE(log.contains(line + "http://lists.test/quarvel/download/list/")) << line;
 
   const std::string query = "/cmmn/download.nis?type=file&filename=";
-  scene.served[query + "ver.dat"] = "version 42";
+  scene.script(query + "ver.dat", HttpReply::text("version 42"), 1);
   const std::tuple<std::int64_t, const char*, const char*, double> cases[] = {
       {0, "버전 체크 중입니다.", "ver.dat", 1 / 6.0}, {6, "", "", 7 / 6.0}, {-1, "", "", 0.0}};
   for (const auto& [index, status, target, progress] : cases) {
@@ -127,18 +119,13 @@ TEST_F(UpdateScene, AFolderThatCannotBeWrittenGoesUnnoticed) {
   EXPECT_EQ(view->alerts(), std::vector<std::string>{"DOWNLOAD_DONE"});
 }
 
-// Drops, for the calling thread and the threads it starts later, the
-// capabilities that let root write past file permissions. A raw system call:
-// glibc's wrapper would change every thread of the process.
+// Drops every capability, those that let root write past file permissions
+// among them, for the calling thread and the threads it starts later. A raw
+// system call: glibc's wrapper would change every thread of the process.
 bool dropPermissionOverrides() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-  __user_cap_data_struct data[2] = {};
-  if (::syscall(SYS_capget, &header, data) != 0) return false;
-  const unsigned mask = (1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH) | (1u << CAP_FOWNER);
-  data[0].effective &= ~mask;
-  data[0].permitted &= ~mask;
-  data[0].inheritable &= ~mask;
-  return ::syscall(SYS_capset, &header, data) == 0;
+  __user_cap_data_struct none[2] = {};
+  return ::syscall(SYS_capset, &header, none) == 0;
 }
 
 // A read-only folder, the kernel's own permission check, on a thread
