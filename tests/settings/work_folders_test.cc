@@ -34,10 +34,7 @@ class FakeHostEnvironment : public HostEnvironment {
   std::optional<VolumeFacts> facts_;
 };
 
-VolumeFacts facts(bool removable, bool writable, bool unmountable, std::optional<std::string> type,
-                  bool isVolumeRoot = false) {
-  return VolumeFacts{removable, writable, unmountable, std::move(type), isVolumeRoot};
-}
+using F = VolumeFacts;  // removable, writable, unmountable, type, isVolumeRoot
 
 TEST(WorkFoldersTest, PortableRule) {
   struct Case {
@@ -45,13 +42,13 @@ TEST(WorkFoldersTest, PortableRule) {
     std::optional<VolumeFacts> facts;
     bool portable;
   } cases[] = {
-      {"network share, not removable", facts(false, true, true, "smbfs"), true},
-      {"AFP share", facts(false, true, true, "afpfs"), true},
-      {"removable local disk", facts(true, true, true, "vfat"), true},
-      {"removable but read-only", facts(true, false, true, "vfat"), false},
-      {"removable but the root file system", facts(true, true, false, "ext4"), false},
-      {"share spelt in capitals", facts(false, true, true, "SMBFS"), false},
-      {"no type", facts(false, true, true, std::nullopt), false},
+      {"network share, not removable", F{false, true, true, "smbfs"}, true},
+      {"AFP share", F{false, true, true, "afpfs"}, true},
+      {"removable local disk", F{true, true, true, "vfat"}, true},
+      {"removable but read-only", F{true, false, true, "vfat"}, false},
+      {"removable but the root file system", F{true, true, false, "ext4"}, false},
+      {"share spelt in capitals", F{false, true, true, "SMBFS"}, false},
+      {"no type", F{false, true, true, std::nullopt}, false},
       {"query failed", std::nullopt, false},
   };
   for (const Case& c : cases) EXPECT_EQ(isPortableVolume(c.facts), c.portable) << c.why;
@@ -67,16 +64,16 @@ TEST(WorkFoldersTest, StartUpPlacesFoldersByVolume) {
     bool isLite;
     std::string base;  // relative to the sandbox root
   } cases[] = {
-      {"share, hidden name", facts(false, true, true, "smbfs"), false, "/volume/.Quarvel"},
-      {"removable disk, visible name", facts(true, true, true, "exfat"), true, "/volume/Quarvel"},
+      {"share, hidden name", F{false, true, true, "smbfs"}, false, "/volume/.Quarvel"},
+      {"removable disk, visible name", F{true, true, true, "exfat"}, true, "/volume/Quarvel"},
       // The program's folder is the share itself: its parent is another disk.
-      {"program at the root of a share", facts(false, true, true, "smbfs", true), false,
+      {"program at the root of a share", F{false, true, true, "smbfs", true}, false,
        "/volume/QuarvelApp/.Quarvel"},
-      {"program at the root of a removable disk", facts(true, true, true, "vfat", true), true,
+      {"program at the root of a removable disk", F{true, true, true, "vfat", true}, true,
        "/volume/QuarvelApp/Quarvel"},
-      {"start-up disk mounted at the program's folder", facts(false, true, false, "ext4", true),
-       false, "/home/Documents/.Quarvel"},
-      {"start-up disk, visible name", facts(false, true, false, "ext4"), true,
+      {"start-up disk mounted at the program's folder", F{false, true, false, "ext4", true}, false,
+       "/home/Documents/.Quarvel"},
+      {"start-up disk, visible name", F{false, true, false, "ext4"}, true,
        "/home/Documents/Quarvel"},
   };
   for (const Case& c : cases) {
@@ -103,12 +100,12 @@ TEST(WorkFoldersTest, LibraryPathFollowsTheVolumeDuringARun) {
   testing::SettingsSandbox sandbox;
   const std::string& root = sandbox.root();
   testing::TestPlatform platform;
-  platform->host = std::make_shared<FakeHostEnvironment>(root, facts(true, true, true, "vfat"));
+  platform->host = std::make_shared<FakeHostEnvironment>(root, F{true, true, true, "vfat"});
   CVUserDefaults* defaults = CVUserDefaults::standardUserDefaults();
   EXPECT_EQ(defaults->libraryPath(), root + "/volume/.Quarvel");
 
   // The disk turns read-only: data files move home; the base path stays.
-  platform->host = std::make_shared<FakeHostEnvironment>(root, facts(true, false, true, "vfat"));
+  platform->host = std::make_shared<FakeHostEnvironment>(root, F{true, false, true, "vfat"});
   EXPECT_EQ(defaults->libraryPath(), root + "/data/Quarvel");
   EXPECT_EQ(defaults->verFilePath(), root + "/data/Quarvel/ver.dat");
   EXPECT_EQ(defaults->defaultPath(), root + "/volume/.Quarvel");
