@@ -56,7 +56,8 @@ TEST(WorkFoldersTest, PortableRule) {
 
 // The whole start-up against each kind of volume: where the work folder,
 // the library folder and a data file end up. A portable run keeps its
-// library in its work folder, any other in the user's Library folder.
+// library in its work folder, any other in the user's Library folder, and
+// so does a run whose volume turns read-only.
 TEST(WorkFoldersTest, StartUpPlacesFoldersByVolume) {
   struct Case {
     const char* why;
@@ -93,22 +94,15 @@ TEST(WorkFoldersTest, StartUpPlacesFoldersByVolume) {
       EXPECT_TRUE(fs::is_directory(root + c.base + "/CheckOut/" + folder)) << folder;
     // The user Library folder is made in every run, portable or not.
     EXPECT_TRUE(fs::is_directory(root + "/data/Quarvel"));
+
+    // The volume turns read-only: data files move home; the base path stays.
+    F readOnly = *c.facts;
+    readOnly.writable = false;
+    platform->host = std::make_shared<FakeHostEnvironment>(root, readOnly);
+    EXPECT_EQ(defaults->libraryPath(), root + "/data/Quarvel");
+    EXPECT_EQ(defaults->verFilePath(), root + "/data/Quarvel/ver.dat");
+    EXPECT_EQ(defaults->defaultPath(), root + c.base);
   }
-}
-
-TEST(WorkFoldersTest, LibraryPathFollowsTheVolumeDuringARun) {
-  testing::SettingsSandbox sandbox;
-  const std::string& root = sandbox.root();
-  testing::TestPlatform platform;
-  platform->host = std::make_shared<FakeHostEnvironment>(root, F{true, true, true, "vfat"});
-  CVUserDefaults* defaults = CVUserDefaults::standardUserDefaults();
-  EXPECT_EQ(defaults->libraryPath(), root + "/volume/.Quarvel");
-
-  // The disk turns read-only: data files move home; the base path stays.
-  platform->host = std::make_shared<FakeHostEnvironment>(root, F{true, false, true, "vfat"});
-  EXPECT_EQ(defaults->libraryPath(), root + "/data/Quarvel");
-  EXPECT_EQ(defaults->verFilePath(), root + "/data/Quarvel/ver.dat");
-  EXPECT_EQ(defaults->defaultPath(), root + "/volume/.Quarvel");
 }
 
 }  // namespace
