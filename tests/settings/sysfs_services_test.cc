@@ -57,23 +57,20 @@ struct SysfsFixture {
 constexpr const char* kRouteHeader =
     "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
 
-// A laptop with a docking station: loopback, wired and wireless adapters, two
+// A laptop with a docking station: loopback, wired and wireless adapters, three
 // USB adapters, a bridge with a container's veth on it, a container link, a
-// VPN, a bond and an ifb queue device.
+// VPN, a bond, an ifb queue device and a WWAN modem.
 void buildLaptop(SysfsFixture& f) {
+  // clang-format off
   f.add({.name = "lo", .ifindex = 1, .type = 772, .flags = "0x9"});
   f.add({.name = "enp0s31f6", .ifindex = 2, .device = "pci0000:00/0000:00:1f.6"});
-  f.add({.name = "wlp2s0",
-         .ifindex = 3,
-         .devtype = "wlan",
-         .markers = {"wireless", "phy80211"},
+  f.add({.name = "wlp2s0", .ifindex = 3, .devtype = "wlan", .markers = {"wireless", "phy80211"},
          .device = "pci0000:00/0000:02:00.0"});
   // Three USB adapters, two of them naming their product.
   const char* products[] = {"AX88179 Gigabit Ethernet", "USB 10/100/1000 LAN", nullptr};
   for (int n = 1; n <= 3; ++n) {
     const std::string port = "pci0000:00/usb2/2-" + std::to_string(n), last = std::to_string(n);
-    f.add({.name = "enx00e04c68000" + last,
-           .ifindex = 3 + n,
+    f.add({.name = "enx00e04c68000" + last, .ifindex = 3 + n,
            .device = port + "/2-" + last + ":1.0"});
     if (products[n - 1])
       std::ofstream(f.root / "devices" / port / "product") << products[n - 1] << "\n";
@@ -84,11 +81,9 @@ void buildLaptop(SysfsFixture& f) {
   f.add({.name = "tun0", .ifindex = 10, .type = 65534, .markers = {"tun_flags"}});
   f.add({.name = "bond0", .ifindex = 11, .devtype = "bond", .markers = {"bonding"}});
   f.add({.name = "ifb0", .ifindex = 14, .flags = "0x82"});
-  f.add({.name = "wwan0",
-         .ifindex = 15,
-         .type = 519,
-         .devtype = "wwan",
+  f.add({.name = "wwan0", .ifindex = 15, .type = 519, .devtype = "wwan",
          .device = "pci0000:00/0000:05:00.0"});
+  // clang-format on
 }
 
 TEST(SysfsServices, NamesPortsAndOrdersByDefaultRouteThenIndex) {
