@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -11,7 +12,6 @@
 #include "common/HttpClient.h"
 #include "quarvel/CVUserDefaults.h"
 #include "settings/HttpRequest.h"
-#include "settings/NetworkFakes.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/SettingsSandbox.h"
 #include "support/TestPlatform.h"
@@ -56,36 +56,41 @@ class HttpRequestTest : public ::testing::Test {
 };
 
 // Through a real server: a GET with the form header and the body cut to its
-// UTF-16 length; an error status still counts its body; a connection closed
-// without an answer or past the cap completes once with empty text; always
-// off the caller's thread.
+// UTF-16 length; an error status still counts its body; only a whole answer
+// that is UTF-8 and within the cap reaches the completion, anything else
+// completes once with empty text; always off the caller's thread.
 TEST_F(HttpRequestTest, ExchangesWithALoopbackServer) {
+  const std::string atCap(16 * 1024 * 1024, 'x');
+  using R = HttpReply;
   struct Case {
     const char* why;
     std::string target, body, sent;
     std::optional<std::string> text;  // none: the cut ends inside a character
+    std::optional<HttpReply> reply;   // none: "got " and the body
   } cases[] = {
-      {"ASCII goes whole", "/echo?q=1", "x=1&y=2", "x=1&y=2", "got x=1&y=2"},
-      {"two-byte letter and ASCII: two units, two bytes", "/echo", "\xC3\xA9\x61", "\xC3\xA9",
-       "got \xC3\xA9"},
-      {"a surrogate pair: two units", "/echo", "\xF0\x9F\x98\x80", "\xF0\x9F", std::nullopt},
-      {"two Hangul syllables: two units", "/echo", "\xED\x95\x9C\xEA\xB8\x80", "\xED\x95",
-       std::nullopt},
-      {"error status: the body still counts", "/missing", "", "", "not here"},
-      {"server closes without answering", "/close", "", "", ""},
-      {"an answer past 16 MiB", "/large", "", "", ""},
+      {"ASCII goes whole", "/echo?q=1", "x=1&y=2", "x=1&y=2", "got x=1&y=2", {}},
+      {"é, a: two units, two bytes", "/echo", "\xC3\xA9\x61", "\xC3\xA9", "got \xC3\xA9", {}},
+      {"a surrogate pair: two units", "/echo", "\xF0\x9F\x98\x80", "\xF0\x9F", std::nullopt, {}},
+      {"two Hangul syllables: two units", "/echo", "\xED\x95\x9C\xEA\xB8\x80", "\xED\x95", {}, {}},
+      {"error status: the body still counts", "/", "", "", "not here", R::text("not here", 404)},
+      {"server closes without answering", "/", "", "", "", R::closeWithoutAnswer()},
+      {"an answer in pieces", "/", "", "", "203.0.113.9\n", R::trickle("203.0.113.9\n", 4, 0ms)},
+      {"an answer that is not UTF-8", "/", "", "", "", R::text("\xFF\xFE")},
+      {"connection reset mid-body", "/", "", "", "", R::resetAfter("203.0.113.9", 6)},
+      {"at the cap", "/", "", "", atCap, R::text(atCap)},
+      {"past the cap", "/", "", "", "", R::text(atCap + 'x')},
+      {"past the cap, no length announced", "/", "", "", "", R::flood(std::string(1 << 16, 'x'))},
   };
-  LoopbackHttpServer server([](const HttpReceived& r) {
-    if (r.target == "/missing") return HttpReply::text("not here", 404);
-    if (r.target == "/close") return HttpReply::closeWithoutAnswer();
-    if (r.target == "/large") return HttpReply::text(std::string(16 * 1024 * 1024 + 1, 'x'));
-    return HttpReply::text("got " + r.body);
+  std::atomic<const Case*> current = nullptr;
+  LoopbackHttpServer server([&](const HttpReceived& r) {
+    return current.load()->reply.value_or(R::text("got " + r.body));
   });
   for (const Case& c : cases) {
+    current = &c;
     const Seen seen = send(server.url(c.target), c.body);
     EXPECT_EQ(seen.calls, 1) << c.why;
     EXPECT_NE(seen.thread, std::this_thread::get_id());
-    EXPECT_EQ(seen.text, c.text.value_or(seen.text));
+    EXPECT_EQ(seen.text, c.text.value_or(seen.text)) << c.why;
     HttpReceived received = server.requests().back();
     EXPECT_EQ(received.method, "GET");
     EXPECT_EQ(received.target, c.target);
@@ -96,49 +101,31 @@ TEST_F(HttpRequestTest, ExchangesWithALoopbackServer) {
 
 // A refused connection, a target that is no URL or no HTTP and a server
 // that never answers (once the idle time-out is past) complete once with
-// empty text.
+// empty text; each goes to the network as given.
 TEST_F(HttpRequestTest, FailedTransfersCompleteOnceWithEmptyText) {
-  quarvel::testing::TestPlatform platform;
-  platform->httpIdle = 300ms;
+  struct Recording : quarvel::testing::ReplacingPlatform {
+    void startHttp(std::shared_ptr<HttpExchange> exchange,
+                   std::function<void(int)> finished) override {
+      urls.push_back(exchange->url());
+      ReplacingPlatform::startHttp(std::move(exchange), std::move(finished));
+    }
+    std::vector<std::string> urls;
+  };
+  auto network = std::make_shared<Recording>();
+  network->httpIdle = 300ms;
+  quarvel::testing::ScopedPlatform scope(network);
   LoopbackHttpServer silent([](const HttpReceived&) { return HttpReply::silence(); });
+  const std::vector<std::string> urls = {"http://127.0.0.1:1/ip", "not a url",
+                                         "file:///etc/hostname", silent.url("/slow")};
   auto start = std::chrono::steady_clock::now();
-  for (const std::string& url : {std::string("http://127.0.0.1:1/ip"), std::string("not a url"),
-                                 std::string("file:///etc/hostname"), silent.url("/slow")}) {
+  for (const std::string& url : urls) {
     start = std::chrono::steady_clock::now();
     const Seen seen = send(url, "a=b");
     EXPECT_EQ(seen.calls, 1) << url;
     EXPECT_EQ(seen.text, "") << url;
   }
   EXPECT_GE(std::chrono::steady_clock::now() - start, 300ms) << "the silent server's wait";
-}
-
-// The transfer's own faults, made in-process: only a whole answer that is
-// UTF-8 reaches the completion; a cut transfer and an answer past the cap,
-// delivered piece by piece, read as empty text.
-TEST_F(HttpRequestTest, TransferFaultsInjectedInProcess) {
-  const std::string atCap(16 * 1024 * 1024, 'x');
-  const struct {
-    const char* why;
-    std::string body;
-    std::size_t piece;
-    CURLcode code;
-    std::string expected;
-  } cases[] = {
-      {"an answer in pieces", "203.0.113.9\n", 4, CURLE_OK, "203.0.113.9\n"},
-      {"answer that is not UTF-8", "\xFF\xFE", 1, CURLE_OK, ""},
-      {"connection reset mid-body", "203.0.", 3, CURLE_RECV_ERROR, ""},
-      {"at the cap", atCap, 1 << 20, CURLE_OK, atCap},
-      {"past the cap", atCap + 'x', 1 << 20, CURLE_OK, ""},
-  };
-  for (const auto& c : cases) {
-    auto network = std::make_shared<quarvel::testing::AnsweringNetwork>(c.body, c.piece, c.code);
-    quarvel::testing::ScopedPlatform scope(network);
-    const Seen seen = send("http://198.51.100.1/ip");
-    EXPECT_EQ(seen.calls, 1);
-    EXPECT_EQ(seen.text, c.expected) << c.why;
-    network->join();
-    EXPECT_THAT(network->urls, ::testing::ElementsAre("http://198.51.100.1/ip"));
-  }
+  EXPECT_EQ(network->urls, urls);
 }
 
 // A process may end while a request waits for an answer: it exits at once and

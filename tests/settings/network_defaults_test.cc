@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <thread>
 
 #include "quarvel/CVUserDefaults.h"
@@ -22,7 +23,6 @@ using testing::FakeServices;
 using testing::HttpReceived;
 using testing::HttpReply;
 using testing::LoopbackHttpServer;
-using testing::RecordedSleeps;
 
 const std::vector<InterfaceAddress> kMachine = {
     {"eth0", "18", "52:54:00:12:34:56"},
@@ -36,7 +36,11 @@ const std::string kWithoutExternal =
 class NetworkDefaultsTest : public ::testing::Test {
  protected:
   NetworkDefaultsTest() {
-    useSources({std::make_shared<FakeInterfaces>(kMachine), services_, sleeps_.function()});
+    useSources({std::make_shared<FakeInterfaces>(kMachine), services_,
+                [this](std::chrono::milliseconds wait) {
+                  std::lock_guard lock(mutex_);
+                  waits_.push_back(wait);
+                }});
   }
   ~NetworkDefaultsTest() override { discardSharedSettingsForTesting(); }
 
@@ -47,23 +51,27 @@ class NetworkDefaultsTest : public ::testing::Test {
     platform_->network = std::make_shared<const NetworkSources>(std::move(sources));
   }
 
-  // A bare instance: no lookup, no start-up job.
-  CVUserDefaults* bare() {
-    CVUserDefaults::resetStandardUserDefaults();
-    return CVUserDefaults::standardUserDefaults();
+  // The waits asked for since the last call, recorded instead of slept.
+  std::vector<std::chrono::milliseconds> taken() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(waits_, {});
   }
 
   quarvel::testing::SettingsSandbox sandbox_;
   quarvel::testing::TestPlatform platform_;
-  RecordedSleeps sleeps_;
+  std::mutex mutex_;
+  std::vector<std::chrono::milliseconds> waits_;  // guarded by mutex_
   std::shared_ptr<FakeServices> services_ =
       std::make_shared<FakeServices>(ServiceList{{"eth0", "Ethernet"}, {"wlan0", "Wi-Fi"}});
 };
 
+// A bare instance (no lookup, no start-up job) waits while the external
+// address is missing; IPAddress then computes the text once and keeps it.
 TEST_F(NetworkDefaultsTest, WaitsTwoSecondsOnlyWhileTheExternalAddressIsMissing) {
-  CVUserDefaults* defaults = bare();
+  CVUserDefaults::resetStandardUserDefaults();
+  CVUserDefaults* defaults = CVUserDefaults::standardUserDefaults();
   EXPECT_EQ(defaults->getIpAddress(), kWithoutExternal);
-  EXPECT_EQ(sleeps_.taken(), std::vector<std::chrono::milliseconds>{2000ms});
+  EXPECT_EQ(taken(), std::vector<std::chrono::milliseconds>{2000ms});
 
   LoopbackHttpServer echo([](const HttpReceived&) { return HttpReply::text("198.51.100.7\r\n"); });
   CVUserDefaults::setEchoServiceHost(echo.hostAndPort());
@@ -73,26 +81,21 @@ TEST_F(NetworkDefaultsTest, WaitsTwoSecondsOnlyWhileTheExternalAddressIsMissing)
   for (auto until = std::chrono::steady_clock::now() + 10s;
        waited && std::chrono::steady_clock::now() < until; std::this_thread::sleep_for(20ms)) {
     text = defaults->getIpAddress();
-    waited = !sleeps_.taken().empty();
+    waited = !taken().empty();
   }
   EXPECT_FALSE(waited);
   EXPECT_EQ(text,
             "내부 IP : 10.0.2.15<br>외부 IP : 198.51.100.7<br>52:54:00:12:34:56<br>"
             "F8:FF:C2:00:00:02<br>");
   ASSERT_EQ(echo.requests().size(), 1u);
-  EXPECT_EQ(echo.requests()[0].method, "GET");
-  EXPECT_EQ(echo.requests()[0].target, "/ip");
-}
+  EXPECT_EQ(echo.requests()[0].method + " " + echo.requests()[0].target, "GET /ip");
 
-TEST_F(NetworkDefaultsTest, IPAddressComputesOnceThenAnswersTheKeptText) {
-  CVUserDefaults* defaults = bare();
-  std::string first = defaults->IPAddress();
-  EXPECT_EQ(defaults->IPAddress(), first);
-  EXPECT_EQ(services_->calls, 1);
-
+  const int calls = services_->calls;
+  EXPECT_EQ(defaults->IPAddress(), text);
+  EXPECT_EQ(defaults->IPAddress(), text);
+  EXPECT_EQ(services_->calls, calls + 1);
   auto run = CVUserDefaultsInternals::lastNetworkIdentityRun(*defaults);
-  ASSERT_TRUE(run);
-  ASSERT_EQ(run->addressArray.size(), 2u);
+  ASSERT_TRUE(run && run->addressArray.size() == 2);
   EXPECT_EQ(run->addressArray[1].adapter, "Wi-Fi");
 }
 

@@ -51,41 +51,32 @@ TEST(NetworkIdentity, TextFollowsServiceOrderFiltersAndPieces) {
       {"en7", "2", "10.7.0.1"},           {"en8", "2", "10.8.0.1"},
   };
   struct Case {
+    const char* why;
     ServiceList services;
     std::optional<std::string> external;
     std::string expected;
-    const char* why;
-  } cases[] = {
-      {{{"en0", "Wi-Fi"}, {"en1", "Ethernet"}},
-       "203.0.113.1\n",
-       "내부 IP : 192.168.0.10<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:01<br>"
-       "00:00:00:00:00:02<br>",
-       "Wi-Fi with addresses, then an Ethernet without IPv4; answer trimmed"},
-      {{{"en0", "Wi-Fi"}, {"bridge0", "Thunderbolt Bridge"}, {"en7", "USB 10/100/1000 LAN"}},
-       "203.0.113.1",
-       "내부 IP : 192.168.0.10<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:01<br>",
-       "USB and bridge ports are left out"},
-      {{{"en2", "Thunderbolt 1"}, {"en0", "Wi-Fi"}},
-       " x\r\n",
-       "내부 IP : 172.16.0.3<br>외부 IP : x<br>00:00:00:00:00:03<br>00:00:00:00:00:01<br>",
-       "service order, not interface order"},
-      {{{"en0", "Wi-Fi"}},
-       std::nullopt,
-       "내부 IP : 192.168.0.10<br>외부 IP : (null)<br>00:00:00:00:00:01<br>",
-       "no external answer"},
-      {{{"en1", "Ethernet"}},
-       "203.0.113.1",
-       "00:00:00:00:00:02<br>",
-       "no internal address: the external one is not shown either"},
-      {{{"en8", "Ethernet"}},
-       "203.0.113.1",
-       "내부 IP : 10.8.0.1<br>외부 IP : 203.0.113.1<br>",
-       "adapter without a link-level address"},
-      {{{"en5", "Ethernet"}, {"en0", ""}, {"bridge0", "bridge"}},
-       "203.0.113.1",
-       "내부 IP : 10.1.0.1<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:04<br>",
-       "unknown device and empty port skipped; the filter is case-sensitive"},
   };
+  // clang-format off
+  const Case cases[] = {
+      {"Wi-Fi with addresses, then an Ethernet without IPv4; answer trimmed",
+       {{"en0", "Wi-Fi"}, {"en1", "Ethernet"}}, "203.0.113.1\n",
+       "내부 IP : 192.168.0.10<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:01<br>00:00:00:00:00:02<br>"},
+      {"USB and bridge ports are left out",
+       {{"en0", "Wi-Fi"}, {"bridge0", "Thunderbolt Bridge"}, {"en7", "USB 10/100/1000 LAN"}},
+       "203.0.113.1", "내부 IP : 192.168.0.10<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:01<br>"},
+      {"service order, not interface order", {{"en2", "Thunderbolt 1"}, {"en0", "Wi-Fi"}}, " x\r\n",
+       "내부 IP : 172.16.0.3<br>외부 IP : x<br>00:00:00:00:00:03<br>00:00:00:00:00:01<br>"},
+      {"no external answer", {{"en0", "Wi-Fi"}}, std::nullopt,
+       "내부 IP : 192.168.0.10<br>외부 IP : (null)<br>00:00:00:00:00:01<br>"},
+      {"no internal address: the external one is not shown either", {{"en1", "Ethernet"}},
+       "203.0.113.1", "00:00:00:00:00:02<br>"},
+      {"adapter without a link-level address", {{"en8", "Ethernet"}}, "203.0.113.1",
+       "내부 IP : 10.8.0.1<br>외부 IP : 203.0.113.1<br>"},
+      {"unknown device and empty port skipped; the filter is case-sensitive",
+       {{"en5", "Ethernet"}, {"en0", ""}, {"bridge0", "bridge"}}, "203.0.113.1",
+       "내부 IP : 10.1.0.1<br>외부 IP : 203.0.113.1<br>00:00:00:00:00:04<br>"},
+  };
+  // clang-format on
   for (const Case& c : cases) {
     FakeServices services(c.services);
     FakeInterfaces interfaces(machine);

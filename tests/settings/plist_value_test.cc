@@ -2,6 +2,8 @@
 
 #include <cmath>
 #include <limits>
+#include <tuple>
+#include <utility>
 
 #include "quarvel/PlistValue.h"
 
@@ -36,10 +38,9 @@ TEST(PlistValueTest, NumberReadings) {
       {V::data({1}), false, 0},
       {V(), false, 0},
   };
-  for (std::size_t row = 0; row < std::size(cases); ++row) {
-    EXPECT_EQ(cases[row].value.boolValue(), cases[row].b) << row;
-    EXPECT_EQ(cases[row].value.integerValue(), cases[row].i) << row;
-  }
+  for (const auto& c : cases)
+    EXPECT_EQ(std::pair(c.value.boolValue(), c.value.integerValue()), std::pair(c.b, c.i))
+        << &c - cases;
   EXPECT_TRUE(V::boolean(false).isNumber());
   EXPECT_FALSE(V::string("1").isNumber());
 }
@@ -56,14 +57,11 @@ TEST(PlistValueTest, UnsignedIntegersKeepTheirValue) {
       {UINT64_MAX, true, -1, 18446744073709551615.0},
   };
   for (const auto& c : cases) {
-    V v = V::unsignedInteger(c.value);
-    EXPECT_EQ(v.kind(), V::Kind::Integer);
-    EXPECT_EQ(v.isUnsignedInteger(), c.isUnsigned) << c.value;
-    EXPECT_EQ(v.unsignedIntegerValue(), c.value);
-    EXPECT_EQ(v.integerValue(), c.integer);
-    EXPECT_EQ(v.doubleValue(), c.real);
-    EXPECT_TRUE(v.boolValue());
-    EXPECT_EQ(v == V::integer(c.integer), !c.isUnsigned);
+    const V v = V::unsignedInteger(c.value);
+    EXPECT_TRUE(v.kind() == V::Kind::Integer && v.boolValue());
+    EXPECT_EQ(std::tuple(v.isUnsignedInteger(), v.unsignedIntegerValue(), v.integerValue(),
+                         v.doubleValue(), v == V::integer(c.integer)),
+              std::tuple(c.isUnsigned, c.value, c.integer, c.real, !c.isUnsigned));
   }
 }
 

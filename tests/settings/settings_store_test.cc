@@ -63,9 +63,7 @@ TEST(CVUserDefaultsTest, TypedGettersReadOnlyTheirKind) {
 
   d->setObject(V::data({1, 2}), "data");
   EXPECT_EQ(d->dataForKey("data"), (PlistData{1, 2}));
-  EXPECT_FALSE(d->dataForKey("b").has_value());
-  EXPECT_FALSE(d->arrayForKey("data").has_value());
-  EXPECT_FALSE(d->dictionaryForKey("data").has_value());
+  EXPECT_FALSE(d->dataForKey("b") || d->arrayForKey("data") || d->dictionaryForKey("data"));
 
   d->setURL({"https://example.test/x"}, "u");
   EXPECT_EQ(d->URLForKey("u")->text, "https://example.test/x");
@@ -75,9 +73,8 @@ TEST(CVUserDefaultsTest, TypedGettersReadOnlyTheirKind) {
   d->setObject(V::array({V::string("a"), V::string("b")}), "strings");
   d->setObject(V::array({V::string("a"), V::integer(1)}), "mixed");
   EXPECT_EQ(d->stringArrayForKey("strings"), (std::vector<std::string>{"a", "b"}));
-  EXPECT_FALSE(d->stringArrayForKey("mixed").has_value());
-  EXPECT_FALSE(d->stringArrayForKey("digits").has_value());
-  EXPECT_FALSE(d->stringArrayForKey("absent").has_value());
+  for (const char* key : {"mixed", "digits", "absent"})
+    EXPECT_FALSE(d->stringArrayForKey(key)) << key;
 }
 
 // The keys are what other programs and earlier versions read: a typo here
@@ -193,13 +190,12 @@ TEST(CVUserDefaultsTest, AnUnloadableDomainIsKeptAsideAndTheStoreStartsEmpty) {
     EXPECT_TRUE(aside[0].starts_with("com.Corvane.Defaults.plist.corrupt-") &&
                 aside[0].size() == 50 && aside[0][43] == '_')
         << aside[0];
-    const std::string asidePath = sandbox.root() + "/config/" + aside[0];
 
     d->setArea(V::string("부산"));
     d->setInteger(2, "count");
     EXPECT_EQ(defaultsDic.size(), 3u);
     EXPECT_TRUE(d->persistentDomainForName(kDomain) == defaultsDic);
-    EXPECT_EQ(c.make ? c.bytes : readFile(asidePath), c.bytes);
+    EXPECT_EQ(c.make ? c.bytes : readFile(sandbox.root() + "/config/" + aside[0]), c.bytes);
   }
 }
 
@@ -269,12 +265,10 @@ TEST(CVUserDefaultsTest, ValuesAreKeptExactlyAndTooDeepOnesRefused) {
 }
 
 // Two writer processes (settings_child) write the domain in turn while this
-// one reads the file all along. Each write replaces the file with the
-// writer's whole dictionary (as loaded once, plus its own counter: what the
-// other wrote meanwhile is replaced), so every read must load and be exactly
-// one writer's dictionary as of one of its writes, each writer's in the
-// order it wrote them, and the file left at the end one writer's last
-// dictionary, byte for byte.
+// one reads it all along. A write replaces the file with the writer's whole
+// dictionary (as loaded once, plus its own counter), so every read must load
+// and be one writer's dictionary at one of its writes, in the order it wrote
+// them, and the file left one writer's last dictionary, byte for byte.
 TEST(CVUserDefaultsTest, ProcessesWritingInTurnNeverTearTheFile) {
   testing::SettingsSandbox sandbox;
   const std::string dir = sandbox.root() + "/run";
@@ -298,10 +292,9 @@ TEST(CVUserDefaultsTest, ProcessesWritingInTurnNeverTearTheFile) {
     writers[pid] = -1;
   }
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-  for (const std::string& name : names) {
+  for (const std::string& name : names)
     while (!fs::exists(dir + "/" + name + ".ready") && std::chrono::steady_clock::now() < deadline)
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
   std::ofstream(dir + "/go").put('\n');
 
   LogCapture log;

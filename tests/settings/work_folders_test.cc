@@ -34,10 +34,7 @@ class FakeHostEnvironment : public HostEnvironment {
   std::optional<VolumeFacts> facts_;
 };
 
-VolumeFacts facts(bool removable, bool writable, bool unmountable, std::optional<std::string> type,
-                  bool isVolumeRoot = false) {
-  return VolumeFacts{removable, writable, unmountable, std::move(type), isVolumeRoot};
-}
+using F = VolumeFacts;  // removable, writable, unmountable, type, isVolumeRoot
 
 TEST(WorkFoldersTest, PortableRule) {
   struct Case {
@@ -45,13 +42,13 @@ TEST(WorkFoldersTest, PortableRule) {
     std::optional<VolumeFacts> facts;
     bool portable;
   } cases[] = {
-      {"network share, not removable", facts(false, true, true, "smbfs"), true},
-      {"AFP share", facts(false, true, true, "afpfs"), true},
-      {"removable local disk", facts(true, true, true, "vfat"), true},
-      {"removable but read-only", facts(true, false, true, "vfat"), false},
-      {"removable but the root file system", facts(true, true, false, "ext4"), false},
-      {"share spelt in capitals", facts(false, true, true, "SMBFS"), false},
-      {"no type", facts(false, true, true, std::nullopt), false},
+      {"network share, not removable", F{false, true, true, "smbfs"}, true},
+      {"AFP share", F{false, true, true, "afpfs"}, true},
+      {"removable local disk", F{true, true, true, "vfat"}, true},
+      {"removable but read-only", F{true, false, true, "vfat"}, false},
+      {"removable but the root file system", F{true, true, false, "ext4"}, false},
+      {"share spelt in capitals", F{false, true, true, "SMBFS"}, false},
+      {"no type", F{false, true, true, std::nullopt}, false},
       {"query failed", std::nullopt, false},
   };
   for (const Case& c : cases) EXPECT_EQ(isPortableVolume(c.facts), c.portable) << c.why;
@@ -59,7 +56,8 @@ TEST(WorkFoldersTest, PortableRule) {
 
 // The whole start-up against each kind of volume: where the work folder,
 // the library folder and a data file end up. A portable run keeps its
-// library in its work folder, any other in the user's Library folder.
+// library in its work folder, any other in the user's Library folder, and
+// so does a run whose volume turns read-only.
 TEST(WorkFoldersTest, StartUpPlacesFoldersByVolume) {
   struct Case {
     const char* why;
@@ -67,16 +65,16 @@ TEST(WorkFoldersTest, StartUpPlacesFoldersByVolume) {
     bool isLite;
     std::string base;  // relative to the sandbox root
   } cases[] = {
-      {"share, hidden name", facts(false, true, true, "smbfs"), false, "/volume/.Quarvel"},
-      {"removable disk, visible name", facts(true, true, true, "exfat"), true, "/volume/Quarvel"},
+      {"share, hidden name", F{false, true, true, "smbfs"}, false, "/volume/.Quarvel"},
+      {"removable disk, visible name", F{true, true, true, "exfat"}, true, "/volume/Quarvel"},
       // The program's folder is the share itself: its parent is another disk.
-      {"program at the root of a share", facts(false, true, true, "smbfs", true), false,
+      {"program at the root of a share", F{false, true, true, "smbfs", true}, false,
        "/volume/QuarvelApp/.Quarvel"},
-      {"program at the root of a removable disk", facts(true, true, true, "vfat", true), true,
+      {"program at the root of a removable disk", F{true, true, true, "vfat", true}, true,
        "/volume/QuarvelApp/Quarvel"},
-      {"start-up disk mounted at the program's folder", facts(false, true, false, "ext4", true),
-       false, "/home/Documents/.Quarvel"},
-      {"start-up disk, visible name", facts(false, true, false, "ext4"), true,
+      {"start-up disk mounted at the program's folder", F{false, true, false, "ext4", true}, false,
+       "/home/Documents/.Quarvel"},
+      {"start-up disk, visible name", F{false, true, false, "ext4"}, true,
        "/home/Documents/Quarvel"},
   };
   for (const Case& c : cases) {
@@ -96,22 +94,15 @@ TEST(WorkFoldersTest, StartUpPlacesFoldersByVolume) {
       EXPECT_TRUE(fs::is_directory(root + c.base + "/CheckOut/" + folder)) << folder;
     // The user Library folder is made in every run, portable or not.
     EXPECT_TRUE(fs::is_directory(root + "/data/Quarvel"));
+
+    // The volume turns read-only: data files move home; the base path stays.
+    F readOnly = *c.facts;
+    readOnly.writable = false;
+    platform->host = std::make_shared<FakeHostEnvironment>(root, readOnly);
+    EXPECT_EQ(defaults->libraryPath(), root + "/data/Quarvel");
+    EXPECT_EQ(defaults->verFilePath(), root + "/data/Quarvel/ver.dat");
+    EXPECT_EQ(defaults->defaultPath(), root + c.base);
   }
-}
-
-TEST(WorkFoldersTest, LibraryPathFollowsTheVolumeDuringARun) {
-  testing::SettingsSandbox sandbox;
-  const std::string& root = sandbox.root();
-  testing::TestPlatform platform;
-  platform->host = std::make_shared<FakeHostEnvironment>(root, facts(true, true, true, "vfat"));
-  CVUserDefaults* defaults = CVUserDefaults::standardUserDefaults();
-  EXPECT_EQ(defaults->libraryPath(), root + "/volume/.Quarvel");
-
-  // The disk turns read-only: data files move home; the base path stays.
-  platform->host = std::make_shared<FakeHostEnvironment>(root, facts(true, false, true, "vfat"));
-  EXPECT_EQ(defaults->libraryPath(), root + "/data/Quarvel");
-  EXPECT_EQ(defaults->verFilePath(), root + "/data/Quarvel/ver.dat");
-  EXPECT_EQ(defaults->defaultPath(), root + "/volume/.Quarvel");
 }
 
 }  // namespace
