@@ -69,10 +69,8 @@ std::vector<std::string> idsIn(const ReportSpool& spool) {
 }
 
 std::size_t filesIn(const std::string& folder) {
-  std::size_t n = 0;
-  for (const auto& e : std::filesystem::directory_iterator(folder))
-    n += e.path().extension() == ".json";
-  return n;
+  return std::ranges::count_if(std::filesystem::directory_iterator(folder),
+                               [](const auto& e) { return e.path().extension() == ".json"; });
 }
 
 TEST(ReportDelivery, CollectorAnswersDecideWhereEachReportGoes) {

@@ -176,21 +176,22 @@ TEST(DesktopEntry, FileIsReadUpToOneMebibyte) {
     EXPECT_EQ(execProgramsOfFile(tree.file(name + ".desktop", text)), expected) << name;
 }
 
+// A check list record; `original` is the program's file name where it is not `exe`.
 MemoryList::Row product(std::string exe, std::string company, std::string product,
-                        std::string version, std::string price, std::string group) {
-  return {{"DB_ID", "ID-" + exe},    {"COMPANY", company},      {"PRODUCT", product},
-          {"VERSION", version},      {"ORIGINAL_FILE", exe},    {"EXE_FILE", exe},
-          {"DISP_COMPANY", company}, {"DISP_PRODUCT", product}, {"PRICE", price},
-          {"SW_TYPE", "Commercial"}, {"GRP_ID", group},         {"GRP_NAME", group}};
+                        std::string version, std::string price, std::string group,
+                        std::string original = "") {
+  MemoryList::Row row{{"DB_ID", "ID-" + exe},    {"COMPANY", company},      {"PRODUCT", product},
+                      {"VERSION", version},      {"ORIGINAL_FILE", exe},    {"EXE_FILE", exe},
+                      {"DISP_COMPANY", company}, {"DISP_PRODUCT", product}, {"PRICE", price},
+                      {"SW_TYPE", "Commercial"}, {"GRP_ID", group},         {"GRP_NAME", group}};
+  if (!original.empty()) row["ORIGINAL_FILE"] = original;
+  return row;
 }
 
-class FixedFonts : public FontCatalog {
- public:
-  explicit FixedFonts(Names files) : files_(std::move(files)) {}
-  Names fontFiles() override { return files_; }
-
- private:
-  Names files_;
+struct FixedFonts : FontCatalog {
+  Names fontFiles() override {
+    return {"/elsewhere/fonts/FancySans.otf", "/elsewhere/fonts/Unknown.ttf"};
+  }
 };
 
 // Each finding as "maker/product/list: places", relative to `root`.
@@ -231,12 +232,6 @@ class AuditorMachine : public ::testing::Test {
     plan.fontCatalog = &catalog;
   }
 
-  // The user list names the check list's Acme Editor again, under another file name.
-  static MemoryList::Row sameAsAcmeEdit(MemoryList::Row row) {
-    row["ORIGINAL_FILE"] = "acmeedit";
-    return row;
-  }
-
   TempTree tree;
   MemoryList checkList{
       {product("acmeedit", "Acme", "Editor", "2.0", "1,200,000", "Office"),
@@ -250,7 +245,8 @@ class AuditorMachine : public ::testing::Test {
        product("Hidden.AppImage", "Hid", "Den", "1", "10", "Design")}};
   MemoryList userList{
       {product("mailer", "Post", "Mailer", "3", "free", ""),
-       sameAsAcmeEdit(product("acme-editor-user", "ACME", "editor", "2.0", "1", "Other"))}};
+       // The check list's Acme Editor again, under another file name.
+       product("acme-editor-user", "ACME", "editor", "2.0", "1", "Other", "acmeedit")}};
   MemoryList fontList{{product("NanumMyeongjo.ttf", "나눔", "명조", "1", "30000", "Fonts"),
                        product("FancySans.otf", "Fancy", "Sans", "2", "12.5", "Fonts")}};
   MemoryFilter filter{{"FILT\tered\t1\tfiltered-tool"}};
@@ -258,7 +254,7 @@ class AuditorMachine : public ::testing::Test {
                        .userCheckList = &userList,
                        .fontList = &fontList,
                        .filter = &filter};
-  FixedFonts catalog{{"/elsewhere/fonts/FancySans.otf", "/elsewhere/fonts/Unknown.ttf"}};
+  FixedFonts catalog;
   ScanPlan plan;
 };
 

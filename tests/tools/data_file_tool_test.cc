@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -90,24 +89,22 @@ TEST(DataFileTool, LookupAnswersEachKindsKeys) {
     std::string line = "";  // a line of the answer
     bool json = false;
   } const cases[] = {
-      {check, {.exe = "PhotoLoom6"}, 0, "DB_ID          SW100102"},
-      {check,
-       {.property = "brightpath labs\\tPHOTOLOOM\\t5.2\\tPhotoLoom"},
-       0,
-       "#CHECKLIST record 0"},
-      {check, {.id = "sw100101"}, 1},
-      {check, {.filter = "a\\tb\\tc\\td"}, 2},
-      {font, {.exe = "kestrelsans-bold.OTF"}, 0, "DB_ID          FT300302"},
-      {filter,
-       {.filter = "KESTREL AUDIO\\twavesmith demo\\t3.0\\tWaveSmithDemo"},
-       0,
-       "#SWLIST record 4"},
-      {package, {.package = "PK2001", .sub = 1}, 0, "display name: Tidewell Office"},
-      {package, {.package = "PK2001", .sub = 0}, 0, "display name: Tidewell Office(-)"},
-      {package, {.exe = "x"}, 2},
+      // clang-format off
+      {check,   {.exe = "PhotoLoom6"},                 0, "DB_ID          SW100102"},
+      {check,   {.property = "brightpath labs\\tPHOTOLOOM\\t5.2\\tPhotoLoom"}, 0,
+                "#CHECKLIST record 0"},
+      {check,   {.id = "sw100101"},                    1},
+      {check,   {.filter = "a\\tb\\tc\\td"},           2},
+      {font,    {.exe = "kestrelsans-bold.OTF"},       0, "DB_ID          FT300302"},
+      {filter,  {.filter = "KESTREL AUDIO\\twavesmith demo\\t3.0\\tWaveSmithDemo"}, 0,
+                "#SWLIST record 4"},
+      {package, {.package = "PK2001", .sub = 1},       0, "display name: Tidewell Office"},
+      {package, {.package = "PK2001", .sub = 0},       0, "display name: Tidewell Office(-)"},
+      {package, {.exe = "x"},                          2},
       // JSON stays JSON when nothing matches.
-      {check, {.id = "SW100201"}, 0, "  \"section\": \"#CHECKLIST\",", true},
-      {check, {.exe = "no-such.exe"}, 1, "null", true}};
+      {check,   {.id = "SW100201"},                    0, "  \"section\": \"#CHECKLIST\",", true},
+      {check,   {.exe = "no-such.exe"},                1, "null", true}};
+  // clang-format on
   for (const Case& c : cases) {
     const Outcome answer = run([&](auto& out, auto& err) {
       return lookupDataFile(sample(c.file), std::nullopt, c.query, c.json, out, err);
@@ -264,15 +261,12 @@ TEST(CipherCommands, DataFileCommandsRefuseTheSameFilesBeforeReading) {
                                                        {"folder.dat", "is a folder"},
                                                        {"fifo.dat", "not a regular file"},
                                                        {"empty.dat", "empty"}};
-  using Command = std::function<int(const std::string&, std::ostream&, std::ostream&)>;
-  const std::pair<const char*, Command> commands[] = {
-      {"decrypt", [](auto& path, auto& out, auto& err) { return runDecrypt(path, out, err); }},
-      {"check",
-       [](auto& path, auto& out, auto& err) { return checkDataFile(path, {}, out, err); }}};
-  for (const auto& [command, call] : commands)
+  for (const bool decrypt : {true, false})
     for (const auto& [name, reason] : cases) {
       std::ostringstream out, err;
-      EXPECT_EQ(call(dir.file(name), out, err), 1) << command << " " << name;
+      const std::string path = dir.file(name);
+      EXPECT_EQ(decrypt ? runDecrypt(path, out, err) : checkDataFile(path, {}, out, err), 1)
+          << (decrypt ? "decrypt " : "check ") << name;
       EXPECT_THAT(out.str() + err.str(), HasSubstr(reason));
     }
 }
