@@ -46,10 +46,10 @@ Outcome show(const char* name, std::optional<DataFileKind> kind, OutputFormat fo
 TEST(DataFileTool, ShowDetectsTheKindInJson) {
   const Outcome fonts = show("fontchecklist.dat", std::nullopt, OutputFormat::Json);
   ASSERT_EQ(fonts.status, 0);
-  const auto doc = nlohmann::json::parse(fonts.out);
-  EXPECT_EQ(doc["kind"], "font");
-  EXPECT_EQ(doc["sections"]["#CHECKLIST"][0]["EXE_FILE"], "NuriMyeongjo-Regular.ttf");
-  EXPECT_EQ(doc["sections"]["#CHECKLIST"][0].size(), 14u);
+  auto doc = nlohmann::json::parse(fonts.out);
+  auto& first = doc["sections"]["#CHECKLIST"][0];
+  EXPECT_EQ(std::tuple(doc["kind"], first["EXE_FILE"], first.size()),
+            std::tuple("font", "NuriMyeongjo-Regular.ttf", 14u));
 }
 
 TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
@@ -150,8 +150,8 @@ TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
   const Outcome refused = check(dir.writeDataFile(
       "d.dat", testing::crlf({"#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START"})));
   EXPECT_EQ(refused.status, 1);
-  EXPECT_THAT(refused.out, HasSubstr("error: section #CHECKLIST has no end line"));
-  EXPECT_THAT(refused.out, HasSubstr("the reader refuses this file as damaged"));
+  EXPECT_THAT(refused.out, ::testing::AllOf(HasSubstr("error: section #CHECKLIST has no end line"),
+                                            HasSubstr("the reader refuses this file as damaged")));
 }
 
 // Each input alone in a folder of its own; the last four rows would lose
@@ -227,10 +227,9 @@ TEST(CipherCommands, EncryptReplacesOutWholeOrNotAtAll) {
   testing::writeBytes(dir.path() / "in.txt", text);
   testing::writeBytes(dir.path() / "bad.txt", "fine\ncaf\xC3\xA9\n");
   testing::writeBytes(dir.path() / "new.txt", longer);
-  std::ostringstream err;
+  std::ostringstream out, err;
   ASSERT_EQ(runEncrypt({dir.file("in.txt"), dir.file("out.dat")}, err), 0) << err.str();
   LogCapture log;
-  std::ostringstream out;
   EXPECT_EQ(runDecrypt(dir.file("out.dat"), out, err), 0);
   EXPECT_EQ(out.str(), text);
   const std::string before = testing::readBytes(dir.path() / "out.dat");
