@@ -17,6 +17,7 @@
 #include "format/MacKorean.h"
 #include "quarvel/FileCheckList.h"
 #include "support/TestPlatform.h"
+#include "support/ToolProcess.h"
 
 namespace quarvel::cli {
 namespace {
@@ -26,10 +27,7 @@ using testing::TempDir;
 
 std::string sample(const char* name) { return std::string(QUARVEL_SAMPLES) + "/" + name; }
 
-struct Outcome {
-  int status;
-  std::string out, err;
-};
+using Outcome = testing::ToolRun;
 
 template <typename F>
 Outcome run(F&& call) {
@@ -45,7 +43,7 @@ Outcome show(const char* name, std::optional<DataFileKind> kind, OutputFormat fo
 
 TEST(DataFileTool, ShowDetectsTheKindInJson) {
   const Outcome fonts = show("fontchecklist.dat", std::nullopt, OutputFormat::Json);
-  ASSERT_EQ(fonts.status, 0);
+  ASSERT_EQ(fonts.exitStatus, 0);
   auto doc = nlohmann::json::parse(fonts.out);
   auto& first = doc["sections"]["#CHECKLIST"][0];
   EXPECT_EQ(std::tuple(doc["kind"], first["EXE_FILE"], first.size()),
@@ -60,7 +58,7 @@ TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
       {"fontchecklist.dat", DataFileKind::Font}};
   for (const auto& [name, kind] : files) {
     const Outcome shown = show(name, kind, OutputFormat::Tsv);
-    ASSERT_EQ(shown.status, 0) << name;
+    ASSERT_EQ(shown.exitStatus, 0) << name;
     // One block per section: its tag, then the TSV.
     TempDir dir;
     std::vector<std::string> inputs;
@@ -74,7 +72,7 @@ TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
     const std::string rebuilt = dir.file("rebuilt.dat");
     const Outcome built =
         run([&](auto&, auto& err) { return buildDataFileFromTsv(kind, inputs, rebuilt, err); });
-    ASSERT_EQ(built.status, 0) << built.err;
+    ASSERT_EQ(built.exitStatus, 0) << built.err;
     EXPECT_EQ(testing::readBytes(rebuilt), testing::readBytes(sample(name))) << name;
   }
 }
@@ -109,7 +107,7 @@ TEST(DataFileTool, LookupAnswersEachKindsKeys) {
     const Outcome answer = run([&](auto& out, auto& err) {
       return lookupDataFile(sample(c.file), std::nullopt, c.query, c.json, out, err);
     });
-    EXPECT_EQ(answer.status, c.status) << c.file << " " << c.line << answer.err;
+    EXPECT_EQ(answer.exitStatus, c.status) << c.file << " " << c.line << answer.err;
     if (!c.line.empty()) {
       EXPECT_THAT(split(answer.out, "\n"), ::testing::Contains(c.line));
     }
@@ -133,7 +131,7 @@ TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
     return run([&](auto& out, auto& err) { return checkDataFile(path, std::nullopt, out, err); });
   };
   const Outcome checked = check(dir.writeRawDataFile("c.dat", plain));
-  EXPECT_EQ(checked.status, 1);
+  EXPECT_EQ(checked.exitStatus, 1);
   for (const char* expected :
        {"line 1: warning: outside every section; ignored",
         "line 7: warning: EXE_FILE \"DRAW\" repeats line 6; look-ups answer this record, line 6 "
@@ -149,7 +147,7 @@ TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
 
   const Outcome refused = check(dir.writeDataFile(
       "d.dat", testing::crlf({"#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START"})));
-  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.exitStatus, 1);
   EXPECT_THAT(refused.out, ::testing::AllOf(HasSubstr("error: section #CHECKLIST has no end line"),
                                             HasSubstr("the reader refuses this file as damaged")));
 }
@@ -178,7 +176,7 @@ TEST(DataFileTool, BuildingFromTsvNamesTheFaultyRow) {
     const Outcome built = run([&](auto&, auto& err) {
       return buildDataFileFromTsv(DataFileKind::Filter, {folder}, dir.file("out.dat"), err);
     });
-    EXPECT_EQ(built.status, 1);
+    EXPECT_EQ(built.exitStatus, 1);
     EXPECT_THAT(built.err, HasSubstr(folder + "/" + file + message));
   }
   EXPECT_FALSE(std::filesystem::exists(dir.file("out.dat")));
