@@ -152,28 +152,25 @@ TEST(DesktopEntry, ProgramOfExecSeesThroughQuotingAndWrappers) {
     EXPECT_EQ(programOfExec(exec), program) << exec;
 }
 
-TEST(DesktopEntry, EveryExecLineCountsOnce) {
-  EXPECT_EQ(execPrograms("[Desktop Entry]\r\nName=Acme Editor\r\nExecutable=not-this\r\n"
-                         "TryExec=not-this-either\r\nExec = acme-editor %U\r\n\n"
-                         "[Desktop Action new-window]\nExec=/opt/acme/acme-helper --new\n"
-                         "[Desktop Action again]\nExec=acme-editor --again\n"
-                         "# Exec=commented-out\n"),
-            (Names{"acme-editor", "acme-helper"}));
-  EXPECT_TRUE(execProgramsOfFile("/nonexistent/entry.desktop").empty());
-}
-
-TEST(DesktopEntry, FileIsReadUpToOneMebibyte) {
+// Each program counts once, from every Exec line of the first mebibyte.
+TEST(DesktopEntry, EveryExecLineOfTheFirstMebibyteCountsOnce) {
   TempTree tree;
   const std::size_t limit = 1 << 20;
   const std::string exec = "\nExec=far-tool\n";
   for (const auto& [name, text, expected] :
        std::vector<std::tuple<std::string, std::string, Names>>{
            {"empty", "", {}},
-           {"small", "[Desktop Entry]\nExec=tool\n", {"tool"}},
+           {"every exec",
+            "[Desktop Entry]\r\nName=Acme Editor\r\nExecutable=not-this\r\n"
+            "TryExec=not-this-either\r\nExec = acme-editor %U\r\n\n"
+            "[Desktop Action new-window]\nExec=/opt/acme/acme-helper --new\n"
+            "[Desktop Action again]\nExec=acme-editor --again\n# Exec=commented-out\n",
+            {"acme-editor", "acme-helper"}},
            {"ends at the limit", std::string(limit - exec.size(), '#') + exec, {"far-tool"}},
            {"cut at the limit", std::string(limit - 3, '#') + exec, {}},  // "\nEx" fits
            {"far past the limit", std::string(3 * limit, '#') + exec, {}}})
     EXPECT_EQ(execProgramsOfFile(tree.file(name + ".desktop", text)), expected) << name;
+  EXPECT_TRUE(execProgramsOfFile("/nonexistent/entry.desktop").empty());
 }
 
 // A check list record; `original` is the program's file name where it is not `exe`.

@@ -116,14 +116,12 @@ TEST(DataFileTool, LookupAnswersEachKindsKeys) {
 
 TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
   TempDir dir;
-  const std::string good = testing::checkLine("1", "Acme", "Draw", "1", "Draw", "draw");
-  const std::string twin = testing::checkLine("2", "Acme", "Paint", "1", "Paint", "DRAW");
-  const std::string font = testing::checkLine("3", "Acme", "Font", "1", "F", "f.ttf", true);
-  const std::string folded =
-      testing::checkLine("4", "\xC3\x98resund Soft", "Menu", "1", "M", "menu");
-  std::string plain =
-      *MacKorean::encode(testing::crlf({"stray", "#HEADER_START", "1", "#HEADER_END",
-                                        "#CHECKLIST_START", good, twin, font, folded}));
+  std::string plain = *MacKorean::encode(testing::crlf(
+      {"stray", "#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START",
+       testing::checkLine("1", "Acme", "Draw", "1", "Draw", "draw"),
+       testing::checkLine("2", "Acme", "Paint", "1", "Paint", "DRAW"),    // the same EXE_FILE
+       testing::checkLine("3", "Acme", "Font", "1", "F", "f.ttf", true),  // a font record
+       testing::checkLine("4", "\xC3\x98resund Soft", "Menu", "1", "M", "menu")}));
   plain += "\xA1\x20\r\n";                   // no Mac Korean text
   plain += std::string(2100, 'x') + "\r\n";  // too long a line
   plain += "#CHECKLIST_END\r\n";
