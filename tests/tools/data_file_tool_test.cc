@@ -180,35 +180,31 @@ TEST(DataFileTool, BuildingFromTsvNamesTheFaultyRow) {
   EXPECT_FALSE(std::filesystem::exists(dir.file("out.dat")));
 }
 
-TEST(EncipherText, LineEndsBecomeCrLfAndTheTextBecomesMacKorean) {
-  for (const auto& [text, plain] : std::vector<std::pair<std::string, std::string>>{
+// Line ends become CRLF and the text Mac Korean; what the reader could not
+// give back is refused at its line and column.
+TEST(EncipherText, TextOrWhereItIsRefused) {
+  for (const auto& [text, expected] : std::vector<std::pair<std::string, std::string>>{
            {"a\nb\n", "a\r\nb\r\n"},
            {"a\r\nb", "a\r\nb\r\n"},
-           {"\xEF\xBB\xBF\xEA\xB0\x80\n\n", "\xB0\xA1\r\n\r\n"}}) {  // BOM skipped, 가
-    const std::optional<std::string> file = encipherText(text, nullptr);
-    ASSERT_TRUE(file) << text;
-    EXPECT_EQ(testing::decipher(*file), plain);
+           {"\xEF\xBB\xBF\xEA\xB0\x80\n\n", "\xB0\xA1\r\n\r\n"},  // BOM skipped, 가
+           {"ok\n\xEA\xB0\x80\xC3\xA9\n", "2:2: U+00E9 has no Mac Korean form"},
+           {"a\rb\n", "1:2: a CR that does not end a line"},
+           {std::string("x\ny\0z", 5), "2:2: a zero byte"},
+           {"\xFF\n", "1:1: the text is not UTF-8"},
+           {"", "1:1: the text is empty"},
+           {"a\n" + std::string(2048, 'x') + "\n",
+            "2:1: the line takes 2048 bytes, more than the 2047 a data file allows"}}) {
+    TextProblem problem;
+    const std::optional<std::string> file = encipherText(text, &problem);
+    EXPECT_EQ(file ? testing::decipher(*file)
+                   : std::to_string(problem.line) + ":" + std::to_string(problem.column) + ": " +
+                         problem.reason,
+              expected);
   }
   // The bundled sample is the enciphered form of its text.
   const std::string source = testing::readBytes(QUARVEL_SAMPLES "/welcome.txt");
   ASSERT_FALSE(source.empty());
   EXPECT_EQ(encipherText(source, nullptr), testing::readBytes(QUARVEL_SAMPLES "/welcome.dat"));
-}
-
-TEST(EncipherText, RefusesWhatTheReaderCouldNotGiveBack) {
-  using Where = std::tuple<std::size_t, std::size_t, std::string>;  // line, column, reason
-  for (const auto& [text, where] : std::vector<std::pair<std::string, Where>>{
-           {"ok\n\xEA\xB0\x80\xC3\xA9\n", {2, 2, "U+00E9 has no Mac Korean form"}},
-           {"a\rb\n", {1, 2, "a CR that does not end a line"}},
-           {std::string("x\ny\0z", 5), {2, 2, "a zero byte"}},
-           {"\xFF\n", {1, 1, "the text is not UTF-8"}},
-           {"", {1, 1, "the text is empty"}},
-           {"a\n" + std::string(2048, 'x') + "\n",
-            {2, 1, "the line takes 2048 bytes, more than the 2047 a data file allows"}}}) {
-    TextProblem problem;
-    EXPECT_FALSE(encipherText(text, &problem));
-    EXPECT_EQ(Where(problem.line, problem.column, problem.reason), where);
-  }
 }
 
 // encrypt then decrypt gives the lines back; OUT is replaced whole or not
