@@ -27,20 +27,11 @@ TEST(AuditReportInBrowser, ChartBarsAreDrawnInProportion) {
          "QUARVEL_SKIP_BROWSER_TESTS=1 to skip this test";
   quarvel::testing::TempTree tree;
   AuditResult result;
-  for (auto [maker, price] :
-       {std::pair{"다온테크", "1250000"}, std::pair{"Acme", "625000"}, std::pair{"Zeta", "250000"}})
-    result.findings.push_back({FindingKind::Software,
-                               "",
-                               -1,
-                               "",
-                               maker,
-                               "Product",
-                               "",
-                               price,
-                               Money::parse(price),
-                               "",
-                               "Office",
-                               {"/opt/x"}});
+  for (auto [maker, price] : {std::pair{"다온테크", "1250000"}, std::pair{"Acme", "625000"},
+                              std::pair{"Zeta", "250000"}}) {
+    Finding& f = result.findings.emplace_back();
+    f.maker = maker, f.priceText = price, f.price = Money::parse(price);
+  }
   finishResult(result);
   const std::string page = tree.file("report.html", formatHtml(result));
   const std::string shot = tree.path("shot.png");

@@ -33,26 +33,23 @@ std::string reportBody(const std::string& id) { return Json{{"reportId", id}}.du
 
 // Answers every exchange in libcurl's place with one CURLcode and status,
 // recording what was asked.
-class ScriptedCollector : public PlatformWrapper {
- public:
-  ScriptedCollector(CURLcode code, long status) : code_(code), status_(status) {}
+struct ScriptedCollector : PlatformWrapper {
+  ScriptedCollector(CURLcode code, long status) : code(code), status(status) {}
   int performHttp(HttpExchange& exchange) override {
     std::lock_guard lock(mutex);
     urls.push_back(exchange.url());
     requests.push_back(exchange.options());
-    if (code_ == CURLE_OK) {
-      exchange.setStatus(status_);
+    if (code == CURLE_OK) {
+      exchange.setStatus(status);
       (void)exchange.deliver(R"({"error":"no"})");
     }
-    return code_;
+    return code;
   }
+  const CURLcode code;
+  const long status;
   std::mutex mutex;
   std::vector<std::string> urls;
   std::vector<HttpExchange::Options> requests;
-
- private:
-  CURLcode code_;
-  long status_;
 };
 
 std::string header(const HttpExchange::Options& o, std::string_view name) {
@@ -69,10 +66,8 @@ std::vector<std::string> idsIn(const ReportSpool& spool) {
 }
 
 std::size_t filesIn(const std::string& folder) {
-  std::size_t n = 0;
-  for (const auto& e : std::filesystem::directory_iterator(folder))
-    n += e.path().extension() == ".json";
-  return n;
+  return std::ranges::count_if(std::filesystem::directory_iterator(folder),
+                               [](const auto& e) { return e.path().extension() == ".json"; });
 }
 
 TEST(ReportDelivery, CollectorAnswersDecideWhereEachReportGoes) {
@@ -241,17 +236,16 @@ TEST(AuditSubmit, LoopbackCollector) {
     received = server.requests();
   }
   ASSERT_EQ(received.size(), 1u);
-  EXPECT_EQ(received[0].method + " " + received[0].target, "POST /api/reports");
-  EXPECT_EQ(received[0].headers["authorization"], "Bearer enrol-7");
-  const Json stored = Json::parse(received[0].body);
-  EXPECT_EQ(received[0].headers["idempotency-key"], stored["reportId"]);
-  EXPECT_EQ(stored["format"], 1);
+  auto& r = received[0];
+  Json stored = Json::parse(r.body);
   EXPECT_EQ(
-      stored["machine"],
-      Json({{"hostName", "pc-1"}, {"networkIdentity", "lo 127.0.0.1"}, {"osVersion", "Test OS"}}));
-  EXPECT_TRUE(stored["lists"]["checklist"].is_string() &&
-              stored["lists"]["userchecklist"].is_null());
-  EXPECT_EQ(stored["findings"][0]["product"], "PhotoLoom 6");
+      std::tuple(r.method, r.target, r.headers["authorization"], r.headers["idempotency-key"]),
+      std::tuple("POST", "/api/reports", "Bearer enrol-7", stored["reportId"]));
+  EXPECT_EQ(
+      Json::array({stored["format"], stored["machine"], stored["lists"]["checklist"].is_string(),
+                   stored["lists"]["userchecklist"], stored["findings"][0]["product"]}),
+      Json::parse(R"([1, {"hostName": "pc-1", "networkIdentity": "lo 127.0.0.1",
+                "osVersion": "Test OS"}, true, null, "PhotoLoom 6"])"));
 
   ReportSpool spool(tree.path("spool"));
   {

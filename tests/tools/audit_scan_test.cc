@@ -152,45 +152,43 @@ TEST(DesktopEntry, ProgramOfExecSeesThroughQuotingAndWrappers) {
     EXPECT_EQ(programOfExec(exec), program) << exec;
 }
 
-TEST(DesktopEntry, EveryExecLineCountsOnce) {
-  EXPECT_EQ(execPrograms("[Desktop Entry]\r\nName=Acme Editor\r\nExecutable=not-this\r\n"
-                         "TryExec=not-this-either\r\nExec = acme-editor %U\r\n\n"
-                         "[Desktop Action new-window]\nExec=/opt/acme/acme-helper --new\n"
-                         "[Desktop Action again]\nExec=acme-editor --again\n"
-                         "# Exec=commented-out\n"),
-            (Names{"acme-editor", "acme-helper"}));
-  EXPECT_TRUE(execProgramsOfFile("/nonexistent/entry.desktop").empty());
-}
-
-TEST(DesktopEntry, FileIsReadUpToOneMebibyte) {
+// Each program counts once, from every Exec line of the first mebibyte.
+TEST(DesktopEntry, EveryExecLineOfTheFirstMebibyteCountsOnce) {
   TempTree tree;
   const std::size_t limit = 1 << 20;
   const std::string exec = "\nExec=far-tool\n";
   for (const auto& [name, text, expected] :
        std::vector<std::tuple<std::string, std::string, Names>>{
            {"empty", "", {}},
-           {"small", "[Desktop Entry]\nExec=tool\n", {"tool"}},
+           {"every exec",
+            "[Desktop Entry]\r\nName=Acme Editor\r\nExecutable=not-this\r\n"
+            "TryExec=not-this-either\r\nExec = acme-editor %U\r\n\n"
+            "[Desktop Action new-window]\nExec=/opt/acme/acme-helper --new\n"
+            "[Desktop Action again]\nExec=acme-editor --again\n# Exec=commented-out\n",
+            {"acme-editor", "acme-helper"}},
            {"ends at the limit", std::string(limit - exec.size(), '#') + exec, {"far-tool"}},
            {"cut at the limit", std::string(limit - 3, '#') + exec, {}},  // "\nEx" fits
            {"far past the limit", std::string(3 * limit, '#') + exec, {}}})
     EXPECT_EQ(execProgramsOfFile(tree.file(name + ".desktop", text)), expected) << name;
+  EXPECT_TRUE(execProgramsOfFile("/nonexistent/entry.desktop").empty());
 }
 
+// A check list record; `original` is the program's file name where it is not `exe`.
 MemoryList::Row product(std::string exe, std::string company, std::string product,
-                        std::string version, std::string price, std::string group) {
-  return {{"DB_ID", "ID-" + exe},    {"COMPANY", company},      {"PRODUCT", product},
-          {"VERSION", version},      {"ORIGINAL_FILE", exe},    {"EXE_FILE", exe},
-          {"DISP_COMPANY", company}, {"DISP_PRODUCT", product}, {"PRICE", price},
-          {"SW_TYPE", "Commercial"}, {"GRP_ID", group},         {"GRP_NAME", group}};
+                        std::string version, std::string price, std::string group,
+                        std::string original = "") {
+  MemoryList::Row row{{"DB_ID", "ID-" + exe},    {"COMPANY", company},      {"PRODUCT", product},
+                      {"VERSION", version},      {"ORIGINAL_FILE", exe},    {"EXE_FILE", exe},
+                      {"DISP_COMPANY", company}, {"DISP_PRODUCT", product}, {"PRICE", price},
+                      {"SW_TYPE", "Commercial"}, {"GRP_ID", group},         {"GRP_NAME", group}};
+  if (!original.empty()) row["ORIGINAL_FILE"] = original;
+  return row;
 }
 
-class FixedFonts : public FontCatalog {
- public:
-  explicit FixedFonts(Names files) : files_(std::move(files)) {}
-  Names fontFiles() override { return files_; }
-
- private:
-  Names files_;
+struct FixedFonts : FontCatalog {
+  Names fontFiles() override {
+    return {"/elsewhere/fonts/FancySans.otf", "/elsewhere/fonts/Unknown.ttf"};
+  }
 };
 
 // Each finding as "maker/product/list: places", relative to `root`.
@@ -231,12 +229,6 @@ class AuditorMachine : public ::testing::Test {
     plan.fontCatalog = &catalog;
   }
 
-  // The user list names the check list's Acme Editor again, under another file name.
-  static MemoryList::Row sameAsAcmeEdit(MemoryList::Row row) {
-    row["ORIGINAL_FILE"] = "acmeedit";
-    return row;
-  }
-
   TempTree tree;
   MemoryList checkList{
       {product("acmeedit", "Acme", "Editor", "2.0", "1,200,000", "Office"),
@@ -250,7 +242,8 @@ class AuditorMachine : public ::testing::Test {
        product("Hidden.AppImage", "Hid", "Den", "1", "10", "Design")}};
   MemoryList userList{
       {product("mailer", "Post", "Mailer", "3", "free", ""),
-       sameAsAcmeEdit(product("acme-editor-user", "ACME", "editor", "2.0", "1", "Other"))}};
+       // The check list's Acme Editor again, under another file name.
+       product("acme-editor-user", "ACME", "editor", "2.0", "1", "Other", "acmeedit")}};
   MemoryList fontList{{product("NanumMyeongjo.ttf", "나눔", "명조", "1", "30000", "Fonts"),
                        product("FancySans.otf", "Fancy", "Sans", "2", "12.5", "Fonts")}};
   MemoryFilter filter{{"FILT\tered\t1\tfiltered-tool"}};
@@ -258,7 +251,7 @@ class AuditorMachine : public ::testing::Test {
                        .userCheckList = &userList,
                        .fontList = &fontList,
                        .filter = &filter};
-  FixedFonts catalog{{"/elsewhere/fonts/FancySans.otf", "/elsewhere/fonts/Unknown.ttf"}};
+  FixedFonts catalog;
   ScanPlan plan;
 };
 
@@ -286,9 +279,17 @@ TEST_F(AuditorMachine, FindsExactlyTheListedProductsWhereTheyAre) {
   Names groups;
   for (const auto& g : result.totals.groups)
     groups.push_back(g.group + " " + std::to_string(g.count) + " " + g.price.toString());
-  EXPECT_EQ(groups, (Names{" 1 0", "Design 2 3080000", "Fonts 2 30012.50", "Office 2 1250000"}));
-  EXPECT_EQ(result.totals.count, 7u);
-  EXPECT_EQ(result.totals.price.toString(), "4360012.50");
+  groups.push_back("Total " + std::to_string(result.totals.count) + " " +
+                   result.totals.price.toString());
+  EXPECT_EQ(groups, (Names{" 1 0", "Design 2 3080000", "Fonts 2 30012.50", "Office 2 1250000",
+                           "Total 7 4360012.50"}));
+
+  // Without a software list no software folder is walked.
+  const AuditResult fonts = Auditor({.fontList = &fontList}).run(plan);
+  EXPECT_EQ(rowsOf(fonts, tree.root()),
+            (Names{"Fancy/Sans/fontlist: /elsewhere/fonts/FancySans.otf",
+                   "나눔/명조/fontlist: fonts/truetype/NanumMyeongjo.ttf"}));
+  EXPECT_EQ(fonts.stats.folders, 2u);
 }
 
 TEST(Auditor, NamesMatchTheListsThatHoldThemInAnyLetterCase) {
@@ -311,18 +312,6 @@ TEST(Auditor, NamesMatchTheListsThatHoldThemInAnyLetterCase) {
     for (const Finding& f : auditor.takeResult().findings) products.push_back(f.product);
     EXPECT_EQ(products, found) << name;
   }
-}
-
-TEST(Auditor, WithoutListsOfAKindThatKindIsNotScanned) {
-  TempTree tree;
-  tree.file("fonts/A.ttf");
-  MemoryList fonts({product("A.ttf", "Type", "A", "1", "5", "Fonts")});
-  ScanPlan plan;
-  plan.pathFolders = plan.fontFolders = {tree.path("fonts")};
-  AuditResult result = Auditor({.fontList = &fonts}).run(plan);
-  ASSERT_EQ(result.findings.size(), 1u);
-  EXPECT_EQ(result.findings[0].kind, FindingKind::Font);
-  EXPECT_EQ(result.stats.folders, 1u);  // the PATH folder was not listed
 }
 
 TEST(ScanPlanTest, SystemPlanFromTheEnvironment) {

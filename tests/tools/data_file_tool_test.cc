@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -18,6 +17,7 @@
 #include "format/MacKorean.h"
 #include "quarvel/FileCheckList.h"
 #include "support/TestPlatform.h"
+#include "support/ToolProcess.h"
 
 namespace quarvel::cli {
 namespace {
@@ -27,10 +27,7 @@ using testing::TempDir;
 
 std::string sample(const char* name) { return std::string(QUARVEL_SAMPLES) + "/" + name; }
 
-struct Outcome {
-  int status;
-  std::string out, err;
-};
+using Outcome = testing::ToolRun;
 
 template <typename F>
 Outcome run(F&& call) {
@@ -46,11 +43,11 @@ Outcome show(const char* name, std::optional<DataFileKind> kind, OutputFormat fo
 
 TEST(DataFileTool, ShowDetectsTheKindInJson) {
   const Outcome fonts = show("fontchecklist.dat", std::nullopt, OutputFormat::Json);
-  ASSERT_EQ(fonts.status, 0);
-  const auto doc = nlohmann::json::parse(fonts.out);
-  EXPECT_EQ(doc["kind"], "font");
-  EXPECT_EQ(doc["sections"]["#CHECKLIST"][0]["EXE_FILE"], "NuriMyeongjo-Regular.ttf");
-  EXPECT_EQ(doc["sections"]["#CHECKLIST"][0].size(), 14u);
+  ASSERT_EQ(fonts.exitStatus, 0);
+  auto doc = nlohmann::json::parse(fonts.out);
+  auto& first = doc["sections"]["#CHECKLIST"][0];
+  EXPECT_EQ(std::tuple(doc["kind"], first["EXE_FILE"], first.size()),
+            std::tuple("font", "NuriMyeongjo-Regular.ttf", 14u));
 }
 
 TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
@@ -61,7 +58,7 @@ TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
       {"fontchecklist.dat", DataFileKind::Font}};
   for (const auto& [name, kind] : files) {
     const Outcome shown = show(name, kind, OutputFormat::Tsv);
-    ASSERT_EQ(shown.status, 0) << name;
+    ASSERT_EQ(shown.exitStatus, 0) << name;
     // One block per section: its tag, then the TSV.
     TempDir dir;
     std::vector<std::string> inputs;
@@ -75,7 +72,7 @@ TEST(DataFileTool, TsvOutputBuildsTheSameFileAgain) {
     const std::string rebuilt = dir.file("rebuilt.dat");
     const Outcome built =
         run([&](auto&, auto& err) { return buildDataFileFromTsv(kind, inputs, rebuilt, err); });
-    ASSERT_EQ(built.status, 0) << built.err;
+    ASSERT_EQ(built.exitStatus, 0) << built.err;
     EXPECT_EQ(testing::readBytes(rebuilt), testing::readBytes(sample(name))) << name;
   }
 }
@@ -90,29 +87,27 @@ TEST(DataFileTool, LookupAnswersEachKindsKeys) {
     std::string line = "";  // a line of the answer
     bool json = false;
   } const cases[] = {
-      {check, {.exe = "PhotoLoom6"}, 0, "DB_ID          SW100102"},
-      {check,
-       {.property = "brightpath labs\\tPHOTOLOOM\\t5.2\\tPhotoLoom"},
-       0,
-       "#CHECKLIST record 0"},
-      {check, {.id = "sw100101"}, 1},
-      {check, {.filter = "a\\tb\\tc\\td"}, 2},
-      {font, {.exe = "kestrelsans-bold.OTF"}, 0, "DB_ID          FT300302"},
-      {filter,
-       {.filter = "KESTREL AUDIO\\twavesmith demo\\t3.0\\tWaveSmithDemo"},
-       0,
-       "#SWLIST record 4"},
-      {package, {.package = "PK2001", .sub = 1}, 0, "display name: Tidewell Office"},
-      {package, {.package = "PK2001", .sub = 0}, 0, "display name: Tidewell Office(-)"},
-      {package, {.exe = "x"}, 2},
+      // clang-format off
+      {check,   {.exe = "PhotoLoom6"},                 0, "DB_ID          SW100102"},
+      {check,   {.property = "brightpath labs\\tPHOTOLOOM\\t5.2\\tPhotoLoom"}, 0,
+                "#CHECKLIST record 0"},
+      {check,   {.id = "sw100101"},                    1},
+      {check,   {.filter = "a\\tb\\tc\\td"},           2},
+      {font,    {.exe = "kestrelsans-bold.OTF"},       0, "DB_ID          FT300302"},
+      {filter,  {.filter = "KESTREL AUDIO\\twavesmith demo\\t3.0\\tWaveSmithDemo"}, 0,
+                "#SWLIST record 4"},
+      {package, {.package = "PK2001", .sub = 1},       0, "display name: Tidewell Office"},
+      {package, {.package = "PK2001", .sub = 0},       0, "display name: Tidewell Office(-)"},
+      {package, {.exe = "x"},                          2},
       // JSON stays JSON when nothing matches.
-      {check, {.id = "SW100201"}, 0, "  \"section\": \"#CHECKLIST\",", true},
-      {check, {.exe = "no-such.exe"}, 1, "null", true}};
+      {check,   {.id = "SW100201"},                    0, "  \"section\": \"#CHECKLIST\",", true},
+      {check,   {.exe = "no-such.exe"},                1, "null", true}};
+  // clang-format on
   for (const Case& c : cases) {
     const Outcome answer = run([&](auto& out, auto& err) {
       return lookupDataFile(sample(c.file), std::nullopt, c.query, c.json, out, err);
     });
-    EXPECT_EQ(answer.status, c.status) << c.file << " " << c.line << answer.err;
+    EXPECT_EQ(answer.exitStatus, c.status) << c.file << " " << c.line << answer.err;
     if (!c.line.empty()) {
       EXPECT_THAT(split(answer.out, "\n"), ::testing::Contains(c.line));
     }
@@ -121,14 +116,12 @@ TEST(DataFileTool, LookupAnswersEachKindsKeys) {
 
 TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
   TempDir dir;
-  const std::string good = testing::checkLine("1", "Acme", "Draw", "1", "Draw", "draw");
-  const std::string twin = testing::checkLine("2", "Acme", "Paint", "1", "Paint", "DRAW");
-  const std::string font = testing::checkLine("3", "Acme", "Font", "1", "F", "f.ttf", true);
-  const std::string folded =
-      testing::checkLine("4", "\xC3\x98resund Soft", "Menu", "1", "M", "menu");
-  std::string plain =
-      *MacKorean::encode(testing::crlf({"stray", "#HEADER_START", "1", "#HEADER_END",
-                                        "#CHECKLIST_START", good, twin, font, folded}));
+  std::string plain = *MacKorean::encode(testing::crlf(
+      {"stray", "#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START",
+       testing::checkLine("1", "Acme", "Draw", "1", "Draw", "draw"),
+       testing::checkLine("2", "Acme", "Paint", "1", "Paint", "DRAW"),    // the same EXE_FILE
+       testing::checkLine("3", "Acme", "Font", "1", "F", "f.ttf", true),  // a font record
+       testing::checkLine("4", "\xC3\x98resund Soft", "Menu", "1", "M", "menu")}));
   plain += "\xA1\x20\r\n";                   // no Mac Korean text
   plain += std::string(2100, 'x') + "\r\n";  // too long a line
   plain += "#CHECKLIST_END\r\n";
@@ -136,7 +129,7 @@ TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
     return run([&](auto& out, auto& err) { return checkDataFile(path, std::nullopt, out, err); });
   };
   const Outcome checked = check(dir.writeRawDataFile("c.dat", plain));
-  EXPECT_EQ(checked.status, 1);
+  EXPECT_EQ(checked.exitStatus, 1);
   for (const char* expected :
        {"line 1: warning: outside every section; ignored",
         "line 7: warning: EXE_FILE \"DRAW\" repeats line 6; look-ups answer this record, line 6 "
@@ -152,9 +145,9 @@ TEST(DataFileTool, CheckFindsWhatTheReaderWouldRefuseOrHide) {
 
   const Outcome refused = check(dir.writeDataFile(
       "d.dat", testing::crlf({"#HEADER_START", "1", "#HEADER_END", "#CHECKLIST_START"})));
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_THAT(refused.out, HasSubstr("error: section #CHECKLIST has no end line"));
-  EXPECT_THAT(refused.out, HasSubstr("the reader refuses this file as damaged"));
+  EXPECT_EQ(refused.exitStatus, 1);
+  EXPECT_THAT(refused.out, ::testing::AllOf(HasSubstr("error: section #CHECKLIST has no end line"),
+                                            HasSubstr("the reader refuses this file as damaged")));
 }
 
 // Each input alone in a folder of its own; the last four rows would lose
@@ -181,41 +174,37 @@ TEST(DataFileTool, BuildingFromTsvNamesTheFaultyRow) {
     const Outcome built = run([&](auto&, auto& err) {
       return buildDataFileFromTsv(DataFileKind::Filter, {folder}, dir.file("out.dat"), err);
     });
-    EXPECT_EQ(built.status, 1);
+    EXPECT_EQ(built.exitStatus, 1);
     EXPECT_THAT(built.err, HasSubstr(folder + "/" + file + message));
   }
   EXPECT_FALSE(std::filesystem::exists(dir.file("out.dat")));
 }
 
-TEST(EncipherText, LineEndsBecomeCrLfAndTheTextBecomesMacKorean) {
-  for (const auto& [text, plain] : std::vector<std::pair<std::string, std::string>>{
+// Line ends become CRLF and the text Mac Korean; what the reader could not
+// give back is refused at its line and column.
+TEST(EncipherText, TextOrWhereItIsRefused) {
+  for (const auto& [text, expected] : std::vector<std::pair<std::string, std::string>>{
            {"a\nb\n", "a\r\nb\r\n"},
            {"a\r\nb", "a\r\nb\r\n"},
-           {"\xEF\xBB\xBF\xEA\xB0\x80\n\n", "\xB0\xA1\r\n\r\n"}}) {  // BOM skipped, 가
-    const std::optional<std::string> file = encipherText(text, nullptr);
-    ASSERT_TRUE(file) << text;
-    EXPECT_EQ(testing::decipher(*file), plain);
+           {"\xEF\xBB\xBF\xEA\xB0\x80\n\n", "\xB0\xA1\r\n\r\n"},  // BOM skipped, 가
+           {"ok\n\xEA\xB0\x80\xC3\xA9\n", "2:2: U+00E9 has no Mac Korean form"},
+           {"a\rb\n", "1:2: a CR that does not end a line"},
+           {std::string("x\ny\0z", 5), "2:2: a zero byte"},
+           {"\xFF\n", "1:1: the text is not UTF-8"},
+           {"", "1:1: the text is empty"},
+           {"a\n" + std::string(2048, 'x') + "\n",
+            "2:1: the line takes 2048 bytes, more than the 2047 a data file allows"}}) {
+    TextProblem problem;
+    const std::optional<std::string> file = encipherText(text, &problem);
+    EXPECT_EQ(file ? testing::decipher(*file)
+                   : std::to_string(problem.line) + ":" + std::to_string(problem.column) + ": " +
+                         problem.reason,
+              expected);
   }
   // The bundled sample is the enciphered form of its text.
   const std::string source = testing::readBytes(QUARVEL_SAMPLES "/welcome.txt");
   ASSERT_FALSE(source.empty());
   EXPECT_EQ(encipherText(source, nullptr), testing::readBytes(QUARVEL_SAMPLES "/welcome.dat"));
-}
-
-TEST(EncipherText, RefusesWhatTheReaderCouldNotGiveBack) {
-  using Where = std::tuple<std::size_t, std::size_t, std::string>;  // line, column, reason
-  for (const auto& [text, where] : std::vector<std::pair<std::string, Where>>{
-           {"ok\n\xEA\xB0\x80\xC3\xA9\n", {2, 2, "U+00E9 has no Mac Korean form"}},
-           {"a\rb\n", {1, 2, "a CR that does not end a line"}},
-           {std::string("x\ny\0z", 5), {2, 2, "a zero byte"}},
-           {"\xFF\n", {1, 1, "the text is not UTF-8"}},
-           {"", {1, 1, "the text is empty"}},
-           {"a\n" + std::string(2048, 'x') + "\n",
-            {2, 1, "the line takes 2048 bytes, more than the 2047 a data file allows"}}}) {
-    TextProblem problem;
-    EXPECT_FALSE(encipherText(text, &problem));
-    EXPECT_EQ(Where(problem.line, problem.column, problem.reason), where);
-  }
 }
 
 // encrypt then decrypt gives the lines back; OUT is replaced whole or not
@@ -230,10 +219,9 @@ TEST(CipherCommands, EncryptReplacesOutWholeOrNotAtAll) {
   testing::writeBytes(dir.path() / "in.txt", text);
   testing::writeBytes(dir.path() / "bad.txt", "fine\ncaf\xC3\xA9\n");
   testing::writeBytes(dir.path() / "new.txt", longer);
-  std::ostringstream err;
+  std::ostringstream out, err;
   ASSERT_EQ(runEncrypt({dir.file("in.txt"), dir.file("out.dat")}, err), 0) << err.str();
   LogCapture log;
-  std::ostringstream out;
   EXPECT_EQ(runDecrypt(dir.file("out.dat"), out, err), 0);
   EXPECT_EQ(out.str(), text);
   const std::string before = testing::readBytes(dir.path() / "out.dat");
@@ -264,15 +252,12 @@ TEST(CipherCommands, DataFileCommandsRefuseTheSameFilesBeforeReading) {
                                                        {"folder.dat", "is a folder"},
                                                        {"fifo.dat", "not a regular file"},
                                                        {"empty.dat", "empty"}};
-  using Command = std::function<int(const std::string&, std::ostream&, std::ostream&)>;
-  const std::pair<const char*, Command> commands[] = {
-      {"decrypt", [](auto& path, auto& out, auto& err) { return runDecrypt(path, out, err); }},
-      {"check",
-       [](auto& path, auto& out, auto& err) { return checkDataFile(path, {}, out, err); }}};
-  for (const auto& [command, call] : commands)
+  for (const bool decrypt : {true, false})
     for (const auto& [name, reason] : cases) {
       std::ostringstream out, err;
-      EXPECT_EQ(call(dir.file(name), out, err), 1) << command << " " << name;
+      const std::string path = dir.file(name);
+      EXPECT_EQ(decrypt ? runDecrypt(path, out, err) : checkDataFile(path, {}, out, err), 1)
+          << (decrypt ? "decrypt " : "check ") << name;
       EXPECT_THAT(out.str() + err.str(), HasSubstr(reason));
     }
 }

@@ -3,8 +3,8 @@
 // target and output.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -85,8 +85,7 @@ TEST(SettingsToolTest, SetAndDeleteFailWhenTheDomainCannotBeWritten) {
   std::filesystem::rename(config + ".away", config);
   // The failed delete left the file as it was.
   discardSharedSettingsForTesting();
-  EXPECT_EQ(runSettings("get kept"), 0);
-  EXPECT_EQ(runSettings("get other"), 1);
+  EXPECT_EQ((std::array{runSettings("get kept"), runSettings("get other")}), (std::array{0, 1}));
 }
 
 TEST(SettingsToolTest, PathsNameEveryOperation) {
@@ -112,9 +111,7 @@ TEST(SigningTool, KeysSignaturesAndVerdicts) {
   const std::string secret = folder / "lists.key", publicKey = folder / "lists.pub";
   std::ostringstream out, err;
   ASSERT_EQ(generateKeyFiles(secret, publicKey, err), 0) << err.str();
-  struct stat info {};
-  ASSERT_EQ(::stat(secret.c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  EXPECT_EQ(std::filesystem::status(secret).permissions(), std::filesystem::perms(0600));
   // A second keygen leaves the first pair as it was.
   const std::string firstSecret = testing::readFile(secret);
   EXPECT_EQ(generateKeyFiles(secret, folder / "other.pub", err), 1);
@@ -149,7 +146,7 @@ NetworkSources fakeMachine() {
           nullptr};
 }
 
-TEST(NetIdCommand, JsonHoldsTheRecordsBehindTheText) {
+TEST(NetIdCommand, JsonHoldsTheRecordsBehindTheTextAndNullWhenTheLookupFails) {
   testing::LoopbackHttpServer echo(
       [](const testing::HttpReceived&) { return testing::HttpReply::text("198.51.100.4\n"); });
   NetIdResult result =
@@ -164,12 +161,10 @@ TEST(NetIdCommand, JsonHoldsTheRecordsBehindTheText) {
             nlohmann::json({{"device", "wlan0"}, {"ADAPTER", "Wi-Fi"}, {"2", "192.168.1.9"}}));
   EXPECT_EQ(doc["adapters"][1]["18"], "52:54:00:12:34:56");
   EXPECT_EQ(doc["services"].size(), 3u);
-}
 
-TEST(NetIdCommand, FailedLookupEndsTheWaitAndShowsNull) {
+  // A failed look-up ends the wait and shows null.
   auto start = std::chrono::steady_clock::now();
-  NetIdResult result =
-      gatherNetId({.json = true, .echoHost = "127.0.0.1:1", .wait = 20s}, fakeMachine());
+  result = gatherNetId({.json = true, .echoHost = "127.0.0.1:1", .wait = 20s}, fakeMachine());
   EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
   EXPECT_FALSE(result.external);
   EXPECT_EQ(nlohmann::json::parse(renderNetId(result, true))["external"], nullptr);

@@ -55,22 +55,19 @@ TEST(ToolConventions, UsageErrorsExitTwoAndNameTheWord) {
   // The first runs as a whole process, the others in this one.
   for (const auto& [arguments, names] : cases) {
     const ToolRun run = &arguments == &cases[0].first ? tool(arguments) : topLevel(arguments);
-    EXPECT_EQ(run.exitStatus, 2) << run.err;
+    EXPECT_EQ(std::tie(run.exitStatus, run.out), std::tuple(2, "")) << run.err;
     EXPECT_TRUE(has(run.err, names) && has(run.err, "--help")) << run.err;
-    EXPECT_EQ(run.out, "");
   }
 }
 
 TEST(ToolConventions, VersionAndHelpGoToStandardOutput) {
   const ToolRun version = tool({"--version"});
-  EXPECT_EQ(version.exitStatus, 0);
-  EXPECT_EQ(version.out.rfind("quarvel ", 0), 0u) << version.out;
-  EXPECT_TRUE(has(version.out, "\nlist server: http://") &&
+  EXPECT_TRUE(version.exitStatus == 0 && version.out.starts_with("quarvel ") &&
+              has(version.out, "\nlist server: http://") &&
               has(version.out, "\nfile server: http://"))
       << version.out;
   const ToolRun help = topLevel({"lookup", "--help"});
-  EXPECT_EQ(help.exitStatus, 0);
-  EXPECT_TRUE(has(help.out, "--kind checklist|package|filter|font") &&
+  EXPECT_TRUE(help.exitStatus == 0 && has(help.out, "--kind checklist|package|filter|font") &&
               has(help.out, "Exit status: 0 a record matches, 1 none does") && !has(help.out, "->"))
       << help.out;
 }
@@ -83,16 +80,13 @@ TEST(ToolConventions, StandardInputAndJsonAnswers) {
   std::ostringstream named, ignored;
   ASSERT_EQ(runDecrypt(list, named, ignored), 0);
   const ToolRun piped = tool({"decrypt", "-"}, bytes);
-  EXPECT_EQ(piped.exitStatus, 0) << piped.err;
-  EXPECT_EQ(piped.out, named.str());
+  EXPECT_EQ(std::tie(piped.exitStatus, piped.out), std::tuple(0, named.str())) << piped.err;
   const ToolRun checked = tool({"check", "-"}, bytes);
-  EXPECT_EQ(checked.out.rfind("-: checked as a checklist file", 0), 0u) << checked.out;
+  EXPECT_TRUE(checked.out.starts_with("-: checked as a checklist file")) << checked.out;
   const ToolRun empty = tool({"show", "-"});
-  EXPECT_EQ(empty.exitStatus, 1);
-  EXPECT_EQ(empty.err.rfind("-: ", 0), 0u) << empty.err;
+  EXPECT_TRUE(empty.exitStatus == 1 && empty.err.starts_with("-: ")) << empty.err;
   const ToolRun none = tool({"-q", "lookup", "--json", "--exe", "no-such.exe", "-"}, bytes);
-  EXPECT_EQ(none.exitStatus, 1);
-  EXPECT_EQ(none.out, "null\n");
+  EXPECT_EQ(std::tie(none.exitStatus, none.out), std::tuple(1, "null\n"));
 }
 
 // fold passes standard input through a block of lines at a time: the text
@@ -104,8 +98,9 @@ TEST(ToolConventions, FoldStreamsStandardInputInWholeLines) {
         "Caf\xC3\xA9 na\xC3\xAFve \xC2\xBD " + std::to_string(line) + (line % 7 ? "\n" : "\r\n");
   input += "no line end \xC3\xA5";
   const ToolRun run = tool({"fold"}, input);
-  EXPECT_EQ(run.exitStatus, 0) << run.err;
-  EXPECT_EQ(run.out, CommonLib::encodingForSpecialCharacter(input));
+  EXPECT_EQ(std::tie(run.exitStatus, run.out),
+            std::tuple(0, CommonLib::encodingForSpecialCharacter(input)))
+      << run.err;
 }
 
 // The library's log lines reach the system log always, standard error only
@@ -113,8 +108,7 @@ TEST(ToolConventions, FoldStreamsStandardInputInWholeLines) {
 TEST(ToolConventions, LogLinesOnStandardErrorOnlyWhenAskedFor) {
   const std::string list = kSamples + "/macfilterlist.dat";
   const ToolRun plain = tool({"show", list});
-  EXPECT_EQ(plain.exitStatus, 0);
-  EXPECT_EQ(plain.err, "");
+  EXPECT_EQ(std::tie(plain.exitStatus, plain.err), std::tuple(0, ""));
   const ToolRun verbose = tool({"--verbose", "show", list});
   EXPECT_TRUE(has(verbose.err, " ?= ")) << verbose.err;
   EXPECT_EQ(verbose.out, plain.out);
