@@ -16,8 +16,11 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <optional>
+#include <string>
+#include <system_error>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -287,11 +290,18 @@ void decipherBlock(const unsigned char* in, std::size_t count, std::size_t at, u
 
 }  // namespace
 
-// Read a block at a time from the file's end, each block deciphered,
-// checked and decoded while it is in the caches: the enciphered file never
-// lies in memory whole, and its bytes pass through memory once instead of
-// five times.
-bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out) {
+namespace {
+
+// The file's plain text [from, to) read a block at a time from the file's
+// end, each block deciphered, checked and decoded while it is in the
+// caches, and appended to `text`: false for a text the whole-file reader
+// must take. `from` starts a line; `to` ends one, or is the file's end.
+struct DecodedRange {
+  std::size_t lines = 0;  // lines ended
+  bool zero = false;      // a zero byte ended the text
+};
+bool decodeRange(int fd, std::size_t size, std::size_t from, std::size_t to, std::string& text,
+                 DecodedRange& range) {
   constexpr std::size_t kBlock = std::size_t{256} << 10;
   // A block follows the unfinished line the one before left, which
   // splitWhole's limits keep short: kMaxLineBytes and its CR.
@@ -299,15 +309,9 @@ bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out) {
   std::unique_ptr<unsigned char[]> cipher(new (std::nothrow) unsigned char[kBlock]);
   std::unique_ptr<unsigned char[]> plain(new (std::nothrow) unsigned char[kCarry + kBlock]);
   if (!cipher || !plain) return false;
-  auto text = std::make_unique<std::string>();
-  text->reserve(size + size / 2);
-  // Huge pages for the room a list of ASCII fills; the rest, there for
-  // Hangul's longer UTF-8, is touched only if needed.
-  adviseHugePages(text->data(), size);
-  std::size_t count = 0;  // lines ended so far
   std::size_t carry = 0;  // bytes of the unfinished line at the front of `plain`
-  for (std::size_t at = 0; at < size;) {
-    const std::size_t block = std::min(kBlock, size - at);
+  for (std::size_t at = from; at < to;) {
+    const std::size_t block = std::min(kBlock, to - at);
     for (std::size_t got = 0; got < block;) {
       const ssize_t n =
           ::pread(fd, cipher.get() + got, block - got, static_cast<off_t>(size - at - block + got));
@@ -322,12 +326,75 @@ bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out) {
     const std::optional<LineWalk> walk = walkLines(plain.get(), length);
     if (!walk) return false;
     const std::string_view whole(reinterpret_cast<const char*>(plain.get()), walk->end);
-    if (!MacKorean::decodeAppend(whole, *text)) return false;
-    count += walk->lines;
-    if (walk->zero || at == size) break;
+    if (!MacKorean::decodeAppend(whole, text)) return false;
+    range.lines += walk->lines;
+    if (walk->zero) {
+      range.zero = true;
+      break;
+    }
+    if (at == to) break;
     carry = length - walk->end;
     if (carry > kCarry) return false;  // a line too long: dropped and logged the other way
     std::memmove(plain.get(), plain.get() + walk->end, carry);
+  }
+  return true;
+}
+
+// Where a large file's text is cut in two for decodeRange on two threads:
+// just past the first LF from the middle on, or 0 when there is none near
+// it, or a zero byte comes first (the text may end there).
+std::size_t middleLineStart(int fd, std::size_t size) {
+  constexpr std::size_t kLook = kMaxLineBytes + 2;
+  const std::size_t middle = size / 2;
+  const std::size_t count = std::min(kLook, size - middle);
+  unsigned char cipher[kLook], plain[kLook];
+  if (::pread(fd, cipher, count, static_cast<off_t>(size - middle - count)) !=
+      static_cast<ssize_t>(count))
+    return 0;
+  decipherBlock(cipher, count, middle, plain);
+  for (std::size_t i = 0; i < count; ++i) {
+    if (plain[i] == 0) return 0;
+    if (plain[i] == '\n') return middle + i + 1 < size ? middle + i + 1 : 0;
+  }
+  return 0;
+}
+
+}  // namespace
+
+// The enciphered file never lies in memory whole, and its bytes pass
+// through memory once instead of five times. A large file's second half
+// is decoded on a second thread into a text of its own, appended after the
+// first half's: no line crosses the cut, so the lines are the same.
+bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out, std::size_t twoThreadsFrom) {
+  auto text = std::make_unique<std::string>();
+  text->reserve(size + size / 2);
+  // Huge pages for the room a list of ASCII fills; the rest, there for
+  // Hangul's longer UTF-8, is touched only if needed.
+  adviseHugePages(text->data(), size);
+  const std::size_t cut = size >= twoThreadsFrom ? middleLineStart(fd, size) : 0;
+  DecodedRange front, back;
+  std::string backText;
+  std::future<bool> backDone;
+  if (cut != 0) {
+    try {
+      backDone = std::async(std::launch::async, [&] {
+        backText.reserve((size - cut) + (size - cut) / 2);
+        adviseHugePages(backText.data(), size - cut);
+        return decodeRange(fd, size, cut, size, backText, back);
+      });
+    } catch (const std::system_error&) {
+      // No thread to be had: one thread reads it all.
+    }
+  }
+  const bool split = backDone.valid();
+  const bool frontRead = decodeRange(fd, size, 0, split ? cut : size, *text, front);
+  // The back half counts only when the front ran to the cut.
+  const bool backRead = split && backDone.get();
+  if (!frontRead || (split && !front.zero && !backRead)) return false;
+  std::size_t count = front.lines;
+  if (split && !front.zero) {
+    text->append(backText);
+    count += back.lines;
   }
   logf("%zd ?= %d", static_cast<ssize_t>(size), static_cast<int>(size));
   // Whatever of that room a huge page brought in (the terminator kept).

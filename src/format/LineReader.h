@@ -79,7 +79,11 @@ bool readLines(std::FILE* stream, DecodedLines& out);
 // `fd`, without its log lines but the size line, for a text it reads
 // without a word; false, with `out` untouched, for any other text or a read
 // that comes up short (readLines then reads the file whole and says why).
-// readLines takes this way unless its debug lines are wanted.
-bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out);
+// readLines takes this way unless its debug lines are wanted. A file of
+// `twoThreadsFrom` bytes or more is read in two halves on two threads;
+// below the default a thread costs more than it saves.
+constexpr std::size_t kTwoThreadsFrom = std::size_t{4} << 20;
+bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out,
+                       std::size_t twoThreadsFrom = kTwoThreadsFrom);
 
 }  // namespace quarvel::datafile

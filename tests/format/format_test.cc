@@ -178,7 +178,9 @@ TEST(Decrypt, ReadsAStreamWithinItsReportedSize) {
 // read it without a word. Both must make the same lines, above all where a
 // block ends inside a line, a CR LF or a two-byte code; where the whole
 // reader takes its careful path (a lone CR, a line too long, a code with
-// no mapping), the block reader declines.
+// no mapping), the block reader declines. Read in two halves on two
+// threads, it must answer alike, also where what ends the text lies in one
+// half and what would send it the careful way in the other.
 TEST(Decrypt, ReadsByBlocksWhatItReadsWhole) {
   constexpr std::size_t kBlock = 256 << 10;  // the reader's block
   const std::string record = "app.exe\tMaker\t\xB0\xA1\xB3\xAA\t1.0\r\n";
@@ -187,13 +189,17 @@ TEST(Decrypt, ReadsByBlocksWhatItReadsWhole) {
     while (text.size() < bytes) text += record;
     return text;
   };
-  // Records, then a line of ASCII reaching `place`, `bytes` there, and more
-  // records to two blocks and a bit.
-  auto at = [&](std::size_t place, std::string_view bytes) {
-    std::string text = filled(place - 2 * record.size());
-    text.append(place - text.size(), 'p').append(bytes);
+  // Records, then a line of ASCII reaching each place and its bytes there,
+  // and more records to two blocks and a bit.
+  auto marked = [&](std::initializer_list<std::pair<std::size_t, std::string_view>> marks) {
+    std::string text;
+    for (const auto& [place, bytes] : marks) {
+      while (text.size() + 2 * record.size() < place) text += record;
+      text.append(place - text.size(), 'p').append(bytes);
+    }
     return text + filled(2 * kBlock + 100 - text.size());
   };
+  auto at = [&](std::size_t place, std::string_view bytes) { return marked({{place, bytes}}); };
   const struct Case {
     const char* name;
     std::string plain;
@@ -209,6 +215,11 @@ TEST(Decrypt, ReadsByBlocksWhatItReadsWhole) {
       {"CR before a zero byte", at(kBlock + 7, std::string("\r\0", 2)), false},
       {"line too long across blocks", at(kBlock - 2500, std::string(3000, 'x')), false},
       {"code with no mapping", at(kBlock + 3, "\xB0\x20"), false},
+      {"zero byte, then a lone CR in the second half",
+       marked({{kBlock / 2, {"\0", 1}}, {kBlock + kBlock / 2, "\rq"}}), true},
+      {"lone CR, then a zero byte in the second half",
+       marked({{kBlock / 2, "\rq"}, {kBlock + kBlock / 2, {"\0", 1}}}), false},
+      {"zero byte where the halves meet", at(kBlock + 50, {"\0", 1}), true},
   };
   testing::TempDir dir;
   for (const Case& c : cases) {
@@ -219,12 +230,16 @@ TEST(Decrypt, ReadsByBlocksWhatItReadsWhole) {
     datafile::DecodedLines byBlocks, whole;
     LogCapture log;  // readLines then reads the file whole
     EXPECT_EQ(datafile::readLinesByBlocks(::fileno(file), c.plain.size(), byBlocks), c.byBlocks);
+    datafile::DecodedLines halves;
+    EXPECT_EQ(datafile::readLinesByBlocks(::fileno(file), c.plain.size(), halves, 0), c.byBlocks);
     // A file shorter than its size said (cut while read) is left to readLines.
     datafile::DecodedLines cut;
     EXPECT_FALSE(datafile::readLinesByBlocks(::fileno(file), c.plain.size() + 1, cut));
+    EXPECT_FALSE(datafile::readLinesByBlocks(::fileno(file), c.plain.size() + 1, cut, 0));
     ASSERT_TRUE(datafile::readLines(file, whole));
     std::fclose(file);
     EXPECT_TRUE(!c.byBlocks || byBlocks.lines == whole.lines);
+    EXPECT_TRUE(!c.byBlocks || halves.lines == whole.lines);
   }
 }
 

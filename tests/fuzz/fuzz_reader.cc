@@ -45,11 +45,15 @@ void splitAndDecrypt(std::string_view text) {
   if (!fuzz::writeEnciphered(text) || text.empty()) return;
   std::FILE* file = std::fopen(fuzz::scratchPath().c_str(), "rb");
   if (file == nullptr) return;
-  datafile::DecodedLines byBlocks, whole;
+  datafile::DecodedLines byBlocks, halves, whole;
   const bool read = datafile::readLinesByBlocks(::fileno(file), text.size(), byBlocks);
+  // Also in two halves, as a large file is read.
+  if (datafile::readLinesByBlocks(::fileno(file), text.size(), halves, 0) != read)
+    fail("two halves answer otherwise than one");
   if (!datafile::readLines(file, whole)) fail("an enciphered file that does not read");
   std::fclose(file);
-  if (read && !std::ranges::equal(byBlocks.lines, whole.lines))
+  if (read && (!std::ranges::equal(byBlocks.lines, whole.lines) ||
+               !std::ranges::equal(halves.lines, whole.lines)))
     fail("blocks read other lines than the whole file");
 }
 
