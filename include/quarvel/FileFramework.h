@@ -111,11 +111,16 @@ class FileFramework {
   /// line order. Records are appended in one step and refer to the read's
   /// text, which they keep. Answers the row of the first record appended
   /// (the table's count before). `added(row, record)` sees each record as
-  /// it is built (TableMulti::addTabbedLines).
+  /// it is built (TableMulti::addTabbedLines). `alongside(row, record)`
+  /// sees each record too, in row order, but for a long section on a
+  /// second thread while this one builds the table, through a copy of the
+  /// record valid only during the call (TableMulti::eachTabbedRecord): it
+  /// may touch only what nothing else touches until loadRecords returns.
+  using RecordCallback = std::function<void(std::int64_t row, const Record& record)>;
   template <typename Refused>
-  static std::int64_t loadRecords(
-      TableMulti& table, const ReadResult& read, Refused&& refused,
-      const std::function<void(std::int64_t row, const Record& record)>& added = nullptr) {
+  static std::int64_t loadRecords(TableMulti& table, const ReadResult& read, Refused&& refused,
+                                  const RecordCallback& added = nullptr,
+                                  const RecordCallback& alongside = nullptr) {
     const int first = table.getStartPosition() + 1;
     const int end = table.getEndPosition();
     std::span<const std::string_view> lines;
@@ -123,7 +128,7 @@ class FileFramework {
       lines = std::span(read.lines)
                   .subspan(static_cast<std::size_t>(first), static_cast<std::size_t>(end - first));
     std::vector<std::size_t> refusedLines;
-    const std::int64_t row = table.addTabbedLines(read.text, lines, refusedLines, added);
+    const std::int64_t row = addRecords(table, read.text, lines, refusedLines, added, alongside);
     for (std::size_t i : refusedLines) refused(lines[i]);
     return row;
   }
@@ -143,6 +148,12 @@ class FileFramework {
   static bool writeContents(const std::string& path, unsigned char* buffer, std::uint64_t size);
 
  private:
+  /// loadRecords' work, its second thread included.
+  static std::int64_t addRecords(TableMulti& table, std::shared_ptr<const std::string> text,
+                                 std::span<const std::string_view> lines,
+                                 std::vector<std::size_t>& refused, const RecordCallback& added,
+                                 const RecordCallback& alongside);
+
   std::optional<std::string> fileName_;
 };
 

@@ -56,6 +56,15 @@ class TableMulti : public Table {
       std::shared_ptr<const std::string> text, std::span<const std::string_view> lines,
       std::vector<std::size_t>& refused,
       const std::function<void(std::int64_t row, const Record& record)>& added = nullptr);
+  /// Calls `each(row, record)` for each of `lines` that addTabbedLines would
+  /// make a record of for a table of `fieldCount` fields, numbered as it
+  /// would number them from `first`. The record refers to the line and to
+  /// a layout of this call's own, and lasts only until `each` returns.
+  /// Touches no table: another thread may run it beside addTabbedLines
+  /// over the same lines.
+  static void eachTabbedRecord(
+      std::span<const std::string_view> lines, std::size_t fieldCount, std::int64_t first,
+      const std::function<void(std::int64_t row, const Record& record)>& each);
   /// Appends the records unchecked.
   void addArrayItems(const std::vector<RecordPtr>& records);
   void addArrayItems(std::vector<RecordPtr>&& records);

@@ -75,6 +75,8 @@ bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPat
   // Both look-up indexes take each record's keys as soon as the record is
   // split, while its line is still in the caches: a pass of its own over
   // the records and their text cost each index about as much as the split.
+  // The property index, the dearer, is filled on a second core beside the
+  // records and the file-name index.
   const auto lineCount = static_cast<std::size_t>(
       std::max(0, m_pCheckList.getEndPosition() - m_pCheckList.getStartPosition() - 1));
   LookupIndex::Filler properties(indexes_->m_pDicProperty, lineCount);
@@ -91,8 +93,10 @@ bool FileCheckList::openWithFileName(const std::string& fileName, bool isFullPat
              std::string(line).c_str());
       },
       [&](std::int64_t row, const Record& record) {
-        properties.add(record.joined(datafile::kCompanyIndex, datafile::kOriginalFileIndex), row);
         fileNames.add(record[datafile::kExeFileIndex], row);
+      },
+      [&](std::int64_t row, const Record& record) {
+        properties.add(record.joined(datafile::kCompanyIndex, datafile::kOriginalFileIndex), row);
       });
   properties.finish();
   fileNames.finish();

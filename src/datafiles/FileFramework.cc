@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <future>
+#include <system_error>
 
 #include "common/FileReplacement.h"
 #include "common/Folding.h"
@@ -63,6 +65,34 @@ std::string FileFramework::resolvePath(const std::string& fileName, bool isFullP
   path += '/';
   path += fileName;
   return path;
+}
+
+std::int64_t FileFramework::addRecords(TableMulti& table, std::shared_ptr<const std::string> text,
+                                       std::span<const std::string_view> lines,
+                                       std::vector<std::size_t>& refused,
+                                       const RecordCallback& added,
+                                       const RecordCallback& alongside) {
+  // Below this many lines a thread costs more than it saves.
+  constexpr std::size_t kAlongsideFrom = 8192;
+  const std::size_t fieldCount = table.m_arrField().size();
+  const auto first = static_cast<std::int64_t>(table.getCount());
+  std::future<void> side;
+  if (alongside && lines.size() >= kAlongsideFrom) {
+    try {
+      side = std::async(std::launch::async,
+                        [&] { TableMulti::eachTabbedRecord(lines, fieldCount, first, alongside); });
+    } catch (const std::system_error&) {
+      // No thread to be had: the work is done below instead.
+    }
+  }
+  // Should the table throw, the future's destructor waits for the thread,
+  // which uses only the lines and what `alongside` names.
+  const std::int64_t row = table.addTabbedLines(std::move(text), lines, refused, added);
+  if (side.valid())
+    side.get();
+  else if (alongside)
+    TableMulti::eachTabbedRecord(lines, fieldCount, first, alongside);
+  return row;
 }
 
 FileFramework::ReadResult FileFramework::readSections(const std::string& path,

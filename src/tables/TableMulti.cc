@@ -139,6 +139,21 @@ std::int64_t TableMulti::addTabbedLines(
   return first;
 }
 
+void TableMulti::eachTabbedRecord(std::span<const std::string_view> lines, std::size_t fieldCount,
+                                  std::int64_t first,
+                                  const std::function<void(std::int64_t, const Record&)>& each) {
+  // The values addTabbedLines takes: 32-bit offsets split by the same rule
+  // as its 16-bit ones.
+  if (fieldCount == 0 || fieldCount > UINT32_MAX - 1) return;
+  std::vector<std::uint32_t> layout(1 + fieldCount);
+  layout[0] = static_cast<std::uint32_t>(fieldCount);
+  std::int64_t row = first;
+  for (std::string_view line : lines) {
+    if (!Record::splitTabbedLine(line, fieldCount, layout.data() + 1)) continue;
+    each(row++, Record::referring(layout.data(), line.data()));
+  }
+}
+
 void TableMulti::addArrayItems(const std::vector<RecordPtr>& records) {
   records_.insert(records_.end(), records.begin(), records.end());
 }

@@ -313,27 +313,40 @@ TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {
       checkLine("D-4", "\xED\x95\x9C\xEA\xB8\x80\xEC\x86\x8C\xED\x94\x84\xED\x8A\xB8", "Hangul",
                 "9", "x", ""),
       checkLine("E-5", "Blank", "Exe", "1", "x", "")};
-  TempDir dir;
-  FileCheckList list;
-  ASSERT_TRUE(list.openWithFileName(
-      dir.writeDataFile("c.dat", sections({{"#HEADER", {"2024.05"}}, {"#CHECKLIST", records}})),
-      true));
-  const std::tuple<const char*, int, int> cases[] = {
-      {"property ignores case", list.getIdByProperty("ACME\tEditor\t2.0\tEditor.app"), 0},
-      {"property, last of a repeated key", list.getIdByProperty("acme\tviewer\t1.0\tVIEWER"), 2},
-      {"property with a part missing", list.getIdByProperty("Acme\teditor\t2.0"), -1},
-      {"property, Greek capitals",
-       list.getIdByProperty(
-           "\xCF\x83\xCE\xBF\xCF\x86\xCE\xB9\xCE\xB1 SOFT\t\xCE\xB1\xCE\xB2\xCE\xB3\t1\tX"),
-       3},
-      {"file name ignores case", list.getIdByFileName("eDiToR"), 0},
-      {"file name, full-width capitals",
-       list.getIdByFileName("\xEF\xBD\x85\xEF\xBD\x84\xEF\xBD\x89\xEF\xBD\x94"), 3},
-      {"file name, last of the empty names", list.getIdByFileName(""), 5},
-      {"file name unknown", list.getIdByFileName("editor.app"), -1},
-      {"identifier is exact", list.getIndex("a-1"), 1},
-      {"identifier in other case", list.getIndex("c-3"), -1}};
-  for (const auto& [what, got, expected] : cases) EXPECT_EQ(got, expected) << what;
+  // Once, and repeated past the length whose property index is filled on a
+  // second thread, a refused line in each repetition: the last record of a
+  // key wins, numbered as the table numbers it.
+  for (const int copies : {1, 1400}) {
+    std::vector<std::string> lines;
+    for (int c = 0; c < copies; ++c) {
+      lines.insert(lines.end(), records.begin(), records.end());
+      lines.push_back("refused\tline");
+    }
+    TempDir dir;
+    FileCheckList list;
+    LogCapture refusals;
+    ASSERT_TRUE(list.openWithFileName(
+        dir.writeDataFile("c.dat", sections({{"#HEADER", {"2024.05"}}, {"#CHECKLIST", lines}})),
+        true));
+    const int last = 6 * (copies - 1);
+    const std::tuple<const char*, int, int> cases[] = {
+        {"property ignores case", list.getIdByProperty("ACME\tEditor\t2.0\tEditor.app"), 0},
+        {"property, last of a repeated key", list.getIdByProperty("acme\tviewer\t1.0\tVIEWER"), 2},
+        {"property with a part missing", list.getIdByProperty("Acme\teditor\t2.0"), -1},
+        {"property, Greek capitals",
+         list.getIdByProperty(
+             "\xCF\x83\xCE\xBF\xCF\x86\xCE\xB9\xCE\xB1 SOFT\t\xCE\xB1\xCE\xB2\xCE\xB3\t1\tX"),
+         3},
+        {"file name ignores case", list.getIdByFileName("eDiToR"), 0},
+        {"file name, full-width capitals",
+         list.getIdByFileName("\xEF\xBD\x85\xEF\xBD\x84\xEF\xBD\x89\xEF\xBD\x94"), 3},
+        {"file name, last of the empty names", list.getIdByFileName(""), 5},
+        {"file name unknown", list.getIdByFileName("editor.app"), -1},
+        {"identifier is exact", list.getIndex("a-1"), 1},
+        {"identifier in other case", list.getIndex("c-3"), -1}};
+    for (const auto& [what, got, expected] : cases)
+      EXPECT_EQ(got, expected < 0 ? expected : expected + last) << what << " x" << copies;
+  }
 }
 
 // A list never opened: records inserted are indexed by no look-up but make
