@@ -11,6 +11,9 @@ nice ./scripts/build.sh "$build"
 # failure with failed=1 and the script's exit status reports it at the end.
 failed=0
 trap 'status=$?; exit $((status ? status : failed))' EXIT
+# As ctest runs them (tests/soak/CMakeLists.txt): without glibc's caches of
+# thread stacks and per-thread heaps, whose size follows the threads' timing.
+export GLIBC_TUNABLES=glibc.pthread.stack_cache_size=0:glibc.malloc.arena_max=1
 
 # --- Update runs -------------------------------------------------------------
 # 500 update runs against a loopback server that resets, stalls, trickles,
