@@ -1,13 +1,17 @@
 // The data-file reader on arbitrary bytes: through CommonLib::Decrypt, and
 // as deciphered text into the line splitter, into lines and into one buffer
-// alike, and from a file a block at a time as the whole file reads it. As the text of `quarvel
-// encrypt TEXTFILE`: what it writes reads back line for line (byte-order mark skipped, CR LF as LF,
-// a last line without a line end kept), and a refusal names a line and column inside the text.
+// alike (whose lines a table splits into records once and again alike), and
+// from a file a block at a time, in one piece or two halves, as the whole
+// file reads it. As the text of `quarvel encrypt TEXTFILE`: what it writes
+// reads back line for line (byte-order mark skipped, CR LF as LF, a last
+// line without a line end kept), and a refusal names a line and column
+// inside the text.
 
 #include "CipherCommand.h"
 #include "FuzzSupport.h"
 #include "common/StringUtil.h"
 #include "format/LineReader.h"
+#include "quarvel/TableMulti.h"
 
 namespace {
 
@@ -26,6 +30,26 @@ std::optional<std::vector<std::string>> readStream(std::string bytes) {
   return lines;
 }
 
+// A long section's keys are entered from records split a second time
+// (TableMulti::eachTabbedRecord): they must be the table's records, row for
+// row and value for value, for a table of `fields` fields.
+void sameRecordsSplitTwice(const datafile::DecodedLines& decoded, std::size_t fields) {
+  TableMulti table;
+  table.initWithRecord(std::string(fields - 1, '\t'), "\t");
+  std::vector<std::size_t> refused;
+  table.addTabbedLines(
+      std::shared_ptr<const std::string>(std::shared_ptr<void>(), decoded.text.get()),
+      decoded.lines, refused);
+  std::int64_t rows = 0;
+  TableMulti::eachTabbedRecord(decoded.lines, fields, 0, [&](std::int64_t row, const Record& r) {
+    const RecordPtr own = row == rows++ ? table.getAt(row) : nullptr;
+    if (!own || own->size() != r.size()) fail("a record split twice is another");
+    for (std::size_t i = 0; i < r.size(); ++i)
+      if ((*own)[i] != r[i]) fail("a value split twice is another");
+  });
+  if (static_cast<std::uint64_t>(rows) != table.getCount()) fail("records split twice differ");
+}
+
 void splitAndDecrypt(std::string_view text) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
   LogCapture& quiet = fuzz::quietLog();
@@ -39,6 +63,11 @@ void splitAndDecrypt(std::string_view text) {
   datafile::splitLines(bytes, text.size(), decoded);
   if (!std::ranges::equal(decoded.lines, lines) || quiet.lines() != logged)
     fail("one buffer reads other lines");
+  if (decoded.text) {
+    const std::size_t tabs = decoded.lines.empty() ? 0 : std::ranges::count(decoded.lines[0], '\t');
+    sameRecordsSplitTwice(decoded, tabs + 1);
+    sameRecordsSplitTwice(decoded, 17);
+  }
   readStream(std::string(text));
   // The block reader, where it reads at all, reads what the whole file does
   // (the log capture sends readLines the whole way).
