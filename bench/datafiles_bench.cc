@@ -73,17 +73,22 @@ std::size_t minimalRead(const std::string& path, bool hugePages) {
   in.read(bytes.get(), static_cast<std::streamsize>(size));
   quarvel::datafile::decipher(reinterpret_cast<unsigned char*>(bytes.get()),
                               static_cast<std::uint32_t>(size));
-  std::string text;
-  text.reserve(size + size / 2);
-  if (hugePages) quarvel::adviseHugePages(text.data(), size);
-  if (!quarvel::MacKorean::decodeAppend(std::string_view(bytes.get(), size), text)) return 0;
+  std::optional<std::string> text;
+  const std::string_view plain(bytes.get(), size);
+  if (hugePages) {
+    text.emplace().reserve(size + size / 2);
+    quarvel::adviseHugePages(text->data(), size);
+    if (!quarvel::MacKorean::decodeAppend(plain, *text)) return 0;
+  } else if (text = quarvel::MacKorean::decode(plain); !text) {
+    return 0;
+  }
   bytes.reset();
   std::vector<std::string_view> lines;
-  for (std::size_t from = 0; from < text.size();) {
+  for (std::size_t from = 0; from < text->size();) {
     const auto* lf =
-        static_cast<const char*>(std::memchr(text.data() + from, '\n', text.size() - from));
-    const std::size_t at = lf ? static_cast<std::size_t>(lf - text.data()) : text.size();
-    lines.emplace_back(text.data() + from, at - from - (at > from && text[at - 1] == '\r'));
+        static_cast<const char*>(std::memchr(text->data() + from, '\n', text->size() - from));
+    const std::size_t at = lf ? static_cast<std::size_t>(lf - text->data()) : text->size();
+    lines.emplace_back(text->data() + from, at - from - (at > from && (*text)[at - 1] == '\r'));
     from = at + 1;
   }
   benchmark::DoNotOptimize(lines.data());
