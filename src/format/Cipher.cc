@@ -342,7 +342,7 @@ bool decodeRange(int fd, std::size_t size, std::size_t from, std::size_t to, std
 
 // Where a large file's text is cut in two for decodeRange on two threads:
 // just past the first LF from the middle on, or 0 when there is none near
-// it, or a zero byte comes first (the text may end there).
+// it. A zero byte before it needs no care: the front half ends there.
 std::size_t middleLineStart(int fd, std::size_t size) {
   constexpr std::size_t kLook = kMaxLineBytes + 2;
   const std::size_t middle = size / 2;
@@ -352,11 +352,10 @@ std::size_t middleLineStart(int fd, std::size_t size) {
       static_cast<ssize_t>(count))
     return 0;
   decipherBlock(cipher, count, middle, plain);
-  for (std::size_t i = 0; i < count; ++i) {
-    if (plain[i] == 0) return 0;
-    if (plain[i] == '\n') return middle + i + 1 < size ? middle + i + 1 : 0;
-  }
-  return 0;
+  const auto* lf = static_cast<const unsigned char*>(std::memchr(plain, '\n', count));
+  if (lf == nullptr) return 0;
+  const std::size_t cut = middle + static_cast<std::size_t>(lf - plain) + 1;
+  return cut < size ? cut : 0;
 }
 
 }  // namespace

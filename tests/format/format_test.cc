@@ -220,6 +220,7 @@ TEST(Decrypt, ReadsByBlocksWhatItReadsWhole) {
       {"lone CR, then a zero byte in the second half",
        marked({{kBlock / 2, "\rq"}, {kBlock + kBlock / 2, {"\0", 1}}}), false},
       {"zero byte where the halves meet", at(kBlock + 50, {"\0", 1}), true},
+      {"code with no mapping in the second half", at(kBlock + kBlock / 2, "\xB0\x20"), false},
   };
   testing::TempDir dir;
   for (const Case& c : cases) {
