@@ -72,7 +72,9 @@ std::int64_t FileFramework::addRecords(TableMulti& table, std::shared_ptr<const 
                                        std::vector<std::size_t>& refused,
                                        const RecordCallback& added,
                                        const RecordCallback& alongside) {
-  // Below this many lines a thread costs more than it saves.
+  // Below this many lines a thread costs more than it saves. As a
+  // process's first open, at 20,000 lines it neither saved nor cost (10.6
+  // ms against 10.4), at 100,000 it saved 4.5 ms of 42.
   constexpr std::size_t kAlongsideFrom = 8192;
   const std::size_t fieldCount = table.m_arrField().size();
   const auto first = static_cast<std::int64_t>(table.getCount());
