@@ -203,22 +203,23 @@ std::size_t nextLineStop(const unsigned char* text, std::size_t from, std::size_
   return size;
 }
 
-// The text's lines from decoded UTF-8: a view per LF-ended line, its CR
-// before the LF left out.
+// The lines of decoded UTF-8 text[0, size), which ends in an LF, appended
+// to `lines`: a view per LF-ended line, its CR before the LF left out.
+void appendLineViews(const char* text, std::size_t size, std::vector<std::string_view>& lines) {
+  for (std::size_t from = 0; from < size;) {
+    const auto at = static_cast<std::size_t>(
+        static_cast<const char*>(std::memchr(text + from, '\n', size - from)) - text);
+    std::size_t bytes = at - from;
+    if (bytes > 0 && text[at - 1] == '\r') --bytes;
+    lines.emplace_back(text + from, bytes);
+    from = at + 1;
+  }
+}
+
 void viewLines(DecodedLines& out, std::size_t count) {
   out.lines.clear();
   out.lines.reserve(count);
-  const char* const decodedBegin = out.text->data();
-  const std::size_t decodedSize = out.text->size();
-  for (std::size_t from = 0; from < decodedSize;) {
-    const auto at = static_cast<std::size_t>(
-        static_cast<const char*>(std::memchr(decodedBegin + from, '\n', decodedSize - from)) -
-        decodedBegin);
-    std::size_t bytes = at - from;
-    if (bytes > 0 && decodedBegin[at - 1] == '\r') --bytes;
-    out.lines.emplace_back(decodedBegin + from, bytes);
-    from = at + 1;
-  }
+  appendLineViews(out.text->data(), out.text->size(), out.lines);
 }
 
 // The walk splitWhole takes over text[0, size): one pass, stopping only at
@@ -363,7 +364,9 @@ std::size_t middleLineStart(int fd, std::size_t size) {
 // The enciphered file never lies in memory whole, and its bytes pass
 // through memory once instead of five times. A large file's second half
 // is decoded on a second thread into a text of its own, appended after the
-// first half's: no line crosses the cut, so the lines are the same.
+// first half's: no line crosses the cut, so the lines are the same. Each
+// thread finds its own half's lines; the second's views are moved onto
+// the whole text unless appending its half moved the first's.
 bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out, std::size_t twoThreadsFrom) {
   auto text = std::make_unique<std::string>();
   text->reserve(size + size / 2);
@@ -373,13 +376,17 @@ bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out, std::size_t 
   const std::size_t cut = size >= twoThreadsFrom ? middleLineStart(fd, size) : 0;
   DecodedRange front, back;
   std::string backText;
+  std::vector<std::string_view> backLines;
   std::future<bool> backDone;
   if (cut != 0) {
     try {
       backDone = std::async(std::launch::async, [&] {
         backText.reserve((size - cut) + (size - cut) / 2);
         adviseHugePages(backText.data(), size - cut);
-        return decodeRange(fd, size, cut, size, backText, back);
+        if (!decodeRange(fd, size, cut, size, backText, back)) return false;
+        backLines.reserve(back.lines);
+        appendLineViews(backText.data(), backText.size(), backLines);
+        return true;
       });
     } catch (const std::system_error&) {
       // No thread to be had: one thread reads it all.
@@ -387,19 +394,32 @@ bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out, std::size_t 
   }
   const bool split = backDone.valid();
   const bool frontRead = decodeRange(fd, size, 0, split ? cut : size, *text, front);
+  std::vector<std::string_view> lines;
+  if (frontRead) {
+    lines.reserve(front.lines + (split ? front.lines + front.lines / 8 : 0));
+    appendLineViews(text->data(), text->size(), lines);
+  }
   // The back half counts only when the front ran to the cut.
   const bool backRead = split && backDone.get();
   if (!frontRead || (split && !front.zero && !backRead)) return false;
-  std::size_t count = front.lines;
   if (split && !front.zero) {
+    const std::size_t at = text->size();
+    const bool stays = text->capacity() - at >= backText.size();  // no reallocation
     text->append(backText);
-    count += back.lines;
+    if (stays) {
+      lines.reserve(front.lines + back.lines);
+      for (std::string_view line : backLines)
+        lines.emplace_back(text->data() + at + (line.data() - backText.data()), line.size());
+    } else {
+      lines.clear();
+      appendLineViews(text->data(), text->size(), lines);
+    }
   }
   logf("%zd ?= %d", static_cast<ssize_t>(size), static_cast<int>(size));
   // Whatever of that room a huge page brought in (the terminator kept).
   releaseUnusedPages(text->data(), text->size() + 1, text->capacity() + 1);
   out.text = std::move(text);
-  viewLines(out, count);
+  out.lines = std::move(lines);
   return true;
 }
 

@@ -200,6 +200,14 @@ TEST(Decrypt, ReadsByBlocksWhatItReadsWhole) {
     return text + filled(2 * kBlock + 100 - text.size());
   };
   auto at = [&](std::size_t place, std::string_view bytes) { return marked({{place, bytes}}); };
+  // Records, then lines of a code that decodes to three characters (seven
+  // bytes of UTF-8): the text outgrows the room the reader sets aside.
+  auto swelling = [&] {
+    std::string text = filled(kBlock + 100), line;
+    for (int i = 0; i < 100; ++i) line += "\xA2\xE6";  // 1 U+20DE U+F87C
+    while (text.size() < 2 * kBlock + 100) text += line + "\r\n";
+    return text;
+  };
   const struct Case {
     const char* name;
     std::string plain;
@@ -221,6 +229,7 @@ TEST(Decrypt, ReadsByBlocksWhatItReadsWhole) {
        marked({{kBlock / 2, "\rq"}, {kBlock + kBlock / 2, {"\0", 1}}}), false},
       {"zero byte where the halves meet", at(kBlock + 50, {"\0", 1}), true},
       {"code with no mapping in the second half", at(kBlock + kBlock / 2, "\xB0\x20"), false},
+      {"second half longer than the room set aside", swelling(), true},
   };
   testing::TempDir dir;
   for (const Case& c : cases) {
