@@ -90,9 +90,11 @@ class FileFramework {
   enum class ReadStatus { kOk, kOpenFailed, kDecryptFailed, kDamaged };
   struct ReadResult {
     ReadStatus status = ReadStatus::kOpenFailed;
-    int errorCode = 0;                        ///< the stream's error value on kOpenFailed
-    std::shared_ptr<const std::string> text;  ///< the decoded text that `lines` view
-    std::vector<std::string_view> lines;      ///< the deciphered lines on kOk
+    int errorCode = 0;  ///< the stream's error value on kOpenFailed
+    /// The decoded text that `lines` view; of a file read in two halves,
+    /// the front one, whose owner keeps the back one too.
+    std::shared_ptr<const std::string> text;
+    std::vector<std::string_view> lines;  ///< the deciphered lines on kOk
   };
 
   /// Reads and deciphers `path` and sets the start and end positions of

@@ -44,9 +44,10 @@ class TableMulti : public Table {
   std::int64_t add(std::string_view line, std::string_view separator) override;
   /// Appends a record for each of `lines` that holds exactly the field
   /// count of values split on "\t", as add(line, "\t") would, and the index
-  /// in `lines` of each other line to `refused`. The records refer to
-  /// `text`, which every line is a view of and which they keep alive (see
-  /// Record::referring): one allocation for them all rather than one each.
+  /// in `lines` of each other line to `refused`. The records refer to the
+  /// lines' bytes, which `text` (or what its owner holds with it) keeps,
+  /// and they keep `text` alive (see Record::referring): one allocation for
+  /// them all rather than one each.
   /// Answers the row of the first record appended (the count before).
   /// `added(row, record)`, when given, is called for each record as soon as
   /// it is built, in row order, while its line is still in the caches; the

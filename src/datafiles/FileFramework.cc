@@ -177,7 +177,15 @@ FileFramework::ReadResult FileFramework::readSections(const std::string& path,
     }
   }
   result.status = ReadStatus::kOk;
-  result.text = std::move(decoded.text);
+  if (decoded.back) {
+    // One owner for both halves of a text read in two, which the records
+    // keep as they keep a text in one piece.
+    using Halves = std::pair<std::unique_ptr<std::string>, std::unique_ptr<std::string>>;
+    auto halves = std::make_shared<Halves>(std::move(decoded.text), std::move(decoded.back));
+    result.text = std::shared_ptr<const std::string>(halves, halves->first.get());
+  } else {
+    result.text = std::move(decoded.text);
+  }
   result.lines = std::move(decoded.lines);
   return result;
 }

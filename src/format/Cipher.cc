@@ -303,6 +303,16 @@ struct DecodedRange {
 };
 bool decodeRange(int fd, std::size_t size, std::size_t from, std::size_t to, std::string& text,
                  DecodedRange& range) {
+  // Room for a range of ASCII in huge pages; the rest, there for Hangul's
+  // longer UTF-8, is touched only if needed, and whatever of it a huge page
+  // brought in is handed back at the end (the terminator kept).
+  const std::size_t plainBytes = to - from;
+  text.reserve(plainBytes + plainBytes / 2);
+  adviseHugePages(text.data(), plainBytes);
+  struct Trim {
+    std::string& text;
+    ~Trim() { releaseUnusedPages(text.data(), text.size() + 1, text.capacity() + 1); }
+  } trim{text};
   constexpr std::size_t kBlock = std::size_t{256} << 10;
   // A block follows the unfinished line the one before left, which
   // splitWhole's limits keep short: kMaxLineBytes and its CR.
@@ -363,29 +373,23 @@ std::size_t middleLineStart(int fd, std::size_t size) {
 
 // The enciphered file never lies in memory whole, and its bytes pass
 // through memory once instead of five times. A large file's second half
-// is decoded on a second thread into a text of its own, appended after the
-// first half's: no line crosses the cut, so the lines are the same. Each
-// thread finds its own half's lines; the second's views are moved onto
-// the whole text unless appending its half moved the first's.
+// is decoded on a second thread into a text of its own, which its lines
+// view: no line crosses the cut, so the lines are the same. Each thread
+// finds its own half's lines.
 bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out, std::size_t twoThreadsFrom) {
   auto text = std::make_unique<std::string>();
-  text->reserve(size + size / 2);
-  // Huge pages for the room a list of ASCII fills; the rest, there for
-  // Hangul's longer UTF-8, is touched only if needed.
-  adviseHugePages(text->data(), size);
   const std::size_t cut = size >= twoThreadsFrom ? middleLineStart(fd, size) : 0;
   DecodedRange front, back;
-  std::string backText;
+  std::unique_ptr<std::string> backText;
   std::vector<std::string_view> backLines;
   std::future<bool> backDone;
   if (cut != 0) {
     try {
       backDone = std::async(std::launch::async, [&] {
-        backText.reserve((size - cut) + (size - cut) / 2);
-        adviseHugePages(backText.data(), size - cut);
-        if (!decodeRange(fd, size, cut, size, backText, back)) return false;
+        backText = std::make_unique<std::string>();
+        if (!decodeRange(fd, size, cut, size, *backText, back)) return false;
         backLines.reserve(back.lines);
-        appendLineViews(backText.data(), backText.size(), backLines);
+        appendLineViews(backText->data(), backText->size(), backLines);
         return true;
       });
     } catch (const std::system_error&) {
@@ -402,22 +406,11 @@ bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out, std::size_t 
   // The back half counts only when the front ran to the cut.
   const bool backRead = split && backDone.get();
   if (!frontRead || (split && !front.zero && !backRead)) return false;
-  if (split && !front.zero) {
-    const std::size_t at = text->size();
-    const bool stays = text->capacity() - at >= backText.size();  // no reallocation
-    text->append(backText);
-    if (stays) {
-      lines.reserve(front.lines + back.lines);
-      for (std::string_view line : backLines)
-        lines.emplace_back(text->data() + at + (line.data() - backText.data()), line.size());
-    } else {
-      lines.clear();
-      appendLineViews(text->data(), text->size(), lines);
-    }
-  }
   logf("%zd ?= %d", static_cast<ssize_t>(size), static_cast<int>(size));
-  // Whatever of that room a huge page brought in (the terminator kept).
-  releaseUnusedPages(text->data(), text->size() + 1, text->capacity() + 1);
+  if (split && !front.zero) {
+    lines.insert(lines.end(), backLines.begin(), backLines.end());
+    out.back = std::move(backText);
+  }
   out.text = std::move(text);
   out.lines = std::move(lines);
   return true;

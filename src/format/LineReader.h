@@ -57,10 +57,12 @@ void scanLines(const unsigned char* text, std::size_t size, LineScan& scan);
 // longer than kMaxLineBytes bytes is dropped, and logged.
 void splitLines(const unsigned char* text, std::size_t size, std::vector<std::string>& lines);
 
-// Decoded lines kept in one buffer: each line is a view of `*text`, which
-// stays where it is when the whole is moved.
+// Decoded lines kept in one buffer, or two for a file read in halves: each
+// line is a view of `*text` or, after the front half's lines, of `*back`;
+// both stay where they are when the whole is moved.
 struct DecodedLines {
   std::unique_ptr<std::string> text;
+  std::unique_ptr<std::string> back;  // the back half's text, when read in two
   std::vector<std::string_view> lines;
 };
 // The same lines into `out` (replacing what it held), with the same logging.

@@ -13,11 +13,13 @@
 #include <memory>
 #include <random>
 
+#include "ListGenerator.h"
 #include "common/Log.h"
 #include "common/StringUtil.h"
 #include "datafiles/DataFileKind.h"
 #include "datafiles/DataFileTestUtil.h"
 #include "datafiles/LookupIndex.h"
+#include "format/LineReader.h"
 #include "format/MacKorean.h"
 #include "quarvel/CVUserDefaults.h"
 #include "quarvel/CommonLib.h"
@@ -347,6 +349,28 @@ TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {
         {"identifier in other case", list.getIndex("c-3"), -1}};
     for (const auto& [what, got, expected] : cases)
       EXPECT_EQ(got, expected < 0 ? expected : expected + last) << what << " x" << copies;
+  }
+}
+
+// A list large enough to be read in two halves, its property index filled
+// beside its records: it holds the generated text to the byte, each record's
+// keys lead back to it (each has its own), and the back half's records
+// outlive the read that made them.
+TEST(FileCheckList, ALargeListReadOnTwoThreadsHoldsEveryRecord) {
+  constexpr std::size_t kRecords = 90000;
+  TempDir dir;
+  const std::string path = dir.file("large.dat");
+  ASSERT_TRUE(bench::writeCheckListFile(path, kRecords));
+  ASSERT_GE(std::filesystem::file_size(path), datafile::kTwoThreadsFrom);
+  FileCheckList list;
+  ASSERT_TRUE(list.openWithFileName(path, true));  // untraced: a capture would read it whole
+  EXPECT_EQ(contentsOf(list), MacKorean::encode(bench::generateCheckListText(kRecords)));
+  Table* table = list.getTableByTag("#CHECKLIST");
+  ASSERT_EQ(table->getDataCount(), kRecords);
+  for (std::int64_t row = 0; row < static_cast<std::int64_t>(kRecords); row += 97) {
+    const RecordPtr record = table->select(row);
+    ASSERT_EQ(list.getIdByFileName((*record)[5]), row);
+    ASSERT_EQ(list.getIdByProperty(record->joined(1, 4)), row);
   }
 }
 
