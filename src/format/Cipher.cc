@@ -216,12 +216,6 @@ void appendLineViews(const char* text, std::size_t size, std::vector<std::string
   }
 }
 
-void viewLines(DecodedLines& out, std::size_t count) {
-  out.lines.clear();
-  out.lines.reserve(count);
-  appendLineViews(out.text->data(), out.text->size(), out.lines);
-}
-
 // The walk splitWhole takes over text[0, size): one pass, stopping only at
 // an LF, a CR or a zero byte (three passes, for the zero byte, the LFs and
 // the CRs, had cost a large list's open as much as deciphering it).
@@ -276,7 +270,9 @@ bool splitWhole(const unsigned char* text, std::size_t size, DecodedLines& out) 
       MacKorean::decode(std::string_view(reinterpret_cast<const char*>(text), walk->end));
   if (!decoded) return false;
   out.text = std::make_unique<std::string>(std::move(*decoded));
-  viewLines(out, walk->lines);
+  out.lines.clear();
+  out.lines.reserve(walk->lines);
+  appendLineViews(out.text->data(), out.text->size(), out.lines);
   return true;
 }
 
