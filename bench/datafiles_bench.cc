@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <map>
 #include <memory>
 #include <random>
@@ -61,10 +62,36 @@ quarvel::FileCheckList& loadedList(std::size_t records = kRecords) {
 
 // The least a reader of the file must do: read it, decipher it, decode its
 // text in one call and split that at its line ends into views. With
-// `hugePages` its two big buffers ask for huge pages, as the open's do;
-// without, they come from malloc, which in a process that has read before
-// hands back pages already mapped.
-std::size_t minimalRead(const std::string& path, bool hugePages) {
+// `hugePages` its text and the file's bytes ask for huge pages, as the
+// open's do; without, they come from malloc, which in a process that has
+// read before hands back pages already mapped. With `twoThreads` the text
+// is decoded and split in two halves at once, cut after an LF near the
+// middle (no code's second byte is one), as the open reads a large file.
+struct MinimalText {
+  std::optional<std::string> text;
+  std::vector<std::string_view> lines;
+};
+
+bool decodeAndSplit(std::string_view plain, bool hugePages, MinimalText& out) {
+  if (hugePages) {
+    out.text.emplace().reserve(plain.size() + plain.size() / 2);
+    quarvel::adviseHugePages(out.text->data(), plain.size());
+    if (!quarvel::MacKorean::decodeAppend(plain, *out.text)) return false;
+  } else if (out.text = quarvel::MacKorean::decode(plain); !out.text) {
+    return false;
+  }
+  const std::string& text = *out.text;
+  for (std::size_t from = 0; from < text.size();) {
+    const auto* lf =
+        static_cast<const char*>(std::memchr(text.data() + from, '\n', text.size() - from));
+    const std::size_t at = lf ? static_cast<std::size_t>(lf - text.data()) : text.size();
+    out.lines.emplace_back(text.data() + from, at - from - (at > from && text[at - 1] == '\r'));
+    from = at + 1;
+  }
+  return true;
+}
+
+std::size_t minimalRead(const std::string& path, bool hugePages, bool twoThreads) {
   std::ifstream in(path, std::ios::binary | std::ios::ate);
   const auto size = static_cast<std::size_t>(in.tellg());
   std::unique_ptr<char, quarvel::HugePageBlockFree> bytes(
@@ -73,34 +100,31 @@ std::size_t minimalRead(const std::string& path, bool hugePages) {
   in.read(bytes.get(), static_cast<std::streamsize>(size));
   quarvel::datafile::decipher(reinterpret_cast<unsigned char*>(bytes.get()),
                               static_cast<std::uint32_t>(size));
-  std::optional<std::string> text;
   const std::string_view plain(bytes.get(), size);
-  if (hugePages) {
-    text.emplace().reserve(size + size / 2);
-    quarvel::adviseHugePages(text->data(), size);
-    if (!quarvel::MacKorean::decodeAppend(plain, *text)) return 0;
-  } else if (text = quarvel::MacKorean::decode(plain); !text) {
-    return 0;
+  const std::size_t lf = twoThreads ? plain.find('\n', size / 2) : std::string_view::npos;
+  MinimalText front, back;
+  if (lf == std::string_view::npos) {
+    if (!decodeAndSplit(plain, hugePages, front)) return 0;
+  } else {
+    auto other = std::async(std::launch::async,
+                            [&] { return decodeAndSplit(plain.substr(lf + 1), hugePages, back); });
+    const bool read = decodeAndSplit(plain.substr(0, lf + 1), hugePages, front);
+    if (!other.get() || !read) return 0;
   }
   bytes.reset();
-  std::vector<std::string_view> lines;
-  for (std::size_t from = 0; from < text->size();) {
-    const auto* lf =
-        static_cast<const char*>(std::memchr(text->data() + from, '\n', text->size() - from));
-    const std::size_t at = lf ? static_cast<std::size_t>(lf - text->data()) : text->size();
-    lines.emplace_back(text->data() + from, at - from - (at > from && (*text)[at - 1] == '\r'));
-    from = at + 1;
-  }
-  benchmark::DoNotOptimize(lines.data());
-  return lines.size();
+  benchmark::DoNotOptimize(front.lines.data());
+  benchmark::DoNotOptimize(back.lines.data());
+  return front.lines.size() + back.lines.size();
 }
 
-void MinimalReader(benchmark::State& state) {
+void MinimalReader(benchmark::State& state, bool twoThreads) {
   for (auto _ : state)
-    if (minimalRead(listPath(), false) == 0) state.SkipWithError("the list does not decode");
+    if (minimalRead(listPath(), false, twoThreads) == 0)
+      state.SkipWithError("the list does not decode");
   state.SetBytesProcessed(state.iterations() * std::filesystem::file_size(listPath()));
 }
-BENCHMARK(MinimalReader)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_CAPTURE(MinimalReader, OneThread, false)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_CAPTURE(MinimalReader, TwoThreads, true)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void DecipherSplitDecode(benchmark::State& state) {
   for (auto _ : state) {
@@ -208,8 +232,9 @@ BENCHMARK(OpenMemory)->Iterations(1)->Unit(benchmark::kMillisecond);
 // open can reuse; in the benchmark's process the reader's buffers come back
 // already mapped and the open's huge pages do not. So both are measured
 // also as the first thing a process does (this program run again with
-// --first-open=open, =minimal or =minimal-huge): wall time as the row's time, and the CPU
-// time of all the process's threads, from getrusage.
+// --first-open=open, or =minimal with -huge and -two for huge pages and
+// two threads): wall time as the row's time, and the CPU time of all the
+// process's threads, from getrusage.
 std::int64_t nanoseconds(const timeval& t) {
   return std::int64_t{t.tv_sec} * 1000000000 + std::int64_t{t.tv_usec} * 1000;
 }
@@ -220,7 +245,8 @@ int measureFirstOpen(std::string_view reader, const char* path) {
   const auto start = std::chrono::steady_clock::now();
   auto list = std::make_unique<quarvel::FileCheckList>();
   if (reader == "open" ? !list->openWithFileName(path, true)
-                       : minimalRead(path, reader == "minimal-huge") == 0)
+                       : minimalRead(path, reader.find("-huge") != std::string_view::npos,
+                                     reader.find("-two") != std::string_view::npos) == 0)
     return 1;
   const auto wall = std::chrono::steady_clock::now() - start;
   ::getrusage(RUSAGE_SELF, &after);
@@ -251,6 +277,10 @@ void FirstOpen(benchmark::State& state, const char* reader) {
 // against 80 without, which fault 4 KiB at a time), in the benchmark's own
 // process malloc's mapped pages (32 ms against 35).
 BENCHMARK_CAPTURE(FirstOpen, MinimalReader, "minimal-huge")
+    ->Iterations(9)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(FirstOpen, MinimalReaderTwoThreads, "minimal-huge-two")
     ->Iterations(9)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
