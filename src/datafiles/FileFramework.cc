@@ -81,8 +81,9 @@ std::int64_t FileFramework::addRecords(TableMulti& table, std::shared_ptr<const 
     const std::size_t fieldCount = table.m_arrField().size();
     const auto first = static_cast<std::int64_t>(table.getCount());
     try {
-      side = std::async(std::launch::async,
-                        [&] { TableMulti::eachTabbedRecord(lines, fieldCount, first, alongside); });
+      side = std::async(std::launch::async, [&, fieldCount, first] {
+        TableMulti::eachTabbedRecord(lines, fieldCount, first, alongside);
+      });
     } catch (const std::system_error&) {
       // No thread to be had: both below, on this one.
     }
