@@ -7,6 +7,8 @@
 // allocators, which keep freed memory: it is shown, not judged, and
 // LeakSanitizer watches leaks there.
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -42,7 +44,12 @@ inline long openDescriptors() {
 
 class Figures {
  public:
-  void sample() { samples_.push_back({residentKiB(), openDescriptors()}); }
+  // Free heap pages are handed back first, so that what is sampled is the
+  // memory still in use, not how high the heap happened to reach since.
+  void sample() {
+    malloc_trim(0);
+    samples_.push_back({residentKiB(), openDescriptors()});
+  }
   std::size_t count() const { return samples_.size(); }
   double seconds() const {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - began_).count();
