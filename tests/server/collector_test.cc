@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <ctime>
 
 #include "common/Log.h"
 #include "server/ReportFixtures.h"
@@ -228,7 +227,11 @@ TEST_F(CollectorTest, RefusesWhatIsNotAnEnrolledReportAndStoresTheRest) {
     EXPECT_NE(answer.text.find(contains), std::string::npos) << name;
   }
   // Last seen is the receipt, not the scan a clock a century ahead claims.
-  const std::int64_t now = std::time(nullptr);
+  // The collector's clock: time() reads the kernel's coarse clock, which
+  // can still show the second before the one just stamped.
+  const std::int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
+                               std::chrono::system_clock::now().time_since_epoch())
+                               .count();
   const auto overview = store_->overview();  // the loop must not outlive it
   ASSERT_TRUE(overview);
   for (const MachineSummary& m : overview->machines)
