@@ -102,7 +102,9 @@ class Record {
   Record& operator=(const Record& other);
   Record(Record&& other) noexcept;
   Record& operator=(Record&& other) noexcept;
-  ~Record() = default;
+  ~Record() {
+    if (owned()) freeBlock();
+  }
 
   std::size_t size() const { return layout_ == 0 ? 0 : layoutAt(0); }
   bool empty() const { return size() == 0; }
@@ -145,16 +147,25 @@ class Record {
   /// Entry `i` of the layout: [0] the count, [1..n] the end offsets.
   std::uint32_t layoutAt(std::size_t i) const {
     if (layout_ & kNarrow) return reinterpret_cast<const std::uint16_t*>(layout_ - kNarrow)[i];
-    return reinterpret_cast<const std::uint32_t*>(layout_)[i];
+    return reinterpret_cast<const std::uint32_t*>(layout_ & ~kOwned)[i];
   }
+  /// Whether layout_ is the record's own block. A 16-bit layout is only
+  /// 2-aligned, so kOwned alone does not tell.
+  bool owned() const { return (layout_ & (kNarrow | kOwned)) == kOwned; }
+  /// Deletes the block an owning record holds.
+  void freeBlock();
   /// Set in layout_ when its entries are 16-bit (both kinds are aligned).
   static constexpr std::uintptr_t kNarrow = 1;
+  /// Set in layout_, without kNarrow, when it is the record's own block
+  /// (always 32-bit, so 4-aligned):
+  /// [0] value count n, [1..n] end offsets, then the text. Without it the
+  /// layout and the text are referred to. A record is two words: the
+  /// records of a large list take a third less room than with a pointer
+  /// of their own to the block.
+  static constexpr std::uintptr_t kOwned = 2;
 
-  /// [0] value count n, [1..n] end offsets, then the text (n > 0); null for
-  /// no values or a record referring to its table's text.
-  std::unique_ptr<std::uint32_t[]> block_;
   /// Where the count and offsets are (32-bit, or 16-bit with kNarrow set),
-  /// and the text: in block_ or referred to; 0 for no values.
+  /// owned with kOwned set or referred to; 0 for no values.
   std::uintptr_t layout_ = 0;
   const char* text_ = nullptr;
 };

@@ -21,14 +21,18 @@ Record Record::withText(std::size_t count, std::string_view text, std::uint32_t*
       text.size() > std::numeric_limits<std::uint32_t>::max())
     throw std::length_error("record too large");
   const std::size_t words = 1 + count + (text.size() + sizeof(std::uint32_t) - 1) / 4;
-  record.block_.reset(new std::uint32_t[words]);
-  record.block_[0] = static_cast<std::uint32_t>(count);
-  if (!text.empty()) std::memcpy(record.block_.get() + 1 + count, text.data(), text.size());
-  record.layout_ = reinterpret_cast<std::uintptr_t>(record.block_.get());
-  record.text_ = reinterpret_cast<const char*>(record.block_.get() + 1 + count);
-  *ends = record.block_.get() + 1;
+  auto* const block = new std::uint32_t[words];
+  block[0] = static_cast<std::uint32_t>(count);
+  if (!text.empty()) std::memcpy(block + 1 + count, text.data(), text.size());
+  record.layout_ = reinterpret_cast<std::uintptr_t>(block) | kOwned;
+  record.text_ = reinterpret_cast<const char*>(block + 1 + count);
+  *ends = block + 1;
   return record;
 }
+
+static_assert(sizeof(Record) == 2 * sizeof(void*), "a record is its layout and its text");
+
+void Record::freeBlock() { delete[] reinterpret_cast<std::uint32_t*>(layout_ & ~kOwned); }
 
 Record Record::fromTabbedLine(std::string_view line) {
   std::size_t tabs = 0;
@@ -142,13 +146,11 @@ Record& Record::operator=(const Record& other) {
 }
 
 Record::Record(Record&& other) noexcept
-    : block_(std::move(other.block_)),
-      layout_(std::exchange(other.layout_, 0)),
-      text_(std::exchange(other.text_, nullptr)) {}
+    : layout_(std::exchange(other.layout_, 0)), text_(std::exchange(other.text_, nullptr)) {}
 
 Record& Record::operator=(Record&& other) noexcept {
   if (this != &other) {
-    block_ = std::move(other.block_);
+    if (owned()) freeBlock();
     layout_ = std::exchange(other.layout_, 0);
     text_ = std::exchange(other.text_, nullptr);
   }
