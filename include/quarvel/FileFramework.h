@@ -115,12 +115,14 @@ class FileFramework {
   /// (the table's count before). `added(row, record)` sees each record as
   /// it is built (TableMulti::addTabbedLines). `alongside(row, record)`
   /// sees each record too, in row order, but for a long section on a
-  /// second thread while this one builds the table, through a copy of the
-  /// record valid only during the call (TableMulti::eachTabbedRecord): it
-  /// may touch only what nothing else touches until loadRecords returns.
+  /// second thread while this one goes on building: it may touch only what
+  /// nothing else touches until loadRecords returns. With `alongside` the
+  /// section must be the last one the read gives: its lines are handed
+  /// back as they are used, and `read.lines` is empty afterwards.
   using RecordCallback = std::function<void(std::int64_t row, const Record& record)>;
-  template <typename Refused>
-  static std::int64_t loadRecords(TableMulti& table, const ReadResult& read, Refused&& refused,
+  using RefusedCallback = std::function<void(std::string_view line)>;
+  static std::int64_t loadRecords(TableMulti& table, ReadResult& read,
+                                  const RefusedCallback& refused,
                                   const RecordCallback& added = nullptr,
                                   const RecordCallback& alongside = nullptr) {
     const int first = table.getStartPosition() + 1;
@@ -129,9 +131,8 @@ class FileFramework {
     if (end > first)
       lines = std::span(read.lines)
                   .subspan(static_cast<std::size_t>(first), static_cast<std::size_t>(end - first));
-    std::vector<std::size_t> refusedLines;
-    const std::int64_t row = addRecords(table, read.text, lines, refusedLines, added, alongside);
-    for (std::size_t i : refusedLines) refused(lines[i]);
+    const std::int64_t row = addRecords(table, read.text, lines, refused, added, alongside);
+    if (alongside) read.lines = {};
     return row;
   }
 
@@ -153,7 +154,7 @@ class FileFramework {
   /// loadRecords' work, its second thread included.
   static std::int64_t addRecords(TableMulti& table, std::shared_ptr<const std::string> text,
                                  std::span<const std::string_view> lines,
-                                 std::vector<std::size_t>& refused, const RecordCallback& added,
+                                 const RefusedCallback& refused, const RecordCallback& added,
                                  const RecordCallback& alongside);
 
   std::optional<std::string> fileName_;

@@ -51,21 +51,19 @@ class TableMulti : public Table {
   /// Answers the row of the first record appended (the count before).
   /// `added(row, record)`, when given, is called for each record as soon as
   /// it is built, in row order, while its line is still in the caches; the
-  /// record is in the table once the call returns. Throws std::bad_alloc
-  /// when memory runs out.
+  /// record is in the table once the call returns. The records of one call
+  /// lie in one array in row order and never move: the record of row r is
+  /// (r - first) records after the one `added` sees first, so another
+  /// thread told how many are built may read them while the call goes on.
+  /// `keep`, when given, is set before the first record is built to an
+  /// owner of the call's records: held, it keeps them there past the call,
+  /// also when the call throws, for a thread that may still read them.
+  /// Throws std::bad_alloc when memory runs out.
   std::int64_t addTabbedLines(
       std::shared_ptr<const std::string> text, std::span<const std::string_view> lines,
       std::vector<std::size_t>& refused,
-      const std::function<void(std::int64_t row, const Record& record)>& added = nullptr);
-  /// Calls `each(row, record)` for each of `lines` that addTabbedLines would
-  /// make a record of for a table of `fieldCount` fields, numbered as it
-  /// would number them from `first`. The record refers to the line and to
-  /// a layout of this call's own, and lasts only until `each` returns.
-  /// Touches no table: another thread may run it beside addTabbedLines
-  /// over the same lines.
-  static void eachTabbedRecord(
-      std::span<const std::string_view> lines, std::size_t fieldCount, std::int64_t first,
-      const std::function<void(std::int64_t row, const Record& record)>& each);
+      const std::function<void(std::int64_t row, const Record& record)>& added = nullptr,
+      std::shared_ptr<const void>* keep = nullptr);
   /// Appends the records unchecked.
   void addArrayItems(const std::vector<RecordPtr>& records);
   void addArrayItems(std::vector<RecordPtr>&& records);

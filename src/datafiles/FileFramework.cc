@@ -9,7 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <atomic>
 #include <future>
+#include <thread>
 #include <system_error>
 
 #include "common/FileReplacement.h"
@@ -67,41 +69,134 @@ std::string FileFramework::resolvePath(const std::string& fileName, bool isFullP
   return path;
 }
 
+namespace {
+
+// Records passed from the thread that builds them to one that reads them a
+// little behind. The records one addTabbedLines call builds lie in one
+// array in row order, so the builder publishes only how many are done, a
+// batch at a time: a count stored per record would move its cache line
+// between the cores at every record.
+class RecordRelay {
+ public:
+  /// On the builder's thread, once record `index` (from 0) is built.
+  void built(std::size_t index, const Record& record) {
+    if (index == 0) first_.store(&record, std::memory_order_relaxed);
+    if ((index + 1) % kBatch == 0) count_.store(index + 1, std::memory_order_release);
+  }
+  /// On the builder's thread, when no more will come, also after a throw.
+  void finish(std::size_t count) {
+    count_.store(count, std::memory_order_release);
+    done_.store(true, std::memory_order_release);
+  }
+  /// On the reader's thread: each(index, record) for every record, in
+  /// order, until finish(). The reader keeps kLag records behind, where
+  /// the builder's writes have left its core's caches for the shared one:
+  /// a line still in the other core's cache costs about as much to fetch
+  /// as the work it saves.
+  template <typename Each>
+  void follow(Each&& each) {
+    std::size_t next = 0;
+    for (unsigned idle = 0;; ++idle) {
+      // done_ first: once it is seen, the count read after it is final.
+      const bool done = done_.load(std::memory_order_acquire);
+      const std::size_t count = count_.load(std::memory_order_acquire);
+      if (count > next && (done || count - next >= kLag)) {
+        const Record* const first = first_.load(std::memory_order_relaxed);
+        for (; next < count; ++next) each(next, first[next]);
+        idle = 0;
+      } else if (done) {
+        return;
+      } else if (idle < 64) {
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#endif
+      } else {
+        std::this_thread::yield();
+      }
+    }
+  }
+
+ private:
+  static constexpr std::size_t kBatch = 64;
+  static constexpr std::size_t kLag = 4096;
+  std::atomic<const Record*> first_{nullptr};
+  std::atomic<std::size_t> count_{0};
+  std::atomic<bool> done_{false};
+};
+
+}  // namespace
+
 std::int64_t FileFramework::addRecords(TableMulti& table, std::shared_ptr<const std::string> text,
                                        std::span<const std::string_view> lines,
-                                       std::vector<std::size_t>& refused,
-                                       const RecordCallback& added,
+                                       const RefusedCallback& refused, const RecordCallback& added,
                                        const RecordCallback& alongside) {
+  std::vector<std::size_t> refusedLines;
+  std::size_t reported = 0;
+  const auto report = [&] {
+    for (; reported < refusedLines.size(); ++reported) refused(lines[refusedLines[reported]]);
+  };
   // Below this many lines a thread costs more than it saves. As a
   // process's first open, at 20,000 lines it neither saved nor cost (10.6
-  // ms against 10.4), at 100,000 it saved 4.5 ms of 42.
+  // ms against 10.4), at 100,000 it saved 4.5 ms of 42 (measured when the
+  // second thread split the lines again instead of reading the records).
   constexpr std::size_t kAlongsideFrom = 8192;
+  RecordRelay relay;
+  std::shared_ptr<const void> records;  // outlives the reader, should the table throw
   std::future<void> side;
+  const auto first = static_cast<std::int64_t>(table.getCount());
   if (alongside && lines.size() >= kAlongsideFrom) {
-    const std::size_t fieldCount = table.m_arrField().size();
-    const auto first = static_cast<std::int64_t>(table.getCount());
     try {
-      side = std::async(std::launch::async, [&, fieldCount, first] {
-        TableMulti::eachTabbedRecord(lines, fieldCount, first, alongside);
+      side = std::async(std::launch::async, [&relay, &alongside, first] {
+        relay.follow([&](std::size_t index, const Record& record) {
+          alongside(first + static_cast<std::int64_t>(index), record);
+        });
       });
     } catch (const std::system_error&) {
       // No thread to be had: both below, on this one.
     }
   }
-  if (side.valid()) {
-    // Should the table throw, the future's destructor waits for the
-    // thread, which uses only the lines and what `alongside` names.
-    const std::int64_t row = table.addTabbedLines(std::move(text), lines, refused, added);
-    side.get();
+  if (!side.valid()) {
+    RecordCallback both = added;
+    if (alongside)
+      both = [&](std::int64_t at, const Record& record) {
+        if (added) added(at, record);
+        alongside(at, record);
+      };
+    const std::int64_t row = table.addTabbedLines(std::move(text), lines, refusedLines, both);
+    report();
     return row;
   }
-  if (!alongside) return table.addTabbedLines(std::move(text), lines, refused, added);
-  // One split serves both.
-  return table.addTabbedLines(std::move(text), lines, refused,
-                              [&](std::int64_t row, const Record& record) {
-                                if (added) added(row, record);
-                                alongside(row, record);
-                              });
+  // The records go to the second thread as they are built, and the lines'
+  // views, which only this thread reads, are handed back to the kernel as
+  // it passes them (each refused line reported first): by the time the
+  // indexes are full, the 16 bytes a line are gone.
+  constexpr std::size_t kReleaseEvery = 16384;
+  std::size_t released = 0;
+  std::size_t count = 0;
+  // Should the table throw, the reader stops at what it was given, and the
+  // future's destructor waits for it.
+  struct Finish {
+    RecordRelay& relay;
+    const std::size_t& count;
+    ~Finish() { relay.finish(count); }
+  } finish{relay, count};
+  const std::int64_t row =
+      table.addTabbedLines(std::move(text), lines, refusedLines,
+                           [&](std::int64_t at, const Record& record) {
+                             if (added) added(at, record);
+                             relay.built(count++, record);
+                             const std::size_t line = count + refusedLines.size();
+                             if (line - released >= kReleaseEvery) {
+                               report();
+                               releaseUnusedPages(lines.data(), 0, line * sizeof lines[0]);
+                               released = line;
+                             }
+                           },
+                           &records);
+  relay.finish(count);
+  report();
+  side.get();
+  return row;
 }
 
 FileFramework::ReadResult FileFramework::readSections(const std::string& path,

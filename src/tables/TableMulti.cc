@@ -94,7 +94,8 @@ std::int64_t TableMulti::add(std::string_view line, std::string_view separator) 
 std::int64_t TableMulti::addTabbedLines(
     std::shared_ptr<const std::string> text, std::span<const std::string_view> lines,
     std::vector<std::size_t>& refused,
-    const std::function<void(std::int64_t, const Record&)>& added) {
+    const std::function<void(std::int64_t, const Record&)>& added,
+    std::shared_ptr<const void>* keep) {
   const auto first = static_cast<std::int64_t>(records_.size());
   const std::size_t fieldCount = fields_.size();
   if (fieldCount == 0 || fieldCount > UINT32_MAX - 1) {
@@ -104,6 +105,7 @@ std::int64_t TableMulti::addTabbedLines(
   if (lines.empty()) return first;
   const std::size_t stride = 1 + fieldCount;
   auto shared = std::make_shared<SharedRecords>();
+  if (keep != nullptr) *keep = shared;
   shared->text = std::move(text);
   // Both arrays are sized for every line and written in order; the pages a
   // refused line leaves unused at the end are never touched.
@@ -137,21 +139,6 @@ std::int64_t TableMulti::addTabbedLines(
   records_.reserve(records_.size() + kept);
   for (std::size_t i = 0; i < kept; ++i) records_.emplace_back(shared, &shared->records[i]);
   return first;
-}
-
-void TableMulti::eachTabbedRecord(std::span<const std::string_view> lines, std::size_t fieldCount,
-                                  std::int64_t first,
-                                  const std::function<void(std::int64_t, const Record&)>& each) {
-  // The values addTabbedLines takes: 32-bit offsets split by the same rule
-  // as its 16-bit ones.
-  if (fieldCount == 0 || fieldCount > UINT32_MAX - 1) return;
-  std::vector<std::uint32_t> layout(1 + fieldCount);
-  layout[0] = static_cast<std::uint32_t>(fieldCount);
-  std::int64_t row = first;
-  for (std::string_view line : lines) {
-    if (!Record::splitTabbedLine(line, fieldCount, layout.data() + 1)) continue;
-    each(row++, Record::referring(layout.data(), line.data()));
-  }
 }
 
 void TableMulti::addArrayItems(const std::vector<RecordPtr>& records) {

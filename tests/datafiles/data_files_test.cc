@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -316,10 +317,11 @@ TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {
       checkLine("D-4", "\xED\x95\x9C\xEA\xB8\x80\xEC\x86\x8C\xED\x94\x84\xED\x8A\xB8", "Hangul",
                 "9", "x", ""),
       checkLine("E-5", "Blank", "Exe", "1", "x", "")};
-  // Once, and repeated past the length whose property index is filled on a
-  // second thread, a refused line in each repetition: the last record of a
-  // key wins, numbered as the table numbers it.
-  for (const int copies : {1, 1400}) {
+  // Once, and repeated past the length whose indexes are filled on a second
+  // thread and whose lines are handed back as they are used, a refused line
+  // in each repetition: the last record of a key wins, numbered as the table
+  // numbers it, and each refused line is logged whole.
+  for (const int copies : {1, 2400}) {
     std::vector<std::string> lines;
     for (int c = 0; c < copies; ++c) {
       lines.insert(lines.end(), records.begin(), records.end());
@@ -349,6 +351,11 @@ TEST(FileCheckList, LooksUpByPropertyFileNameAndIdentifier) {
         {"identifier in other case", list.getIndex("c-3"), -1}};
     for (const auto& [what, got, expected] : cases)
       EXPECT_EQ(got, expected < 0 ? expected : expected + last) << what << " x" << copies;
+    const std::vector<std::string> logged = refusals.lines();
+    EXPECT_EQ(std::ranges::count(logged,
+                                 "-[FileCheckList openWithFileName:isFullPath:] (151) // "
+                                 "CHECKLIST INSERT FAIL : refused\tline"),
+              copies);
   }
 }
 

@@ -30,24 +30,24 @@ std::optional<std::vector<std::string>> readStream(std::string bytes) {
   return lines;
 }
 
-// A long section's keys are entered from records split a second time
-// (TableMulti::eachTabbedRecord): they must be the table's records, row for
-// row and value for value, for a table of `fields` fields.
-void sameRecordsSplitTwice(const datafile::DecodedLines& decoded, std::size_t fields) {
+// A long section's keys are entered on a second thread, which reads the
+// records addTabbedLines builds by their place in one array: the record
+// `added` sees for each row must be that far after the first, and be the
+// row's record in the table.
+void recordsInRowOrder(const datafile::DecodedLines& decoded, std::size_t fields) {
   TableMulti table;
   table.initWithRecord(std::string(fields - 1, '\t'), "\t");
   std::vector<std::size_t> refused;
+  const Record* first = nullptr;
   table.addTabbedLines(
       std::shared_ptr<const std::string>(std::shared_ptr<void>(), decoded.text.get()),
-      decoded.lines, refused);
-  std::int64_t rows = 0;
-  TableMulti::eachTabbedRecord(decoded.lines, fields, 0, [&](std::int64_t row, const Record& r) {
-    const RecordPtr own = row == rows++ ? table.getAt(row) : nullptr;
-    if (!own || own->size() != r.size()) fail("a record split twice is another");
-    for (std::size_t i = 0; i < r.size(); ++i)
-      if ((*own)[i] != r[i]) fail("a value split twice is another");
-  });
-  if (static_cast<std::uint64_t>(rows) != table.getCount()) fail("records split twice differ");
+      decoded.lines, refused, [&](std::int64_t row, const Record& r) {
+        if (row == 0) first = &r;
+        if (first == nullptr || &r != first + row) fail("a record out of its row's place");
+      });
+  for (std::uint64_t row = 0; row < table.getCount(); ++row)
+    if (table.getAt(static_cast<std::int64_t>(row)).get() != first + row)
+      fail("the table's record is not the one built for its row");
 }
 
 void splitAndDecrypt(std::string_view text) {
@@ -65,8 +65,8 @@ void splitAndDecrypt(std::string_view text) {
     fail("one buffer reads other lines");
   if (decoded.text) {
     const std::size_t tabs = decoded.lines.empty() ? 0 : std::ranges::count(decoded.lines[0], '\t');
-    sameRecordsSplitTwice(decoded, tabs + 1);
-    sameRecordsSplitTwice(decoded, 17);
+    recordsInRowOrder(decoded, tabs + 1);
+    recordsInRowOrder(decoded, 17);
   }
   readStream(std::string(text));
   // The block reader, where it reads at all, reads what the whole file does

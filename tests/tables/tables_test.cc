@@ -188,10 +188,17 @@ TEST(TableMulti, LinesAddedTogetherShareTheirTextUntilEdited) {
   EXPECT_EQ(table->insertRecord("0\t0", "\t"), 0);
   std::vector<std::size_t> refused;
   std::vector<std::pair<std::int64_t, std::string>> added;
-  EXPECT_EQ(table->addTabbedLines(text, lines, refused,
-                                  [&](std::int64_t row, const Record& record) {
-                                    added.emplace_back(row, record.tabbedText());
-                                  }),
+  // The records lie in row order in one array, which `keep` holds.
+  const Record* firstBuilt = nullptr;
+  std::shared_ptr<const void> keep;
+  EXPECT_EQ(table->addTabbedLines(
+                text, lines, refused,
+                [&](std::int64_t row, const Record& record) {
+                  added.emplace_back(row, record.tabbedText());
+                  if (firstBuilt == nullptr) firstBuilt = &record;
+                  EXPECT_EQ(&record, firstBuilt + (row - 1));
+                },
+                &keep),
             1);
   EXPECT_EQ(refused, (std::vector<std::size_t>{1, 3}));
   EXPECT_EQ(added, (std::vector<std::pair<std::int64_t, std::string>>{
@@ -212,6 +219,10 @@ TEST(TableMulti, LinesAddedTogetherShareTheirTextUntilEdited) {
   EXPECT_EQ(*kept, (Record{"", "d"}));
   EXPECT_EQ(*kept16, (Record{wide, "end"}));
   EXPECT_EQ(copied, (Record{"c", ""}));
+  kept.reset();
+  kept16.reset();
+  EXPECT_EQ(firstBuilt[2], (Record{"", "d"}));
+  EXPECT_EQ(firstBuilt[3], (Record{wide, "end"}));
 }
 
 // Sorting compares case-blind and numerically; two fields share one
