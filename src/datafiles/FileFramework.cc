@@ -4,16 +4,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <atomic>
-#include <chrono>
 #include <future>
-#include <thread>
 #include <system_error>
+#include <thread>
 
 #include "common/FileReplacement.h"
 #include "common/Folding.h"
@@ -183,19 +183,19 @@ std::int64_t FileFramework::addRecords(TableMulti& table, std::shared_ptr<const 
     const std::size_t& count;
     ~Finish() { relay.finish(count); }
   } finish{relay, count};
-  const std::int64_t row =
-      table.addTabbedLines(std::move(text), lines, refusedLines,
-                           [&](std::int64_t at, const Record& record) {
-                             if (added) added(at, record);
-                             relay.built(count++, record);
-                             const std::size_t line = count + refusedLines.size();
-                             if (line - released >= kReleaseEvery) {
-                               report();
-                               releaseUnusedPages(lines.data(), 0, line * sizeof lines[0]);
-                               released = line;
-                             }
-                           },
-                           &records);
+  const std::int64_t row = table.addTabbedLines(
+      std::move(text), lines, refusedLines,
+      [&](std::int64_t at, const Record& record) {
+        if (added) added(at, record);
+        relay.built(count++, record);
+        const std::size_t line = count + refusedLines.size();
+        if (line - released >= kReleaseEvery) {
+          report();
+          releaseUnusedPages(lines.data(), 0, line * sizeof(std::string_view));
+          released = line;
+        }
+      },
+      &records);
   relay.finish(count);
   report();
   side.get();
