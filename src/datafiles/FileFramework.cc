@@ -250,13 +250,10 @@ FileFramework::ReadResult FileFramework::readSections(const std::string& path,
   const std::size_t count = lines.size() > static_cast<std::size_t>(INT_MAX)
                                 ? static_cast<std::size_t>(INT_MAX)
                                 : lines.size();
-  // Asked once: a call per line cost more than the tag search.
-  const bool trace = traceLines && debugLinesWanted();
-  for (std::size_t i = 0; i < count; ++i) {
+  const auto examine = [&](std::size_t i) {
     const std::string_view line = lines[i];
-    if (trace) logDebugf("%.*s\n", static_cast<int>(line.size()), line.data());
     // Every tag line starts with '#'; most lines are records.
-    if (line.empty() || line[0] != '#') continue;
+    if (line.empty() || line[0] != '#') return;
     bool matched = false;
     for (std::size_t t = 0; t < tables.size() && !matched; ++t) {
       if (line == startLines[t]) {
@@ -270,6 +267,21 @@ FileFramework::ReadResult FileFramework::readSections(const std::string& path,
         matched = true;
       }
     }
+  };
+  // Asked once: a call per line cost more than the tag search.
+  if (traceLines && debugLinesWanted()) {
+    for (std::size_t i = 0; i < count; ++i) {
+      logDebugf("%.*s\n", static_cast<int>(lines[i].size()), lines[i].data());
+      examine(i);
+    }
+  } else if (decoded.hashLines) {
+    // Only the lines the reader saw start with '#': visiting every line's
+    // first byte, spread over the whole text, took 2 ms of a 41 MB list's
+    // open.
+    for (const std::size_t i : *decoded.hashLines)
+      if (i < count) examine(i);
+  } else {
+    for (std::size_t i = 0; i < count; ++i) examine(i);
   }
   // A position not set by this text is the one an earlier open left; it may
   // lie beyond this text's lines, and then the section cannot be read.

@@ -204,13 +204,16 @@ std::size_t nextLineStop(const unsigned char* text, std::size_t from, std::size_
 }
 
 // The lines of decoded UTF-8 text[0, size), which ends in an LF, appended
-// to `lines`: a view per LF-ended line, its CR before the LF left out.
-void appendLineViews(const char* text, std::size_t size, std::vector<std::string_view>& lines) {
+// to `lines`: a view per LF-ended line, its CR before the LF left out. The
+// index in `lines` of each line starting with '#' goes to `hashLines`.
+void appendLineViews(const char* text, std::size_t size, std::vector<std::string_view>& lines,
+                     std::vector<std::size_t>& hashLines) {
   for (std::size_t from = 0; from < size;) {
     const auto at = static_cast<std::size_t>(
         static_cast<const char*>(std::memchr(text + from, '\n', size - from)) - text);
     std::size_t bytes = at - from;
     if (bytes > 0 && text[at - 1] == '\r') --bytes;
+    if (bytes > 0 && text[from] == '#') hashLines.push_back(lines.size());
     lines.emplace_back(text + from, bytes);
     from = at + 1;
   }
@@ -272,7 +275,8 @@ bool splitWhole(const unsigned char* text, std::size_t size, DecodedLines& out) 
   out.text = std::make_unique<std::string>(std::move(*decoded));
   out.lines.clear();
   out.lines.reserve(walk->lines);
-  appendLineViews(out.text->data(), out.text->size(), out.lines);
+  out.hashLines.emplace();
+  appendLineViews(out.text->data(), out.text->size(), out.lines, *out.hashLines);
   return true;
 }
 
@@ -378,6 +382,7 @@ bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out, std::size_t 
   DecodedRange front, back;
   std::unique_ptr<std::string> backText;
   std::vector<std::string_view> backLines;
+  std::vector<std::size_t> backHashLines;
   std::future<bool> backDone;
   if (cut != 0) {
     try {
@@ -385,7 +390,7 @@ bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out, std::size_t 
         backText = std::make_unique<std::string>();
         if (!decodeRange(fd, size, cut, size, *backText, back)) return false;
         backLines.reserve(back.lines);
-        appendLineViews(backText->data(), backText->size(), backLines);
+        appendLineViews(backText->data(), backText->size(), backLines, backHashLines);
         return true;
       });
     } catch (const std::system_error&) {
@@ -395,20 +400,23 @@ bool readLinesByBlocks(int fd, std::size_t size, DecodedLines& out, std::size_t 
   const bool split = backDone.valid();
   const bool frontRead = decodeRange(fd, size, 0, split ? cut : size, *text, front);
   std::vector<std::string_view> lines;
+  std::vector<std::size_t> hashLines;
   if (frontRead) {
     lines.reserve(front.lines + (split ? front.lines + front.lines / 8 : 0));
-    appendLineViews(text->data(), text->size(), lines);
+    appendLineViews(text->data(), text->size(), lines, hashLines);
   }
   // The back half counts only when the front ran to the cut.
   const bool backRead = split && backDone.get();
   if (!frontRead || (split && !front.zero && !backRead)) return false;
   logf("%zd ?= %d", static_cast<ssize_t>(size), static_cast<int>(size));
   if (split && !front.zero) {
+    for (const std::size_t line : backHashLines) hashLines.push_back(lines.size() + line);
     lines.insert(lines.end(), backLines.begin(), backLines.end());
     out.back = std::move(backText);
   }
   out.text = std::move(text);
   out.lines = std::move(lines);
+  out.hashLines = std::move(hashLines);
   return true;
 }
 
@@ -421,6 +429,7 @@ void splitLines(const unsigned char* text, std::size_t size, DecodedLines& out) 
   out.text = std::make_unique<std::string>();
   out.text->reserve(total);
   for (const std::string& line : lines) *out.text += line;
+  out.hashLines.reset();
   out.lines.clear();
   out.lines.reserve(lines.size());
   std::size_t at = 0;

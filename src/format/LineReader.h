@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -64,6 +65,11 @@ struct DecodedLines {
   std::unique_ptr<std::string> text;
   std::unique_ptr<std::string> back;  // the back half's text, when read in two
   std::vector<std::string_view> lines;
+  // Where in `lines` the lines starting with '#' are, as tag lines do, in
+  // order: noted as the lines were found, while their bytes were in the
+  // caches, so that a search for tags need not visit every line. Nothing
+  // when the text was read line by line; then every line is to be looked at.
+  std::optional<std::vector<std::size_t>> hashLines;
 };
 // The same lines into `out` (replacing what it held), with the same logging.
 // A text the reader passes over without a word (no lone CR, no line too

@@ -184,9 +184,10 @@ TEST(Decrypt, ReadsAStreamWithinItsReportedSize) {
 TEST(Decrypt, ReadsByBlocksWhatItReadsWhole) {
   constexpr std::size_t kBlock = 256 << 10;  // the reader's block
   const std::string record = "app.exe\tMaker\t\xB0\xA1\xB3\xAA\t1.0\r\n";
+  // Records, with a line like a tag now and then: the reader notes those.
   auto filled = [&](std::size_t bytes) {
     std::string text;
-    while (text.size() < bytes) text += record;
+    for (int n = 0; text.size() < bytes; ++n) text += n % 700 == 1 ? "#TAG\r\n" : record;
     return text;
   };
   // Records, then a line of ASCII reaching each place and its bytes there,
@@ -250,6 +251,13 @@ TEST(Decrypt, ReadsByBlocksWhatItReadsWhole) {
     std::fclose(file);
     EXPECT_TRUE(!c.byBlocks || byBlocks.lines == whole.lines);
     EXPECT_TRUE(!c.byBlocks || halves.lines == whole.lines);
+    // The lines a tag search visits: those starting with '#', all of them.
+    std::vector<std::size_t> hashLines;
+    for (std::size_t i = 0; i < whole.lines.size(); ++i)
+      if (whole.lines[i].starts_with('#')) hashLines.push_back(i);
+    EXPECT_TRUE(!c.byBlocks || byBlocks.hashLines == hashLines);
+    EXPECT_TRUE(!c.byBlocks || halves.hashLines == hashLines);
+    EXPECT_TRUE(!whole.hashLines || whole.hashLines == hashLines);
   }
 }
 

@@ -84,6 +84,15 @@ void splitAndDecrypt(std::string_view text) {
   if (read && (!std::ranges::equal(byBlocks.lines, whole.lines) ||
                !std::ranges::equal(halves.lines, whole.lines)))
     fail("blocks read other lines than the whole file");
+  // A tag search visits only the lines the reader noted: every line that
+  // starts with '#' must be among them.
+  std::vector<std::size_t> hashLines;
+  for (std::size_t i = 0; i < whole.lines.size(); ++i)
+    if (whole.lines[i].starts_with('#')) hashLines.push_back(i);
+  if (read && (byBlocks.hashLines != hashLines || halves.hashLines != hashLines))
+    fail("blocks noted other lines starting with '#'");
+  if (whole.hashLines && whole.hashLines != hashLines)
+    fail("the whole file noted other lines starting with '#'");
 }
 
 void encipherAndRead(std::string_view text) {
