@@ -35,7 +35,10 @@ void lowerKeyInto(std::string& out, std::string_view text);
 std::string lowerRecordKey(std::string_view company, std::string_view product,
                            std::string_view version, std::string_view originalFile);
 
-class LookupIndex {
+/// Each index and each filler has cache lines of its own: a large check
+/// list fills two indexes at once on two threads, and an index's counters,
+/// changed at every key, must not share a line with the other's.
+class alignas(64) LookupIndex {
  public:
   class Filler;
 
@@ -96,7 +99,7 @@ class LookupIndex {
 /// still pending; a filler left without it (an exception on the way) drops
 /// those keys rather than risk a throw from its destructor. The index is not
 /// to be used before then.
-class LookupIndex::Filler {
+class alignas(64) LookupIndex::Filler {
  public:
   enum class Case { kBlind, kExact };
   /// Makes room in `index` for `count` more keys of `keyBytes` bytes in
