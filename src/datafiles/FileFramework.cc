@@ -76,8 +76,9 @@ namespace {
 // little behind. The records one addTabbedLines call builds lie in one
 // array in row order, so the builder publishes only how many are done, a
 // batch at a time: a count stored per record would move its cache line
-// between the cores at every record.
-class RecordRelay {
+// between the cores at every record. Its lines are its own, apart from the
+// builder's locals beside it on the stack.
+class alignas(64) RecordRelay {
  public:
   /// On the builder's thread, once record `index` (from 0) is built.
   void built(std::size_t index, const Record& record) {
