@@ -156,12 +156,11 @@ class Record {
   void freeBlock();
   /// Set in layout_ when its entries are 16-bit (both kinds are aligned).
   static constexpr std::uintptr_t kNarrow = 1;
-  /// Set in layout_, without kNarrow, when it is the record's own block
-  /// (always 32-bit, so 4-aligned):
-  /// [0] value count n, [1..n] end offsets, then the text. Without it the
-  /// layout and the text are referred to. A record is two words: the
-  /// records of a large list take a third less room than with a pointer
-  /// of their own to the block.
+  /// Set in layout_, without kNarrow, when it is the record's own block,
+  /// always 32-bit and so 4-aligned: [0] value count n, [1..n] end offsets,
+  /// then the text. Without it the layout and the text are referred to. So
+  /// a record is two words: the records of a large list take a third less
+  /// room than with a pointer of their own to the block.
   static constexpr std::uintptr_t kOwned = 2;
 
   /// Where the count and offsets are (32-bit, or 16-bit with kNarrow set),
