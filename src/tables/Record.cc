@@ -59,8 +59,23 @@ bool splitTabs(std::string_view line, std::size_t valueCount, End* ends) {
   std::size_t found = 0;
   std::size_t i = 0;
 #if defined(__SSE2__)
-  // Sixteen bytes at a time: one compare gives a bit per tab.
+  // Sixteen bytes at a time: one compare gives a bit per tab. Four such
+  // masks make one of 64 bytes, so that the loop over its tabs ends (and
+  // its last turn is mispredicted) once per 64 bytes, not per 16.
   const __m128i tabs16 = _mm_set1_epi8('\t');
+  const auto maskAt = [&](std::size_t at) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(line.data() + at));
+    return static_cast<std::uint64_t>(
+        static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, tabs16))));
+  };
+  for (; i + 64 <= line.size(); i += 64) {
+    std::uint64_t tabs =
+        maskAt(i) | maskAt(i + 16) << 16 | maskAt(i + 32) << 32 | maskAt(i + 48) << 48;
+    for (; tabs != 0; tabs &= tabs - 1) {
+      if (found == last) return false;
+      ends[found++] = static_cast<End>(i + static_cast<std::size_t>(std::countr_zero(tabs)));
+    }
+  }
   for (; i + 16 <= line.size(); i += 16) {
     const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(line.data() + i));
     auto tabs = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, tabs16)));
