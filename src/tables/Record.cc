@@ -58,6 +58,17 @@ bool splitTabs(std::string_view line, std::size_t valueCount, End* ends) {
   const std::size_t last = valueCount - 1;
   std::size_t found = 0;
   std::size_t i = 0;
+  // Records a tab at `at` plus each set bit's place in `tabs` (shifted right
+  // by `shift`, for masks with a bit per byte's top); false past the last
+  // value.
+  const auto take = [&](std::size_t at, std::uint64_t tabs, int shift) {
+    for (; tabs != 0; tabs &= tabs - 1) {
+      if (found == last) return false;
+      ends[found++] =
+          static_cast<End>(at + (static_cast<std::size_t>(std::countr_zero(tabs)) >> shift));
+    }
+    return true;
+  };
 #if defined(__SSE2__)
   // Sixteen bytes at a time: one compare gives a bit per tab. Four such
   // masks make one of 64 bytes, so that the loop over its tabs ends (and
@@ -68,42 +79,25 @@ bool splitTabs(std::string_view line, std::size_t valueCount, End* ends) {
     return static_cast<std::uint64_t>(
         static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, tabs16))));
   };
-  for (; i + 64 <= line.size(); i += 64) {
-    std::uint64_t tabs =
-        maskAt(i) | maskAt(i + 16) << 16 | maskAt(i + 32) << 32 | maskAt(i + 48) << 48;
-    for (; tabs != 0; tabs &= tabs - 1) {
-      if (found == last) return false;
-      ends[found++] = static_cast<End>(i + static_cast<std::size_t>(std::countr_zero(tabs)));
-    }
-  }
-  for (; i + 16 <= line.size(); i += 16) {
-    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(line.data() + i));
-    auto tabs = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, tabs16)));
-    for (; tabs != 0; tabs &= tabs - 1) {
-      if (found == last) return false;
-      ends[found++] = static_cast<End>(i + static_cast<std::size_t>(std::countr_zero(tabs)));
-    }
-  }
+  for (; i + 64 <= line.size(); i += 64)
+    if (!take(i, maskAt(i) | maskAt(i + 16) << 16 | maskAt(i + 32) << 32 | maskAt(i + 48) << 48, 0))
+      return false;
+  for (; i + 16 <= line.size(); i += 16)
+    if (!take(i, maskAt(i), 0)) return false;
 #endif
   if constexpr (std::endian::native == std::endian::little) {
     // Eight bytes at a time: a mask with the high bit of each tab byte set
-    // (exact: no carry crosses a byte), then one step per tab found.
+    // (exact: no carry crosses a byte).
     constexpr std::uint64_t kLow7 = 0x7F7F7F7F7F7F7F7FULL, kTabs = 0x0909090909090909ULL;
     for (; i + 8 <= line.size(); i += 8) {
       std::uint64_t word;
       std::memcpy(&word, line.data() + i, 8);
       const std::uint64_t x = word ^ kTabs;  // a zero byte where a tab was
-      for (std::uint64_t tabs = ~(((x & kLow7) + kLow7) | x | kLow7); tabs != 0; tabs &= tabs - 1) {
-        if (found == last) return false;
-        ends[found++] = static_cast<End>(i + (std::countr_zero(tabs) >> 3));
-      }
+      if (!take(i, ~(((x & kLow7) + kLow7) | x | kLow7), 3)) return false;
     }
   }
-  for (; i < line.size(); ++i) {
-    if (line[i] != '\t') continue;
-    if (found == last) return false;
-    ends[found++] = static_cast<End>(i);
-  }
+  for (; i < line.size(); ++i)
+    if (line[i] == '\t' && !take(i, 1, 0)) return false;
   if (found != last) return false;
   ends[last] = static_cast<End>(line.size());
   return true;
