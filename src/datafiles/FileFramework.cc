@@ -159,21 +159,12 @@ std::int64_t FileFramework::addRecords(TableMulti& table, std::shared_ptr<const 
       // No thread to be had: both below, on this one.
     }
   }
-  if (!side.valid()) {
-    RecordCallback both = added;
-    if (alongside)
-      both = [&](std::int64_t at, const Record& record) {
-        if (added) added(at, record);
-        alongside(at, record);
-      };
-    const std::int64_t row = table.addTabbedLines(std::move(text), lines, refusedLines, both);
-    report();
-    return row;
-  }
-  // The records go to the second thread as they are built, and the lines'
-  // views, which only this thread reads, are handed back to the kernel as
-  // it passes them (each refused line reported first): by the time the
-  // indexes are full, the 16 bytes a line are gone.
+  // On a second thread the records go to it as they are built, and the
+  // lines' views, which only this thread then reads, are handed back to
+  // the kernel as it passes them (each refused line reported first): by the
+  // time the indexes are full, the 16 bytes a line are gone. Without one,
+  // one callback serves both.
+  const bool threaded = side.valid();
   constexpr std::size_t kReleaseEvery = 16384;
   std::size_t released = 0;
   std::size_t count = 0;
@@ -184,22 +175,31 @@ std::int64_t FileFramework::addRecords(TableMulti& table, std::shared_ptr<const 
     const std::size_t& count;
     ~Finish() { relay.finish(count); }
   } finish{relay, count};
-  const std::int64_t row = table.addTabbedLines(
-      std::move(text), lines, refusedLines,
-      [&](std::int64_t at, const Record& record) {
-        if (added) added(at, record);
-        relay.built(count++, record);
-        const std::size_t line = count + refusedLines.size();
-        if (line - released >= kReleaseEvery) {
-          report();
-          releaseUnusedPages(lines.data(), 0, line * sizeof(std::string_view));
-          released = line;
-        }
-      },
-      &records);
+  RecordCallback each;
+  if (threaded) {
+    each = [&](std::int64_t at, const Record& record) {
+      if (added) added(at, record);
+      relay.built(count++, record);
+      const std::size_t line = count + refusedLines.size();
+      if (line - released >= kReleaseEvery) {
+        report();
+        releaseUnusedPages(lines.data(), 0, line * sizeof(std::string_view));
+        released = line;
+      }
+    };
+  } else if (alongside) {
+    each = [&](std::int64_t at, const Record& record) {
+      if (added) added(at, record);
+      alongside(at, record);
+    };
+  } else {
+    each = added;
+  }
+  const std::int64_t row =
+      table.addTabbedLines(std::move(text), lines, refusedLines, each, &records);
   relay.finish(count);
   report();
-  side.get();
+  if (threaded) side.get();
   return row;
 }
 
