@@ -5,6 +5,10 @@
 #include <cstring>
 #include <new>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "common/HugePages.h"
 #include "common/StringUtil.h"
 
@@ -103,11 +107,22 @@ inline std::uint64_t lowerAsciiWord(std::uint64_t word) {
   return word | (((fromA ^ pastZ) & kHighs) >> 2);
 }
 
-// Whether n bytes at a and b are the same, read in eight-byte words at the
-// offsets hashOf reads (the last word overlapping), which findLowered has
-// just written: each load is served from one store.
+// Whether n bytes at a and b are the same, read at the offsets hashOf
+// reads (the last word or chunk overlapping the one before), which
+// findLowered has just written: each load is served from one store.
 inline bool sameBytes(const char* a, const char* b, std::size_t n) {
   if (n < 8) return n == 0 || std::memcmp(a, b, n) == 0;
+#if defined(__SSE2__)
+  if (n >= 16) {
+    const auto load = [](const char* at) {
+      return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+    };
+    __m128i differ = _mm_xor_si128(load(a + n - 16), load(b + n - 16));
+    for (std::size_t i = 0; i + 16 < n; i += 16)
+      differ = _mm_or_si128(differ, _mm_xor_si128(load(a + i), load(b + i)));
+    return _mm_movemask_epi8(_mm_cmpeq_epi8(differ, _mm_setzero_si128())) == 0xFFFF;
+  }
+#endif
   std::uint64_t x, y, differ = 0;
   for (std::size_t i = 0; i + 8 < n; i += 8) {
     std::memcpy(&x, a + i, 8);
@@ -118,6 +133,74 @@ inline bool sameBytes(const char* a, const char* b, std::size_t n) {
   std::memcpy(&y, b + n - 8, 8);
   return (differ | (x ^ y)) == 0;
 }
+
+// Keys of 16 bytes or more are hashed 16 bytes a step, the last step
+// overlapping the one before, in two 64-bit lanes: each lane's halves, each
+// xored with a constant of the step, are multiplied, and the product and
+// the other lane's bytes are added to the lane's sum. No step waits on the
+// one before, and on x86-64 a step is a few vector instructions, the same
+// ones that lower its bytes. Few instructions matter more than they seem: a
+// look-up waits on memory, and the fewer instructions each takes, the more
+// of the look-ups after it the processor reads ahead, their misses
+// overlapping. Steps past the fourth reuse the first four constants.
+constexpr std::uint64_t kStepKeys[8] = {
+    0xA0761D6478BD642FULL, 0xE7037ED1A0B428DBULL, 0x8EBC6AF09C88C6E3ULL, 0x589965CC75374CC3ULL,
+    0x1D8E4E27C47D124FULL, 0xB7E151628AED2A6BULL, 0x452821E638D01377ULL, 0xBE5466CF34E90C6CULL};
+
+// The two lanes' sums folded into the hash of a key of `size` bytes.
+inline std::uint32_t finishSteps(std::uint64_t first, std::uint64_t second, std::size_t size) {
+  return finishHash(mix(first ^ kHashSeed ^ size, second ^ kHashMultiplier));
+}
+
+// The sums lowerAndHashSteps keeps, word by word: hashOf's way, on any
+// processor.
+std::uint32_t hashSteps(const char* bytes, std::size_t size) {
+  std::uint64_t sums[2] = {0, 0};
+  const auto take = [&](std::size_t at, std::size_t step) {
+    std::uint64_t lanes[2];
+    std::memcpy(lanes, bytes + at, 16);
+    for (std::size_t lane = 0; lane < 2; ++lane) {
+      const std::uint64_t x = lanes[lane] ^ kStepKeys[2 * (step & 3) + lane];
+      sums[lane] += (x & 0xFFFFFFFFu) * (x >> 32) + lanes[1 - lane];
+    }
+  };
+  std::size_t step = 0;
+  for (std::size_t at = 0; at + 16 < size; at += 16) take(at, step++);
+  take(size - 16, step);
+  return finishSteps(sums[0], sums[1], size);
+}
+
+#if defined(__SSE2__)
+// Lowers the ASCII letters of a key of 16 bytes or more into `out`, at the
+// offsets hashSteps reads, and hashes the lowered bytes as it does. Answers
+// whether the key holds bytes beyond ASCII, whose characters are then still
+// to be checked.
+bool lowerAndHashSteps(std::string_view key, char* out, std::uint32_t& hashed) {
+  const auto byte = [](int value) { return _mm_set1_epi8(static_cast<char>(value)); };
+  const __m128i fromA = byte('A' - 1), pastZ = byte('Z' + 1), caseBit = byte(0x20);
+  __m128i sums = _mm_setzero_si128();
+  int high = 0;
+  const auto take = [&](std::size_t at, std::size_t step) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(key.data() + at));
+    // Bytes beyond ASCII are negative, so never between '@' and '['.
+    const __m128i upper = _mm_and_si128(_mm_cmpgt_epi8(bytes, fromA), _mm_cmpgt_epi8(pastZ, bytes));
+    const __m128i lowered = _mm_or_si128(bytes, _mm_and_si128(upper, caseBit));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + at), lowered);
+    high |= _mm_movemask_epi8(bytes);
+    const __m128i x = _mm_xor_si128(
+        lowered, _mm_loadu_si128(reinterpret_cast<const __m128i*>(kStepKeys + 2 * (step & 3))));
+    sums = _mm_add_epi64(sums, _mm_mul_epu32(x, _mm_shuffle_epi32(x, _MM_SHUFFLE(2, 3, 0, 1))));
+    sums = _mm_add_epi64(sums, _mm_shuffle_epi32(lowered, _MM_SHUFFLE(1, 0, 3, 2)));
+  };
+  std::size_t step = 0;
+  for (std::size_t at = 0; at + 16 < key.size(); at += 16) take(at, step++);
+  take(key.size() - 16, step);
+  const auto first = static_cast<std::uint64_t>(_mm_cvtsi128_si64(sums));
+  const auto second = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(sums, sums)));
+  hashed = finishSteps(first, second, key.size());
+  return high != 0;
+}
+#endif
 
 // Lowers the keys most look-ups take (ASCII, Hangul, CJK) into `out`, which
 // has room for text.size() bytes. False when the key holds anything else
@@ -151,36 +234,68 @@ bool lowerSimpleKey(std::string_view text, char* out) {
   return true;
 }
 
+// Whether every character of `text` beyond ASCII is one lowerSimpleKey
+// leaves alone: it accepts the same texts, and writes nothing.
+bool caselessBeyondAscii(std::string_view text) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  const std::size_t size = text.size();
+  for (std::size_t i = 0; i < size;) {
+    if (bytes[i] < 0x80) {
+      // Straight to the next byte beyond ASCII, a word at a time.
+      std::uint64_t word;
+      if (i + 8 > size) {
+        ++i;
+        continue;
+      }
+      std::memcpy(&word, bytes + i, 8);
+      i += (word & kHighs) == 0 ? 8 : static_cast<std::size_t>(__builtin_ctzll(word & kHighs)) / 8;
+      continue;
+    }
+    if (i + 2 >= size) return false;
+    // Lead byte 1110xxxx, then two of 10xxxxxx.
+    const std::uint32_t code =
+        bytes[i] | std::uint32_t{bytes[i + 1]} << 8 | std::uint32_t{bytes[i + 2]} << 16;
+    if ((code & 0xC0C0F0) != 0x8080E0) return false;
+    const char32_t c = (code & 0x0Fu) << 12 | (code & 0x3F00u) >> 2 | (code >> 16 & 0x3Fu);
+    if (c - 0xAC00 >= 0xD7A4 - 0xAC00 && !caseless(c)) return false;  // a syllable, or another
+    i += 3;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool LookupIndex::lowerSimpleHashed(std::string_view key, char* out, std::uint32_t& hashed) {
-  if (key.size() >= 8) {
+#if defined(__SSE2__)
+  if (key.size() >= 16) {
+    // Characters beyond ASCII were copied as they are, which is right when
+    // they have no case.
+    return !lowerAndHashSteps(key, out, hashed) || caselessBeyondAscii(key);
+  }
+#endif
+  if (key.size() >= 8 && key.size() < 16) {
     // An ASCII key is lowered and hashed in one pass, as hashOf would hash
     // the lowered text, each word kept in a register: the hash never waits
     // on the bytes just written.
-    // A word beyond ASCII sends the key to the path below at once.
-    std::uint64_t hash = kHashSeed ^ key.size();
     std::uint64_t word;
-    std::size_t i = 0;
-    bool ascii = true;
-    for (; ascii && i + 8 < key.size(); i += 8) {
-      std::memcpy(&word, key.data() + i, 8);
-      ascii = (word & kHighs) == 0;
+    std::memcpy(&word, key.data(), 8);
+    std::uint64_t last;
+    std::memcpy(&last, key.data() + key.size() - 8, 8);
+    if (((word | last) & kHighs) == 0) {
       word = lowerAsciiWord(word);
-      std::memcpy(out + i, &word, 8);
-      hash = mix(hash ^ word, kHashMultiplier);
-    }
-    if (ascii) {
-      std::memcpy(&word, key.data() + key.size() - 8, 8);
-      if ((word & kHighs) == 0) {
-        word = lowerAsciiWord(word);
-        std::memcpy(out + key.size() - 8, &word, 8);
-        hashed = finishHash(hash ^ word);
-        return true;
-      }
+      last = lowerAsciiWord(last);
+      std::memcpy(out, &word, 8);
+      std::memcpy(out + key.size() - 8, &last, 8);
+      std::uint64_t hash = kHashSeed ^ key.size();
+      if (key.size() > 8) hash = mix(hash ^ word, kHashMultiplier);
+      hashed = finishHash(hash ^ last);
+      return true;
     }
   }
-  // Shorter keys, and those beyond ASCII: lowered first, then hashed.
+  return lowerSimpleKeyHashed(key, out, hashed);
+}
+
+bool LookupIndex::lowerSimpleKeyHashed(std::string_view key, char* out, std::uint32_t& hashed) {
   if (!lowerSimpleKey(key, out)) return false;
   hashed = hashOf(std::string_view(out, key.size()));
   return true;
@@ -201,18 +316,19 @@ std::int64_t LookupIndex::findLowered(std::string_view key) const {
 }
 
 std::uint32_t LookupIndex::hashOf(std::string_view key) {
-  std::uint64_t hash = kHashSeed ^ key.size();
   const char* const bytes = key.data();
   const std::size_t size = key.size();
+  if (size >= 16) return hashSteps(bytes, size);
+  std::uint64_t hash = kHashSeed ^ size;
   std::uint64_t word = 0;
   if (size >= 8) {
-    for (std::size_t i = 0; i + 8 < size; i += 8) {
-      std::memcpy(&word, bytes + i, 8);
+    // The first eight bytes and the last eight, overlapping when the length
+    // is under 16: two fixed loads rather than a copy of the tail's length,
+    // which stalls what follows.
+    if (size > 8) {
+      std::memcpy(&word, bytes, 8);
       hash = mix(hash ^ word, kHashMultiplier);
     }
-    // The last eight bytes, overlapping the word before when the length is
-    // not a multiple of eight: one fixed load rather than a copy of the
-    // tail's length, which stalls what follows.
     std::memcpy(&word, bytes + size - 8, 8);
   } else if (size >= 4) {
     std::uint32_t first = 0, last = 0;

@@ -75,6 +75,8 @@ class alignas(64) LookupIndex {
   /// for any other key (`out` may then be partly written). No optional
   /// returned through memory: its two stores and one load stalled the load.
   static bool lowerSimpleHashed(std::string_view key, char* out, std::uint32_t& hash);
+  /// The same, a byte at a time.
+  static bool lowerSimpleKeyHashed(std::string_view key, char* out, std::uint32_t& hash);
   /// The slot holding `key`, or the free slot ending its probe.
   std::size_t slotOf(std::string_view key, std::uint32_t hash) const;
   /// The value of the key in slot `at`, or -1 for a free slot.

@@ -239,6 +239,73 @@ TEST(LookupKeys, FindLoweredFindsEveryLengthAndMissesAnyOtherByte) {
   }
 }
 
+// Keys of 16 bytes or more are lowered and hashed 16 bytes a step, their
+// characters beyond ASCII copied and checked after; a key holding any with
+// case takes the full rule. Keys built from pieces on both sides of each
+// line drawn there (letters and the bytes next to them, caseless
+// characters and their cased neighbours, broken sequences, a character cut
+// at the key's end), at lengths around the steps, find what the full
+// Unicode rule finds, as given and already lowered, through set and through
+// a filler.
+TEST(LookupKeys, WideLoweringDrawsTheLineWhereTheFullRuleDoes) {
+  const std::string pieces[] = {
+      "A",
+      "z",
+      "Q7",
+      "\t",
+      "@[",
+      "`{",                // the bytes each side of the letters
+      "\xE3\x80\x81",      // U+3001, caseless
+      "\xE3\x84\xB1",      // U+3131, caseless, the byte-by-byte way
+      "\xE4\xB8\x80",      // U+4E00
+      "\xE4\xB7\xBF",      // U+4DFF, before the ideographs
+      "\xE9\xBF\xBF",      // U+9FFF
+      "\xEA\xB0\x80",      // U+AC00, the first syllable
+      "\xEA\x99\x80",      // U+A640, Cyrillic capital: lowers
+      "\xED\x9D\xBF",      // U+D77F
+      "\xED\x9E\xA3",      // U+D7A3, the last syllable
+      "\xE2\x92\xB6",      // U+24B6, circled capital: lowers
+      "\xEF\xBC\xA1",      // U+FF21, fullwidth capital: lowers
+      "\xCE\xA3",          // Greek capital
+      "\xF0\x9F\x98\x80",  // beyond the BMP
+      "\xEB",              // a lead without its continuations
+      "\x80",              // a continuation without its lead
+      "\xED\xA0\x80",      // a surrogate
+  };
+  std::mt19937 rng(23);
+  std::vector<std::string> keys;
+  for (int i = 0; i < 6000; ++i) {
+    std::string key;
+    const std::size_t length = 12 + rng() % 60;
+    // Mostly ASCII and caseless characters, as real keys are.
+    while (key.size() < length) key += pieces[rng() % (i % 4 ? 10 : std::size(pieces))];
+    if (i % 5 == 0) key.resize(length);  // cut anywhere, a character too
+    keys.push_back(key);
+  }
+  for (std::size_t length : {16, 17, 31, 32, 33, 62, 63, 64, 65})
+    for (const std::string end : {"\xEB", "\xEB\x80", "\xEB\x80\x80"}) {
+      keys.push_back(std::string(length - end.size(), 'M') + end);
+      keys.push_back(end + std::string(length - end.size(), 'm'));
+    }
+  LookupIndex expected, filled;
+  {
+    LookupIndex::Filler filler(filled, keys.size());
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      expected.set(lowercase(keys[i]), static_cast<std::int64_t>(i));
+      filler.add(keys[i], static_cast<std::int64_t>(i));
+    }
+    filler.finish();
+  }
+  ASSERT_EQ(filled.size(), expected.size());
+  for (const std::string& key : keys) {
+    const std::int64_t want = expected.find(lowercase(key));
+    ASSERT_GE(want, 0);
+    ASSERT_EQ(expected.findLowered(key), want) << key;
+    ASSERT_EQ(expected.findLowered(lowercase(key)), want) << key;
+    ASSERT_EQ(filled.find(lowercase(key)), want) << key;
+  }
+}
+
 // A million keys of one length that differ only in their last word, entered
 // one by one through every growth of the table: among them some hundred
 // pairs share a 32-bit hash, which only the bytes of the last word tell
