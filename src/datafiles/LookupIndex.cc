@@ -171,30 +171,32 @@ std::uint32_t hashSteps(const char* bytes, std::size_t size) {
 }
 
 #if defined(__SSE2__)
-// Lowers the ASCII letters of a key of 16 bytes or more into `out`, at the
+// Lowers the ASCII letters of a key of 16 to 64 bytes into `out`, at the
 // offsets hashSteps reads, and hashes the lowered bytes as it does. Answers
 // whether the key holds bytes beyond ASCII, whose characters are then still
 // to be checked.
 bool lowerAndHashSteps(std::string_view key, char* out, std::uint32_t& hashed) {
   const auto byte = [](int value) { return _mm_set1_epi8(static_cast<char>(value)); };
-  const __m128i fromA = byte('A' - 1), pastZ = byte('Z' + 1), caseBit = byte(0x20);
+  // A byte plus 0x80 - 'A' is below -128 + 26, signed, just when it is a
+  // capital letter: bytes beyond ASCII and below 'A' land above.
+  const __m128i toA = byte(0x80 - 'A'), pastZ = byte(-128 + 26), caseBit = byte(0x20);
   __m128i sums = _mm_setzero_si128();
   int high = 0;
-  const auto take = [&](std::size_t at, std::size_t step) {
+  const auto* keys = reinterpret_cast<const __m128i*>(kStepKeys);
+  const auto take = [&](std::size_t at, const __m128i* stepKey) {
     const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(key.data() + at));
-    // Bytes beyond ASCII are negative, so never between '@' and '['.
-    const __m128i upper = _mm_and_si128(_mm_cmpgt_epi8(bytes, fromA), _mm_cmpgt_epi8(pastZ, bytes));
+    const __m128i upper = _mm_cmpgt_epi8(pastZ, _mm_add_epi8(bytes, toA));
     const __m128i lowered = _mm_or_si128(bytes, _mm_and_si128(upper, caseBit));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + at), lowered);
     high |= _mm_movemask_epi8(bytes);
-    const __m128i x = _mm_xor_si128(
-        lowered, _mm_loadu_si128(reinterpret_cast<const __m128i*>(kStepKeys + 2 * (step & 3))));
+    const __m128i x = _mm_xor_si128(lowered, _mm_loadu_si128(stepKey));
     sums = _mm_add_epi64(sums, _mm_mul_epu32(x, _mm_shuffle_epi32(x, _MM_SHUFFLE(2, 3, 0, 1))));
     sums = _mm_add_epi64(sums, _mm_shuffle_epi32(lowered, _MM_SHUFFLE(1, 0, 3, 2)));
   };
-  std::size_t step = 0;
-  for (std::size_t at = 0; at + 16 < key.size(); at += 16) take(at, step++);
-  take(key.size() - 16, step);
+  // At most four steps: each has its own constant.
+  const __m128i* stepKey = keys;
+  for (std::size_t at = 0; at + 16 < key.size(); at += 16) take(at, stepKey++);
+  take(key.size() - 16, stepKey);
   const auto first = static_cast<std::uint64_t>(_mm_cvtsi128_si64(sums));
   const auto second = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(sums, sums)));
   hashed = finishSteps(first, second, key.size());
@@ -252,12 +254,20 @@ bool caselessBeyondAscii(std::string_view text) {
       continue;
     }
     if (i + 2 >= size) return false;
-    // Lead byte 1110xxxx, then two of 10xxxxxx.
-    const std::uint32_t code =
-        bytes[i] | std::uint32_t{bytes[i + 1]} << 8 | std::uint32_t{bytes[i + 2]} << 16;
-    if ((code & 0xC0C0F0) != 0x8080E0) return false;
-    const char32_t c = (code & 0x0Fu) << 12 | (code & 0x3F00u) >> 2 | (code >> 16 & 0x3Fu);
-    if (c - 0xAC00 >= 0xD7A4 - 0xAC00 && !caseless(c)) return false;  // a syllable, or another
+    // The three bytes in order in one word: a Hangul syllable (U+AC00 to
+    // U+D7A3, most characters of real keys beyond ASCII) is one range of
+    // it once the continuation bytes are seen to be such.
+    std::uint32_t code;
+    if (i + 4 <= size) {
+      std::memcpy(&code, bytes + i, 4);
+      code = __builtin_bswap32(code) >> 8;
+    } else {
+      code = std::uint32_t{bytes[i]} << 16 | std::uint32_t{bytes[i + 1]} << 8 | bytes[i + 2];
+    }
+    if ((code & 0xF0C0C0) != 0xE08080) return false;  // lead 1110xxxx, two of 10xxxxxx
+    if (code - 0xEAB080 > 0xED9EA3 - 0xEAB080 &&
+        !caseless((code >> 4 & 0xF000) | (code >> 2 & 0x0FC0) | (code & 0x3F)))
+      return false;
     i += 3;
   }
   return true;
@@ -267,7 +277,7 @@ bool caselessBeyondAscii(std::string_view text) {
 
 bool LookupIndex::lowerSimpleHashed(std::string_view key, char* out, std::uint32_t& hashed) {
 #if defined(__SSE2__)
-  if (key.size() >= 16) {
+  if (key.size() >= 16 && key.size() <= 64) {
     // Characters beyond ASCII were copied as they are, which is right when
     // they have no case.
     return !lowerAndHashSteps(key, out, hashed) || caselessBeyondAscii(key);
@@ -308,7 +318,7 @@ std::int64_t LookupIndex::findLowered(std::string_view key) const {
   char lowered[kStackKey];
   if (key.size() <= kStackKey) {
     if (std::uint32_t hash = 0; lowerSimpleHashed(key, lowered, hash))
-      return valueAt(slotOf(std::string_view(lowered, key.size()), hash));
+      return valueOf(std::string_view(lowered, key.size()), hash);
   }
   thread_local std::string scratch;
   lowerKeyInto(scratch, key);
@@ -341,6 +351,19 @@ std::uint32_t LookupIndex::hashOf(std::string_view key) {
            static_cast<unsigned char>(bytes[size - 1]);
   }
   return finishHash(hash ^ word);
+}
+
+inline std::int64_t LookupIndex::valueOf(std::string_view key, std::uint32_t hash) const {
+  const std::size_t mask = slots_.size() - 1;
+  for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
+    const Slot slot = slots_[at];
+    if (slot.entry == 0) return -1;
+    if (slot.hash != hash) continue;
+    const std::uint32_t* entry = entries_.data() + slot.entry - 1;
+    if (entry[1] == key.size() &&
+        sameBytes(reinterpret_cast<const char*>(entry + kEntryHead), key.data(), key.size()))
+      return static_cast<std::int32_t>(entry[0]);
+  }
 }
 
 std::size_t LookupIndex::slotOf(std::string_view key, std::uint32_t hash) const {
@@ -468,7 +491,7 @@ void LookupIndex::Filler::finish() {
 
 std::int64_t LookupIndex::find(std::string_view key) const {
   if (slots_.empty()) return -1;
-  return valueAt(slotOf(key, hashOf(key)));
+  return valueOf(key, hashOf(key));
 }
 
 void indexField(LookupIndex& index, TableMulti& table, std::string_view field) {

@@ -77,13 +77,10 @@ class alignas(64) LookupIndex {
   static bool lowerSimpleHashed(std::string_view key, char* out, std::uint32_t& hash);
   /// The same, a byte at a time.
   static bool lowerSimpleKeyHashed(std::string_view key, char* out, std::uint32_t& hash);
+  /// The value entered under `key`, hashed to `hash`, or -1.
+  std::int64_t valueOf(std::string_view key, std::uint32_t hash) const;
   /// The slot holding `key`, or the free slot ending its probe.
   std::size_t slotOf(std::string_view key, std::uint32_t hash) const;
-  /// The value of the key in slot `at`, or -1 for a free slot.
-  std::int64_t valueAt(std::size_t at) const {
-    const std::uint32_t entry = slots_[at].entry;
-    return entry == 0 ? -1 : static_cast<std::int32_t>(entries_[entry - 1]);
-  }
   void setHashed(std::string_view key, std::uint32_t hash, std::int64_t index);
   void rehash(std::size_t slotCount);
 
