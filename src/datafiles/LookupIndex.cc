@@ -316,6 +316,20 @@ std::int64_t LookupIndex::findLowered(std::string_view key) const {
   if (slots_.empty()) return -1;
   // On the stack unless the key needs Unicode's full rules or is long.
   char lowered[kStackKey];
+#if defined(__SSE2__)
+  if (key.size() >= 16 && key.size() <= 64) {
+    // Looked up with its ASCII letters lowered and the rest as it is. A hit
+    // is the answer even when the rest has case: the keys here were all
+    // entered lowered, so the one met is its own lower case, and lowering
+    // the given key whole comes to the same as lowering these bytes. Only
+    // a miss waits for the characters beyond ASCII to be checked; a key
+    // with case among them goes on below, to the full rule.
+    std::uint32_t hash = 0;
+    const bool beyondAscii = lowerAndHashSteps(key, lowered, hash);
+    const std::int64_t found = valueOf(std::string_view(lowered, key.size()), hash);
+    if (found >= 0 || !beyondAscii || caselessBeyondAscii(key)) return found;
+  }
+#endif
   if (key.size() <= kStackKey) {
     if (std::uint32_t hash = 0; lowerSimpleHashed(key, lowered, hash))
       return valueOf(std::string_view(lowered, key.size()), hash);

@@ -47,7 +47,8 @@ class alignas(64) LookupIndex {
   void set(std::string_view key, std::int64_t index);
   /// The index entered under `key`, or -1.
   std::int64_t find(std::string_view key) const;
-  /// find(lowerKey(key)) without allocating.
+  /// find(lowerKey(key)) without allocating, in an index whose keys were
+  /// all entered lowered (lowerKey, or a case-blind filler).
   std::int64_t findLowered(std::string_view key) const;
   bool empty() const { return size_ == 0; }
   std::size_t size() const { return size_; }
