@@ -5,12 +5,14 @@
 // those its lines give one by one, each section's start before its end. The
 // look-ups answer -1 or a record, every record is found under its keys (at
 // itself or a later record of the same key), and the writer's buffer ends in
-// its zero.
+// its zero. A look-up of the input's first bytes as a key finds what the
+// full lower-casing rule finds.
 
 #include <functional>
 
 #include "FuzzSupport.h"
 #include "common/StringUtil.h"
+#include "datafiles/LookupIndex.h"
 #include "format/DataFileFormat.h"
 #include "quarvel/FileCheckList.h"
 #include "quarvel/FileFilter.h"
@@ -21,6 +23,23 @@ namespace {
 
 using namespace quarvel;
 using fuzz::fail;
+
+// `key` as given, lowered, and with one byte changed, against an index of
+// its lowered form: found just where lower-casing makes it that form.
+void lookUpKey(std::string_view key) {
+  LookupIndex index;
+  const std::string lowered = lowerKey(key);
+  index.set(lowered, 7);
+  if (index.findLowered(key) != 7 || index.findLowered(lowered) != 7)
+    fail("a key is not found under its lower case");
+  for (std::size_t at : {std::size_t{0}, key.size() / 2, key.size() - 1}) {
+    if (key.empty()) break;
+    std::string other(key);
+    other[at] = static_cast<char>(other[at] ^ 0x20);
+    if (index.findLowered(other) != (lowerKey(other) == lowered ? 7 : -1))
+      fail("a changed key is found where lower-casing does not lead");
+  }
+}
 
 // A look-up's answer: -1 or a record of `table`.
 void noneOrRecord(std::int64_t found, Table* table) {
@@ -74,6 +93,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::size_t cut = input.find('\x1E');
   const std::string_view first = input.substr(0, cut);
   const std::string_view second = cut == std::string_view::npos ? input : input.substr(cut + 1);
+
+  lookUpKey(first.substr(0, 80));
 
   FileCheckList checkList;
   FilePackage package;
