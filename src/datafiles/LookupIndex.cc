@@ -199,13 +199,20 @@ std::uint32_t hashSteps(const char* bytes, std::size_t size) {
     sums = _mm_add_epi64(sums, _mm_mul_epu32(x, _mm_shuffle_epi32(x, _MM_SHUFFLE(2, 3, 0, 1))));
     sums = _mm_add_epi64(sums, _mm_shuffle_epi32(lowered, _MM_SHUFFLE(1, 0, 3, 2)));
   };
-  // At most four steps: each has its own constant.
-  const __m128i* stepKey = keys;
-  for (std::size_t at = 0; at + 16 < key.size(); at += 16) take(at, stepKey++);
-  take(key.size() - 16, stepKey);
+  // At most four steps, each with its own constant, the last one ending
+  // with the key.
+  const std::size_t size = key.size();
+  if (size > 16) {
+    take(0, keys);
+    if (size > 32) {
+      take(16, keys + 1);
+      if (size > 48) take(32, keys + 2);
+    }
+  }
+  take(size - 16, keys + (size - 1) / 16);
   const auto first = static_cast<std::uint64_t>(_mm_cvtsi128_si64(sums));
   const auto second = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(sums, sums)));
-  hashed = finishSteps(first, second, key.size());
+  hashed = finishSteps(first, second, size);
   return high != 0;
 }
 #endif
@@ -318,10 +325,7 @@ bool LookupIndex::lowerSimpleKeyHashed(std::string_view key, char* out, std::uin
 }
 
 std::int64_t LookupIndex::findLowered(std::string_view key) const {
-  constexpr std::size_t kStackKey = 256;
   if (slots_.empty()) return -1;
-  // On the stack unless the key needs Unicode's full rules or is long.
-  char lowered[kStackKey];
 #if defined(__SSE2__)
   if (key.size() >= 16 && key.size() <= 64) {
     // Looked up with its ASCII letters lowered and the rest as it is. A hit
@@ -329,13 +333,21 @@ std::int64_t LookupIndex::findLowered(std::string_view key) const {
     // entered lowered, so the one met is its own lower case, and lowering
     // the given key whole comes to the same as lowering these bytes. Only
     // a miss waits for the characters beyond ASCII to be checked; a key
-    // with case among them goes on below, to the full rule.
+    // with case among them takes the full rule.
+    char lowered[64];
     std::uint32_t hash = 0;
     const bool beyondAscii = lowerAndHashSteps(key, lowered, hash);
     const std::int64_t found = valueOf(std::string_view(lowered, key.size()), hash);
     if (found >= 0 || !beyondAscii || caselessBeyondAscii(key)) return found;
   }
 #endif
+  return findLoweredSlowly(key);
+}
+
+std::int64_t LookupIndex::findLoweredSlowly(std::string_view key) const {
+  // On the stack unless the key needs Unicode's full rules or is long.
+  constexpr std::size_t kStackKey = 256;
+  char lowered[kStackKey];
   if (key.size() <= kStackKey) {
     if (std::uint32_t hash = 0; lowerSimpleHashed(key, lowered, hash))
       return valueOf(std::string_view(lowered, key.size()), hash);
