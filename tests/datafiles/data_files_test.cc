@@ -239,14 +239,14 @@ TEST(LookupKeys, FindLoweredFindsEveryLengthAndMissesAnyOtherByte) {
   }
 }
 
-// Keys of 16 bytes or more are lowered and hashed 16 bytes a step, their
-// characters beyond ASCII copied and checked after; a key holding any with
-// case takes the full rule. Keys built from pieces on both sides of each
-// line drawn there (letters and the bytes next to them, caseless
-// characters and their cased neighbours, broken sequences, a character cut
-// at the key's end), at lengths around the steps, find what the full
-// Unicode rule finds, as given and already lowered, through set and through
-// a filler.
+// Keys of 16 to 64 bytes are lowered and hashed 16 bytes a step, their
+// characters beyond ASCII copied, and checked when the key is entered or
+// missed; a key holding any with case takes the full rule. Keys built from
+// pieces on both sides of each line drawn there (letters and the bytes next
+// to them, caseless characters and their cased neighbours, broken
+// sequences, a character cut at the key's end), at lengths around the
+// steps, find what the full Unicode rule finds, as given and already
+// lowered, through set and through a filler.
 TEST(LookupKeys, WideLoweringDrawsTheLineWhereTheFullRuleDoes) {
   const std::string pieces[] = {
       "A",
