@@ -76,12 +76,12 @@ class alignas(64) LookupIndex {
   /// for any other key (`out` may then be partly written). No optional
   /// returned through memory: its two stores and one load stalled the load.
   static bool lowerSimpleHashed(std::string_view key, char* out, std::uint32_t& hash);
-  /// The same, a byte at a time.
-  static bool lowerSimpleKeyHashed(std::string_view key, char* out, std::uint32_t& hash);
   /// findLowered for the keys its vector steps leave: other lengths, and
   /// characters with case. Kept apart, so that the common way saves no
   /// registers it does not use.
   [[gnu::noinline]] std::int64_t findLoweredSlowly(std::string_view key) const;
+  /// Whether the entry `entry` (1 + its place in entries_) is `key`'s.
+  bool holds(std::uint32_t entry, std::string_view key) const;
   /// The value entered under `key`, hashed to `hash`, or -1.
   std::int64_t valueOf(std::string_view key, std::uint32_t hash) const;
   /// The slot holding `key`, or the free slot ending its probe.
