@@ -306,29 +306,36 @@ TEST(LookupKeys, WideLoweringDrawsTheLineWhereTheFullRuleDoes) {
   }
 }
 
-// A million keys of one length that differ only in their last word (15
-// bytes, compared as two words), entered one by one through every growth of
-// the table: among them some hundred pairs share a 32-bit hash, which only
-// the bytes of the last word tell apart. Each key finds its own value, a repeat replaces it, and
-// keys one byte longer or shorter (other entry padding) are absent.
+// A million keys of one length that differ only in their last part,
+// entered one by one through every growth of the table: among them some
+// hundred pairs share a 32-bit hash, which only the bytes of that part tell
+// apart. Keys of 15 bytes are compared as two 8-byte words, keys of 24 as
+// two 16-byte steps; each shape's first word or step is the same in every
+// key. Each key finds its own value, a repeat replaces it, and keys one
+// byte longer or shorter (other entry padding) are absent.
 TEST(LookupKeys, MillionKeysThroughGrowthAndSharedHashes) {
   constexpr int kKeys = 1000000;
-  const auto key = [](int i) {
-    char text[32];
-    std::snprintf(text, sizeof text, "filename%07x",
-                  (static_cast<unsigned>(i) * 2654435761u) & 0x0FFFFFFFu);
-    return std::string(text);
-  };
-  LookupIndex index;
-  for (int i = 0; i < kKeys; ++i) index.set(key(i), i);
-  for (int i = 0; i < kKeys; i += 3) index.set(key(i), kKeys - i);
-  ASSERT_EQ(index.size(), static_cast<std::size_t>(kKeys));
-  for (int i = 0; i < kKeys; ++i) {
-    const std::string k = key(i);
-    ASSERT_EQ(index.find(k), i % 3 == 0 ? kKeys - i : i) << k;
-    if (i % 1000 == 0) {
-      EXPECT_EQ(index.find(k + "x"), -1) << k;
-      EXPECT_EQ(index.find(k.substr(1)), -1) << k;
+  for (const bool wide : {false, true}) {
+    const auto key = [wide](int i) {
+      const unsigned mixed = static_cast<unsigned>(i) * 2654435761u;
+      char text[32];
+      if (wide)
+        std::snprintf(text, sizeof text, "filename-prefix-%08x", mixed);
+      else
+        std::snprintf(text, sizeof text, "filename%07x", mixed & 0x0FFFFFFFu);
+      return std::string(text);
+    };
+    LookupIndex index;
+    for (int i = 0; i < kKeys; ++i) index.set(key(i), i);
+    for (int i = 0; i < kKeys; i += 3) index.set(key(i), kKeys - i);
+    ASSERT_EQ(index.size(), static_cast<std::size_t>(kKeys));
+    for (int i = 0; i < kKeys; ++i) {
+      const std::string k = key(i);
+      ASSERT_EQ(index.find(k), i % 3 == 0 ? kKeys - i : i) << k;
+      if (i % 1000 == 0) {
+        EXPECT_EQ(index.find(k + "x"), -1) << k;
+        EXPECT_EQ(index.find(k.substr(1)), -1) << k;
+      }
     }
   }
 }
