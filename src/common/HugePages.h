@@ -7,6 +7,8 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <new>
+#include <utility>
 
 namespace quarvel {
 
@@ -47,6 +49,28 @@ struct HugePageAllocator {
   }
   void deallocate(T* p, std::size_t) { std::free(p); }
   friend bool operator==(const HugePageAllocator&, const HugePageAllocator&) { return true; }
+};
+
+// The same for arrays that a resize grows without setting: new elements are
+// left as they are, for arrays whose every element is written at once.
+template <typename T>
+struct UninitializedHugePageAllocator : HugePageAllocator<T> {
+  template <typename U>
+  struct rebind {
+    using other = UninitializedHugePageAllocator<U>;
+  };
+  UninitializedHugePageAllocator() = default;
+  template <typename U>
+  UninitializedHugePageAllocator(  // NOLINT(google-explicit-constructor)
+      const UninitializedHugePageAllocator<U>&) {}
+  template <typename U>
+  void construct(U* p) noexcept {
+    ::new (static_cast<void*>(p)) U;
+  }
+  template <typename U, typename... Args>
+  void construct(U* p, Args&&... args) {
+    ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+  }
 };
 
 }  // namespace quarvel

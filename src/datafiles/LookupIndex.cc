@@ -459,9 +459,10 @@ void LookupIndex::setHashed(std::string_view key, std::uint32_t hash, std::int64
     if (key.size() > UINT32_MAX || entries_.size() + units > UINT32_MAX) return;
     slot.hash = hash;
     slot.entry = static_cast<std::uint32_t>(entries_.size() + 1);
-    entries_.resize(entries_.size() + units);  // the padding after the key is zero
+    entries_.resize(entries_.size() + units);
     std::uint32_t* entry = entries_.data() + slot.entry - 1;
     entry[1] = static_cast<std::uint32_t>(key.size());
+    entry[units - 1] = 0;  // the padding after the key, should there be any
     if (!key.empty()) std::memcpy(entry + kEntryHead, key.data(), key.size());
     ++size_;
   }
@@ -517,7 +518,7 @@ void LookupIndex::Filler::enterOldest() {
 void LookupIndex::Filler::finish() {
   while (entered_ < added_) enterOldest();
   // The entry room was sized from a sample of the keys.
-  std::vector<std::uint32_t, HugePageAllocator<std::uint32_t>>& entries = index_.entries_;
+  auto& entries = index_.entries_;
   releaseUnusedPages(entries.data(), entries.size() * sizeof(std::uint32_t),
                      hugePageBlockRoom(entries.capacity() * sizeof(std::uint32_t)));
 }

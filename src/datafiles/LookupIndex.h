@@ -90,7 +90,8 @@ class alignas(64) LookupIndex {
   void rehash(std::size_t slotCount);
 
   /// Entries in units of 4 bytes, so each head is aligned.
-  std::vector<std::uint32_t, HugePageAllocator<std::uint32_t>> entries_;
+  /// Grown without zeroing: an entry is written whole as it is appended.
+  std::vector<std::uint32_t, UninitializedHugePageAllocator<std::uint32_t>> entries_;
   std::vector<Slot, HugePageAllocator<Slot>> slots_;  ///< a power of two in size, or empty
   std::size_t size_ = 0;
 };
