@@ -20,6 +20,8 @@
 
 namespace quarvel {
 
+class TabbedSplit;
+
 class TableMulti : public Table {
  public:
   TableMulti();
@@ -58,12 +60,15 @@ class TableMulti : public Table {
   /// `keep`, when given, is set before the first record is built to an
   /// owner of the call's records: held, it keeps them there past the call,
   /// also when the call throws, for a thread that may still read them.
+  /// `split`, when given, is a split of these `lines` into this table's
+  /// field count that another thread may be helping with; its layouts
+  /// become the records'.
   /// Throws std::bad_alloc when memory runs out.
   std::int64_t addTabbedLines(
       std::shared_ptr<const std::string> text, std::span<const std::string_view> lines,
       std::vector<std::size_t>& refused,
       const std::function<void(std::int64_t row, const Record& record)>& added = nullptr,
-      std::shared_ptr<const void>* keep = nullptr);
+      std::shared_ptr<const void>* keep = nullptr, TabbedSplit* split = nullptr);
   /// Appends the records unchecked.
   void addArrayItems(const std::vector<RecordPtr>& records);
   void addArrayItems(std::vector<RecordPtr>&& records);

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <future>
+#include <optional>
 #include <system_error>
 #include <thread>
 
@@ -25,6 +26,7 @@
 #include "format/MacKorean.h"
 #include "quarvel/CVUserDefaults.h"
 #include "quarvel/CommonLib.h"
+#include "tables/TabbedSplit.h"
 
 namespace quarvel {
 
@@ -146,17 +148,26 @@ std::int64_t FileFramework::addRecords(TableMulti& table, std::shared_ptr<const 
   constexpr std::size_t kAlongsideFrom = 8192;
   RecordRelay relay;
   std::shared_ptr<const void> records;  // outlives the reader, should the table throw
+  // The second thread first splits the later lines, which this one then
+  // finds done, and then reads the records behind it. Both outlive the
+  // second thread.
+  std::optional<TabbedSplit> split;
   std::future<void> side;
   const auto first = static_cast<std::int64_t>(table.getCount());
   if (alongside && lines.size() >= kAlongsideFrom) {
+    if (const std::size_t fields = table.m_arrField().size(); fields > 0 && fields <= UINT16_MAX)
+      split.emplace(lines, fields);
     try {
-      side = std::async(std::launch::async, [&relay, &alongside, first] {
-        relay.follow([&](std::size_t index, const Record& record) {
-          alongside(first + static_cast<std::int64_t>(index), record);
-        });
-      });
+      side = std::async(std::launch::async,
+                        [&relay, &alongside, first, helper = split ? &*split : nullptr] {
+                          if (helper != nullptr) helper->splitAhead();
+                          relay.follow([&](std::size_t index, const Record& record) {
+                            alongside(first + static_cast<std::int64_t>(index), record);
+                          });
+                        });
     } catch (const std::system_error&) {
       // No thread to be had: both below, on this one.
+      split.reset();
     }
   }
   // On a second thread the records go to it as they are built, and the
@@ -195,8 +206,8 @@ std::int64_t FileFramework::addRecords(TableMulti& table, std::shared_ptr<const 
   } else {
     each = added;
   }
-  const std::int64_t row =
-      table.addTabbedLines(std::move(text), lines, refusedLines, each, &records);
+  const std::int64_t row = table.addTabbedLines(std::move(text), lines, refusedLines, each,
+                                                &records, threaded && split ? &*split : nullptr);
   relay.finish(count);
   report();
   if (threaded) side.get();

@@ -10,6 +10,7 @@
 #include "common/Log.h"
 #include "common/StringUtil.h"
 #include "common/TextCompare.h"
+#include "tables/TabbedSplit.h"
 
 namespace quarvel {
 namespace {
@@ -95,7 +96,7 @@ std::int64_t TableMulti::addTabbedLines(
     std::shared_ptr<const std::string> text, std::span<const std::string_view> lines,
     std::vector<std::size_t>& refused,
     const std::function<void(std::int64_t, const Record&)>& added,
-    std::shared_ptr<const void>* keep) {
+    std::shared_ptr<const void>* keep, TabbedSplit* split) {
   const auto first = static_cast<std::int64_t>(records_.size());
   const std::size_t fieldCount = fields_.size();
   if (fieldCount == 0 || fieldCount > UINT32_MAX - 1) {
@@ -107,15 +108,28 @@ std::int64_t TableMulti::addTabbedLines(
   auto shared = std::make_shared<SharedRecords>();
   if (keep != nullptr) *keep = shared;
   shared->text = std::move(text);
-  // Both arrays are sized for every line and written in order; the pages a
-  // refused line leaves unused at the end are never touched.
+  // Both arrays are sized for every line; a line's layout is at its place
+  // among the lines, so that a split shared with another thread puts it
+  // where the record will look.
   const bool narrow = fieldCount <= UINT16_MAX;
-  if (narrow)
+  if (split != nullptr && (!narrow || split->stride() != stride)) split = nullptr;
+  if (split != nullptr)
+    shared->layouts = split->takeLayouts();
+  else if (narrow)
     shared->layouts.reset(static_cast<std::uint16_t*>(
         allocateHugePageBlock(lines.size() * stride * sizeof(std::uint16_t))));
   shared->records.reserve(lines.size());
   std::uint16_t* const layouts = shared->layouts.get();
+  bool splitAlready = false;  // whether the helper split the lines of this chunk
   for (std::size_t i = 0; i < lines.size(); ++i) {
+    if (split != nullptr && TabbedSplit::startsChunk(i)) splitAlready = split->splitBefore(i);
+    // A line split on the other thread is not in this one's caches, and
+    // `added` reads its first values (a check list's keys): they are
+    // fetched a few lines ahead.
+    if (splitAlready && i + 16 < lines.size()) {
+      __builtin_prefetch(lines[i + 16].data());
+      __builtin_prefetch(lines[i + 16].data() + 64);
+    }
     if (!narrow || lines[i].size() > UINT16_MAX) {
       std::optional<Record> owned = Record::fromTabbedLine(lines[i], fieldCount);
       if (!owned) {
@@ -124,9 +138,12 @@ std::int64_t TableMulti::addTabbedLines(
       }
       shared->records.push_back(std::move(*owned));
     } else {
-      std::uint16_t* layout = layouts + shared->records.size() * stride;
-      layout[0] = static_cast<std::uint16_t>(fieldCount);
-      if (!Record::splitTabbedLine(lines[i], fieldCount, layout + 1)) {
+      std::uint16_t* layout = layouts + i * stride;
+      if (!splitAlready) {
+        layout[0] = static_cast<std::uint16_t>(fieldCount);
+        if (!Record::splitTabbedLine(lines[i], fieldCount, layout + 1)) layout[0] = 0;
+      }
+      if (layout[0] == 0) {
         refused.push_back(i);
         continue;
       }

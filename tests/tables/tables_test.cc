@@ -2,16 +2,19 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/Log.h"
 #include "quarvel/Record.h"
 #include "quarvel/TableMulti.h"
 #include "quarvel/TableSingle.h"
+#include "tables/TabbedSplit.h"
 
 namespace quarvel {
 namespace {
@@ -224,6 +227,59 @@ TEST(TableMulti, LinesAddedTogetherShareTheirTextUntilEdited) {
   kept16.reset();
   EXPECT_EQ(firstBuilt[2], (Record{"", "d"}));
   EXPECT_EQ(firstBuilt[3], (Record{wide, "end"}));
+}
+
+// Lines split in part on a second thread, which takes the later chunks
+// while the table's builder takes the first: the same records, rows and
+// refused lines as one thread gives, whether the helper finishes first,
+// starts only once the builder is done, or runs beside it. Among the lines
+// are refused ones in both threads' chunks and lines too long for 16-bit
+// offsets, which the builder splits itself wherever they are.
+TEST(TableMulti, LinesSplitPartlyOnAnotherThreadGiveTheSameRecords) {
+  std::mt19937 rng(5);
+  auto text = std::make_shared<std::string>();
+  std::vector<std::pair<std::size_t, std::size_t>> spans;
+  const std::string wide(70000, 'w');
+  for (int i = 0; i < 6000; ++i) {
+    std::string line = std::to_string(i) + "\t" + std::string(rng() % 40, 'v') + "\tz";
+    if (i % 97 == 5) line += "\textra";         // one value too many
+    if (i % 89 == 7) line = std::to_string(i);  // too few
+    if (i == 4500 || i == 900) line = wide + "\t\t" + std::to_string(i);
+    if (i == 5100) line = wide + "\t" + std::to_string(i);  // long, and refused
+    spans.emplace_back(text->size(), line.size());
+    *text += line;
+    *text += '\n';
+  }
+  std::vector<std::string_view> lines;
+  for (const auto& [at, size] : spans) lines.emplace_back(text->data() + at, size);
+  const auto load = [&](TabbedSplit* split) {
+    TableMulti table;
+    table.setFieldWithRecord("A\tB\tC", "\t");
+    std::vector<std::size_t> refused;
+    std::vector<std::string> added;
+    table.addTabbedLines(
+        text, lines, refused,
+        [&](std::int64_t, const Record& record) { added.emplace_back(record.tabbedText()); },
+        nullptr, split);
+    EXPECT_EQ(table.getCount(), added.size());
+    return std::make_pair(refused, added);
+  };
+  const auto alone = load(nullptr);
+  ASSERT_GT(alone.first.size(), 100u);
+  EXPECT_NE(std::find(alone.first.begin(), alone.first.end(), 5100u), alone.first.end());
+  EXPECT_EQ(alone.second[4500 - std::count_if(alone.first.begin(), alone.first.end(),
+                                              [](std::size_t i) { return i < 4500; })],
+            wide + "\t\t4500");
+  for (const char* order : {"helper first", "builder first", "together"}) {
+    SCOPED_TRACE(order);
+    TabbedSplit split(lines, 3);
+    std::thread helper;
+    if (order[0] == 'h') split.splitAhead();
+    if (order[0] == 't') helper = std::thread([&split] { split.splitAhead(); });
+    EXPECT_EQ(load(&split), alone);
+    if (helper.joinable()) helper.join();
+    if (order[0] == 'b') split.splitAhead();  // finds every chunk taken
+  }
 }
 
 // Sorting compares case-blind and numerically; two fields share one
