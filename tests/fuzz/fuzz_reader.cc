@@ -12,6 +12,7 @@
 #include "common/StringUtil.h"
 #include "format/LineReader.h"
 #include "quarvel/TableMulti.h"
+#include "tables/TabbedSplit.h"
 
 namespace {
 
@@ -48,6 +49,22 @@ void recordsInRowOrder(const datafile::DecodedLines& decoded, std::size_t fields
   for (std::uint64_t row = 0; row < table.getCount(); ++row)
     if (table.getAt(static_cast<std::int64_t>(row)).get() != first + row)
       fail("the table's record is not the one built for its row");
+  // The same lines split in part ahead, as a second thread does for a long
+  // section (here before the builder starts): the same records and refusals.
+  TableMulti helped;
+  helped.initWithRecord(std::string(fields - 1, '\t'), "\t");
+  TabbedSplit split(decoded.lines, fields);
+  split.splitAhead();
+  std::vector<std::size_t> refusedToo;
+  helped.addTabbedLines(
+      std::shared_ptr<const std::string>(std::shared_ptr<void>(), decoded.text.get()),
+      decoded.lines, refusedToo, nullptr, nullptr, &split);
+  if (refusedToo != refused || helped.getCount() != table.getCount())
+    fail("lines split ahead give other records");
+  for (std::uint64_t row = 0; row < table.getCount(); ++row) {
+    const auto at = static_cast<std::int64_t>(row);
+    if (!(*helped.getAt(at) == *table.getAt(at))) fail("a record split ahead reads otherwise");
+  }
 }
 
 void splitAndDecrypt(std::string_view text) {
