@@ -37,7 +37,7 @@ void TabbedSplit::splitAhead() {
   }
 }
 
-bool TabbedSplit::splitBefore(std::size_t line) {
+bool TabbedSplit::splitByHelper(std::size_t line) {
   std::atomic<std::uint8_t>& state = states_[line / kChunk];
   std::uint8_t seen = kFree;
   if (state.compare_exchange_strong(seen, kBuilder, std::memory_order_acquire)) return false;

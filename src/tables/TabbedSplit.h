@@ -33,10 +33,9 @@ class TabbedSplit {
 
   /// On the builder's thread, at the first line of each chunk in order:
   /// true when the helper split the chunk (waiting should it be at it),
-  /// false when the builder is to split its lines itself.
-  bool splitBefore(std::size_t line);
+  /// false when it is the builder's to split, the helper kept out.
+  bool splitByHelper(std::size_t line);
 
-  std::uint16_t* layouts() const { return at_; }
   std::size_t stride() const { return stride_; }
   /// Whether `line` starts a chunk.
   static bool startsChunk(std::size_t line) { return line % kChunk == 0; }

@@ -122,7 +122,7 @@ std::int64_t TableMulti::addTabbedLines(
   std::uint16_t* const layouts = shared->layouts.get();
   bool splitAlready = false;  // whether the helper split the lines of this chunk
   for (std::size_t i = 0; i < lines.size(); ++i) {
-    if (split != nullptr && TabbedSplit::startsChunk(i)) splitAlready = split->splitBefore(i);
+    if (split != nullptr && TabbedSplit::startsChunk(i)) splitAlready = split->splitByHelper(i);
     // A line split on the other thread is not in this one's caches, and
     // `added` reads its first values (a check list's keys): they are
     // fetched a few lines ahead.
