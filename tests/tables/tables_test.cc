@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <random>
 #include <stdexcept>
@@ -280,6 +281,47 @@ TEST(TableMulti, LinesSplitPartlyOnAnotherThreadGiveTheSameRecords) {
     if (helper.joinable()) helper.join();
     if (order[0] == 'b') split.splitAhead();  // finds every chunk taken
   }
+}
+
+// The builder reaching a chunk the helper is still inside waits for it and
+// takes its layouts. The helper's four chunks hold long lines (views of one
+// line of 65,000 bytes, a few milliseconds a chunk) and the builder's six
+// before them short ones, so that the builder, started once the helper
+// runs, catches up with it inside one of them.
+TEST(TableMulti, TheBuilderWaitsForAChunkTheHelperIsSplitting) {
+  auto text = std::make_shared<std::string>("a\tb\tc");
+  const std::string_view shortLine(*text);
+  const std::string longText = std::string(32500, 'x') + "\t\t" + std::string(32498, 'y');
+  std::vector<std::string_view> lines(6 * 1024, shortLine);
+  lines.insert(lines.end(), 4 * 1024, longText);
+  TabbedSplit split(lines, 3);
+  std::atomic<bool> started{false};
+  std::thread helper([&] {
+    started = true;
+    split.splitAhead();
+  });
+  while (!started) std::this_thread::yield();
+  TableMulti table;
+  table.setFieldWithRecord("A\tB\tC", "\t");
+  std::vector<std::size_t> refused;
+  // Each record read as it is built, as the open reads its keys.
+  std::size_t misread = 0;
+  table.addTabbedLines(
+      text, lines, refused,
+      [&](std::int64_t row, const Record& record) {
+        const std::string_view line = lines[static_cast<std::size_t>(row)];
+        if (record.size() != 3 ||
+            record[0].size() + record[1].size() + record[2].size() + 2 != line.size() ||
+            record[0] != line.substr(0, line.find('\t')))
+          ++misread;
+      },
+      nullptr, &split);
+  helper.join();
+  EXPECT_EQ(misread, 0u);
+  EXPECT_TRUE(refused.empty());
+  ASSERT_EQ(table.getCount(), lines.size());
+  for (std::size_t row = 6 * 1024; row < lines.size(); row += 97)
+    EXPECT_EQ(table.select(static_cast<std::int64_t>(row))->tabbedText(), lines[row]) << row;
 }
 
 // Sorting compares case-blind and numerically; two fields share one
