@@ -207,7 +207,7 @@ std::int64_t FileFramework::addRecords(TableMulti& table, std::shared_ptr<const 
     each = added;
   }
   const std::int64_t row = table.addTabbedLines(std::move(text), lines, refusedLines, each,
-                                                &records, threaded && split ? &*split : nullptr);
+                                                &records, split ? &*split : nullptr);
   relay.finish(count);
   report();
   if (threaded) side.get();

@@ -11,9 +11,8 @@ namespace quarvel {
 TabbedSplit::TabbedSplit(std::span<const std::string_view> lines, std::size_t fieldCount)
     : lines_(lines),
       fieldCount_(fieldCount),
-      stride_(1 + fieldCount),
       layouts_(static_cast<std::uint16_t*>(
-          allocateHugePageBlock(lines.size() * stride_ * sizeof(std::uint16_t)))),
+          allocateHugePageBlock(lines.size() * stride() * sizeof(std::uint16_t)))),
       at_(layouts_.get()),
       chunks_((lines.size() + kChunk - 1) / kChunk),
       states_(std::make_unique<std::atomic<std::uint8_t>[]>(chunks_)) {}
@@ -29,7 +28,7 @@ void TabbedSplit::splitAhead() {
     const std::size_t end = std::min(lines_.size(), (chunk + 1) * kChunk);
     for (std::size_t line = chunk * kChunk; line < end; ++line) {
       if (lines_[line].size() > UINT16_MAX) continue;
-      std::uint16_t* layout = at_ + line * stride_;
+      std::uint16_t* layout = at_ + line * stride();
       const bool split = Record::splitTabbedLine(lines_[line], fieldCount_, layout + 1);
       layout[0] = static_cast<std::uint16_t>(split ? fieldCount_ : 0);
     }

@@ -36,7 +36,7 @@ class TabbedSplit {
   /// false when it is the builder's to split, the helper kept out.
   bool splitByHelper(std::size_t line);
 
-  std::size_t stride() const { return stride_; }
+  std::size_t stride() const { return fieldCount_ + 1; }
   /// Whether `line` starts a chunk.
   static bool startsChunk(std::size_t line) { return line % kChunk == 0; }
   /// The layouts, for the records' shared block to keep; the helper writes
@@ -49,7 +49,6 @@ class TabbedSplit {
 
   std::span<const std::string_view> lines_;
   std::size_t fieldCount_;
-  std::size_t stride_;
   std::unique_ptr<std::uint16_t[], HugePageBlockFree> layouts_;
   std::uint16_t* at_;  ///< the layouts, also once taken
   std::size_t chunks_;
