@@ -3,11 +3,17 @@
 // initdb and pg_ctl make a cluster in a scratch folder, listening on a
 // free loopback port and a socket in that folder, and stop and remove it
 // when the object goes, whatever happened in between.
+//
+// The port is free when probed but not reserved: until the server binds
+// it, another test's outgoing connection may take it as its own local
+// port. A start refused that way is tried again on a new port.
 
 #include <pwd.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "support/FreePort.h"
@@ -28,17 +34,28 @@ class PostgresServer {
       if (!user || ::chown(folder_.c_str(), user->pw_uid, user->pw_gid) != 0) return;
       as_ = "runuser -u postgres -- ";
     }
-    const std::string data = folder_ + "/data", port = std::to_string(port_);
-    started_ = run("initdb -D " + data + " -A trust -U quarvel -E UTF8 --locale=C --no-sync") &&
-               run("pg_ctl -D " + data + " -l " + folder_ + "/server.log -w -t 60 -o \"-p " + port +
-                   " -k " + folder_ +
-                   " -c listen_addresses=127.0.0.1 -c fsync=off -c full_page_writes=off\" start");
+    const std::string data = folder_ + "/data";
+    if (!run("initdb -D " + data + " -A trust -U quarvel -E UTF8 --locale=C --no-sync")) return;
+    for (int attempt = 0; attempt < 5 && !started_; ++attempt) {
+      port_ = quarvel::testing::freeLoopbackPort();
+      started_ = run("pg_ctl -D " + data + " -l " + folder_ + "/server.log -w -t 60 -o \"-p " +
+                     std::to_string(port_) + " -k " + folder_ +
+                     " -c listen_addresses=127.0.0.1 -c fsync=off -c full_page_writes=off\" start");
+    }
   }
   ~PostgresServer() {
     if (started_) run("pg_ctl -D " + folder_ + "/data -m immediate -w stop");
   }
 
   bool running() const { return started_; }
+  // What the server's programs and the server itself wrote, for a failure
+  // message.
+  std::string logs() const {
+    std::ostringstream text;
+    for (const char* name : {"/commands.log", "/server.log"})
+      if (std::ifstream file(folder_ + name); file) text << file.rdbuf();
+    return text.str();
+  }
   // A database of its own for one test, as a URL to open it by.
   std::string freshDatabase(const std::string& name) const {
     run("createdb -h 127.0.0.1 -p " + std::to_string(port_) + " -U quarvel " + name);
@@ -56,7 +73,7 @@ class PostgresServer {
   quarvel::testing::ScratchDir scratch_;  // removed once the server has stopped
   const std::string& folder_ = scratch_.path();
   std::string as_;
-  int port_ = quarvel::testing::freeLoopbackPort();
+  int port_ = -1;
   bool started_ = false;
 };
 

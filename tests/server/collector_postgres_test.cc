@@ -17,7 +17,7 @@ TEST(PostgresStore, KeepsReportsAndTotalsAndSharesTheMigratedDatabase) {
     GTEST_SKIP() << "PostgreSQL 15 is not installed (" << testing::kPostgresBin
                  << "); scripts/install-deps.sh installs it";
   const testing::PostgresServer server;
-  ASSERT_TRUE(server.running()) << "the PostgreSQL server did not start";
+  ASSERT_TRUE(server.running()) << "the PostgreSQL server did not start:\n" << server.logs();
   testing::checkStore(
       [&](const std::string& name) { return openPostgresStore(server.freshDatabase(name)); });
 
