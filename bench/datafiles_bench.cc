@@ -5,6 +5,7 @@
 // records and on a million, beside the floor their memory reads set.
 
 #include <benchmark/benchmark.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -41,6 +42,27 @@ std::map<std::size_t, std::string>& listPaths() {
   return paths;
 }
 
+// The lists are 40 MB and more each: a run stopped by a signal (a timeout,
+// ^C) removes them too. The handler reads only this fixed table, filled
+// before each list is written.
+constexpr std::size_t kMaxLists = 4;
+char removeOnSignal[kMaxLists][256];
+volatile sig_atomic_t listsToRemove = 0;
+
+extern "C" void removeListsAndStop(int signal) {
+  for (sig_atomic_t i = 0; i < listsToRemove; ++i) ::unlink(removeOnSignal[i]);
+  ::signal(signal, SIG_DFL);
+  ::raise(signal);
+}
+
+void removeOnSignalToo(const std::string& path) {
+  if (listsToRemove == kMaxLists || path.size() >= sizeof removeOnSignal[0]) return;
+  std::strcpy(removeOnSignal[listsToRemove], path.c_str());
+  listsToRemove = listsToRemove + 1;
+  if (listsToRemove == 1)
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::signal(signal, removeListsAndStop);
+}
+
 const std::string& listPath(std::size_t records = kRecords) {
   std::string& path = listPaths()[records];
   if (path.empty()) {
@@ -48,6 +70,7 @@ const std::string& listPath(std::size_t records = kRecords) {
         (std::filesystem::temp_directory_path() /
          ("quarvel-bench-" + std::to_string(::getpid()) + "-" + std::to_string(records) + ".dat"))
             .string();
+    removeOnSignalToo(path);
     if (!quarvel::bench::writeCheckListFile(path, records)) std::abort();
   }
   return path;
