@@ -18,8 +18,8 @@ namespace quarvel {
 /// The layouts of `lines` as Record::referring takes them (16-bit: the
 /// value count, then each value's end), one per line at a fixed stride,
 /// in chunks that either thread claims: the builder those it reaches
-/// first, the helper the later ones that the builder has not. A line of
-/// more than UINT16_MAX bytes is left to the builder.
+/// first, the helper the later ones that the builder has not. A line that
+/// does not fit a layout is left to the builder.
 class TabbedSplit {
  public:
   TabbedSplit(std::span<const std::string_view> lines, std::size_t fieldCount);
@@ -35,6 +35,14 @@ class TabbedSplit {
   /// true when the helper split the chunk (waiting should it be at it),
   /// false when it is the builder's to split, the helper kept out.
   bool splitByHelper(std::size_t line);
+
+  /// Whether `line` has a 16-bit layout; the record of a longer one owns
+  /// its block, and the builder makes it.
+  static bool fitsLayout(std::string_view line) { return line.size() <= UINT16_MAX; }
+  /// Writes the layout of a line that fits: the field count and each
+  /// value's end, or a count of 0 when the line holds another number of
+  /// values (a refused line).
+  static void splitLine(std::string_view line, std::size_t fieldCount, std::uint16_t* layout);
 
   std::size_t stride() const { return fieldCount_ + 1; }
   /// Whether `line` starts a chunk.

@@ -130,7 +130,7 @@ std::int64_t TableMulti::addTabbedLines(
       __builtin_prefetch(lines[i + 16].data());
       __builtin_prefetch(lines[i + 16].data() + 64);
     }
-    if (!narrow || lines[i].size() > UINT16_MAX) {
+    if (!narrow || !TabbedSplit::fitsLayout(lines[i])) {
       std::optional<Record> owned = Record::fromTabbedLine(lines[i], fieldCount);
       if (!owned) {
         refused.push_back(i);
@@ -139,10 +139,7 @@ std::int64_t TableMulti::addTabbedLines(
       shared->records.push_back(std::move(*owned));
     } else {
       std::uint16_t* layout = layouts + i * stride;
-      if (!splitAlready) {
-        layout[0] = static_cast<std::uint16_t>(fieldCount);
-        if (!Record::splitTabbedLine(lines[i], fieldCount, layout + 1)) layout[0] = 0;
-      }
+      if (!splitAlready) TabbedSplit::splitLine(lines[i], fieldCount, layout);
       if (layout[0] == 0) {
         refused.push_back(i);
         continue;
