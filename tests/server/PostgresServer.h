@@ -36,12 +36,13 @@ class PostgresServer {
     }
     const std::string data = folder_ + "/data";
     if (!run("initdb -D " + data + " -A trust -U quarvel -E UTF8 --locale=C --no-sync")) return;
-    for (int attempt = 0; attempt < 5; ++attempt) {
+    for (int attempt = 0; attempt < kStarts; ++attempt) {
       port_ = quarvel::testing::freeLoopbackPort();
-      started_ = run("pg_ctl -D " + data + " -l " + folder_ + "/server.log -w -t 60 -o \"-p " +
+      started_ = run("pg_ctl -D " + data + " -l " + serverLog(attempt) + " -w -t 60 -o \"-p " +
                      std::to_string(port_) + " -k " + folder_ +
                      " -c listen_addresses=127.0.0.1 -c fsync=off -c full_page_writes=off\" start");
-      if (started_ || logs().find("Address already in use") == std::string::npos) break;
+      if (started_ || read(serverLog(attempt)).find("Address already in use") == std::string::npos)
+        break;
     }
   }
   ~PostgresServer() {
@@ -50,12 +51,11 @@ class PostgresServer {
 
   bool running() const { return started_; }
   // What the server's programs and the server itself wrote, for a failure
-  // message. Every start appends to the same server log.
+  // message.
   std::string logs() const {
-    std::ostringstream text;
-    for (const char* name : {"/commands.log", "/server.log"})
-      if (std::ifstream file(folder_ + name); file) text << file.rdbuf();
-    return text.str();
+    std::string text = read(folder_ + "/commands.log");
+    for (int attempt = 0; attempt < kStarts; ++attempt) text += read(serverLog(attempt));
+    return text;
   }
   // A database of its own for one test, as a URL to open it by.
   std::string freshDatabase(const std::string& name) const {
@@ -64,6 +64,16 @@ class PostgresServer {
   }
 
  private:
+  static constexpr int kStarts = 5;
+  // Each start's own log, so that a start is judged by what it wrote.
+  std::string serverLog(int attempt) const {
+    return folder_ + "/server-" + std::to_string(attempt) + ".log";
+  }
+  static std::string read(const std::string& path) {
+    std::ostringstream text;
+    if (std::ifstream file(path); file) text << file.rdbuf();
+    return text.str();
+  }
   // Runs one of the server's programs, its output kept in the folder.
   bool run(const std::string& command) const {
     const std::string line = "timeout 120 " + as_ + kPostgresBin + "/" + command + " >>" + folder_ +
